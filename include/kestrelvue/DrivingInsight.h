@@ -1,0 +1,219 @@
+#pragma once
+// The driving engine: one per process, reached through DrivingInsight::sharedInstance().
+//
+// Threading: host calls, motion samples and geocoder answers arrive on the host's main thread;
+// service replies and the handlers they trigger run on HTTP worker threads. All state below is
+// guarded by mutex_; delegates are called and notifications posted only after it is released.
+
+#include <kestrelvue/Delegates.h>
+#include <kestrelvue/Environment.h>
+#include <kestrelvue/FaultItem.h>
+#include <kestrelvue/LaneChangingData.h>
+#include <kestrelvue/MotionData.h>
+#include <kestrelvue/MotionDataItem.h>
+#include <kestrelvue/NotificationCenter.h>
+#include <kestrelvue/RestfulCall.h>
+#include <kestrelvue/SummaryData.h>
+#include <kestrelvue/Threshold.h>
+#include <kestrelvue/Trip.h>
+#include <kestrelvue/platform/Location.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kestrelvue {
+
+namespace platform {
+class MotionManager;
+class LocationManager;
+}  // namespace platform
+
+class HistoryDataDelegate;
+
+class DrivingInsight {
+public:
+    // Nested records, under the names hosts know them by.
+    using Threshold = kestrelvue::Threshold;
+    using MotionDataItem = kestrelvue::MotionDataItem;
+    using MotionData = kestrelvue::MotionData;
+    using FaultItem = kestrelvue::FaultItem;
+    using FaultTypes = kestrelvue::FaultTypes;
+    using LaneChangingData = kestrelvue::LaneChangingData;
+    using SummaryData = kestrelvue::SummaryData;
+
+    /// The one engine of the process, created on first use from Environment::current().
+    static DrivingInsight& sharedInstance();
+
+    /// Internal seam: a fresh, independent engine over `environment` (tests and replays).
+    static std::unique_ptr<DrivingInsight> makeDetached(const Environment& environment);
+
+    ~DrivingInsight();
+    DrivingInsight(const DrivingInsight&) = delete;
+    DrivingInsight& operator=(const DrivingInsight&) = delete;
+
+    // Unit constants.
+    const double birSaatKacDakika = 60.0;
+    const double birSaatKacSaniye = 3600.0;
+    const double birSaniyeKacNanoSaniye = 1e9;
+    const double birKilometreKacMetre = 1000.0;
+
+    // Service addresses.
+    const std::string getDrivingDataURL;
+    const std::string addMotionDataURL;
+    const std::string getThresholdsURL;
+    const std::string getWeatherInfoURL;
+    const std::string getSummaryURL;
+    const std::string getThresholdsObserverName = "getThresholds";
+
+    RestfulCall& restfulCall() const { return *restfulCall_; }
+    const Environment& environment() const { return env_; }
+
+    // ---- Host-settable fields -------------------------------------------------------------
+    std::int64_t bulkMotionDataSize() const;
+    void setBulkMotionDataSize(std::int64_t value);
+    std::string bundleDisplayName() const;
+    void setBundleDisplayName(std::string value);
+    std::shared_ptr<platform::MotionManager> MotionManager() const;
+    void setMotionManager(std::shared_ptr<platform::MotionManager> value);
+    std::shared_ptr<platform::LocationManager> LocationManager() const;
+    void setLocationManager(std::shared_ptr<platform::LocationManager> value);
+    std::shared_ptr<HistoryDataDelegate> historyDataDelegate() const;
+    void setHistoryDataDelegate(std::shared_ptr<HistoryDataDelegate> value);
+    std::shared_ptr<DrivingInsightDelegate> drivingInsightDelegate() const;
+    void setDrivingInsightDelegate(std::shared_ptr<DrivingInsightDelegate> value);
+
+    // ---- Accessors ------------------------------------------------------------------------
+    std::int64_t UserID() const;
+    void setUserID(std::int64_t value);
+    std::string DrivingID() const;
+    bool IsDriving() const;
+    std::shared_ptr<Trip> LastTrip() const;
+    std::vector<std::shared_ptr<Trip>> TripHistory() const;
+    void setTripHistory(std::vector<std::shared_ptr<Trip>> value);
+    kestrelvue::SummaryData getSummaryDataRecord() const;  // the `SummaryData` accessor
+    void setSummaryDataRecord(const kestrelvue::SummaryData& value);
+    ThresholdList FuelEfficiencyLevel() const;
+    void setFuelEfficiencyLevel(ThresholdList value);
+    std::optional<platform::TimePoint> StartDateTime() const;
+    void setStartDateTime(std::optional<platform::TimePoint> value);
+    std::optional<platform::TimePoint> EndDateTime() const;
+    void setEndDateTime(std::optional<platform::TimePoint> value);
+    std::optional<platform::Location> StartLocation() const;
+    void setStartLocation(std::optional<platform::Location> value);
+    std::optional<platform::Location> EndLocation() const;
+    void setEndLocation(std::optional<platform::Location> value);
+    std::string StartLocationStr() const;
+    void setStartLocationStr(std::string value);
+    std::string EndLocationStr() const;
+    void setEndLocationStr(std::string value);
+    std::optional<platform::Location> CurrentLocation() const;
+    /// Computes speed and distance from the old fix to `value`, then stores it.
+    void setCurrentLocation(std::optional<platform::Location> value);
+    platform::MapPinRef StartAnnotation() const;
+    void setStartAnnotation(platform::MapPinRef value);
+    platform::MapPinRef EndAnnotation() const;
+    void setEndAnnotation(platform::MapPinRef value);
+    std::vector<platform::Coordinate> PassedCoordinates() const;
+    void setPassedCoordinates(std::vector<platform::Coordinate> value);
+    std::optional<platform::DateComponents> TimeElapsedSinceStart() const;
+    void setTimeElapsedSinceStart(std::optional<platform::DateComponents> value);
+    std::optional<platform::DateComponents> TimeElapsedSinceLastLocation() const;
+    void setTimeElapsedSinceLastLocation(std::optional<platform::DateComponents> value);
+    double HoursElapsedSinceStart() const;
+    void setHoursElapsedSinceStart(double value);
+    double HoursElapsedSinceLastLocation() const;
+    void setHoursElapsedSinceLastLocation(double value);
+    double TotalTraveledDistance() const;
+    void setTotalTraveledDistance(double value);
+    double TraveledDistanceSinceLastLocation() const;
+    /// Stores the value, then adds it to the total travelled distance.
+    void setTraveledDistanceSinceLastLocation(double value);
+    double CurrentSpeed() const;
+    /// Copies the old speed into previousSpeed, then stores the new one.
+    void setCurrentSpeed(double value);
+    double Score() const;
+    void setScore(double value);
+    std::optional<double> Temperature() const;
+    void setTemperature(std::optional<double> value);
+    /// A fresh record built from the engine's fields at this moment.
+    std::shared_ptr<Trip> CurrentTrip() const;
+
+    // ---- Operations -----------------------------------------------------------------------
+    bool startTrip();
+    void stopTrip();
+    void didUpdateLocations(const std::vector<platform::Location>& locations);
+    void evaluateActionForDrivingScore(std::int64_t motionId, const Vector3& attitude,
+                                       const Vector3& rotationRate, const Vector3& userAcceleration,
+                                       const Vector3& gravity);
+    void getTripHistory();
+    void getSummaryData(std::int64_t for_);
+
+private:
+    explicit DrivingInsight(const Environment& environment);
+
+    mutable std::mutex mutex_;
+    const Environment& env_;
+    NotificationCenter& center_;
+    RestfulCall* restfulCall_;
+
+    std::int64_t bulkMotionDataSize_ = 1000;
+    std::shared_ptr<platform::MotionManager> motionManager_;
+    std::shared_ptr<platform::LocationManager> locationManager_;
+    std::shared_ptr<HistoryDataDelegate> historyDataDelegate_;
+    std::shared_ptr<DrivingInsightDelegate> drivingInsightDelegate_;
+    std::string bundleDisplayName_ = "Kestrelvue";
+    double tolerance = 0.1;
+    double updateInterval = 0.5;
+    ThresholdList sharpCorneringLevel, sharpSpeedingLevel, sharpBrakingLevel, sharpElevatingLevel,
+        sharpLaneChangingLevel, fuelEfficiencyLevel;
+    std::int64_t sharpLaneChangingDuration1 = 3;
+    std::int64_t sharpLaneChangingDuration2 = 10;
+    std::int64_t sharpLaneChangingDuration3 = 4;
+    std::int64_t sharpLaneChangingDuration4 = 15;
+    double distanceFilter = 50.0;
+    double distanceFilterForSpeed = 30.0;
+    std::optional<double> temperature;
+    std::int64_t userID = 0;
+    std::string drivingID;
+    kestrelvue::SummaryData summaryData;
+    kestrelvue::MotionData tripMotion;
+    std::vector<std::shared_ptr<Trip>> tripHistory;
+    std::shared_ptr<Trip> lastTrip;
+    bool isDriving = false;
+    int deviceOrientationGiven = 0;
+    int deviceOrientation = 0;
+    FaultTypes faultType = FaultTypes::none;
+    std::int64_t eventCount = 0;
+    std::optional<platform::TimePoint> startDateTime;
+    std::optional<platform::TimePoint> endDateTime;
+    std::optional<platform::Location> startLocation;
+    std::string startLocationStr;
+    std::optional<platform::Location> currentLocation;
+    std::optional<platform::Location> endLocation;
+    std::string endLocationStr;
+    platform::MapPinRef startAnnotation, endAnnotation;
+    std::vector<platform::Coordinate> passedCoordinates;
+    std::optional<platform::DateComponents> timeElapsedSinceStart;
+    std::optional<platform::DateComponents> timeElapsedSinceLastLocation;
+    double currentSpeed = 0;
+    double previousSpeed = 0;
+    double hoursElapsedSinceStart = 0;
+    double hoursElapsedSinceLastLocation = 0;
+    double totalTraveledDistance = 0;
+    double traveledDistanceSinceLastLocation = 0;
+    std::int64_t sharpCorneringCount = 0, sharpSpeedingCount = 0, sharpBrakingCount = 0,
+                 sharpElevatingCount = 0, sharpLaneChangingCount = 0;
+    double sharpCorneringPenalty = 0, sharpSpeedingPenalty = 0, sharpBrakingPenalty = 0,
+           sharpElevatingPenalty = 0, sharpLaneChangingPenalty = 0;
+    double sharpCorneringPenaltyPerKM = 0, sharpSpeedingPenaltyPerKM = 0,
+           sharpBrakingPenaltyPerKM = 0, sharpElevatingPenaltyPerKM = 0,
+           sharpLaneChangingPenaltyPerKM = 0, fuelEfficiencyPenaltyPerKM = 0;
+    kestrelvue::LaneChangingData laneChangingItems;
+    double score = 0;
+};
+
+}  // namespace kestrelvue

@@ -1,0 +1,64 @@
+#pragma once
+// Everything the library needs from its platform, in one place. A host installs its own with
+// Environment::install() before the first use of a shared object; otherwise the default Linux
+// environment (system clock, libcurl, default-route reachability, simulated sensors) serves.
+
+#include <kestrelvue/NotificationCenter.h>
+#include <kestrelvue/Value.h>
+#include <kestrelvue/platform/Clock.h>
+#include <kestrelvue/platform/Executor.h>
+#include <kestrelvue/platform/HttpClient.h>
+#include <kestrelvue/platform/ReachabilityProbe.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kestrelvue {
+
+namespace platform {
+class MotionManager;
+class LocationManager;
+class Geocoder;
+class Application;
+class Device;
+}  // namespace platform
+
+/// The application information key that overrides the service's base URL at run time.
+inline constexpr std::string_view kBaseURLKey = "KestrelvueServiceBaseURL";
+
+struct Environment {
+    std::shared_ptr<platform::Clock> clock;
+    std::shared_ptr<platform::IdGenerator> ids;
+    std::shared_ptr<platform::HttpClient> http;
+    std::shared_ptr<platform::ReachabilityProbe> reachability;
+    /// The host's main queue: motion samples and geocoder answers are delivered through it.
+    std::shared_ptr<platform::Executor> mainQueue;
+    std::shared_ptr<NotificationCenter> notifications;
+    /// Factories for the sensor managers: the engine creates fresh ones at initialisation.
+    std::function<std::shared_ptr<platform::MotionManager>()> makeMotionManager;
+    std::function<std::shared_ptr<platform::LocationManager>()> makeLocationManager;
+    std::shared_ptr<platform::Geocoder> geocoder;
+    std::shared_ptr<platform::Application> application;
+    std::shared_ptr<platform::Device> device;
+    /// The host's application information list; nullopt when it cannot be read.
+    std::optional<Object> applicationInfo;
+
+    /// The service's base URL: the application information's kBaseURLKey text when present and
+    /// non-empty, otherwise the build-time default (KESTRELVUE_DEFAULT_BASE_URL).
+    std::string baseURL() const;
+    /// baseURL() + path.
+    std::string serviceURL(std::string_view path) const;
+
+    /// Installs the process-wide environment. Takes effect for shared objects created afterwards.
+    static void install(Environment environment);
+    /// The installed environment, or the default one when none was installed.
+    static const Environment& current();
+    /// The default Linux environment (defined by the platform layer).
+    static Environment makeDefault();
+};
+
+std::string_view defaultBaseURL();
+
+}  // namespace kestrelvue

@@ -1,0 +1,7 @@
+#pragma once
+
+namespace kestrelvue {
+
+struct LaneChangingData {};
+
+}  // namespace kestrelvue

@@ -1,0 +1,37 @@
+#pragma once
+// Every "now" of the library goes through a Clock, so tests and replays run in virtual time.
+
+#include <chrono>
+#include <string>
+
+namespace kestrelvue::platform {
+
+using TimePoint = std::chrono::system_clock::time_point;
+
+/// Threading contract: now() may be called from any thread.
+class Clock {
+public:
+    virtual ~Clock() = default;
+    virtual TimePoint now() const = 0;
+};
+
+class SystemClock final : public Clock {
+public:
+    TimePoint now() const override { return std::chrono::system_clock::now(); }
+};
+
+/// Produces trip identifiers: 36-character upper-case UUID texts (8-4-4-4-12).
+/// Threading contract: may be called from any thread.
+class IdGenerator {
+public:
+    virtual ~IdGenerator() = default;
+    virtual std::string makeUuid() = 0;
+};
+
+/// Random version-4 UUIDs.
+class RandomIdGenerator final : public IdGenerator {
+public:
+    std::string makeUuid() override;
+};
+
+}  // namespace kestrelvue::platform

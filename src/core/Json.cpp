@@ -1,0 +1,144 @@
+#include <kestrelvue/Json.h>
+
+#include <simdjson.h>
+
+#include <charconv>
+#include <cmath>
+#include <cstring>
+
+namespace kestrelvue::json {
+namespace {
+
+Value convert(simdjson::dom::element e) {
+    using T = simdjson::dom::element_type;
+    switch (e.type()) {
+        case T::ARRAY: {
+            List list;
+            simdjson::dom::array a = e.get_array().value_unsafe();
+            list.reserve(a.size());
+            for (auto child : a) list.push_back(convert(child));
+            return Value(std::move(list));
+        }
+        case T::OBJECT: {
+            Object obj;
+            for (auto field : e.get_object().value_unsafe()) {
+                // Later duplicates win, as with the platform's reader.
+                obj.insert_or_assign(std::string(field.key), convert(field.value));
+            }
+            return Value(std::move(obj));
+        }
+        case T::INT64:
+            return Value(static_cast<long long>(e.get_int64().value_unsafe()));
+        case T::UINT64:
+            return Value(static_cast<double>(e.get_uint64().value_unsafe()));
+        case T::DOUBLE:
+            return Value(e.get_double().value_unsafe());
+        case T::STRING:
+            return Value(std::string(e.get_string().value_unsafe()));
+        case T::BOOL:
+            return Value(e.get_bool().value_unsafe());
+        case T::NULL_VALUE:
+        default:
+            return Value();
+    }
+}
+
+}  // namespace
+
+ParseResult parse(std::string_view text) {
+    // The parser object is reused per thread: its buffers grow once, not per reply.
+    thread_local simdjson::dom::parser parser;
+    simdjson::padded_string padded(text);
+    simdjson::dom::element root;
+    auto error = parser.parse(padded).get(root);
+    if (error) return {std::nullopt, simdjson::error_message(error)};
+    if (!root.is_array() && !root.is_object()) {
+        return {std::nullopt, "JSON text did not start with array or object"};
+    }
+    return {convert(root), {}};
+}
+
+void escapeTo(std::string& out, std::string_view text) {
+    static constexpr char hex[] = "0123456789abcdef";
+    out.push_back('"');
+    std::size_t start = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c >= 0x20 && c != '"' && c != '\\') continue;
+        out.append(text.data() + start, i - start);
+        start = i + 1;
+        switch (c) {
+            case '"': out += "\\\""; break;
+            case '\\': out += "\\\\"; break;
+            case '\n': out += "\\n"; break;
+            case '\r': out += "\\r"; break;
+            case '\t': out += "\\t"; break;
+            case '\b': out += "\\b"; break;
+            case '\f': out += "\\f"; break;
+            default:
+                out += "\\u00";
+                out.push_back(hex[c >> 4]);
+                out.push_back(hex[c & 15]);
+        }
+    }
+    out.append(text.data() + start, text.size() - start);
+    out.push_back('"');
+}
+
+bool writeTo(std::string& out, const Value& value) {
+    switch (value.kind()) {
+        case Value::Kind::Null: out += "null"; return true;
+        case Value::Kind::Bool: out += *value.asBool() ? "true" : "false"; return true;
+        case Value::Kind::Int: {
+            char buf[24];
+            auto r = std::to_chars(buf, buf + sizeof buf, *value.asInt());
+            out.append(buf, r.ptr);
+            return true;
+        }
+        case Value::Kind::Double: {
+            double d = *value.asNumber();
+            if (!std::isfinite(d)) return false;
+            char buf[32];
+            auto r = std::to_chars(buf, buf + sizeof buf, d);
+            out.append(buf, r.ptr);
+            return true;
+        }
+        case Value::Kind::String: escapeTo(out, *value.asString()); return true;
+        case Value::Kind::List: {
+            out.push_back('[');
+            bool first = true;
+            for (const Value& v : *value.asList()) {
+                if (!first) out.push_back(',');
+                first = false;
+                if (!writeTo(out, v)) return false;
+            }
+            out.push_back(']');
+            return true;
+        }
+        case Value::Kind::Object: {
+            out.push_back('{');
+            bool first = true;
+            for (const auto& [k, v] : *value.asObject()) {
+                if (!first) out.push_back(',');
+                first = false;
+                escapeTo(out, k);
+                out.push_back(':');
+                if (!writeTo(out, v)) return false;
+            }
+            out.push_back('}');
+            return true;
+        }
+        case Value::Kind::Error: return false;
+    }
+    return false;
+}
+
+std::optional<std::string> write(const Value& value) {
+    std::string out;
+    if (!writeTo(out, value)) return std::nullopt;
+    return out;
+}
+
+bool isValidUtf8(std::string_view text) { return simdjson::validate_utf8(text.data(), text.size()); }
+
+}  // namespace kestrelvue::json

@@ -1,0 +1,115 @@
+#include <kestrelvue/NotificationCenter.h>
+
+#include <algorithm>
+
+namespace kestrelvue {
+
+ObserverToken::ObserverToken(ObserverToken&& other) noexcept
+    : center_(std::move(other.center_)), id_(other.id_) {
+    other.id_ = 0;
+}
+
+ObserverToken& ObserverToken::operator=(ObserverToken&& other) noexcept {
+    if (this != &other) {
+        reset();
+        center_ = std::move(other.center_);
+        id_ = other.id_;
+        other.id_ = 0;
+    }
+    return *this;
+}
+
+ObserverToken::~ObserverToken() { reset(); }
+
+void ObserverToken::reset() {
+    if (id_ != 0) {
+        if (auto center = center_.lock()) center->removeById(id_);
+        id_ = 0;
+    }
+}
+
+NotificationCenter& NotificationCenter::defaultCenter() {
+    // Never destroyed: handlers may still post from worker threads during process exit.
+    static auto* center = new std::shared_ptr<NotificationCenter>(make());
+    return **center;
+}
+
+std::shared_ptr<NotificationCenter> NotificationCenter::make() {
+    return std::make_shared<NotificationCenter>();
+}
+
+void NotificationCenter::addObserver(const void* observer, std::string name, Handler handler,
+                                     const void* sender) {
+    std::lock_guard lock(mutex_);
+    entries_.push_back(Entry{nextId_++, observer, std::move(name), sender,
+                             std::make_shared<const Handler>(std::move(handler)),
+                             std::make_shared<bool>(true)});
+}
+
+ObserverToken NotificationCenter::addObserver(std::string name, Handler handler,
+                                              const void* sender) {
+    std::uint64_t id;
+    {
+        std::lock_guard lock(mutex_);
+        id = nextId_++;
+        entries_.push_back(Entry{id, nullptr, std::move(name), sender,
+                                 std::make_shared<const Handler>(std::move(handler)),
+                                 std::make_shared<bool>(true)});
+    }
+    return ObserverToken(weak_from_this(), id);
+}
+
+void NotificationCenter::removeObserver(const void* observer, std::optional<std::string> name) {
+    std::lock_guard lock(mutex_);
+    std::erase_if(entries_, [&](Entry& e) {
+        bool match = e.observer == observer && observer != nullptr && (!name || e.name == *name);
+        if (match) *e.alive = false;
+        return match;
+    });
+}
+
+void NotificationCenter::removeById(std::uint64_t id) {
+    std::lock_guard lock(mutex_);
+    std::erase_if(entries_, [&](Entry& e) {
+        if (e.id != id) return false;
+        *e.alive = false;
+        return true;
+    });
+}
+
+void NotificationCenter::post(const std::string& name, const void* object, UserInfo userInfo) {
+    post(Notification{name, object, std::move(userInfo)});
+}
+
+void NotificationCenter::post(const Notification& notification) {
+    struct Target {
+        std::shared_ptr<const Handler> handler;
+        std::shared_ptr<bool> alive;
+    };
+    std::vector<Target> targets;
+    {
+        std::lock_guard lock(mutex_);
+        for (const Entry& e : entries_) {
+            if (e.name == notification.name &&
+                (e.sender == nullptr || e.sender == notification.object)) {
+                targets.push_back({e.handler, e.alive});
+            }
+        }
+    }
+    for (const Target& t : targets) {
+        {
+            // Skip observers removed by an earlier handler of this same post.
+            std::lock_guard lock(mutex_);
+            if (!*t.alive) continue;
+        }
+        (*t.handler)(notification);
+    }
+}
+
+std::size_t NotificationCenter::observerCount(const std::string& name) const {
+    std::lock_guard lock(mutex_);
+    return static_cast<std::size_t>(
+        std::count_if(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.name == name; }));
+}
+
+}  // namespace kestrelvue

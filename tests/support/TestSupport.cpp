@@ -1,0 +1,1 @@
+// Shared test doubles live in this folder.
