@@ -1,12 +1,93 @@
 #pragma once
+// The record of one trip, shared with the host.
 
+#include <kestrelvue/NotificationCenter.h>
+#include <kestrelvue/platform/Clock.h>
+#include <kestrelvue/platform/Location.h>
+
+#include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace kestrelvue {
 
-class Trip {
+struct Environment;
+
+class Trip : public std::enable_shared_from_this<Trip> {
 public:
-    Trip() = default;
+    struct FaultStruct {
+        platform::Coordinate Coordinate;
+        double CorneringPenalty = 0;
+        double SpeedingPenalty = 0;
+        double BrakingPenalty = 0;
+        double ElevatingPenalty = 0;
+        double LaneChangingPenalty = 0;
+    };
+    struct FuelInefficiencyStruct {
+        platform::Coordinate Coordinate;
+        double FuelEfficiencyPenalty = 0;
+    };
+
+    /// A record with the initial values, timed and addressed by Environment::current().
+    Trip();
+    /// The same over a given environment (engines made through the detached seam use this).
+    explicit Trip(const Environment& environment);
+    ~Trip();
+    Trip(const Trip&) = delete;
+    Trip& operator=(const Trip&) = delete;
+
+    const std::string addDrivingScoreURL;
+    const std::string getPassedCoordinatesURL;
+
+    std::int64_t UserID = 0;
+    std::string DrivingID;
+    platform::TimePoint StartDateTime;
+    std::string StartDateTime_Formatted;
+    std::string StartLocation;
+    double StartLocationLat = 0;
+    double StartLocationLong = 0;
+    platform::TimePoint EndDateTime;
+    std::string EndLocation;
+    double EndLocationLat = 0;
+    double EndLocationLong = 0;
+    platform::MapPinRef StartAnnotation;
+    platform::MapPinRef EndAnnotation;
+    double Score = 0;
+    std::int64_t SharpCorneringCount = 0;
+    std::int64_t SharpSpeedingCount = 0;
+    std::int64_t SharpBrakingCount = 0;
+    std::int64_t SharpElevatingCount = 0;
+    std::int64_t SharpLaneChangingCount = 0;
+    double SharpCorneringPenalty = 0;
+    double SharpSpeedingPenalty = 0;
+    double SharpBrakingPenalty = 0;
+    double SharpElevatingPenalty = 0;
+    double SharpLaneChangingPenalty = 0;
+    double SharpCorneringPenaltyPerKM = 0;
+    double SharpSpeedingPenaltyPerKM = 0;
+    double SharpBrakingPenaltyPerKM = 0;
+    double SharpElevatingPenaltyPerKM = 0;
+    double SharpLaneChangingPenaltyPerKM = 0;
+    double FuelEfficiencyPenaltyPerKM = 0;
+    std::string TimeElapsed = "00:00:00";
+    double TotalDistance = 0;
+    std::string TimeElapsedTotalDistance_Formatted;
+    bool SentToServer = false;
+    platform::TimePoint SystemDate;
+    std::vector<platform::Coordinate> PassedCoordinates;
+    std::vector<FaultStruct> Faults;
+    std::vector<FuelInefficiencyStruct> FuelDefficiencies;
+
+    /// Uploads the record; the host hears tripDidFinish or tripDidFail.
+    void saveToServer();
+    /// Asks the service for the route and fault points; "drawPassedCoordinates" follows.
+    void getPassedCoordinatesFromServer();
+
+    const Environment& environment() const { return env_; }
+
+private:
+    const Environment& env_;
 };
 
 using TripRef = std::shared_ptr<Trip>;
