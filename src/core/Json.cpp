@@ -21,7 +21,9 @@ Value convert(simdjson::dom::element e) {
         }
         case T::OBJECT: {
             Object obj;
-            for (auto field : e.get_object().value_unsafe()) {
+            // Held in a local: iterating the temporary result directly would dangle.
+            simdjson::dom::object o = e.get_object().value_unsafe();
+            for (auto field : o) {
                 // Later duplicates win, as with the platform's reader.
                 obj.insert_or_assign(std::string(field.key), convert(field.value));
             }
