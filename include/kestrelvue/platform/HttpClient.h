@@ -4,6 +4,7 @@
 #include <kestrelvue/Value.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -33,6 +34,9 @@ struct HttpResponse {
 
 /// What a finished request hands back: any of the three may be absent, as with the platform's
 /// data task (a transport failure has an error and usually no response).
+/// The library's own client reports either an error alone, or a response with a body; the body is
+/// absent only when the reply carried no body bytes and declared no length (a 204, or a reply
+/// closed right after its headers). A reply with "Content-Length: 0" has an empty body.
 struct HttpResult {
     std::optional<std::string> body;
     std::optional<HttpResponse> response;
@@ -41,11 +45,28 @@ struct HttpResult {
 
 using HttpCompletion = std::function<void(HttpResult)>;
 
+/// Domain and codes of the transport errors the library's own clients report (the familiar
+/// URL-loading codes, so a host's client on another platform can report the same ones).
+inline constexpr const char* kTransportErrorDomain = "KestrelvueTransportError";
+enum TransportErrorCode : std::int64_t {
+    kTransportUnknown = -1,
+    kTransportCancelled = -999,
+    kTransportBadURL = -1000,
+    kTransportTimedOut = -1001,
+    kTransportUnsupportedURL = -1002,
+    kTransportCannotFindHost = -1003,
+    kTransportCannotConnectToHost = -1004,
+    kTransportConnectionLost = -1005,
+    kTransportBadServerResponse = -1011,
+    kTransportBodyTooLarge = -1103,
+    kTransportSecureConnectionFailed = -1200,
+};
+
 /// Threading contract: send() may be called from any thread and returns at once; the completion
 /// runs exactly once, later, on a worker thread of the client (never on the caller's thread and
 /// never inside send()). Many requests may be in flight; their completions may run concurrently.
 class HttpClient {
-public:
+  public:
     virtual ~HttpClient() = default;
     virtual void send(HttpRequest request, HttpCompletion completion) = 0;
 };

@@ -1,0 +1,39 @@
+#pragma once
+// An Environment for integration tests, pointed at a TestServer.
+//
+//   TestServer server;
+//   Environment env = makeTestEnvironment(server);
+//   // env.applicationInfo[kBaseURLKey] == server.baseURL(); fresh NotificationCenter;
+//   // FixedReachabilityProbe answering "reachable"; a real CurlHttpClient; a ManualExecutor as the
+//   // main queue (mainQueueOf(env)->runUntilIdle()); system clock and random identifiers.
+//   env.reachability = offlineProbe();       // adjust whatever the test needs
+//   RestfulCall call = makeRestfulCall(env); // a gateway of its own, not the shared instance
+//
+// Sensor factories, geocoder, application and device are left empty for the engine's tests to
+// fill.
+
+#include <kestrelvue/Environment.h>
+#include <kestrelvue/RestfulCall.h>
+#include <kestrelvue/posix/CurlHttpClient.h>
+
+#include <memory>
+
+#include "support/TestDoubles.h"
+#include "support/TestServer.h"
+
+namespace kestrelvue::test {
+
+Environment makeTestEnvironment(const TestServer& server, posix::CurlHttpClient::Options http = {});
+
+/// The environment's main queue as the ManualExecutor makeTestEnvironment put there.
+std::shared_ptr<ManualExecutor> mainQueueOf(const Environment& env);
+
+/// Probes for the common answers.
+std::shared_ptr<platform::ReachabilityProbe> reachableProbe();
+std::shared_ptr<platform::ReachabilityProbe> offlineProbe();       // no flags
+std::shared_ptr<platform::ReachabilityProbe> unanswerableProbe();  // the platform cannot tell
+
+/// A RestfulCall over the environment's client, centre and probe.
+std::unique_ptr<RestfulCall> makeRestfulCall(const Environment& env);
+
+}  // namespace kestrelvue::test

@@ -1,0 +1,273 @@
+#include "support/TestServer.h"
+
+#include <httplib.h>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+
+namespace kestrelvue::test {
+namespace {
+
+bool equalsIgnoreCase(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+               return std::tolower(static_cast<unsigned char>(x)) ==
+                      std::tolower(static_cast<unsigned char>(y));
+           });
+}
+
+int portOf(const sockaddr_storage& address) {
+    if (address.ss_family == AF_INET)
+        return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+    if (address.ss_family == AF_INET6)
+        return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
+    return -1;
+}
+
+void writeAll(int fd, std::string_view data) {
+    while (!data.empty()) {
+        ssize_t n = ::send(fd, data.data(), data.size(), MSG_NOSIGNAL);
+        if (n <= 0) return;
+        data.remove_prefix(static_cast<std::size_t>(n));
+    }
+}
+
+}  // namespace
+
+ScriptedReply ScriptedReply::json(std::string body, int status) {
+    ScriptedReply r;
+    r.status = status;
+    r.headers = {{"Content-Type", "application/json; charset=utf-8"}};
+    r.body = std::move(body);
+    return r;
+}
+
+ScriptedReply ScriptedReply::text(std::string body, int status) {
+    ScriptedReply r;
+    r.status = status;
+    r.headers = {{"Content-Type", "text/plain; charset=utf-8"}};
+    r.body = std::move(body);
+    return r;
+}
+
+ScriptedReply ScriptedReply::statusOnly(int status) {
+    ScriptedReply r;
+    r.status = status;
+    return r;
+}
+
+ScriptedReply ScriptedReply::dropped(Drop how, std::string announcedBody) {
+    ScriptedReply r;
+    r.drop = how;
+    r.body = std::move(announcedBody);
+    return r;
+}
+
+ScriptedReply ScriptedReply::after(std::chrono::milliseconds wait) const {
+    ScriptedReply r = *this;
+    r.delay = wait;
+    return r;
+}
+
+ScriptedReply ScriptedReply::noBody(int status) {
+    ScriptedReply r;
+    r.status = status;
+    r.body = std::nullopt;
+    return r;
+}
+
+std::string ReceivedRequest::header(std::string_view name) const {
+    for (const auto& [k, v] : headers) {
+        if (equalsIgnoreCase(k, name)) return v;
+    }
+    return {};
+}
+
+bool ReceivedRequest::hasHeader(std::string_view name) const {
+    return std::any_of(headers.begin(), headers.end(),
+                       [&](const auto& h) { return equalsIgnoreCase(h.first, name); });
+}
+
+TestServer::TestServer() : server_(std::make_unique<httplib::Server>()) {
+    auto handler = [this](const httplib::Request& req, httplib::Response& res) {
+        handle(&req, &res);
+    };
+    const std::string any = ".*";
+    server_->Get(any, handler);
+    server_->Post(any, handler);
+    server_->Put(any, handler);
+    server_->Patch(any, handler);
+    server_->Delete(any, handler);
+    server_->Options(any, handler);
+    server_->set_keep_alive_max_count(1);
+    port_ = server_->bind_to_any_port("127.0.0.1");
+    if (port_ <= 0) throw std::runtime_error("TestServer: cannot bind 127.0.0.1");
+    thread_ = std::thread([this] {
+        // Writing to a connection the test closed must fail with EPIPE, not kill the process.
+        // Only the server's threads (which inherit this mask) block SIGPIPE: the library's own
+        // threads keep the default, so a SIGPIPE raised by the HTTP client still shows.
+        sigset_t pipe;
+        sigemptyset(&pipe);
+        sigaddset(&pipe, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+        server_->listen_after_bind();
+    });
+    // The socket already listens; wait for the accept loop so that stop() cannot miss it.
+    while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+TestServer::~TestServer() {
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
+    cv_.notify_all();
+    server_->stop();
+    if (thread_.joinable()) thread_.join();
+}
+
+std::string TestServer::baseURL() const {
+    return "http://127.0.0.1:" + std::to_string(port_);
+}
+
+std::string TestServer::url(std::string_view pathAndQuery) const {
+    return baseURL() + std::string(pathAndQuery);
+}
+
+void TestServer::reply(const std::string& path, ScriptedReply reply) {
+    std::lock_guard lock(mutex_);
+    replies_[path] = std::move(reply);
+}
+
+void TestServer::enqueue(const std::string& path, ScriptedReply reply) {
+    std::lock_guard lock(mutex_);
+    queued_[path].push_back(std::move(reply));
+}
+
+std::vector<ReceivedRequest> TestServer::requests() const {
+    std::lock_guard lock(mutex_);
+    return received_;
+}
+
+std::vector<ReceivedRequest> TestServer::requestsTo(std::string_view path) const {
+    std::lock_guard lock(mutex_);
+    std::vector<ReceivedRequest> out;
+    for (const auto& r : received_) {
+        if (r.path == path) out.push_back(r);
+    }
+    return out;
+}
+
+std::size_t TestServer::requestCount() const {
+    std::lock_guard lock(mutex_);
+    return received_.size();
+}
+
+bool TestServer::waitForRequests(std::size_t n, std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return cv_.wait_for(lock, timeout, [&] { return received_.size() >= n; });
+}
+
+void TestServer::clearRequests() {
+    std::lock_guard lock(mutex_);
+    received_.clear();
+}
+
+ScriptedReply TestServer::scriptFor(const std::string& path) {
+    if (auto q = queued_.find(path); q != queued_.end() && !q->second.empty()) {
+        ScriptedReply r = std::move(q->second.front());
+        q->second.pop_front();
+        return r;
+    }
+    if (auto it = replies_.find(path); it != replies_.end()) return it->second;
+    return ScriptedReply::statusOnly(404);
+}
+
+// The server's end of the connection from the client's `peerPort`. cpp-httplib does not expose
+// its sockets, so the test server looks the descriptor up among the process's own.
+int TestServer::socketFor(int peerPort) const {
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
+        int fd = std::atoi(entry.path().filename().c_str());
+        sockaddr_storage local{}, peer{};
+        socklen_t localLen = sizeof local, peerLen = sizeof peer;
+        if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &localLen) != 0) continue;
+        if (::getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peerLen) != 0) continue;
+        if (portOf(local) == port_ && portOf(peer) == peerPort) return fd;
+    }
+    return -1;
+}
+
+void TestServer::handle(const void* request, void* response) {
+    const auto& req = *static_cast<const httplib::Request*>(request);
+    auto& res = *static_cast<httplib::Response*>(response);
+
+    ReceivedRequest got;
+    got.method = req.method;
+    got.path = req.path;
+    got.target = req.target;
+    if (auto q = req.target.find('?'); q != std::string::npos) got.query = req.target.substr(q + 1);
+    for (const auto& [k, v] : req.headers) {
+        // cpp-httplib adds these for its own bookkeeping; they were not on the wire.
+        if (k == "REMOTE_ADDR" || k == "REMOTE_PORT" || k == "LOCAL_ADDR" || k == "LOCAL_PORT")
+            continue;
+        got.headers.emplace_back(k, v);
+    }
+    got.body = req.body;
+
+    ScriptedReply script;
+    {
+        std::unique_lock lock(mutex_);
+        received_.push_back(std::move(got));
+        script = scriptFor(req.path);
+        cv_.notify_all();
+        if (script.delay.count() > 0) {
+            cv_.wait_for(lock, script.delay, [&] { return stopping_; });
+        }
+    }
+
+    if (script.drop == ScriptedReply::Drop::beforeReply || !script.body) {
+        int fd = socketFor(req.remote_port);
+        if (fd >= 0) {
+            if (script.drop == ScriptedReply::Drop::none) {
+                // A reply without a body or a length: headers, then the end of the stream.
+                std::string head = "HTTP/1.1 " + std::to_string(script.status) + " Scripted\r\n";
+                for (const auto& [k, v] : script.headers) head += k + ": " + v + "\r\n";
+                head += "Connection: close\r\n\r\n";
+                writeAll(fd, head);
+                ::shutdown(fd, SHUT_WR);
+            } else {
+                ::shutdown(fd, SHUT_RDWR);
+            }
+        }
+        // cpp-httplib's own reply now fails to write and it closes the connection.
+        res.status = 500;
+        return;
+    }
+
+    res.status = script.status;
+    for (const auto& [k, v] : script.headers) {
+        if (!equalsIgnoreCase(k, "Content-Type")) res.set_header(k, v);
+    }
+    std::string contentType = "application/octet-stream";
+    for (const auto& [k, v] : script.headers) {
+        if (equalsIgnoreCase(k, "Content-Type")) contentType = v;
+    }
+    if (script.drop == ScriptedReply::Drop::afterHeaders) {
+        std::size_t announced = std::max<std::size_t>(script.body->size(), 1);
+        res.set_content_provider(
+            announced, contentType,
+            [](std::size_t, std::size_t, httplib::DataSink&) { return false; });
+        return;
+    }
+    res.set_content(*script.body, contentType);
+}
+
+}  // namespace kestrelvue::test

@@ -1,1 +1,0 @@
-// Shared test doubles live in this folder.
