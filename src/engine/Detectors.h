@@ -1,0 +1,103 @@
+#pragma once
+// The event detectors as pure functions of a sample, the device orientation, the bands and (for
+// the lane change) the detector's own state. The engine calls them under its lock and records
+// their findings; keeping them free of the engine lets tests drive them case by case.
+
+#include <kestrelvue/FaultItem.h>
+#include <kestrelvue/LaneChangingData.h>
+#include <kestrelvue/MotionDataItem.h>
+#include <kestrelvue/Threshold.h>
+
+#include <cstdint>
+
+namespace kestrelvue::detail {
+
+inline constexpr int kFaceUp = 5;
+inline constexpr int kFaceDown = 6;
+
+struct BandImpact {
+    double impact = 0.0;
+    bool isPerKilometer = false;
+};
+
+/// The band containing `value` ([LimitStart, LimitEnd)), walking the list in its order and
+/// stopping at the first band that starts above the value; (0, false) when none does.
+inline BandImpact lookUpBand(double value, const ThresholdList& thresholds) {
+    for (const auto& band : thresholds) {
+        if (band->LimitStart <= value && value < band->LimitEnd)
+            return {band->Impact, band->IsPerKilometer};
+        if (value < band->LimitStart) break;
+    }
+    return {};
+}
+
+/// Whether lookUpBand() would find a band.
+inline bool bandContains(double value, const ThresholdList& thresholds) {
+    for (const auto& band : thresholds) {
+        if (band->LimitStart <= value && value < band->LimitEnd) return true;
+        if (value < band->LimitStart) break;
+    }
+    return false;
+}
+
+/// What a detector reports for one sample. A value that was not looked at leaves rate 0,
+/// impact 0 and the flag true; a value looked up in vain keeps its rate with impact 0, flag false.
+struct Finding {
+    FaultTypes finding = FaultTypes::none;
+    double rate = 0.0;
+    double impact = 0.0;
+    bool isPerKM = true;
+    bool operator==(const Finding&) const = default;
+};
+
+struct SpeedingFinding {
+    FaultTypes finding = FaultTypes::none;
+    double speedingRate = 0.0;
+    double brakingRate = 0.0;
+    double impact = 0.0;
+    bool isPerKM = true;
+    bool operator==(const SpeedingFinding&) const = default;
+};
+
+/// Sideways acceleration, face up or face down.
+Finding checkSharpCornering(int orientation, const Vector3& userAcceleration,
+                            const ThresholdList& levels);
+/// Rotation about x, face up only, gated by forward acceleration and the other two rotations.
+Finding checkSharpElevating(int orientation, const Vector3& rotation,
+                            const Vector3& userAcceleration, const ThresholdList& levels);
+/// Forward (speeding) or backward (braking) acceleration, face up only.
+SpeedingFinding checkSharpSpeeding(int orientation, const Vector3& userAcceleration,
+                                   const ThresholdList& speedingLevels,
+                                   const ThresholdList& brakingLevels);
+/// The forward acceleration when a fuel band with a positive impact holds it, else 0.
+double checkFuelEfficiency(int orientation, const Vector3& userAcceleration,
+                           const ThresholdList& levels);
+
+struct LaneChangeSettings {
+    std::int64_t duration1 = 3;   // shortest first swing, s
+    std::int64_t duration2 = 10;  // longest first swing, s
+    std::int64_t duration3 = 4;   // shortest manoeuvre, s
+    std::int64_t duration4 = 15;  // longest manoeuvre, s
+    double updateInterval = 0.5;  // seconds per sample
+};
+
+/// One sample's step of the lane-change state machine over the yaw rate `rotationZ`.
+Finding checkSharpLaneChanging(LaneChangingData& state, int orientation, double rotationZ,
+                               const LaneChangeSettings& settings, const ThresholdList& levels);
+
+/// The eleven penalty totals of a trip, in the order the score adds them.
+struct PenaltyTotals {
+    double sharpCorneringPenalty = 0, sharpCorneringPenaltyPerKM = 0;
+    double sharpSpeedingPenalty = 0, sharpSpeedingPenaltyPerKM = 0;
+    double sharpBrakingPenalty = 0, sharpBrakingPenaltyPerKM = 0;
+    double sharpElevatingPenalty = 0, sharpElevatingPenaltyPerKM = 0;
+    double sharpLaneChangingPenalty = 0, sharpLaneChangingPenaltyPerKM = 0;
+    double fuelEfficiencyPenaltyPerKM = 0;
+};
+
+/// Divides the per-kilometre totals by the trip's kilometres when it is longer than 1000 m, then
+/// returns 100 minus all totals, not below 0.
+double calculateScore(PenaltyTotals& totals, double totalTraveledDistance,
+                      double metresPerKilometre);
+
+}  // namespace kestrelvue::detail

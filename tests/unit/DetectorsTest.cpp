@@ -1,0 +1,201 @@
+// Cornering, elevating, speeding/braking, fuel, band walk and score, case by case.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <string>
+
+#include "engine/Detectors.h"
+
+namespace kestrelvue::detail {
+namespace {
+
+constexpr FaultTypes kNone = FaultTypes::none;
+constexpr int kPortrait = 1;
+
+ThresholdList bands(std::initializer_list<Threshold> list) {
+    ThresholdList out;
+    for (const Threshold& t : list) out.push_back(std::make_shared<const Threshold>(t));
+    return out;
+}
+
+TEST(BandLookup, WalkStopsAtFirstBandAboveTheValue) {
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    struct Case {
+        const char* name;
+        ThresholdList list;
+        double value;
+        double impact;
+        bool perKm;
+    };
+    const Case cases[] = {
+        {"empty", {}, 1.0, 0.0, false},
+        {"lower bound inclusive", bands({{0, 1, 2, true}, {1, 2, 3, false}}), 1.0, 3.0, false},
+        {"upper bound exclusive", bands({{0, 1, 2, true}, {1, 2, 3, false}}), 2.0, 0.0, false},
+        {"first band", bands({{0, 1, 2, true}, {1, 2, 3, false}}), 0.5, 2.0, true},
+        {"out of order stops early", bands({{5, 6, 1, true}, {1, 2, 4, true}}), 1.5, 0.0, false},
+        {"overlap: first wins", bands({{1, 3, 7, false}, {2, 4, 9, true}}), 2.5, 7.0, false},
+        {"below every band", bands({{1, 2, 4, true}}), 0.5, 0.0, false},
+        {"NaN matches nothing", bands({{-1e300, 1e300, 4, true}}), nan, 0.0, false},
+    };
+    for (const Case& c : cases) {
+        const BandImpact hit = lookUpBand(c.value, c.list);
+        EXPECT_EQ(hit.impact, c.impact) << c.name;
+        EXPECT_EQ(hit.isPerKilometer, c.perKm) << c.name;
+        EXPECT_EQ(bandContains(c.value, c.list), c.impact != 0.0 || c.perKm) << c.name;
+    }
+    // A band of impact 0 still "contains" the value (the lane-change judgement needs that).
+    EXPECT_TRUE(bandContains(1.5, bands({{1, 2, 0, false}})));
+}
+
+TEST(Detectors, Cornering) {
+    const ThresholdList levels = bands({{0.3, 0.6, 2, false}});
+    struct Case {
+        int orientation;
+        double ax;
+        Finding expected;
+    };
+    const Case cases[] = {
+        {kFaceUp, -0.45, {FaultTypes::sharpCorneringRight, 0.45, 2.0, false}},
+        {kFaceDown, 0.45, {FaultTypes::sharpCorneringRight, 0.45, 2.0, false}},
+        {kFaceUp, 0.45, {FaultTypes::sharpCorneringLeft, 0.45, 2.0, false}},
+        {kFaceDown, -0.45, {FaultTypes::sharpCorneringLeft, 0.45, 2.0, false}},
+        {kFaceUp, 0.3, {FaultTypes::sharpCorneringLeft, 0.3, 2.0, false}},  // inclusive start
+        {kFaceUp, 0.6, {kNone, 0.6, 0.0, false}},                           // exclusive end
+        {kFaceUp, 0.1, {kNone, 0.1, 0.0, false}},                           // looked up in vain
+        {kFaceUp, 0.0, {}},
+        {kFaceUp, -0.0, {}},
+        {kPortrait, -0.45, {}},
+        {0, 0.45, {}},
+        {7, 0.45, {}},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(checkSharpCornering(c.orientation, {c.ax, 0, 0}, levels), c.expected)
+            << c.orientation << " " << c.ax;
+    // A band that holds the value but costs nothing is no finding.
+    EXPECT_EQ(checkSharpCornering(kFaceUp, {0.4, 0, 0}, bands({{0.3, 0.6, 0, true}})),
+              (Finding{kNone, 0.4, 0.0, true}));
+}
+
+TEST(Detectors, Elevating) {
+    const ThresholdList levels = bands({{0.3, 1.0, 4, true}});
+    struct Case {
+        const char* name;
+        int orientation;
+        Vector3 rotation;
+        double ay;
+        Finding expected;
+    };
+    const Case cases[] = {
+        {"up", kFaceUp, {0.5, 0, 0}, 0.02, {FaultTypes::sharpElevatingUp, 0.5, 4.0, true}},
+        {"down",
+         kFaceUp,
+         {-0.5, 0.1, -0.19},
+         0.02,
+         {FaultTypes::sharpElevatingDown, 0.5, 4.0, true}},
+        {"gate: ay too small", kFaceUp, {0.5, 0, 0}, 0.01, {kNone, 0.0, 4.0, true}},
+        {"gate: ay at bound passes",
+         kFaceUp,
+         {0.5, 0, 0},
+         -0.015,
+         {FaultTypes::sharpElevatingUp, 0.5, 4.0, true}},
+        {"gate: ry at 0.2 fails", kFaceUp, {0.5, 0.2, 0}, 0.02, {kNone, 0.0, 4.0, true}},
+        {"gate: rz at -0.2 fails", kFaceUp, {0.5, 0, -0.2}, 0.02, {kNone, 0.0, 4.0, true}},
+        {"no band: rate kept", kFaceUp, {0.1, 0.5, 0}, 0.0, {kNone, 0.1, 0.0, false}},
+        {"rx zero", kFaceUp, {0.0, 0, 0}, 0.02, {}},
+        {"face down never counts", kFaceDown, {0.5, 0, 0}, 0.02, {}},
+        {"portrait", kPortrait, {0.5, 0, 0}, 0.02, {}},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(checkSharpElevating(c.orientation, c.rotation, {0, c.ay, 0}, levels), c.expected)
+            << c.name;
+}
+
+TEST(Detectors, SpeedingAndBraking) {
+    const ThresholdList speeding = bands({{0.3, 0.5, 3, false}});
+    const ThresholdList braking = bands({{0.3, 0.5, 5, true}});
+    struct Case {
+        int orientation;
+        double ay;
+        SpeedingFinding expected;
+    };
+    const Case cases[] = {
+        {kFaceUp, -0.35, {FaultTypes::sharpSpeeding, 0.35, 0.0, 3.0, false}},
+        {kFaceUp, 0.35, {FaultTypes::sharpBraking, 0.0, 0.35, 5.0, true}},
+        {kFaceUp, -0.1, {kNone, 0.1, 0.0, 0.0, false}},
+        {kFaceUp, 0.5, {kNone, 0.0, 0.5, 0.0, false}},
+        {kFaceUp, 0.0, {}},
+        {kFaceDown, -0.35, {}},
+        {kFaceDown, 0.35, {}},
+        {kPortrait, 0.35, {}},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(checkSharpSpeeding(c.orientation, {0, c.ay, 0}, speeding, braking), c.expected)
+            << c.orientation << " " << c.ay;
+}
+
+TEST(Detectors, FuelEfficiency) {
+    const ThresholdList fuel = bands({{0.25, 1, 4, false}});
+    EXPECT_EQ(checkFuelEfficiency(kFaceUp, {0, -0.3, 0}, fuel), 0.3);
+    EXPECT_EQ(checkFuelEfficiency(kFaceUp, {0, 0.3, 0}, fuel), 0.0);
+    EXPECT_EQ(checkFuelEfficiency(kFaceDown, {0, -0.3, 0}, fuel), 0.0);
+    EXPECT_EQ(checkFuelEfficiency(kFaceUp, {0, -0.2, 0}, fuel), 0.0);
+    EXPECT_EQ(checkFuelEfficiency(kFaceUp, {0, -0.3, 0}, bands({{0.25, 1, 0, true}})), 0.0);
+    // A band starting at 0 does not turn an unjudged sample into a finding: v is 0.
+    EXPECT_EQ(checkFuelEfficiency(kPortrait, {0, -0.3, 0}, bands({{0, 1, 4, true}})), 0.0);
+}
+
+TEST(Score, Cases) {
+    struct Case {
+        const char* name;
+        PenaltyTotals totals;
+        double distance;
+        double score;
+        double brakingPerKmAfter;
+    };
+    PenaltyTotals absolute;
+    absolute.sharpCorneringPenalty = 10;
+    absolute.sharpLaneChangingPenalty = 2.5;
+    PenaltyTotals braking6;
+    braking6.sharpBrakingPenaltyPerKM = 6.0;
+    PenaltyTotals huge;
+    huge.sharpSpeedingPenalty = 100;
+    huge.fuelEfficiencyPenaltyPerKM = 30;
+    const Case cases[] = {
+        {"nothing", {}, 5000, 100.0, 0.0},
+        {"absolute only", absolute, 25000, 87.5, 0.0},
+        {"per km divided by 3 km", braking6, 3000, 98.0, 2.0},
+        {"exactly 1000 m: no division", braking6, 1000, 94.0, 6.0},
+        {"short trip: no division", braking6, 10, 94.0, 6.0},
+        {"clamped at zero", huge, 500, 0.0, 0.0},
+    };
+    for (const Case& c : cases) {
+        PenaltyTotals t = c.totals;
+        EXPECT_EQ(calculateScore(t, c.distance, 1000.0), c.score) << c.name;
+        EXPECT_EQ(t.sharpBrakingPenaltyPerKM, c.brakingPerKmAfter) << c.name;
+        EXPECT_EQ(t.sharpCorneringPenalty, c.totals.sharpCorneringPenalty) << c.name;
+    }
+}
+
+TEST(Score, SumsLeftToRightInTheFixedOrder) {
+    // 1e16 + 1 + 1 - 1e16 gives 0 left to right but 2 in another order.
+    PenaltyTotals t;
+    t.sharpCorneringPenalty = 1e16;
+    t.sharpCorneringPenaltyPerKM = 1;
+    t.sharpSpeedingPenalty = 1;
+    t.sharpSpeedingPenaltyPerKM = -1e16;
+    EXPECT_EQ(calculateScore(t, 0, 1000.0), 100.0);
+    // All six per-km totals are divided, each by the same kilometres.
+    PenaltyTotals all;
+    all.sharpCorneringPenaltyPerKM = all.sharpSpeedingPenaltyPerKM = all.sharpBrakingPenaltyPerKM =
+        all.sharpElevatingPenaltyPerKM = all.sharpLaneChangingPenaltyPerKM =
+            all.fuelEfficiencyPenaltyPerKM = 4.0;
+    EXPECT_EQ(calculateScore(all, 2000, 1000.0), 88.0);
+    EXPECT_EQ(all.fuelEfficiencyPenaltyPerKM, 2.0);
+    EXPECT_EQ(all.sharpElevatingPenaltyPerKM, 2.0);
+}
+
+}  // namespace
+}  // namespace kestrelvue::detail

@@ -1,0 +1,414 @@
+// The motion record text: the example record, field rules, and byte equality with snprintf.
+
+#include <gtest/gtest.h>
+#include <kestrelvue/MotionData.h>
+
+#include <bit>
+#include <chrono>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <limits>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "records/TextFormat.h"
+#include "support/MotionTextReference.h"
+
+namespace kestrelvue {
+namespace {
+
+using namespace std::chrono;
+
+// Switches the process's time zone for one test and back.
+class ScopedTimeZone {
+  public:
+    explicit ScopedTimeZone(const char* tz) {
+        if (const char* old = std::getenv("TZ")) old_ = old;
+        ::setenv("TZ", tz, 1);
+        ::tzset();
+        detail::clearTimestampCache();
+    }
+    ~ScopedTimeZone() {
+        if (old_)
+            ::setenv("TZ", old_->c_str(), 1);
+        else
+            ::unsetenv("TZ");
+        ::tzset();
+        detail::clearTimestampCache();
+    }
+
+  private:
+    std::optional<std::string> old_;
+};
+
+platform::TimePoint utc(int y, unsigned mo, unsigned d, int h, int mi, int s, int ms) {
+    return sys_days{year{y} / month{mo} / day{d}} + hours{h} + minutes{mi} + seconds{s} +
+           milliseconds{ms};
+}
+
+std::vector<std::string> fields(const std::string& text) {
+    std::vector<std::string> out;
+    std::size_t start = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == ',') {
+            out.push_back(text.substr(start, i - start));
+            start = i + 1;
+        }
+    }
+    return out;
+}
+
+MotionDataItem exampleRecord() {
+    platform::Location location;
+    location.coordinate = {41.0082, 28.9784};
+    location.speed = 13.5;
+    location.timestamp = utc(2026, 11, 16, 14, 5, 9, 250);
+    location.course = 87.4;
+    location.horizontalAccuracy = 5;
+    FaultItem fault;
+    fault.sharpSpeeding = 'L';
+    fault.sharpSpeedingPenalty = 2.5;
+    fault.fuelEfficiencyPenaltyPerKM = 0.125;
+    return MotionDataItem(1523, {0.012, -0.034, 0.105}, {0.0021, -0.0153, 0.2417},
+                          {0.1234, -0.0456, 1.5708}, {-0.0121, -0.4321, -0.9017}, location, fault,
+                          utc(2026, 11, 16, 14, 5, 9, 731), 1, 5, 47.3);
+}
+
+TEST(MotionText, ExampleRecordIsByteExact) {
+    ScopedTimeZone tz("UTC0");
+    const std::string expected =
+        "  0.012, -0.034,  0.105,  0.002, -0.015,  0.242,  0.123, -0.046,  1.571, -0.012, "
+        "-0.432, -0.902, ,L, , , 41.008200, 28.978400,PU,  49,2026-11-16 14:05:09:250,  47,   "
+        "1523,2026-11-16 14:05:09:731,  0.000,  2.500,  0.000,  0.000,  0.000,  0.000,  0.000,  "
+        "0.000,  0.000,  0.000,  0.125, 87.400,    5, 13.500000,FU,";
+    const std::string text = exampleRecord().toString();
+    EXPECT_EQ(text, expected);
+    EXPECT_EQ(text.size(), 311u);
+    EXPECT_EQ(fields(text).size(), 39u);
+}
+
+TEST(MotionText, StampsAreLocalTime) {
+    ScopedTimeZone tz("<+03>-3");  // Istanbul's fixed offset
+    const auto f = fields(exampleRecord().toString());
+    EXPECT_EQ(f[20], "2026-11-16 17:05:09:250");
+    EXPECT_EQ(f[23], "2026-11-16 17:05:09:731");
+}
+
+TEST(MotionText, FieldRules) {
+    ScopedTimeZone tz("UTC0");
+    struct Case {
+        const char* name;
+        void (*edit)(MotionDataItem&);
+        int field;  // 1-based
+        const char* expected;
+    };
+    const Case cases[] = {
+        {"default fault characters are blanks", [](MotionDataItem&) {}, 13, " "},
+        {"blank lane character", [](MotionDataItem&) {}, 16, " "},
+        {"negative speed keeps its sign in the blank",
+         [](MotionDataItem& i) { i.CurrentSpeed = -3; }, 22, "  -3"},
+        {"invalid platform speed in km/h", [](MotionDataItem& i) { i.Location.speed = -1; }, 20,
+         "  -4"},
+        {"invalid platform speed in m/s", [](MotionDataItem& i) { i.Location.speed = -1; }, 38,
+         " -1.000000"},
+        {"eight-digit id grows the field", [](MotionDataItem& i) { i.ItemId = 12345678; }, 23,
+         "12345678"},
+        {"negative id", [](MotionDataItem& i) { i.ItemId = -42; }, 23, "    -42"},
+        {"wide accuracy grows the field",
+         [](MotionDataItem& i) { i.Location.horizontalAccuracy = 123456.5; }, 37, " 123456"},
+        {"negative zero", [](MotionDataItem& i) { i.Acceleration.x = -0.0; }, 1, " -0.000"},
+        {"tiny negative keeps its minus", [](MotionDataItem& i) { i.Gravity.z = -0.0004; }, 12,
+         " -0.000"},
+        {"NaN", [](MotionDataItem& i) { i.Rotation.y = std::numeric_limits<double>::quiet_NaN(); },
+         5, "    nan"},
+        {"infinity in a blank-sign field",
+         [](MotionDataItem& i) { i.CurrentSpeed = std::numeric_limits<double>::infinity(); }, 22,
+         " inf"},
+        {"epoch stamp", [](MotionDataItem&) {}, 24, "1970-01-01 00:00:00:000"},
+    };
+    for (const Case& c : cases) {
+        MotionDataItem item;
+        c.edit(item);
+        const auto f = fields(item.toString());
+        ASSERT_EQ(f.size(), 39u) << c.name;
+        EXPECT_EQ(f[static_cast<std::size_t>(c.field - 1)], c.expected) << c.name;
+    }
+}
+
+TEST(MotionText, OrientationCodes) {
+    const std::pair<int, const char*> cases[] = {{0, "UN"},  {1, "PU"},   {2, "PD"}, {3, "LL"},
+                                                 {4, "LR"},  {5, "FU"},   {6, "FD"}, {7, "FU"},
+                                                 {-1, "FU"}, {1000, "FU"}};
+    for (const auto& [code, text] : cases) {
+        MotionDataItem item;
+        item.OrientationGiven = code;
+        item.Orientation = code;
+        const auto f = fields(item.toString());
+        EXPECT_EQ(f[18], text) << code;
+        EXPECT_EQ(f[38], text) << code;
+    }
+}
+
+// ---- printf equivalence -----------------------------------------------------------------
+
+struct Format {
+    const char* printf;
+    int width, precision;
+    bool spaceSign;
+};
+constexpr Format kFormats[] = {{"%7.3f", 7, 3, false},
+                               {"%10.6f", 10, 6, false},
+                               {"% 4.0f", 4, 0, true},
+                               {"% 5.0f", 5, 0, true}};
+
+std::string ours(double v, const Format& f) {
+    char buffer[detail::kMaxFixedLength + 16];
+    return std::string(buffer, detail::formatFixed(buffer, v, f.width, f.precision, f.spaceSign));
+}
+
+std::string theirs(double v, const Format& f) {
+    char buffer[512];
+    const int n = std::snprintf(buffer, sizeof buffer, f.printf, v);
+    return std::string(buffer, static_cast<std::size_t>(n));
+}
+
+std::vector<double> adversarialValues() {
+    const double inf = std::numeric_limits<double>::infinity();
+    std::vector<double> v = {0.0,
+                             -0.0,
+                             0.0005,
+                             -0.0005,
+                             0.0015,
+                             2.5,
+                             -2.5,
+                             0.5,
+                             1.5,
+                             -3.6,
+                             -3.5,
+                             0.0625,
+                             0.125,
+                             0.0000005,
+                             5e-7,
+                             1e-7,
+                             999.9995,
+                             999999.5,
+                             1e12,
+                             1e12 - 1,
+                             123456789012.5,
+                             1e15,
+                             1e22,
+                             1.7976931348623157e308,
+                             4.9e-324,
+                             2.2250738585072014e-308,
+                             inf,
+                             -inf,
+                             std::numeric_limits<double>::quiet_NaN(),
+                             -std::numeric_limits<double>::quiet_NaN(),
+                             9.9995,
+                             0.9999995,
+                             99.5,
+                             -99.5,
+                             0.2417,
+                             0.0021,
+                             13.5 * 3600.0 / 1000.0};
+    // Exact binary ties at every precision used: k / 2^n and k + 1/2 * 10^-p neighbours.
+    for (int k = -2000; k <= 2000; ++k) {
+        v.push_back(k / 2.0);
+        v.push_back(k / 16.0);
+        v.push_back(k / 2048.0);
+        v.push_back(k * 0.0005);
+        v.push_back(k * 0.0000005);
+    }
+    return v;
+}
+
+TEST(MotionText, FixedMatchesSnprintfOnAdversarialValues) {
+    for (double v : adversarialValues())
+        for (const Format& f : kFormats)
+            ASSERT_EQ(ours(v, f), theirs(v, f)) << f.printf << " " << v;
+}
+
+TEST(MotionText, FixedMatchesSnprintfOnRandomValues) {
+    std::mt19937_64 rng(20261116);
+    std::uniform_real_distribution<double> small(-1000.0, 1000.0);
+    std::uniform_int_distribution<int> exponent(-30, 40);
+    for (int i = 0; i < 300000; ++i) {
+        double v;
+        switch (i % 3) {
+            case 0:
+                v = std::bit_cast<double>(rng());  // any bit pattern, NaNs and subnormals too
+                break;
+            case 1:
+                v = small(rng);
+                break;
+            default:
+                v = std::ldexp(small(rng), exponent(rng));
+        }
+        for (const Format& f : kFormats)
+            ASSERT_EQ(ours(v, f), theirs(v, f)) << f.printf << " " << v;
+    }
+}
+
+TEST(MotionText, IntegerMatchesSnprintf) {
+    std::mt19937_64 rng(7);
+    std::vector<std::int64_t> values = {0,
+                                        1,
+                                        -1,
+                                        999999,
+                                        1000000,
+                                        9999999,
+                                        10000000,
+                                        -999999,
+                                        std::numeric_limits<std::int64_t>::min(),
+                                        std::numeric_limits<std::int64_t>::max()};
+    for (int i = 0; i < 10000; ++i) values.push_back(static_cast<std::int64_t>(rng()) >> (i % 64));
+    for (std::int64_t v : values) {
+        char ours[32], theirs[32];
+        const std::string a(ours, detail::formatInteger(ours, v, 7));
+        const int n = std::snprintf(theirs, sizeof theirs, "%7lld", static_cast<long long>(v));
+        ASSERT_EQ(a, std::string(theirs, static_cast<std::size_t>(n))) << v;
+    }
+}
+
+MotionDataItem randomRecord(std::mt19937_64& rng) {
+    std::uniform_real_distribution<double> d(-2.0, 2.0);
+    std::uniform_real_distribution<double> deg(-180.0, 180.0);
+    const auto t0 = utc(2026, 3, 1, 0, 0, 0, 0);
+    std::uniform_int_distribution<std::int64_t> ms(0, 400LL * 86400 * 1000);
+    platform::Location loc;
+    loc.coordinate = {deg(rng) / 2, deg(rng)};
+    loc.speed = d(rng) * 20;
+    loc.course = deg(rng) + 180;
+    loc.horizontalAccuracy = d(rng) * 50;
+    loc.timestamp = t0 + milliseconds(ms(rng));
+    FaultItem fault;
+    fault.sharpCornering = "RL "[rng() % 3];
+    fault.sharpSpeeding = "SB "[rng() % 3];
+    fault.sharpElevating = "UD "[rng() % 3];
+    fault.sharpLaneChanging = "RL "[rng() % 3];
+    for (double* p :
+         {&fault.sharpCorneringPenalty, &fault.sharpSpeedingPenalty, &fault.sharpBrakingPenalty,
+          &fault.sharpElevatingPenalty, &fault.sharpLaneChangingPenalty,
+          &fault.sharpCorneringPenaltyPerKM, &fault.sharpSpeedingPenaltyPerKM,
+          &fault.sharpBrakingPenaltyPerKM, &fault.sharpElevatingPenaltyPerKM,
+          &fault.sharpLaneChangingPenaltyPerKM, &fault.fuelEfficiencyPenaltyPerKM})
+        *p = rng() % 2 ? 0.0 : d(rng) * 5;
+    return MotionDataItem(static_cast<std::int64_t>(rng() % 100000000), {d(rng), d(rng), d(rng)},
+                          {d(rng), d(rng), d(rng)}, {d(rng), d(rng), d(rng) * 2},
+                          {d(rng), d(rng), d(rng)}, loc, fault, t0 + milliseconds(ms(rng)),
+                          static_cast<int>(rng() % 9) - 1, static_cast<int>(rng() % 9) - 1,
+                          d(rng) * 100);
+}
+
+TEST(MotionText, RecordsMatchSnprintfAndStrftime) {
+    ScopedTimeZone tz("Europe/Berlin");
+    std::mt19937_64 rng(42);
+    for (int i = 0; i < 20000; ++i) {
+        const MotionDataItem item = randomRecord(rng);
+        std::string expected;
+        testing::appendReferenceText(expected, item);
+        ASSERT_EQ(item.toString(), expected);
+    }
+}
+
+TEST(MotionText, NumbersIgnoreADecimalCommaLocale) {
+    const char* candidates[] = {"de_DE.UTF-8", "de_DE.utf8", "tr_TR.UTF-8", "tr_TR.utf8",
+                                "fr_FR.UTF-8", "fr_FR.utf8", "de_DE",       "tr_TR"};
+    std::mt19937_64 rng(3);
+    std::vector<MotionDataItem> items;
+    std::vector<std::string> expected;
+    for (int i = 0; i < 200; ++i) {
+        items.push_back(randomRecord(rng));
+        expected.emplace_back();
+        testing::appendReferenceText(expected.back(), items.back());  // C locale
+    }
+    const std::string old = std::setlocale(LC_NUMERIC, nullptr);
+    const char* found = nullptr;
+    for (const char* name : candidates) {
+        if (std::setlocale(LC_NUMERIC, name) != nullptr) {
+            found = name;
+            break;
+        }
+    }
+    if (found == nullptr) GTEST_SKIP() << "no locale with a decimal comma is installed";
+    char probe[16];
+    std::snprintf(probe, sizeof probe, "%.1f", 1.5);
+    const bool comma = std::string(probe) == "1,5";
+    for (std::size_t i = 0; i < items.size(); ++i) EXPECT_EQ(items[i].toString(), expected[i]);
+    std::setlocale(LC_NUMERIC, old.c_str());
+    EXPECT_TRUE(comma) << found << " does not use a decimal comma";
+}
+
+// ---- local time -------------------------------------------------------------------------
+
+std::string referenceStamp(platform::TimePoint t) {
+    MotionDataItem item;
+    item.DateTime = t;
+    std::string text;
+    testing::appendReferenceText(text, item);
+    return fields(text)[23];
+}
+
+std::string ourStamp(platform::TimePoint t) {
+    char buffer[detail::kMaxTimestampLength];
+    return std::string(buffer, detail::formatTimestamp(buffer, t));
+}
+
+TEST(MotionText, StampsStayRightAcrossDaylightSavingChanges) {
+    ScopedTimeZone tz("Europe/Berlin");
+    // Both 2026 changes happen at 01:00 UTC; walk each in 250 ms steps, forwards and back, so
+    // cached seconds from either side of the change are reused.
+    for (const auto change : {utc(2026, 3, 29, 1, 0, 0, 0), utc(2026, 10, 25, 1, 0, 0, 0)}) {
+        for (auto t = change - seconds(5); t < change + seconds(5); t += milliseconds(250))
+            ASSERT_EQ(ourStamp(t), referenceStamp(t));
+        for (auto t = change + seconds(5); t > change - seconds(5); t -= milliseconds(250))
+            ASSERT_EQ(ourStamp(t), referenceStamp(t));
+    }
+    EXPECT_EQ(ourStamp(utc(2026, 3, 29, 0, 59, 59, 999)), "2026-03-29 01:59:59:999");
+    EXPECT_EQ(ourStamp(utc(2026, 3, 29, 1, 0, 0, 0)), "2026-03-29 03:00:00:000");
+    EXPECT_EQ(ourStamp(utc(2026, 10, 25, 0, 59, 59, 500)), "2026-10-25 02:59:59:500");
+    EXPECT_EQ(ourStamp(utc(2026, 10, 25, 1, 0, 0, 500)), "2026-10-25 02:00:00:500");
+}
+
+TEST(MotionText, StampsBeforeTheEpochTruncateMilliseconds) {
+    ScopedTimeZone tz("UTC0");
+    EXPECT_EQ(ourStamp(platform::TimePoint{} - milliseconds(1)), "1969-12-31 23:59:59:999");
+    EXPECT_EQ(ourStamp(platform::TimePoint{} + microseconds(1999)), "1970-01-01 00:00:00:001");
+}
+
+// ---- the bulk ---------------------------------------------------------------------------
+
+TEST(MotionBulk, TextAndRemoval) {
+    ScopedTimeZone tz("UTC0");
+    MotionData data;
+    std::mt19937_64 rng(9);
+    for (int i = 0; i < 5; ++i) data.motionDataArray.push_back(randomRecord(rng));
+    const std::string all =
+        data.motionDataArray[0].toString() + ";" + data.motionDataArray[1].toString() + ";" +
+        data.motionDataArray[2].toString() + ";" + data.motionDataArray[3].toString() + ";" +
+        data.motionDataArray[4].toString() + ";";
+    EXPECT_EQ(data.bulkMotionDataToString(0), "");
+    EXPECT_EQ(data.bulkMotionDataToString(-3), "");
+    EXPECT_EQ(data.bulkMotionDataToString(5), all);
+    EXPECT_EQ(data.bulkMotionDataToString(1000), all);
+    EXPECT_EQ(data.bulkMotionDataToString(2),
+              all.substr(0, data.motionDataArray[0].toString().size() +
+                                data.motionDataArray[1].toString().size() + 2));
+
+    const std::int64_t third = data.motionDataArray[2].ItemId;
+    data.removeSentBulkMotionData(-1);
+    EXPECT_EQ(data.motionDataArray.size(), 5u);
+    data.removeSentBulkMotionData(2);
+    ASSERT_EQ(data.motionDataArray.size(), 3u);
+    EXPECT_EQ(data.motionDataArray[0].ItemId, third);
+    data.removeSentBulkMotionData(1000);
+    EXPECT_TRUE(data.motionDataArray.empty());
+    EXPECT_EQ(data.bulkMotionDataToString(1000), "");
+}
+
+}  // namespace
+}  // namespace kestrelvue
