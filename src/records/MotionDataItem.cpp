@@ -20,6 +20,7 @@ struct CachedSecond {
 
 // Four slots: a record's two stamps and its neighbours' mostly fall into one or two seconds.
 thread_local CachedSecond tCache[4];
+thread_local std::uint64_t tConversions = 0;
 
 char* writeTwoDigits(char* out, int v) {
     std::memcpy(out, kDigitPairs + 2 * v, 2);
@@ -65,13 +66,19 @@ char* formatTimestamp(char* out, platform::TimePoint t) {
     CachedSecond& slot = tCache[static_cast<std::uint64_t>(second) & 3];
     if (slot.length == 0 || slot.second != second) {
         slot.length = formatSecond(slot.text, second);
+        ++tConversions;
         slot.second = second;
     }
-    std::memcpy(out, slot.text, static_cast<std::size_t>(slot.length));
+    copySmall(out, slot.text,
+              static_cast<std::size_t>(slot.length));  // 19 within TimePoint's range
     out += slot.length;
     *out++ = ':';
     *out++ = static_cast<char>('0' + milli / 100);
     return writeTwoDigits(out, milli % 100);
+}
+
+std::uint64_t timestampConversions() {
+    return tConversions;
 }
 
 void clearTimestampCache() {

@@ -43,6 +43,22 @@ inline char* writeDigitsBackwards(char* end, std::uint64_t v) {
     return end;
 }
 
+/// memcpy for up to 32 bytes without a library call (two overlapping fixed-size copies).
+inline void copySmall(char* dst, const char* src, std::size_t n) {
+    if (n >= 16) {
+        std::memcpy(dst, src, 16);
+        std::memcpy(dst + n - 16, src + n - 16, 16);
+    } else if (n >= 8) {
+        std::memcpy(dst, src, 8);
+        std::memcpy(dst + n - 8, src + n - 8, 8);
+    } else if (n >= 4) {
+        std::memcpy(dst, src, 4);
+        std::memcpy(dst + n - 4, src + n - 4, 4);
+    } else {
+        for (std::size_t i = 0; i < n; ++i) dst[i] = src[i];
+    }
+}
+
 /// Copies `len` bytes of `body` to `out`, after `sign` (0 for none), right-aligned in `width`.
 inline char* padRight(char* out, char sign, const char* body, int len, int width) {
     const int total = len + (sign != 0 ? 1 : 0);
@@ -52,8 +68,9 @@ inline char* padRight(char* out, char sign, const char* body, int len, int width
     return out + len;
 }
 
-/// printf("%*.*f") of v, or "% *.*f" when `spaceSign`. Precision 0..6. Writes at most
-/// max(width, kMaxFixedLength) bytes. Returns the end of the text.
+/// printf("%*.*f") of v, or "% *.*f" when `spaceSign`. Precision 0..6, width 0..16. `out` needs
+/// room for kMaxFixedLength bytes (blanks may be written past the returned end). Returns the end
+/// of the text.
 inline char* formatFixed(char* out, double v, int width, int precision, bool spaceSign) {
     const char sign = std::signbit(v) ? '-' : (spaceSign ? ' ' : 0);
     if (!std::isfinite(v)) return padRight(out, sign, std::isnan(v) ? "nan" : "inf", 3, width);
@@ -64,43 +81,62 @@ inline char* formatFixed(char* out, double v, int width, int precision, bool spa
         const std::uint64_t bits = std::bit_cast<std::uint64_t>(a);
         const int biased = static_cast<int>(bits >> 52);
         std::uint64_t m = bits & ((1ull << 52) - 1);
-        int s;
+        int s;  // a = m * 2^-s; s >= 13 below 1e12
         if (biased == 0) {
             s = 1074;
         } else {
             m |= 1ull << 52;
             s = 1075 - biased;
         }
-        __extension__ using u128 = unsigned __int128;
-        const u128 n = static_cast<u128>(m) * kPow10[precision];
         std::uint64_t q;
-        if (s <= 0) {
-            q = static_cast<std::uint64_t>(n << -s);  // unreachable below 1e12, kept for safety
-        } else if (s >= 75) {
-            q = 0;  // n < 2^73 <= half of 2^s: rounds to zero
-        } else {
-            q = static_cast<std::uint64_t>(n >> s);
-            const u128 rem = n - (static_cast<u128>(q) << s);
-            const u128 half = static_cast<u128>(1) << (s - 1);
-            if (rem > half || (rem == half && (q & 1) != 0)) ++q;
-        }
-        char buf[32];
-        char* const end = buf + sizeof buf;
-        char* p;
-        if (precision == 0) {
-            p = writeDigitsBackwards(end, q);
-        } else {
-            const std::uint64_t scale = kPow10[precision];
-            std::uint64_t frac = q % scale;
-            p = end;
-            for (int i = 0; i < precision; ++i) {
-                *--p = static_cast<char>('0' + frac % 10);
-                frac /= 10;
+        if (precision <= 3) {
+            // m * 10^p < 2^63 fits 64 bits; from s = 64 on, a < 2^-11 rounds to zero.
+            if (s >= 64) {
+                q = 0;
+            } else {
+                const std::uint64_t n = m * kPow10[precision];
+                q = n >> s;
+                const std::uint64_t rem = n & ((1ull << s) - 1);
+                const std::uint64_t half = 1ull << (s - 1);
+                if (rem > half || (rem == half && (q & 1) != 0)) ++q;
             }
-            *--p = '.';
-            p = writeDigitsBackwards(p, q / scale);
+        } else {
+            __extension__ using u128 = unsigned __int128;
+            const u128 n = static_cast<u128>(m) * kPow10[precision];
+            if (s >= 75) {
+                q = 0;  // n < 2^73 <= half of 2^s: rounds to zero
+            } else {
+                q = static_cast<std::uint64_t>(n >> s);
+                const u128 rem = n - (static_cast<u128>(q) << s);
+                const u128 half = static_cast<u128>(1) << (s - 1);
+                if (rem > half || (rem == half && (q & 1) != 0)) ++q;
+            }
         }
-        return padRight(out, sign, p, static_cast<int>(end - p), width);
+        // Written in place, right to left: a scratch copy would stall on store forwarding.
+        const std::uint64_t scale = kPow10[precision];
+        const std::uint64_t whole = q / scale;
+        int digits = 1;
+        while (digits <= 12 && whole >= kPow10[digits]) ++digits;
+        const int length = (sign != 0 ? 1 : 0) + digits + (precision > 0 ? precision + 1 : 0);
+        if (length < width) {
+            std::memcpy(out, "                ", 16);  // width <= 16: blanks, digits overwrite
+        }
+        char* const end = out + (length < width ? width : length);
+        char* p = end;
+        if (precision > 0) {
+            std::uint64_t frac = q % scale;
+            int left = precision;
+            for (; left >= 2; left -= 2) {
+                p -= 2;
+                std::memcpy(p, kDigitPairs + 2 * (frac % 100), 2);
+                frac /= 100;
+            }
+            if (left != 0) *--p = static_cast<char>('0' + frac);
+            *--p = '.';
+        }
+        p = writeDigitsBackwards(p, whole);
+        if (sign != 0) p[-1] = sign;
+        return end;
     }
     // Large values: to_chars is exact and locale-free, like the C locale's printf.
     char buf[kMaxFixedLength];
@@ -119,7 +155,7 @@ inline char* formatInteger(char* out, std::int64_t v, int width) {
 }
 
 /// Longest text formatTimestamp() writes.
-inline constexpr int kMaxTimestampLength = 40;
+inline constexpr int kMaxTimestampLength = 32;
 
 /// "yyyy-MM-dd HH:mm:ss:SSS" of t in the process's local time zone (milliseconds truncated).
 /// The calendar part is converted once per distinct second and cached per thread, keyed by the
@@ -128,5 +164,8 @@ char* formatTimestamp(char* out, platform::TimePoint t);
 
 /// Forgets this thread's cached seconds (after the process changes its time zone).
 void clearTimestampCache();
+
+/// How many local-time conversions this thread has made (the cache's misses).
+std::uint64_t timestampConversions();
 
 }  // namespace kestrelvue::detail
