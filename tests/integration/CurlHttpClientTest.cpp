@@ -1,0 +1,234 @@
+// The libcurl client against the loopback server: what a completion carries, on which thread, and
+// how time-outs, oversized bodies, dropped connections and shutdown end a request.
+#include <gtest/gtest.h>
+#include <kestrelvue/posix/CurlHttpClient.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "support/TestServer.h"
+
+using namespace kestrelvue;
+using namespace kestrelvue::test;
+using namespace std::chrono_literals;
+using platform::HttpRequest;
+using platform::HttpResult;
+
+namespace {
+
+// Collects completions and lets the test wait for them (bounded).
+class Completions {
+  public:
+    platform::HttpCompletion make() {
+        return [this](HttpResult r) {
+            std::lock_guard lock(mutex_);
+            results_.push_back(std::move(r));
+            threads_.push_back(std::this_thread::get_id());
+            cv_.notify_all();
+        };
+    }
+    bool waitFor(std::size_t n, std::chrono::milliseconds timeout = 5s) {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, timeout, [&] { return results_.size() >= n; });
+    }
+    HttpResult at(std::size_t i) {
+        std::lock_guard lock(mutex_);
+        return results_.at(i);
+    }
+    std::thread::id threadOf(std::size_t i) {
+        std::lock_guard lock(mutex_);
+        return threads_.at(i);
+    }
+    std::size_t count() {
+        std::lock_guard lock(mutex_);
+        return results_.size();
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::vector<HttpResult> results_;
+    std::vector<std::thread::id> threads_;
+};
+
+HttpRequest get(const std::string& url, std::chrono::milliseconds timeout = 60s) {
+    HttpRequest r;
+    r.url = url;
+    r.timeout = timeout;
+    return r;
+}
+
+std::string headerOf(const platform::HttpResponse& response, std::string_view name) {
+    for (const auto& [k, v] : response.headers) {
+        if (k.size() == name.size() &&
+            std::equal(k.begin(), k.end(), name.begin(),
+                       [](char a, char b) { return std::tolower(a) == std::tolower(b); }))
+            return v;
+    }
+    return {};
+}
+
+TEST(CurlHttpClient, ReportsStatusHeadersAndBodyOnAWorkerThread) {
+    TestServer server;
+    ScriptedReply reply = ScriptedReply::json(R"({"ok":true})", 202);
+    reply.headers.emplace_back("X-Trace", "abc");
+    server.reply("/r", reply);
+    posix::CurlHttpClient client;
+    Completions done;
+    HttpRequest request = get(server.url("/r?q=1"));
+    request.method = "PUT";
+    request.body = "payload";
+    request.setValue("text/plain", "Content-Type");
+    client.send(request, done.make());
+    ASSERT_TRUE(done.waitFor(1));
+    HttpResult r = done.at(0);
+    EXPECT_NE(done.threadOf(0), std::this_thread::get_id());
+    EXPECT_FALSE(r.error);
+    ASSERT_TRUE(r.response);
+    EXPECT_EQ(r.response->statusCode, 202);
+    EXPECT_EQ(headerOf(*r.response, "x-trace"), "abc");
+    EXPECT_EQ(r.body, R"({"ok":true})");
+
+    ReceivedRequest got = server.requests().at(0);
+    EXPECT_EQ(got.method, "PUT");
+    EXPECT_EQ(got.target, "/r?q=1");
+    EXPECT_EQ(got.body, "payload");
+    EXPECT_EQ(got.header("Content-Type"), "text/plain");
+}
+
+TEST(CurlHttpClient, TellsAnAbsentBodyFromAnEmptyOne) {
+    TestServer server;
+    server.reply("/empty", ScriptedReply::statusOnly(200));
+    server.reply("/absent", ScriptedReply::noBody(200));
+    server.reply("/nocontent", ScriptedReply::noBody(204));
+    // Compressed on the wire when the server chooses to; the completion sees the decoded text.
+    server.reply("/text", ScriptedReply::text(std::string(5000, 'a')));
+    posix::CurlHttpClient client;
+    Completions done;
+    for (const char* path : {"/empty", "/absent", "/nocontent", "/text"}) {
+        client.send(get(server.url(path)), done.make());
+        ASSERT_TRUE(done.waitFor(done.count() + 1)) << path;
+    }
+    EXPECT_EQ(done.at(0).body, std::optional<std::string>(""));
+    EXPECT_EQ(done.at(1).body, std::nullopt);
+    EXPECT_EQ(done.at(1).response->statusCode, 200);
+    EXPECT_EQ(done.at(2).body, std::nullopt);
+    EXPECT_EQ(done.at(2).response->statusCode, 204);
+    EXPECT_EQ(done.at(3).body, std::string(5000, 'a'));
+}
+
+TEST(CurlHttpClient, TransportFailuresCarryAnErrorAndNoResponse) {
+    TestServer server;
+    server.reply("/drop", ScriptedReply::dropped(ScriptedReply::Drop::beforeReply));
+    server.reply("/cut", ScriptedReply::dropped(ScriptedReply::Drop::afterHeaders, "0123456789"));
+    server.reply("/slow", ScriptedReply::text("late").after(3s));
+    server.reply("/big", ScriptedReply::text(std::string(300 * 1024, 'x')));
+    std::string refused;
+    {
+        TestServer gone;
+        refused = gone.url("/x");
+    }
+    posix::CurlHttpClient::Options options;
+    options.maxBodyBytes = 100 * 1024;
+    posix::CurlHttpClient client(options);
+
+    struct Case {
+        std::string url;
+        std::chrono::milliseconds timeout;
+        std::int64_t code;
+    };
+    const Case cases[] = {
+        {server.url("/drop"), 60s, platform::kTransportConnectionLost},
+        {server.url("/cut"), 60s, platform::kTransportConnectionLost},
+        {server.url("/slow"), 300ms, platform::kTransportTimedOut},
+        {server.url("/big"), 60s, platform::kTransportBodyTooLarge},
+        {refused, 60s, platform::kTransportCannotConnectToHost},
+        {"gopher://127.0.0.1/x", 60s, platform::kTransportUnsupportedURL},
+    };
+    for (const Case& c : cases) {
+        Completions done;
+        auto start = std::chrono::steady_clock::now();
+        client.send(get(c.url, c.timeout), done.make());
+        ASSERT_TRUE(done.waitFor(1)) << c.url;
+        HttpResult r = done.at(0);
+        ASSERT_TRUE(r.error) << c.url;
+        EXPECT_EQ(r.error->code, c.code) << c.url << ": " << r.error->description;
+        EXPECT_EQ(r.error->domain, platform::kTransportErrorDomain);
+        EXPECT_FALSE(r.error->description.empty());
+        EXPECT_FALSE(r.response) << c.url;
+        EXPECT_FALSE(r.body) << c.url;
+        if (c.code == platform::kTransportTimedOut) {
+            EXPECT_LT(std::chrono::steady_clock::now() - start, 2s) << "the time-out is honoured";
+        }
+    }
+}
+
+TEST(CurlHttpClient, FollowsRedirects) {
+    TestServer server;
+    ScriptedReply moved = ScriptedReply::statusOnly(302);
+    moved.headers.emplace_back("Location", "/final");
+    server.reply("/start", moved);
+    server.reply("/final", ScriptedReply::text("here"));
+    posix::CurlHttpClient client;
+    Completions done;
+    client.send(get(server.url("/start")), done.make());
+    ASSERT_TRUE(done.waitFor(1));
+    EXPECT_EQ(done.at(0).response->statusCode, 200);
+    EXPECT_EQ(done.at(0).body, "here");
+}
+
+TEST(CurlHttpClient, ManyRequestsInFlightAndSendFromACompletion) {
+    TestServer server;
+    server.reply("/slow", ScriptedReply::text("s").after(300ms));
+    server.reply("/fast", ScriptedReply::text("f"));
+    posix::CurlHttpClient client;
+    Completions done;
+    constexpr int kSlow = 12;
+    auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < kSlow; ++i) client.send(get(server.url("/slow")), done.make());
+    // A completion may start the next request itself.
+    client.send(get(server.url("/fast")),
+                [&](HttpResult) { client.send(get(server.url("/fast")), done.make()); });
+    ASSERT_TRUE(done.waitFor(kSlow + 1, 10s));
+    // Twelve 300 ms replies in parallel, not one after another.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
+    for (std::size_t i = 0; i < done.count(); ++i) EXPECT_FALSE(done.at(i).error);
+}
+
+TEST(CurlHttpClient, DestructionCompletesUnfinishedRequestsAsCancelled) {
+    TestServer server;
+    server.reply("/hang", ScriptedReply::text("never").after(30s));
+    Completions done;
+    {
+        posix::CurlHttpClient client;
+        client.send(get(server.url("/hang")), done.make());
+        client.send(get(server.url("/hang")), done.make());
+        ASSERT_TRUE(server.waitForRequests(2));
+    }
+    ASSERT_EQ(done.count(), 2u) << "every completion ran before the destructor returned";
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(done.at(i).error);
+        EXPECT_EQ(done.at(i).error->code, platform::kTransportCancelled);
+    }
+}
+
+TEST(CurlHttpClient, TheLastOwnerMayLetGoInsideACompletion) {
+    TestServer server;
+    server.reply("/r", ScriptedReply::text("x"));
+    auto client = std::make_shared<posix::CurlHttpClient>();
+    std::mutex m;
+    std::condition_variable cv;
+    bool finished = false;
+    auto* raw = client.get();
+    raw->send(get(server.url("/r")), [&, keep = std::move(client)](HttpResult) mutable {
+        keep.reset();  // destroys the client on its own worker thread
+        std::lock_guard lock(m);
+        finished = true;
+        cv.notify_all();
+    });
+    std::unique_lock lock(m);
+    EXPECT_TRUE(cv.wait_for(lock, 5s, [&] { return finished; }));
+}
+
+}  // namespace

@@ -1,0 +1,110 @@
+#include <gtest/gtest.h>
+#include <kestrelvue/Json.h>
+#include <kestrelvue/Value.h>
+
+#include <cmath>
+#include <limits>
+
+using namespace kestrelvue;
+
+TEST(Value, KindsAndTypedReadsDoNotConvert) {
+    const Value values[] = {Value(),
+                            Value(true),
+                            Value(7),
+                            Value(2.5),
+                            Value("t"),
+                            Value(List{1}),
+                            Value(Object{{"a", 1}}),
+                            Value(TransportError{"d", -1, "x"})};
+    const Value::Kind kinds[] = {Value::Kind::Null,   Value::Kind::Bool,   Value::Kind::Int,
+                                 Value::Kind::Double, Value::Kind::String, Value::Kind::List,
+                                 Value::Kind::Object, Value::Kind::Error};
+    for (std::size_t i = 0; i < std::size(values); ++i) {
+        const Value& v = values[i];
+        EXPECT_EQ(v.kind(), kinds[i]);
+        EXPECT_EQ(v.asBool().has_value(), v.isBool());
+        EXPECT_EQ(v.asInt().has_value(), v.isInt());
+        EXPECT_EQ(v.asNumber().has_value(), v.isInt() || v.isDouble());
+        EXPECT_EQ(v.asString() != nullptr, v.isString());
+        EXPECT_EQ(v.asList() != nullptr, v.isList());
+        EXPECT_EQ(v.asObject() != nullptr, v.isObject());
+        EXPECT_EQ(v.asError() != nullptr, v.isError());
+    }
+    // A transport error is never a text, however it is described.
+    EXPECT_EQ(Value(TransportError{"d", 1, "text"}).asString(), nullptr);
+    EXPECT_FALSE(Value(1) == Value(1.0)) << "an integer and a double are different values";
+    EXPECT_TRUE(Value(Object{{"a", List{1, "x"}}}) == Value(Object{{"a", List{1, "x"}}}));
+    EXPECT_FALSE(Value(Object{{"a", 1}}) == Value(Object{{"a", 2}}));
+    EXPECT_EQ(Value(Object{{"a", 1}}).find("a")->asInt(), 1);
+    EXPECT_EQ(Value(Object{{"a", 1}}).find("b"), nullptr);
+    EXPECT_EQ(Value(List{}).find("a"), nullptr);
+}
+
+TEST(Json, ParsesTheValueKinds) {
+    auto r = json::parse(
+        R"({"i":-12,"big":18446744073709551615,"d":1.5e3,"t":"Ağ\u00e7\n","b":false,"n":null,)"
+        R"("l":[{},[]],"dup":1,"dup":2})");
+    ASSERT_TRUE(r) << r.error;
+    const Value& v = *r.value;
+    EXPECT_TRUE(*v.find("i") == Value(-12));
+    EXPECT_TRUE(v.find("big")->isDouble()) << "beyond 64-bit signed becomes a double";
+    EXPECT_TRUE(*v.find("d") == Value(1500.0));
+    EXPECT_EQ(*v.find("t")->asString(), "Ağç\n");
+    EXPECT_TRUE(*v.find("b") == Value(false));
+    EXPECT_TRUE(v.find("n")->isNull());
+    EXPECT_EQ(v.find("l")->asList()->size(), 2u);
+    EXPECT_TRUE(*v.find("dup") == Value(2)) << "a later duplicate wins";
+}
+
+TEST(Json, RejectsWhatIsNotAListOrObjectDocument) {
+    const char* bad[] = {
+        "",           " ",       "42",         "\"text\"", "true",       "null",
+        "[1,]",       "{\"a\"}", "[1] [2]",    "[1] x",    "{'a':1}",    "[\"\xff\"]",
+        "[\"\xc3\"]", "[NaN]",   "[Infinity]", "[01]",     "[1e999999]",
+    };
+    for (const char* text : bad) {
+        auto r = json::parse(text);
+        EXPECT_FALSE(r) << text;
+        if (!r) {
+            EXPECT_FALSE(r.error.empty()) << text;
+        }
+    }
+    // Deep nesting is an error, not a stack overflow.
+    std::string deep(100000, '[');
+    EXPECT_FALSE(json::parse(deep + std::string(100000, ']')));
+}
+
+TEST(Json, WritesCompactJsonAndRefusesNonFiniteNumbers) {
+    struct Case {
+        Value value;
+        std::optional<std::string> expected;
+    };
+    const double inf = std::numeric_limits<double>::infinity();
+    const Case cases[] = {
+        {Object{{"b", 1}, {"a", List{true, nullptr, "x"}}}, R"({"a":[true,null,"x"],"b":1})"},
+        {List{0.1, -2.5, 1e21, 3.0}, "[0.1,-2.5,1e+21,3]"},
+        {List{std::numeric_limits<std::int64_t>::min()}, "[-9223372036854775808]"},
+        {Object{{"q\"\\\n\t\x01", "ç\x7f"}}, "{\"q\\\"\\\\\\n\\t\\u0001\":\"ç\x7f\"}"},
+        {List{std::nan("")}, std::nullopt},
+        {Object{{"deep", List{Object{{"x", -inf}}}}}, std::nullopt},
+        {List{TransportError{"d", 1, "x"}}, std::nullopt},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(json::write(c.value), c.expected);
+    }
+    // Round trip: what is written reads back as the same value.
+    Value v = Object{{"Score", 87.25}, {"Name", "Şükrü"}, {"L", List{Object{}, List{}}}};
+    auto text = json::write(v);
+    ASSERT_TRUE(text);
+    EXPECT_TRUE(*json::parse(*text).value == v);
+}
+
+TEST(Json, Utf8Validation) {
+    EXPECT_TRUE(json::isValidUtf8(""));
+    EXPECT_TRUE(json::isValidUtf8("Lütfen internet bağlantınızı kontrol ediniz!"));
+    EXPECT_TRUE(json::isValidUtf8("\xf0\x9f\x9a\x97"));  // a car
+    EXPECT_FALSE(json::isValidUtf8("\xff"));
+    EXPECT_FALSE(json::isValidUtf8("a\xc3"));         // truncated
+    EXPECT_FALSE(json::isValidUtf8("\xc0\xaf"));      // overlong
+    EXPECT_FALSE(json::isValidUtf8("\xed\xa0\x80"));  // surrogate
+}

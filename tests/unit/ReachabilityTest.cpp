@@ -1,0 +1,134 @@
+#include <gtest/gtest.h>
+#include <kestrelvue/Reachability.h>
+#include <kestrelvue/posix/DefaultRouteProbe.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+using namespace kestrelvue;
+using platform::FixedReachabilityProbe;
+
+TEST(Reachability, UsableOnlyWhenReachableWithoutAConnectionToEstablish) {
+    struct Case {
+        std::optional<std::uint32_t> flags;
+        bool expected;
+    };
+    const Case cases[] = {
+        {2u, true},   // reachable
+        {6u, false},  // reachable, connection required
+        {4u, false},  // connection required only
+        {0u, false},  // nothing
+        {3u, true},   // other bits play no part
+        {2u | 0xFFF8u, true},
+        {0xFFFFFFFFu, false},
+        {std::nullopt, false},  // the platform cannot answer
+    };
+    for (const Case& c : cases) {
+        Reachability r(std::make_shared<FixedReachabilityProbe>(c.flags));
+        EXPECT_EQ(r.isInternetAvailable(), c.expected)
+            << (c.flags ? std::to_string(*c.flags) : "none");
+    }
+    EXPECT_FALSE(Reachability(nullptr).isInternetAvailable());
+}
+
+namespace {
+
+// A fake /proc and /sys for one probe.
+class RouteFiles {
+  public:
+    RouteFiles() {
+        static int counter = 0;
+        dir_ =
+            std::filesystem::temp_directory_path() /
+            ("kestrelvue-routes-" + std::to_string(::getpid()) + "-" + std::to_string(++counter));
+        std::filesystem::create_directories(dir_ / "net");
+    }
+    ~RouteFiles() {
+        std::error_code ec;
+        std::filesystem::remove_all(dir_, ec);
+    }
+    void ipv4(const std::string& rows) {
+        write("route",
+              "Iface\tDestination\tGateway "
+              "\tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n" +
+                  rows);
+    }
+    void ipv6(const std::string& rows) { write("ipv6_route", rows); }
+    void operstate(const std::string& device, const std::string& state) {
+        std::filesystem::create_directories(dir_ / "net" / device);
+        std::ofstream(dir_ / "net" / device / "operstate") << state << "\n";
+    }
+    std::optional<std::uint32_t> probe() const {
+        posix::DefaultRouteProbe::Paths p;
+        p.ipv4Routes = (dir_ / "route").string();
+        p.ipv6Routes = (dir_ / "ipv6_route").string();
+        p.netDevices = (dir_ / "net").string();
+        return posix::DefaultRouteProbe(p).defaultRouteFlags();
+    }
+
+  private:
+    void write(const std::string& name, const std::string& text) {
+        std::ofstream(dir_ / name) << text;
+    }
+    std::filesystem::path dir_;
+};
+
+const std::string kV4Default = "eth0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n";
+const std::string kV4Subnet = "eth0\t000200C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
+const std::string kV6Default =
+    "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
+    "fd000000000000000000000000000001 00000400 00000002 00000000 00000003     eth0\n";
+const std::string kV6LoopbackReject =
+    "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
+    "00000000000000000000000000000000 ffffffff 00000001 00000000 00200200       lo\n";
+const std::string kV6Subnet =
+    "fd000000000000000000000000000000 40 00000000000000000000000000000000 00 "
+    "00000000000000000000000000000000 00000100 00000001 00000000 00000001     eth0\n";
+
+}  // namespace
+
+TEST(DefaultRouteProbe, AnswersFromTheRoutingTables) {
+    using platform::kReachabilityFlagsReachable;
+    struct Case {
+        const char* label;
+        std::optional<std::string> v4, v6;
+        std::string ethState;  // empty: no operstate file
+        std::optional<std::uint32_t> expected;
+    };
+    const Case cases[] = {
+        {"IPv4 default route", kV4Default + kV4Subnet, kV6LoopbackReject, "up",
+         kReachabilityFlagsReachable},
+        {"IPv6 default route only", kV4Subnet, kV6Subnet + kV6Default, "up",
+         kReachabilityFlagsReachable},
+        {"IPv6 table unreadable", kV4Default, std::nullopt, "up", kReachabilityFlagsReachable},
+        {"IPv4 table unreadable", std::nullopt, kV6Default, "", kReachabilityFlagsReachable},
+        {"tunnel reports unknown", kV4Default, "", "unknown", kReachabilityFlagsReachable},
+        {"only subnet routes", kV4Subnet, kV6Subnet, "up", 0u},
+        {"only the loopback reject route", "", kV6LoopbackReject, "up", 0u},
+        {"device down", kV4Default, kV6Default, "down", 0u},
+        {"device dormant", kV4Default, "", "dormant", 0u},
+        {"route not up", "eth0\t00000000\t010200C0\t0002\t0\t0\t0\t00000000\t0\t0\t0\n", "", "up",
+         0u},
+        {"reject route", "eth0\t00000000\t00000000\t0201\t0\t0\t0\t00000000\t0\t0\t0\n", "", "up",
+         0u},
+        {"default through loopback", "lo\t00000000\t00000000\t0001\t0\t0\t0\t00000000\t0\t0\t0\n",
+         "", "up", 0u},
+        {"garbage lines are skipped", "eth0 zz\n\n\t\t\neth0\t0000\tx\tq\n" + kV4Default, "", "up",
+         kReachabilityFlagsReachable},
+        {"empty tables", "", "", "up", 0u},
+        {"neither table readable", std::nullopt, std::nullopt, "up", std::nullopt},
+    };
+    for (const Case& c : cases) {
+        RouteFiles files;
+        if (c.v4) files.ipv4(*c.v4);
+        if (c.v6) files.ipv6(*c.v6);
+        if (!c.ethState.empty()) files.operstate("eth0", c.ethState);
+        EXPECT_EQ(files.probe(), c.expected) << c.label;
+    }
+}
+
+TEST(DefaultRouteProbe, ThisMachineCanBeAsked) {
+    // Whatever the network, Linux always has routing tables to read.
+    EXPECT_TRUE(posix::DefaultRouteProbe().defaultRouteFlags().has_value());
+}

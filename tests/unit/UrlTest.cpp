@@ -1,0 +1,85 @@
+#include <gtest/gtest.h>
+#include <kestrelvue/Url.h>
+
+using kestrelvue::parseUrl;
+
+TEST(Url, AcceptsHttpAndHttpsAddresses) {
+    struct Case {
+        const char* text;
+        const char* scheme;
+        const char* host;
+        std::optional<int> port;
+        const char* pathAndQuery;
+    };
+    const Case cases[] = {
+        {"http://127.0.0.1:8080/api/Driving/getThresholds", "http", "127.0.0.1", 8080,
+         "/api/Driving/getThresholds"},
+        {"https://example.org", "https", "example.org", std::nullopt, "/"},
+        {"HTTP://Example.org/", "http", "Example.org", std::nullopt, "/"},
+        {"http://h/api/General/getLeaderShip/42?RankType=1", "http", "h", std::nullopt,
+         "/api/General/getLeaderShip/42?RankType=1"},
+        {"http://h/x?latitude=41.0082&longitude=-28.97", "http", "h", std::nullopt,
+         "/x?latitude=41.0082&longitude=-28.97"},
+        {"http://h/a%20b", "http", "h", std::nullopt, "/a%20b"},
+        {"http://h/p#frag", "http", "h", std::nullopt, "/p"},
+        {"http://user:pw@h:1/", "http", "h", 1, "/"},
+        {"http://[::1]:9000/x", "http", "[::1]", 9000, "/x"},
+        {"http://h:/x", "http", "h", std::nullopt, "/x"},
+        {"http://h/!$&'()*+,;=:@-._~", "http", "h", std::nullopt, "/!$&'()*+,;=:@-._~"},
+        {"http://h/x?a=/b?c", "http", "h", std::nullopt, "/x?a=/b?c"},
+    };
+    for (const Case& c : cases) {
+        auto url = parseUrl(c.text);
+        ASSERT_TRUE(url) << c.text;
+        EXPECT_EQ(url->scheme, c.scheme) << c.text;
+        EXPECT_EQ(url->host, c.host) << c.text;
+        EXPECT_EQ(url->port, c.port) << c.text;
+        EXPECT_EQ(url->pathAndQuery, c.pathAndQuery) << c.text;
+        EXPECT_EQ(url->text, c.text);
+    }
+}
+
+TEST(Url, RejectsTextsThatAreNotUsableAddresses) {
+    const char* cases[] = {
+        "",
+        " ",
+        "http://h/a b",
+        "http://h/a\tb",
+        "http://h/a\nb",
+        " http://h/",
+        "http://h/ ",
+        "http://h/ş",  // non-ASCII must be percent-encoded
+        "http://h/a\"b",
+        "http://h/a<b>",
+        "http://h/a{b}",
+        "http://h/a|b",
+        "http://h/a\\b",
+        "http://h/a^b",
+        "http://h/a`b",
+        "http://h/a%",
+        "http://h/a%2",
+        "http://h/a%zz",
+        "http://h/p#a#b",
+        "http://h/[x]",
+        "http:///path",  // no host
+        "http://",
+        "http:/h/x",
+        "http:h",
+        "h/x",
+        "/api/x",
+        "ftp://h/x",  // only http and https
+        "file:///etc/passwd",
+        "1http://h/",
+        "http://h:99999/",
+        "http://h:8a/",
+        "http://h:-1/",
+        "http://[::1/",
+        "http://[zz]/",
+        "http://h h/",
+        "http://h\x7f/",
+    };
+    for (const char* text : cases) {
+        EXPECT_FALSE(parseUrl(text)) << '"' << text << '"';
+    }
+    EXPECT_FALSE(parseUrl(std::string_view("http://h/\0x", 11))) << "embedded NUL";
+}
