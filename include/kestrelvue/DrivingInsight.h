@@ -17,6 +17,7 @@
 #include <kestrelvue/Threshold.h>
 #include <kestrelvue/Trip.h>
 #include <kestrelvue/platform/Location.h>
+#include <kestrelvue/platform/MotionManager.h>
 
 #include <cstdint>
 #include <memory>
@@ -30,6 +31,7 @@ namespace kestrelvue {
 namespace platform {
 class MotionManager;
 class LocationManager;
+struct Placemark;
 }  // namespace platform
 
 class HistoryDataDelegate;
@@ -153,12 +155,68 @@ public:
     void getSummaryData(std::int64_t for_);
 
 private:
-    explicit DrivingInsight(const Environment& environment);
+    /// `sharedCall` is the process's gateway; null makes the engine its own over `environment`.
+    DrivingInsight(const Environment& environment, RestfulCall* sharedCall);
+    friend struct DrivingInsightTestAccess;  // tests/support/EngineAccess.h
+
+    // ---- Private operations ---------------------------------------------------------------
+    // Each is defined in the source file of its concern. "Locked" means: call with mutex_ held;
+    // all others take the lock themselves and must be called without it.
+
+    // Lifecycle.cpp
+    /// 5 (face up) when -0.35 < pitch < 0.35, else 0 (unknown).
+    static int getDeviceOrientation(const Vector3& attitude);
+    /// The placemark's formatted address lines joined with ", ".
+    static std::string formatAddressFromPlacemark(const platform::Placemark& placemark);
+    /// One device-motion delivery of the trip whose sample counter is `counter`.
+    void handleMotionSample(const std::shared_ptr<std::int64_t>& counter,
+                            const std::optional<platform::DeviceMotion>& motion);
+    /// Reverse-geocodes the trip's start position into startLocationStr ("???" on error).
+    void geocodeStartAddress(const platform::Location& location);
+    /// GET of the weather at currentLocation under the observer name "getWeatherInfo".
+    void requestWeather();
+    void tripStoppedEndAnnotationSetted(const Notification& notification);
+    void tripEndedSuccessfully(const Notification& notification);
+    /// The completion step after the last motion upload of a stopped trip: score, lastTrip,
+    /// history entry, "tripEndedSuccessfully". Does nothing while endLocationStr is empty.
+    void completeStoppedTrip();
+    /// CurrentTrip(), Locked.
+    std::shared_ptr<Trip> makeCurrentTripLocked() const;
+    /// Copies the delegate under the lock; call the copy after releasing it.
+    std::shared_ptr<DrivingInsightDelegate> delegateSnapshot() const;
+
+    // Location.cpp
+    /// Speed and distance from `from` to `to` (Locked).
+    void calculateSpeedWhenLocationChanged(const platform::Location& from,
+                                           const platform::Location& to);
+    void setCurrentLocationLocked(std::optional<platform::Location> value);
+    void setTraveledDistanceSinceLastLocationLocked(double value);
+    void setCurrentSpeedLocked(double value);
+
+    // Thresholds.cpp
+    void getThresholdsFromServer();
+    void getThresholds(const Notification& notification);
+
+    // Scoring (detection): the trip score from the totals (Locked).
+    double calculateScore();
+
+    // Permissions.cpp (upload): true when a trip may start; makes its own report otherwise.
+    bool checkLocationPermisionWhenInUse();
+
+    // Motion upload (upload): sends one bulk; the caller has set tripMotion.isSyncingToServer.
+    void sendMotionDataToServer();
+    void MotionDataSynced(const Notification& notification);
+    void MotionDataSyncFailed(const Notification& notification);
 
     mutable std::mutex mutex_;
     const Environment& env_;
     NotificationCenter& center_;
     RestfulCall* restfulCall_;
+    /// The gateway of a detached engine (the shared engine uses RestfulCall::sharedInstance()).
+    std::unique_ptr<RestfulCall> ownRestfulCall_;
+    /// Callbacks queued on the main queue or held by the sensors check it before touching the
+    /// engine, which may have been destroyed meanwhile (detached engines).
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 
     std::int64_t bulkMotionDataSize_ = 1000;
     std::shared_ptr<platform::MotionManager> motionManager_;

@@ -1,9 +1,16 @@
 #pragma once
 
 #include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
 #include <vector>
 
 namespace kestrelvue {
+
+class KeyedArchiver;
+class KeyedUnarchiver;
+struct ThresholdUnarchiveResult;
 
 /// One penalty band: [LimitStart, LimitEnd) costs Impact points, per event or per kilometre.
 class Threshold {
@@ -15,9 +22,46 @@ public:
     double LimitEnd;
     double Impact;
     bool IsPerKilometer;
+
+    /// The class name under which keyed archives record a band (phone applications use it).
+    static constexpr std::string_view archiveClassName =
+        "_TtCC10Kestrelvue14DrivingInsight9Threshold";
+
+    /// Writes "LimitStart", "LimitEnd", "Impact" (doubles) and "IsPerKilometer" (boolean).
+    void encode(KeyedArchiver& coder) const;
+    /// Reads the four keys; a missing key reads as 0.0 or false.
+    explicit Threshold(const KeyedUnarchiver& coder);
+
+    /// This band's whole archive.
+    std::string archivedData() const;
+
+    using UnarchiveResult = ThresholdUnarchiveResult;
+    /// A band from an archive. Refused (with a message) when the container is damaged, the root
+    /// object is of another class, or one of the four keys holds a value of another kind.
+    static UnarchiveResult unarchive(std::string_view data);
+};
+
+struct ThresholdUnarchiveResult {
+    std::optional<Threshold> value;
+    std::string error;  // why the archive was refused
+    explicit operator bool() const { return value.has_value(); }
 };
 
 /// Bands are shared by reference and never edited after they are made.
 using ThresholdList = std::vector<std::shared_ptr<const Threshold>>;
+
+struct ThresholdImpact {
+    double impact = 0.0;
+    bool isPerKilometer = false;
+    bool operator==(const ThresholdImpact&) const = default;
+};
+
+/// The band holding `value`, walking the list in its order: the first band with
+/// LimitStart <= value < LimitEnd wins, and the walk stops at the first band starting above the
+/// value (the list is read as sorted by start). (0.0, false) when none holds it; NaN matches none.
+ThresholdImpact thresholdImpactFor(double value, const ThresholdList& thresholds);
+
+/// Whether thresholdImpactFor() finds a band for `value`.
+bool exceedsThresholds(double value, const ThresholdList& thresholds);
 
 }  // namespace kestrelvue

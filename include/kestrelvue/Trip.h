@@ -86,6 +86,14 @@ public:
 
     const Environment& environment() const { return env_; }
 
+    /// `StartDateTime_Formatted` of `instant`: "dd.MM.yyyy HH:mm" in the local time zone, the
+    /// same in every locale (05.03.2018 14:07).
+    static std::string formatDateTime(platform::TimePoint instant);
+    /// `TimeElapsedTotalDistance_Formatted`: "0:25:13 sn, 12.4 km" from the elapsed text and the
+    /// distance in metres (kilometres with one decimal, as printf's "%.1f").
+    static std::string formatTimeElapsedTotalDistance(const std::string& timeElapsed,
+                                                      double totalDistanceMetres);
+
 private:
     const Environment& env_;
 };

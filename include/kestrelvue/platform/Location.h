@@ -36,12 +36,26 @@ struct MapPin {
 };
 using MapPinRef = std::shared_ptr<MapPin>;
 
-/// Hour, minute and second components of an elapsed time.
+/// Hour, minute and second components of an elapsed time, or the whole interval in nanoseconds
+/// alone (hour, minute and second zero) when asked for that component only.
 struct DateComponents {
     long long hour = 0;
     long long minute = 0;
     long long second = 0;
+    long long nanosecond = 0;
     bool operator==(const DateComponents&) const = default;
+
+    /// Hours, minutes and whole seconds from `from` to `to` (negative when `to` is earlier);
+    /// the fraction of a second is dropped, as a calendar does.
+    static DateComponents hourMinuteSecond(TimePoint from, TimePoint to);
+    /// Whole seconds alone.
+    static DateComponents secondOnly(TimePoint from, TimePoint to);
+    /// The whole interval in nanoseconds alone.
+    static DateComponents nanosecondOnly(TimePoint from, TimePoint to);
 };
+
+/// The shortest decimal text that reads back to `value`, with at least one digit after the point
+/// ("41.0", "29.00123"); never in exponent form and independent of the locale.
+std::string shortestDecimalText(double value);
 
 }  // namespace kestrelvue::platform

@@ -2,6 +2,8 @@
 #include <kestrelvue/posix/CurlHttpClient.h>
 #include <kestrelvue/posix/DefaultRouteProbe.h>
 
+#include "platform/sim/Sim.h"
+
 namespace kestrelvue {
 
 Environment Environment::makeDefault() {
@@ -12,6 +14,16 @@ Environment Environment::makeDefault() {
     env.reachability = std::make_shared<posix::DefaultRouteProbe>();
     env.notifications = std::shared_ptr<NotificationCenter>(&NotificationCenter::defaultCenter(),
                                                             [](NotificationCenter*) {});
+
+    // Linux has no motion or location backend yet: the scriptable ones stand in, delivering
+    // nothing until a host (a replay, say) drives them, on a main queue the host drains.
+    auto mainQueue = std::make_shared<sim::MainQueue>();
+    env.mainQueue = mainQueue;
+    env.makeMotionManager = [] { return std::make_shared<sim::MotionSource>(); };
+    env.makeLocationManager = [] { return std::make_shared<sim::LocationManager>(); };
+    env.geocoder = std::make_shared<sim::Geocoder>(mainQueue);
+    env.application = std::make_shared<sim::Application>();
+    env.device = std::make_shared<sim::Device>();
     return env;
 }
 

@@ -1,0 +1,74 @@
+#include <kestrelvue/KeyedArchive.h>
+#include <kestrelvue/Threshold.h>
+
+namespace kestrelvue {
+
+namespace {
+constexpr const char* kLimitStart = "LimitStart";
+constexpr const char* kLimitEnd = "LimitEnd";
+constexpr const char* kImpact = "Impact";
+constexpr const char* kIsPerKilometer = "IsPerKilometer";
+}  // namespace
+
+ThresholdImpact thresholdImpactFor(double value, const ThresholdList& thresholds) {
+    for (const auto& band : thresholds) {
+        if (!band) continue;
+        if (band->LimitStart <= value && value < band->LimitEnd)
+            return {band->Impact, band->IsPerKilometer};
+        // Comparisons with NaN are false, so NaN walks past every band and matches none.
+        if (value < band->LimitStart) break;
+    }
+    return {};
+}
+
+bool exceedsThresholds(double value, const ThresholdList& thresholds) {
+    for (const auto& band : thresholds) {
+        if (!band) continue;
+        if (band->LimitStart <= value && value < band->LimitEnd) return true;
+        if (value < band->LimitStart) break;
+    }
+    return false;
+}
+
+void Threshold::encode(KeyedArchiver& coder) const {
+    coder.encodeDouble(LimitStart, kLimitStart);
+    coder.encodeDouble(LimitEnd, kLimitEnd);
+    coder.encodeDouble(Impact, kImpact);
+    coder.encodeBool(IsPerKilometer, kIsPerKilometer);
+}
+
+Threshold::Threshold(const KeyedUnarchiver& coder)
+    : LimitStart(coder.decodeDouble(kLimitStart)),
+      LimitEnd(coder.decodeDouble(kLimitEnd)),
+      Impact(coder.decodeDouble(kImpact)),
+      IsPerKilometer(coder.decodeBool(kIsPerKilometer)) {}
+
+std::string Threshold::archivedData() const {
+    KeyedArchiver coder{std::string(archiveClassName)};
+    encode(coder);
+    return coder.encodedData();
+}
+
+Threshold::UnarchiveResult Threshold::unarchive(std::string_view data) {
+    UnarchiveResult result;
+    KeyedUnarchiver::OpenResult opened = KeyedUnarchiver::open(data);
+    if (!opened) {
+        result.error = opened.error;
+        return result;
+    }
+    const KeyedUnarchiver& coder = *opened.unarchiver;
+    if (coder.className() != archiveClassName) {
+        result.error = "archive holds a " + coder.className() + ", not a band";
+        return result;
+    }
+    for (const char* key : {kLimitStart, kLimitEnd, kImpact, kIsPerKilometer}) {
+        if (coder.kindOf(key) == KeyedUnarchiver::Kind::other) {
+            result.error = std::string("archive value of ") + key + " is not a number";
+            return result;
+        }
+    }
+    result.value.emplace(coder);
+    return result;
+}
+
+}  // namespace kestrelvue

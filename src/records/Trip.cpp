@@ -1,0 +1,50 @@
+#include <kestrelvue/Environment.h>
+#include <kestrelvue/Trip.h>
+
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+
+namespace kestrelvue {
+
+Trip::Trip() : Trip(Environment::current()) {}
+
+Trip::Trip(const Environment& environment)
+    : addDrivingScoreURL(environment.serviceURL("/api/Driving/addDrivingScore")),
+      getPassedCoordinatesURL(environment.serviceURL("/api/Driving/getPassedCoordinates")),
+      env_(environment) {
+    // Each creation-time field reads the clock on its own, in declaration order.
+    StartDateTime = env_.clock->now();
+    EndDateTime = env_.clock->now();
+    StartAnnotation = std::make_shared<platform::MapPin>();
+    EndAnnotation = std::make_shared<platform::MapPin>();
+    SystemDate = env_.clock->now();
+}
+
+Trip::~Trip() = default;
+
+std::string Trip::formatDateTime(platform::TimePoint instant) {
+    using namespace std::chrono;
+    // Whole seconds towards minus infinity, so an instant just before a minute stays in it.
+    const auto secs = floor<seconds>(instant).time_since_epoch().count();
+    const std::time_t t = static_cast<std::time_t>(secs);
+    std::tm local{};
+    if (!localtime_r(&t, &local)) return "";
+    char text[64];
+    std::snprintf(text, sizeof text, "%02d.%02d.%04d %02d:%02d", local.tm_mday, local.tm_mon + 1,
+                  local.tm_year + 1900, local.tm_hour, local.tm_min);
+    return text;
+}
+
+std::string Trip::formatTimeElapsedTotalDistance(const std::string& timeElapsed,
+                                                 double totalDistanceMetres) {
+    // to_chars rounds exactly, as glibc's printf does, and never looks at the locale.
+    char number[400];
+    auto [end, ec] = std::to_chars(number, number + sizeof number, totalDistanceMetres / 1000.0,
+                                   std::chars_format::fixed, 1);
+    std::string km = ec == std::errc() ? std::string(number, end) : std::string("nan");
+    return timeElapsed + " sn, " + km + " km";
+}
+
+}  // namespace kestrelvue

@@ -1,0 +1,159 @@
+#pragma once
+// A simulated host for engine tests: the sim platform in virtual time, an HTTP client whose
+// replies the test releases, and a delegate that records what the host heard.
+//
+//   EngineHarness h;                       // fresh clock, queue, sensors, centre, client
+//   auto engine = h.makeEngine();          // DrivingInsight::makeDetached(h.env)
+//   h.location->setAuthorizationStatus(...);
+//   engine->startTrip();
+//   h.clock->advance(1s); engine->didUpdateLocations({h.fix(41.0, 29.0, 5)});
+//   h.motion->push(EngineHarness::flatSample()); h.queue->runUntilIdle();
+//   h.http->deliverAll();                  // answers every request with the responder (200 "[]")
+
+#include <kestrelvue/DrivingInsight.h>
+#include <kestrelvue/Environment.h>
+#include <kestrelvue/platform/HttpClient.h>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/sim/Sim.h"
+
+namespace kestrelvue::test {
+
+/// Keeps every request until the test answers it with deliverAll() (on the test's thread,
+/// standing in for a worker thread).
+class ScriptedHttpClient final : public platform::HttpClient {
+public:
+    using Responder = std::function<platform::HttpResult(const platform::HttpRequest&)>;
+
+    void send(platform::HttpRequest request, platform::HttpCompletion completion) override;
+
+    void setResponder(Responder responder);
+    /// Answers pending requests, and those sent meanwhile, until none is left.
+    std::size_t deliverAll();
+    std::vector<platform::HttpRequest> requests() const;
+    std::vector<std::string> urls() const;
+    std::size_t pending() const;
+
+    static platform::HttpResult reply(long status, std::string body);
+
+private:
+    mutable std::mutex mutex_;
+    Responder responder_;
+    std::vector<platform::HttpRequest> sent_;
+    std::vector<std::pair<platform::HttpRequest, platform::HttpCompletion>> pending_;
+};
+
+/// Records every report, in order.
+class RecordingDelegate final : public DrivingInsightDelegate {
+public:
+    struct Report {
+        std::string kind;  // "tripDidFinish", "tripDidFail"
+        std::int64_t code = 0;
+        std::string title, message;
+        std::shared_ptr<Trip> trip;
+        std::shared_ptr<platform::Alert> alert;
+    };
+    void tripDidFinish(std::shared_ptr<Trip> trip) override;
+    void tripDidFail(std::int64_t errorCode, const std::string& errorTitle,
+                     const std::string& errorMessage,
+                     std::shared_ptr<platform::Alert> alertController) override;
+    std::vector<Report> reports() const;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<Report> reports_;
+};
+
+struct EngineHarness {
+    EngineHarness();
+
+    std::shared_ptr<sim::VirtualClock> clock = std::make_shared<sim::VirtualClock>();
+    std::shared_ptr<sim::SequentialIdGenerator> ids = std::make_shared<sim::SequentialIdGenerator>();
+    std::shared_ptr<sim::MainQueue> queue = std::make_shared<sim::MainQueue>();
+    std::shared_ptr<sim::MotionSource> motion = std::make_shared<sim::MotionSource>();
+    std::shared_ptr<sim::LocationManager> location = std::make_shared<sim::LocationManager>();
+    std::shared_ptr<sim::Geocoder> geocoder = std::make_shared<sim::Geocoder>(queue);
+    std::shared_ptr<sim::Application> application = std::make_shared<sim::Application>();
+    std::shared_ptr<sim::Device> device = std::make_shared<sim::Device>();
+    std::shared_ptr<ScriptedHttpClient> http = std::make_shared<ScriptedHttpClient>();
+    std::shared_ptr<NotificationCenter> center = NotificationCenter::make();
+    std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
+    Environment env;
+
+    /// A detached engine over env, with the recording delegate installed.
+    std::unique_ptr<DrivingInsight> makeEngine();
+
+    /// A fix at the clock's present time (plus `age`, usually negative).
+    platform::Location fix(double latitude, double longitude, double accuracy,
+                           std::chrono::nanoseconds age = {}) const;
+    /// A sample taken while the device lies flat (pitch 0.1).
+    static platform::DeviceMotion flatSample();
+};
+
+}  // namespace kestrelvue::test
+
+namespace kestrelvue {
+
+/// Reaches the engine's private operations and settings for tests.
+struct DrivingInsightTestAccess {
+    static int getDeviceOrientation(const Vector3& attitude) {
+        return DrivingInsight::getDeviceOrientation(attitude);
+    }
+    static std::string formatAddressFromPlacemark(const platform::Placemark& placemark) {
+        return DrivingInsight::formatAddressFromPlacemark(placemark);
+    }
+    static void calculateSpeedWhenLocationChanged(DrivingInsight& e, const platform::Location& from,
+                                                  const platform::Location& to) {
+        std::lock_guard lock(e.mutex_);
+        e.calculateSpeedWhenLocationChanged(from, to);
+    }
+    static double previousSpeed(DrivingInsight& e) {
+        std::lock_guard lock(e.mutex_);
+        return e.previousSpeed;
+    }
+    static void completeStoppedTrip(DrivingInsight& e) { e.completeStoppedTrip(); }
+    static void requestWeather(DrivingInsight& e) { e.requestWeather(); }
+
+    struct Settings {
+        double updateInterval, distanceFilter, distanceFilterForSpeed;
+        std::int64_t durations[4];
+        ThresholdList cornering, speeding, braking, elevating, laneChanging, fuel;
+    };
+    static Settings settings(DrivingInsight& e) {
+        std::lock_guard lock(e.mutex_);
+        return Settings{e.updateInterval,
+                        e.distanceFilter,
+                        e.distanceFilterForSpeed,
+                        {e.sharpLaneChangingDuration1, e.sharpLaneChangingDuration2,
+                         e.sharpLaneChangingDuration3, e.sharpLaneChangingDuration4},
+                        e.sharpCorneringLevel,
+                        e.sharpSpeedingLevel,
+                        e.sharpBrakingLevel,
+                        e.sharpElevatingLevel,
+                        e.sharpLaneChangingLevel,
+                        e.fuelEfficiencyLevel};
+    }
+    static int deviceOrientation(DrivingInsight& e) {
+        std::lock_guard lock(e.mutex_);
+        return e.deviceOrientation;
+    }
+    static int deviceOrientationGiven(DrivingInsight& e) {
+        std::lock_guard lock(e.mutex_);
+        return e.deviceOrientationGiven;
+    }
+    static bool isSyncingToServer(DrivingInsight& e) {
+        std::lock_guard lock(e.mutex_);
+        return e.tripMotion.isSyncingToServer;
+    }
+    static void setSyncingToServer(DrivingInsight& e, bool value) {
+        std::lock_guard lock(e.mutex_);
+        e.tripMotion.isSyncingToServer = value;
+    }
+};
+
+}  // namespace kestrelvue

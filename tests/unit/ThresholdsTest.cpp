@@ -1,0 +1,321 @@
+// Band lookups, the band archive, and the handler of the threshold reply.
+
+#include <gtest/gtest.h>
+#include <kestrelvue/Json.h>
+#include <kestrelvue/KeyedArchive.h>
+
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "support/EngineHarness.h"
+
+namespace kestrelvue {
+namespace {
+
+using test::EngineHarness;
+
+ThresholdList bands(std::initializer_list<Threshold> list) {
+    ThresholdList out;
+    for (const Threshold& t : list) out.push_back(std::make_shared<const Threshold>(t));
+    return out;
+}
+
+TEST(BandLookup, Cases) {
+    struct Case {
+        const char* name;
+        ThresholdList list;
+        double value;
+        ThresholdImpact expected;
+    };
+    const ThresholdList two = bands({{0, 1, 2, false}, {1, 2, 5, true}});
+    const Case cases[] = {
+        {"empty list", {}, 1.0, {}},
+        {"start is inclusive", two, 1.0, {5, true}},
+        {"first band", two, 0.5, {2, false}},
+        {"end is exclusive", two, 2.0, {}},
+        {"below every band", two, -0.1, {}},
+        {"NaN matches nothing", two, NAN, {}},
+        {"out of order: the walk stops at the first band", bands({{5, 6, 9, false}, {1, 2, 3, false}}),
+         1.5, {}},
+        {"overlapping: the first listed band wins", bands({{0, 10, 1, false}, {2, 3, 7, true}}), 2.5,
+         {1, false}},
+        {"gap between bands", bands({{0, 1, 1, false}, {2, 3, 7, true}}), 1.5, {}},
+        {"infinite value", two, INFINITY, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(thresholdImpactFor(c.value, c.list), c.expected);
+        EXPECT_EQ(exceedsThresholds(c.value, c.list), c.expected != ThresholdImpact{});
+    }
+}
+
+// ---- Archive --------------------------------------------------------------------------------
+
+std::string python(const std::string& script, const std::string& input = "") {
+    static int serial = 0;
+    const std::string base = ::testing::TempDir() + "kv_plist_" + std::to_string(::getpid()) + "_" +
+                             std::to_string(serial++);
+    {
+        std::ofstream(base + ".py") << script;
+        std::ofstream(base + ".in", std::ios::binary) << input;
+    }
+    const std::string command =
+        "python3 " + base + ".py " + base + ".in " + base + ".out 2>" + base + ".err";
+    if (std::system(command.c_str()) != 0) {
+        std::ifstream err(base + ".err");
+        std::stringstream s;
+        s << err.rdbuf();
+        ADD_FAILURE() << "python3 failed: " << s.str();
+        return "";
+    }
+    std::ifstream out(base + ".out", std::ios::binary);
+    std::stringstream s;
+    s << out.rdbuf();
+    return s.str();
+}
+
+bool havePython() { return std::system("python3 -c 'import plistlib' >/dev/null 2>&1") == 0; }
+
+TEST(BandArchive, RoundTrip) {
+    const Threshold cases[] = {{0.3, 0.5, 2, false}, {-1e300, 1e-300, 0.1, true}, {0, 0, 0, false}};
+    for (const Threshold& t : cases) {
+        auto back = Threshold::unarchive(t.archivedData());
+        ASSERT_TRUE(back) << back.error;
+        EXPECT_EQ(back.value->LimitStart, t.LimitStart);
+        EXPECT_EQ(back.value->LimitEnd, t.LimitEnd);
+        EXPECT_EQ(back.value->Impact, t.Impact);
+        EXPECT_EQ(back.value->IsPerKilometer, t.IsPerKilometer);
+    }
+}
+
+TEST(BandArchive, PythonReadsOurArchive) {
+    if (!havePython()) GTEST_SKIP() << "python3 with plistlib is not installed";
+    const std::string script = R"(
+import plistlib, sys
+p = plistlib.loads(open(sys.argv[1], 'rb').read())
+assert p['$archiver'] == 'NSKeyedArchiver', p
+assert p['$version'] == 100000
+objs = p['$objects']
+assert objs[0] == '$null'
+root = objs[p['$top']['root'].data]
+cls = objs[root['$class'].data]
+out = '%s|%s|%r|%r|%r|%r' % (cls['$classname'], ','.join(cls['$classes']), root['LimitStart'],
+      root['LimitEnd'], root['Impact'], root['IsPerKilometer'])
+open(sys.argv[2], 'w').write(out)
+)";
+    EXPECT_EQ(python(script, Threshold(0.25, 9.5, 3, true).archivedData()),
+              "_TtCC10Kestrelvue14DrivingInsight9Threshold|"
+              "_TtCC10Kestrelvue14DrivingInsight9Threshold,NSObject|0.25|9.5|3.0|True");
+}
+
+TEST(BandArchive, WeReadPythonsArchive) {
+    if (!havePython()) GTEST_SKIP() << "python3 with plistlib is not installed";
+    const std::string writer = R"(
+import plistlib, sys
+name = '_TtCC10Kestrelvue14DrivingInsight9Threshold'
+fields = {'$class': plistlib.UID(2), 'LimitStart': 1.5, 'LimitEnd': 4, 'Impact': 2.25}
+if open(sys.argv[1]).read() == 'flag':
+    fields['IsPerKilometer'] = True
+archive = {'$archiver': 'NSKeyedArchiver', '$version': 100000,
+           '$top': {'root': plistlib.UID(1)},
+           '$objects': ['$null', fields, {'$classname': name, '$classes': [name, 'NSObject']}]}
+open(sys.argv[2], 'wb').write(plistlib.dumps(archive, fmt=plistlib.FMT_BINARY))
+)";
+    for (bool flag : {true, false}) {
+        auto band = Threshold::unarchive(python(writer, flag ? "flag" : "none"));
+        ASSERT_TRUE(band) << band.error;
+        EXPECT_EQ(band.value->LimitStart, 1.5);
+        EXPECT_EQ(band.value->LimitEnd, 4.0);  // written as an integer
+        EXPECT_EQ(band.value->Impact, 2.25);
+        EXPECT_EQ(band.value->IsPerKilometer, flag);  // a missing flag reads as false
+    }
+}
+
+TEST(BandArchive, MissingKeysReadAsZero) {
+    KeyedArchiver coder{std::string(Threshold::archiveClassName)};
+    coder.encodeDouble(7, "Impact");
+    auto band = Threshold::unarchive(coder.encodedData());
+    ASSERT_TRUE(band) << band.error;
+    EXPECT_EQ(band.value->LimitStart, 0.0);
+    EXPECT_EQ(band.value->LimitEnd, 0.0);
+    EXPECT_EQ(band.value->Impact, 7.0);
+    EXPECT_FALSE(band.value->IsPerKilometer);
+}
+
+TEST(BandArchive, RefusesOtherArchives) {
+    KeyedArchiver other{"NSDate"};
+    other.encodeDouble(1, "NS.time");
+    EXPECT_FALSE(Threshold::unarchive(other.encodedData()));
+    EXPECT_FALSE(Threshold::unarchive(""));
+    EXPECT_FALSE(Threshold::unarchive("bplist00"));
+    EXPECT_FALSE(Threshold::unarchive(std::string(40, '\0')));
+    EXPECT_FALSE(Threshold::unarchive("<?xml version=\"1.0\"?><plist></plist>"));
+}
+
+TEST(BandArchive, DamagedArchivesAreErrorsNotCrashes) {
+    const std::string good = Threshold(0.3, 0.5, 2, true).archivedData();
+    // Every truncation is refused.
+    for (std::size_t n = 0; n < good.size(); ++n)
+        EXPECT_FALSE(Threshold::unarchive(good.substr(0, n))) << "length " << n;
+    // Random corruption never crashes and never reads out of bounds (run under the sanitizers).
+    std::mt19937 random(12345);
+    for (int round = 0; round < 20000; ++round) {
+        std::string bad = good;
+        const int flips = 1 + static_cast<int>(random() % 4);
+        for (int i = 0; i < flips; ++i)
+            bad[random() % bad.size()] = static_cast<char>(random() & 0xFF);
+        (void)Threshold::unarchive(bad);
+    }
+    // A trailer that claims a huge object count or offsets past the end.
+    std::string lying = good;
+    for (int i = 0; i < 8; ++i) lying[lying.size() - 24 + i] = '\xFF';
+    EXPECT_FALSE(Threshold::unarchive(lying));
+}
+
+// ---- Threshold reply --------------------------------------------------------------------------
+
+class ThresholdReply : public ::testing::Test {
+protected:
+    EngineHarness h;
+    std::unique_ptr<DrivingInsight> engine = h.makeEngine();
+    std::vector<UserInfo> got;
+    ObserverToken token = h.center->addObserver(
+        "thresholdsGot", [this](const Notification& n) { got.push_back(n.userInfo); });
+
+    void reply(const std::string& json) {
+        auto parsed = json::parse(json);
+        ASSERT_TRUE(parsed) << parsed.error;
+        h.center->post("getThresholds", nullptr, Object{{"Data", *parsed.value}});
+    }
+    bool failed() const {
+        return got.size() == 1 && got[0] && got[0]->size() == 1 &&
+               got[0]->at("error") == Value("Sunucudan ayarlar indirilemedi. Tekrar deneyiniz");
+    }
+    bool succeeded() const { return got.size() == 1 && !got[0].has_value(); }
+};
+
+TEST_F(ThresholdReply, BandsAreAppendedInReplyOrder) {
+    reply(R"([{"_enmThresholdName":"SharpBrakingLevel","_limitStart":0.3,"_limitEnd":0.5,"_impact":2,"_perKilometer":false},
+              {"_enmThresholdName":"SharpBrakingLevel","_limitStart":0.5,"_limitEnd":9,"_impact":5,"_perKilometer":false}])");
+    EXPECT_TRUE(succeeded());
+    auto s = DrivingInsightTestAccess::settings(*engine);
+    ASSERT_EQ(s.braking.size(), 2u);
+    EXPECT_EQ(s.braking[0]->LimitStart, 0.3);
+    EXPECT_EQ(s.braking[0]->Impact, 2.0);
+    EXPECT_EQ(s.braking[1]->LimitEnd, 9.0);
+    EXPECT_TRUE(s.cornering.empty() && s.speeding.empty() && s.elevating.empty() &&
+                s.laneChanging.empty() && s.fuel.empty());
+}
+
+TEST_F(ThresholdReply, EveryNameReachesItsSetting) {
+    reply(R"([
+      {"_enmThresholdName":"UpdateInterval","_limitStart":0.25,"_limitEnd":99,"_impact":99,"_perKilometer":true},
+      {"_enmThresholdName":"DistanceFilter","_limitStart":25,"_limitEnd":75,"_impact":0,"_perKilometer":false},
+      {"_enmThresholdName":"SharpLaneChangingDuration1","_limitStart":2.9,"_limitEnd":0,"_impact":0,"_perKilometer":false},
+      {"_enmThresholdName":"SharpLaneChangingDuration2","_limitStart":-2.9,"_limitEnd":0,"_impact":0,"_perKilometer":false},
+      {"_enmThresholdName":"SharpLaneChangingDuration3","_limitStart":6.7,"_limitEnd":0,"_impact":0,"_perKilometer":false},
+      {"_enmThresholdName":"SharpLaneChangingDuration4","_limitStart":20,"_limitEnd":0,"_impact":0,"_perKilometer":false},
+      {"_enmThresholdName":"SharpCorneringLevel","_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":true},
+      {"_enmThresholdName":"SharpSpeedingLevel","_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":false},
+      {"_enmThresholdName":"SharpElevatingLevel","_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":false},
+      {"_enmThresholdName":"SharpLaneChangingLevel","_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":false},
+      {"_enmThresholdName":"FuelEfficiency","_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":true},
+      {"_enmThresholdName":"SomethingNew","_limitStart":"any","_perKilometer":7},
+      {"_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":true}
+    ])");
+    EXPECT_TRUE(succeeded());
+    auto s = DrivingInsightTestAccess::settings(*engine);
+    EXPECT_EQ(s.updateInterval, 0.25);
+    EXPECT_EQ(s.distanceFilterForSpeed, 25.0);
+    EXPECT_EQ(s.distanceFilter, 75.0);
+    EXPECT_EQ(std::vector<std::int64_t>(s.durations, s.durations + 4),
+              (std::vector<std::int64_t>{2, -2, 6, 20}));
+    EXPECT_EQ(s.cornering.size(), 1u);
+    EXPECT_TRUE(s.cornering[0]->IsPerKilometer);
+    EXPECT_EQ(s.speeding.size(), 1u);
+    EXPECT_EQ(s.elevating.size(), 1u);
+    EXPECT_EQ(s.laneChanging.size(), 1u);
+    EXPECT_EQ(s.fuel.size(), 1u);
+    EXPECT_EQ(engine->FuelEfficiencyLevel().size(), 1u);
+    EXPECT_TRUE(s.braking.empty());
+}
+
+TEST_F(ThresholdReply, EmptyListSucceedsAndChangesNothing) {
+    reply("[]");
+    EXPECT_TRUE(succeeded());
+    EXPECT_EQ(DrivingInsightTestAccess::settings(*engine).updateInterval, 0.5);
+}
+
+TEST_F(ThresholdReply, CallFailure) {
+    h.center->post("getThresholds", nullptr, Object{{"error", "Bad URL!"}});
+    EXPECT_TRUE(failed());
+}
+
+TEST(ThresholdReplyMalformed, WholeReplyIsRefusedAndNothingApplied) {
+    const std::string good =
+        R"({"_enmThresholdName":"SharpCorneringLevel","_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":true},)"
+        R"({"_enmThresholdName":"UpdateInterval","_limitStart":0.2,"_limitEnd":0,"_impact":0,"_perKilometer":false})";
+    struct Case {
+        const char* name;
+        std::optional<Object> userInfo;
+    };
+    auto data = [&](const std::string& tail) -> std::optional<Object> {
+        auto parsed = json::parse("[" + good + "," + tail + "]");
+        EXPECT_TRUE(parsed) << tail;
+        return Object{{"Data", *parsed.value}};
+    };
+    const Case cases[] = {
+        {"no user information", std::nullopt},
+        {"no Data", Object{}},
+        {"Data null", Object{{"Data", Value()}}},
+        {"Data an object", Object{{"Data", Object{}}}},
+        {"error that is not a text", Object{{"error", TransportError{"NSURLErrorDomain", -1001, "x"}}}},
+        {"element not an object", data("7")},
+        {"name not a text", data(R"({"_enmThresholdName":5,"_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":true})")},
+        {"member missing", data(R"({"_enmThresholdName":"SharpBrakingLevel","_limitStart":1,"_limitEnd":2,"_perKilometer":true})")},
+        {"member a text", data(R"({"_enmThresholdName":"SharpBrakingLevel","_limitStart":"1","_limitEnd":2,"_impact":3,"_perKilometer":true})")},
+        {"flag a number", data(R"({"_enmThresholdName":"SharpBrakingLevel","_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":1})")},
+        {"duration beyond 64 bits", data(R"({"_enmThresholdName":"SharpLaneChangingDuration1","_limitStart":1e19,"_limitEnd":0,"_impact":0,"_perKilometer":false})")},
+        {"zero update interval", data(R"({"_enmThresholdName":"UpdateInterval","_limitStart":0,"_limitEnd":0,"_impact":0,"_perKilometer":false})")},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EngineHarness h;
+        auto engine = h.makeEngine();
+        std::vector<UserInfo> got;
+        auto token = h.center->addObserver(
+            "thresholdsGot", [&](const Notification& n) { got.push_back(n.userInfo); });
+        h.center->post("getThresholds", nullptr, c.userInfo);
+        ASSERT_EQ(got.size(), 1u);
+        ASSERT_TRUE(got[0]);
+        EXPECT_EQ(got[0]->at("error"), Value("Sunucudan ayarlar indirilemedi. Tekrar deneyiniz"));
+        auto s = DrivingInsightTestAccess::settings(*engine);
+        EXPECT_TRUE(s.cornering.empty());
+        EXPECT_EQ(s.updateInterval, 0.5);
+    }
+}
+
+TEST(ThresholdReplyMalformed, NonFiniteNumbersAreRefused) {
+    for (double bad : {NAN, INFINITY, -INFINITY}) {
+        EngineHarness h;
+        auto engine = h.makeEngine();
+        std::vector<UserInfo> got;
+        auto token = h.center->addObserver(
+            "thresholdsGot", [&](const Notification& n) { got.push_back(n.userInfo); });
+        Object element{{"_enmThresholdName", "SharpBrakingLevel"},
+                       {"_limitStart", bad},
+                       {"_limitEnd", 2.0},
+                       {"_impact", 1.0},
+                       {"_perKilometer", false}};
+        h.center->post("getThresholds", nullptr, Object{{"Data", List{Value(element)}}});
+        ASSERT_EQ(got.size(), 1u);
+        EXPECT_TRUE(got[0] && got[0]->count("error"));
+        EXPECT_TRUE(DrivingInsightTestAccess::settings(*engine).braking.empty());
+    }
+}
+
+}  // namespace
+}  // namespace kestrelvue
