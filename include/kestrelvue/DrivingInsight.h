@@ -157,7 +157,7 @@ public:
 private:
     /// `sharedCall` is the process's gateway; null makes the engine its own over `environment`.
     DrivingInsight(const Environment& environment, RestfulCall* sharedCall);
-    friend struct DrivingInsightTestAccess;  // tests/support/EngineAccess.h
+    friend struct DrivingInsightTestAccess;  // tests/support/EngineHarness.h
 
     // ---- Private operations ---------------------------------------------------------------
     // Each is defined in the source file of its concern. "Locked" means: call with mutex_ held;

@@ -14,9 +14,12 @@ struct ThresholdUnarchiveResult;
 
 /// One penalty band: [LimitStart, LimitEnd) costs Impact points, per event or per kilometre.
 class Threshold {
-public:
+  public:
     Threshold(double limitStart, double limitEnd, double impact, bool isPerKilometer)
-        : LimitStart(limitStart), LimitEnd(limitEnd), Impact(impact), IsPerKilometer(isPerKilometer) {}
+        : LimitStart(limitStart),
+          LimitEnd(limitEnd),
+          Impact(impact),
+          IsPerKilometer(isPerKilometer) {}
 
     double LimitStart;
     double LimitEnd;

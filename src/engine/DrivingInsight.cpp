@@ -7,9 +7,9 @@
 #include <kestrelvue/platform/LocationManager.h>
 #include <kestrelvue/platform/MotionManager.h>
 
-#include "platform/sim/Sim.h"
-
 #include <utility>
+
+#include "platform/sim/Sim.h"
 
 namespace kestrelvue {
 
@@ -38,9 +38,10 @@ DrivingInsight::DrivingInsight(const Environment& environment, RestfulCall* shar
     if (!restfulCall_) {
         ownRestfulCall_ = std::make_unique<RestfulCall>(
             env_.http,
-            env_.notifications ? env_.notifications
-                               : std::shared_ptr<NotificationCenter>(
-                                     &NotificationCenter::defaultCenter(), [](NotificationCenter*) {}),
+            env_.notifications
+                ? env_.notifications
+                : std::shared_ptr<NotificationCenter>(&NotificationCenter::defaultCenter(),
+                                                      [](NotificationCenter*) {}),
             std::make_shared<Reachability>(env_.reachability));
         restfulCall_ = ownRestfulCall_.get();
     }
@@ -55,7 +56,8 @@ DrivingInsight::DrivingInsight(const Environment& environment, RestfulCall* shar
     endAnnotation = std::make_shared<platform::MapPin>();
     {
         auto first = env_.clock->now();
-        timeElapsedSinceStart = platform::DateComponents::hourMinuteSecond(first, env_.clock->now());
+        timeElapsedSinceStart =
+            platform::DateComponents::hourMinuteSecond(first, env_.clock->now());
         first = env_.clock->now();
         timeElapsedSinceLastLocation =
             platform::DateComponents::hourMinuteSecond(first, env_.clock->now());
@@ -170,15 +172,15 @@ void DrivingInsight::setDrivingInsightDelegate(std::shared_ptr<DrivingInsightDel
 
 // ---- Accessors --------------------------------------------------------------------------------
 
-#define KV_GETTER(Type, Name, field)          \
-    Type DrivingInsight::Name() const {       \
-        std::lock_guard lock(mutex_);         \
-        return field;                         \
+#define KV_GETTER(Type, Name, field)    \
+    Type DrivingInsight::Name() const { \
+        std::lock_guard lock(mutex_);   \
+        return field;                   \
     }
-#define KV_SETTER(Type, Name, field)          \
-    void DrivingInsight::Name(Type value) {   \
-        std::lock_guard lock(mutex_);         \
-        field = std::move(value);             \
+#define KV_SETTER(Type, Name, field)        \
+    void DrivingInsight::Name(Type value) { \
+        std::lock_guard lock(mutex_);       \
+        field = std::move(value);           \
     }
 
 KV_GETTER(std::int64_t, UserID, userID)
@@ -211,8 +213,7 @@ KV_SETTER(platform::MapPinRef, setEndAnnotation, endAnnotation)
 KV_GETTER(std::vector<platform::Coordinate>, PassedCoordinates, passedCoordinates)
 KV_SETTER(std::vector<platform::Coordinate>, setPassedCoordinates, passedCoordinates)
 KV_GETTER(std::optional<platform::DateComponents>, TimeElapsedSinceStart, timeElapsedSinceStart)
-KV_SETTER(std::optional<platform::DateComponents>, setTimeElapsedSinceStart,
-          timeElapsedSinceStart)
+KV_SETTER(std::optional<platform::DateComponents>, setTimeElapsedSinceStart, timeElapsedSinceStart)
 KV_GETTER(std::optional<platform::DateComponents>, TimeElapsedSinceLastLocation,
           timeElapsedSinceLastLocation)
 KV_SETTER(std::optional<platform::DateComponents>, setTimeElapsedSinceLastLocation,

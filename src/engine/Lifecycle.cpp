@@ -89,8 +89,8 @@ bool DrivingInsight::startTrip() {
         traveledDistanceSinceLastLocation = 0;
         sharpCorneringCount = sharpSpeedingCount = sharpBrakingCount = sharpElevatingCount =
             sharpLaneChangingCount = 0;
-        sharpCorneringPenalty = sharpSpeedingPenalty = sharpBrakingPenalty =
-            sharpElevatingPenalty = sharpLaneChangingPenalty = 0;
+        sharpCorneringPenalty = sharpSpeedingPenalty = sharpBrakingPenalty = sharpElevatingPenalty =
+            sharpLaneChangingPenalty = 0;
         sharpCorneringPenaltyPerKM = sharpSpeedingPenaltyPerKM = sharpBrakingPenaltyPerKM =
             sharpElevatingPenaltyPerKM = sharpLaneChangingPenaltyPerKM =
                 fuelEfficiencyPenaltyPerKM = 0;
@@ -275,7 +275,9 @@ void DrivingInsight::completeStoppedTrip() {
     center_.post("tripEndedSuccessfully", this);
 }
 
-void DrivingInsight::tripEndedSuccessfully(const Notification&) { CurrentTrip()->saveToServer(); }
+void DrivingInsight::tripEndedSuccessfully(const Notification&) {
+    CurrentTrip()->saveToServer();
+}
 
 std::shared_ptr<Trip> DrivingInsight::makeCurrentTripLocked() const {
     auto trip = std::make_shared<Trip>(env_);

@@ -24,8 +24,9 @@ void DrivingInsight::didUpdateLocations(const std::vector<platform::Location>& l
             // one, every candidate counts as newer.
             if (currentLocation) {
                 const bool newer = fix.timestamp > currentLocation->timestamp;
-                const bool sameButBetter = fix.timestamp == currentLocation->timestamp &&
-                                           fix.horizontalAccuracy < currentLocation->horizontalAccuracy;
+                const bool sameButBetter =
+                    fix.timestamp == currentLocation->timestamp &&
+                    fix.horizontalAccuracy < currentLocation->horizontalAccuracy;
                 if (!newer && !sameButBetter) continue;
             }
             if (fix.timestamp < now - std::chrono::seconds(1)) continue;
@@ -61,7 +62,8 @@ void DrivingInsight::calculateSpeedWhenLocationChanged(const platform::Location&
         return;
 
     setTraveledDistanceSinceLastLocationLocked(from.distance(to));
-    timeElapsedSinceLastLocation = platform::DateComponents::nanosecondOnly(from.timestamp, to.timestamp);
+    timeElapsedSinceLastLocation =
+        platform::DateComponents::nanosecondOnly(from.timestamp, to.timestamp);
     hoursElapsedSinceLastLocation = static_cast<double>(timeElapsedSinceLastLocation->nanosecond) /
                                     (birSaatKacSaniye * birSaniyeKacNanoSaniye);
     if (hoursElapsedSinceLastLocation == 0) return;

@@ -9,8 +9,7 @@ namespace kestrelvue {
 // Sample evaluation: only the lifecycle's part (end position, first-sample start position,
 // annotation, time and address).
 void DrivingInsight::evaluateActionForDrivingScore(std::int64_t motionId, const Vector3&,
-                                                   const Vector3&, const Vector3&,
-                                                   const Vector3&) {
+                                                   const Vector3&, const Vector3&, const Vector3&) {
     std::optional<platform::Location> start;
     {
         std::lock_guard lock(mutex_);
@@ -28,13 +27,19 @@ void DrivingInsight::evaluateActionForDrivingScore(std::int64_t motionId, const 
 }
 
 // Trip score (detection).
-double DrivingInsight::calculateScore() { return 100.0; }
+double DrivingInsight::calculateScore() {
+    return 100.0;
+}
 
 // Permission check (upload).
-bool DrivingInsight::checkLocationPermisionWhenInUse() { return true; }
+bool DrivingInsight::checkLocationPermisionWhenInUse() {
+    return true;
+}
 
 // Motion upload (upload): behaves as an upload that succeeded at once.
-void DrivingInsight::sendMotionDataToServer() { center_.post("motionDataSynced", this); }
+void DrivingInsight::sendMotionDataToServer() {
+    center_.post("motionDataSynced", this);
+}
 
 void DrivingInsight::MotionDataSynced(const Notification&) {
     bool complete = false;

@@ -139,7 +139,9 @@ void DrivingInsight::getThresholds(const Notification& notification) {
                                                          e.perKilometer);
             };
             switch (e.target) {
-                case Target::updateInterval: updateInterval = e.limitStart; break;
+                case Target::updateInterval:
+                    updateInterval = e.limitStart;
+                    break;
                 case Target::distanceFilter:
                     distanceFilterForSpeed = e.limitStart;
                     distanceFilter = e.limitEnd;
@@ -156,12 +158,24 @@ void DrivingInsight::getThresholds(const Notification& notification) {
                 case Target::duration4:
                     sharpLaneChangingDuration4 = static_cast<std::int64_t>(e.limitStart);
                     break;
-                case Target::cornering: sharpCorneringLevel.push_back(band()); break;
-                case Target::speeding: sharpSpeedingLevel.push_back(band()); break;
-                case Target::braking: sharpBrakingLevel.push_back(band()); break;
-                case Target::elevating: sharpElevatingLevel.push_back(band()); break;
-                case Target::laneChanging: sharpLaneChangingLevel.push_back(band()); break;
-                case Target::fuel: fuelEfficiencyLevel.push_back(band()); break;
+                case Target::cornering:
+                    sharpCorneringLevel.push_back(band());
+                    break;
+                case Target::speeding:
+                    sharpSpeedingLevel.push_back(band());
+                    break;
+                case Target::braking:
+                    sharpBrakingLevel.push_back(band());
+                    break;
+                case Target::elevating:
+                    sharpElevatingLevel.push_back(band());
+                    break;
+                case Target::laneChanging:
+                    sharpLaneChangingLevel.push_back(band());
+                    break;
+                case Target::fuel:
+                    fuelEfficiencyLevel.push_back(band());
+                    break;
             }
         }
     }

@@ -1,7 +1,6 @@
 #include <kestrelvue/platform/Location.h>
 
 #include <GeographicLib/Geodesic.hpp>
-
 #include <charconv>
 #include <chrono>
 #include <cmath>

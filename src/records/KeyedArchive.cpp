@@ -25,7 +25,7 @@ constexpr std::size_t kMaxArchiveBytes = 1 << 20;
 // ---- Writer -------------------------------------------------------------------------------------
 
 class PlistWriter {
-public:
+  public:
     std::size_t addString(std::string_view text) {
         // Only ASCII texts are written (keys and class names); each is stored once.
         for (std::size_t i = 0; i < strings_.size(); ++i)
@@ -81,7 +81,7 @@ public:
 
     std::size_t size() const { return objects_.size(); }
 
-private:
+  private:
     std::size_t add(std::string encoded) {
         objects_.push_back(std::move(encoded));
         return objects_.size() - 1;
@@ -114,12 +114,12 @@ struct Obj {
     std::int64_t integer = 0;
     double real = 0;
     std::uint64_t uid = 0;
-    std::string text;                  // strings, as UTF-8
-    std::vector<std::uint64_t> refs;   // arrays, sets; dicts: keys then values
+    std::string text;                 // strings, as UTF-8
+    std::vector<std::uint64_t> refs;  // arrays, sets; dicts: keys then values
 };
 
 class PlistReader {
-public:
+  public:
     explicit PlistReader(std::string_view data) : d_(data) {}
 
     bool parse(std::string& error) {
@@ -177,7 +177,7 @@ public:
         return nullptr;
     }
 
-private:
+  private:
     static bool validSize(unsigned s) { return s == 1 || s == 2 || s == 4 || s == 8; }
     unsigned byte(std::size_t at) const { return static_cast<unsigned char>(d_[at]); }
     std::uint64_t big(std::size_t at, unsigned bytes) const {
@@ -220,7 +220,8 @@ private:
                 const unsigned bytes = 1u << low;
                 const std::uint64_t v = big(at, bytes);
                 o.type = Obj::Type::integer;
-                o.integer = bytes == 8 ? static_cast<std::int64_t>(v) : static_cast<std::int64_t>(v);
+                o.integer =
+                    bytes == 8 ? static_cast<std::int64_t>(v) : static_cast<std::int64_t>(v);
                 return true;
             }
             case 0x2:
@@ -273,8 +274,9 @@ private:
                 if (!count(at, end, low, n)) return false;
                 const std::uint64_t refs = high == 0xD ? 2 * n : n;
                 if (n > (end - at) / refSize_ || refs > (end - at) / refSize_) return false;
-                o.type = high == 0xA ? Obj::Type::array
-                                     : high == 0xC ? Obj::Type::set : Obj::Type::dict;
+                o.type = high == 0xA   ? Obj::Type::array
+                         : high == 0xC ? Obj::Type::set
+                                       : Obj::Type::dict;
                 o.refs.reserve(refs);
                 for (std::uint64_t i = 0; i < refs; ++i) {
                     const std::uint64_t r = big(at + i * refSize_, refSize_);
@@ -344,9 +346,15 @@ void KeyedArchiver::put(const std::string& key, Scalar value) {
     values_.emplace_back(key, value);
 }
 
-void KeyedArchiver::encodeDouble(double value, const std::string& key) { put(key, value); }
-void KeyedArchiver::encodeBool(bool value, const std::string& key) { put(key, value); }
-void KeyedArchiver::encodeInt64(std::int64_t value, const std::string& key) { put(key, value); }
+void KeyedArchiver::encodeDouble(double value, const std::string& key) {
+    put(key, value);
+}
+void KeyedArchiver::encodeBool(bool value, const std::string& key) {
+    put(key, value);
+}
+void KeyedArchiver::encodeInt64(std::int64_t value, const std::string& key) {
+    put(key, value);
+}
 
 std::string KeyedArchiver::encodedData() const {
     PlistWriter w;
@@ -368,8 +376,8 @@ std::string KeyedArchiver::encodedData() const {
     std::vector<std::size_t> chain;
     for (const std::string& c : classChain_) chain.push_back(w.addString(c));
     const std::size_t classes = w.addArray(chain);
-    const std::size_t classDict = w.addDict({{w.addString("$classes"), classes},
-                                             {w.addString("$classname"), w.addString(className_)}});
+    const std::size_t classDict = w.addDict(
+        {{w.addString("$classes"), classes}, {w.addString("$classname"), w.addString(className_)}});
     const std::size_t objects = w.addArray({nullText, object, classDict});
     const std::size_t top = w.addDict({{w.addString("root"), w.addUid(1)}});
     const std::size_t root = w.addDict({{w.addString("$archiver"), w.addString("NSKeyedArchiver")},

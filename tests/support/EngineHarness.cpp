@@ -77,8 +77,8 @@ EngineHarness::EngineHarness() {
     env.clock = clock;
     env.ids = ids;
     env.http = http;
-    env.reachability = std::make_shared<platform::FixedReachabilityProbe>(
-        platform::kReachabilityFlagsReachable);
+    env.reachability =
+        std::make_shared<platform::FixedReachabilityProbe>(platform::kReachabilityFlagsReachable);
     env.mainQueue = queue;
     env.notifications = center;
     env.makeMotionManager = [m = motion] { return m; };

@@ -27,7 +27,7 @@ namespace kestrelvue::test {
 /// Keeps every request until the test answers it with deliverAll() (on the test's thread,
 /// standing in for a worker thread).
 class ScriptedHttpClient final : public platform::HttpClient {
-public:
+  public:
     using Responder = std::function<platform::HttpResult(const platform::HttpRequest&)>;
 
     void send(platform::HttpRequest request, platform::HttpCompletion completion) override;
@@ -41,7 +41,7 @@ public:
 
     static platform::HttpResult reply(long status, std::string body);
 
-private:
+  private:
     mutable std::mutex mutex_;
     Responder responder_;
     std::vector<platform::HttpRequest> sent_;
@@ -50,7 +50,7 @@ private:
 
 /// Records every report, in order.
 class RecordingDelegate final : public DrivingInsightDelegate {
-public:
+  public:
     struct Report {
         std::string kind;  // "tripDidFinish", "tripDidFail"
         std::int64_t code = 0;
@@ -64,7 +64,7 @@ public:
                      std::shared_ptr<platform::Alert> alertController) override;
     std::vector<Report> reports() const;
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::vector<Report> reports_;
 };
@@ -73,7 +73,8 @@ struct EngineHarness {
     EngineHarness();
 
     std::shared_ptr<sim::VirtualClock> clock = std::make_shared<sim::VirtualClock>();
-    std::shared_ptr<sim::SequentialIdGenerator> ids = std::make_shared<sim::SequentialIdGenerator>();
+    std::shared_ptr<sim::SequentialIdGenerator> ids =
+        std::make_shared<sim::SequentialIdGenerator>();
     std::shared_ptr<sim::MainQueue> queue = std::make_shared<sim::MainQueue>();
     std::shared_ptr<sim::MotionSource> motion = std::make_shared<sim::MotionSource>();
     std::shared_ptr<sim::LocationManager> location = std::make_shared<sim::LocationManager>();

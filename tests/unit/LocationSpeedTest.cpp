@@ -33,7 +33,7 @@ TEST(GeodesicDistance, MatchesTheEllipsoid) {
 }
 
 class LocationUpdates : public ::testing::Test {
-protected:
+  protected:
     EngineHarness h;
     std::unique_ptr<DrivingInsight> engine = h.makeEngine();
     void SetUp() override { ASSERT_TRUE(engine->startTrip()); }
@@ -110,7 +110,8 @@ TEST_F(LocationUpdates, FirstFixGivesNoSpeedThenSpeedFollowsDistanceOverTime) {
     EXPECT_DOUBLE_EQ(engine->TraveledDistanceSinceLastLocation(), d);
     EXPECT_DOUBLE_EQ(engine->TotalTraveledDistance(), d);
     EXPECT_DOUBLE_EQ(engine->HoursElapsedSinceLastLocation(), 10.0 / 3600.0);
-    EXPECT_EQ(engine->TimeElapsedSinceLastLocation(), (platform::DateComponents{0, 0, 0, 10'000'000'000}));
+    EXPECT_EQ(engine->TimeElapsedSinceLastLocation(),
+              (platform::DateComponents{0, 0, 0, 10'000'000'000}));
     EXPECT_DOUBLE_EQ(engine->CurrentSpeed(), (d / 1000.0) / (10.0 / 3600.0));
     EXPECT_EQ(DrivingInsightTestAccess::previousSpeed(*engine), 12.0);
 }

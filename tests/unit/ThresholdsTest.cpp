@@ -38,9 +38,13 @@ TEST(BandLookup, Cases) {
         {"end is exclusive", two, 2.0, {}},
         {"below every band", two, -0.1, {}},
         {"NaN matches nothing", two, NAN, {}},
-        {"out of order: the walk stops at the first band", bands({{5, 6, 9, false}, {1, 2, 3, false}}),
-         1.5, {}},
-        {"overlapping: the first listed band wins", bands({{0, 10, 1, false}, {2, 3, 7, true}}), 2.5,
+        {"out of order: the walk stops at the first band",
+         bands({{5, 6, 9, false}, {1, 2, 3, false}}),
+         1.5,
+         {}},
+        {"overlapping: the first listed band wins",
+         bands({{0, 10, 1, false}, {2, 3, 7, true}}),
+         2.5,
          {1, false}},
         {"gap between bands", bands({{0, 1, 1, false}, {2, 3, 7, true}}), 1.5, {}},
         {"infinite value", two, INFINITY, {}},
@@ -77,7 +81,9 @@ std::string python(const std::string& script, const std::string& input = "") {
     return s.str();
 }
 
-bool havePython() { return std::system("python3 -c 'import plistlib' >/dev/null 2>&1") == 0; }
+bool havePython() {
+    return std::system("python3 -c 'import plistlib' >/dev/null 2>&1") == 0;
+}
 
 TEST(BandArchive, RoundTrip) {
     const Threshold cases[] = {{0.3, 0.5, 2, false}, {-1e300, 1e-300, 0.1, true}, {0, 0, 0, false}};
@@ -178,7 +184,7 @@ TEST(BandArchive, DamagedArchivesAreErrorsNotCrashes) {
 // ---- Threshold reply --------------------------------------------------------------------------
 
 class ThresholdReply : public ::testing::Test {
-protected:
+  protected:
     EngineHarness h;
     std::unique_ptr<DrivingInsight> engine = h.makeEngine();
     std::vector<UserInfo> got;
@@ -198,7 +204,8 @@ protected:
 };
 
 TEST_F(ThresholdReply, BandsAreAppendedInReplyOrder) {
-    reply(R"([{"_enmThresholdName":"SharpBrakingLevel","_limitStart":0.3,"_limitEnd":0.5,"_impact":2,"_perKilometer":false},
+    reply(
+        R"([{"_enmThresholdName":"SharpBrakingLevel","_limitStart":0.3,"_limitEnd":0.5,"_impact":2,"_perKilometer":false},
               {"_enmThresholdName":"SharpBrakingLevel","_limitStart":0.5,"_limitEnd":9,"_impact":5,"_perKilometer":false}])");
     EXPECT_TRUE(succeeded());
     auto s = DrivingInsightTestAccess::settings(*engine);
@@ -272,14 +279,27 @@ TEST(ThresholdReplyMalformed, WholeReplyIsRefusedAndNothingApplied) {
         {"no Data", Object{}},
         {"Data null", Object{{"Data", Value()}}},
         {"Data an object", Object{{"Data", Object{}}}},
-        {"error that is not a text", Object{{"error", TransportError{"NSURLErrorDomain", -1001, "x"}}}},
+        {"error that is not a text",
+         Object{{"error", TransportError{"NSURLErrorDomain", -1001, "x"}}}},
         {"element not an object", data("7")},
-        {"name not a text", data(R"({"_enmThresholdName":5,"_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":true})")},
-        {"member missing", data(R"({"_enmThresholdName":"SharpBrakingLevel","_limitStart":1,"_limitEnd":2,"_perKilometer":true})")},
-        {"member a text", data(R"({"_enmThresholdName":"SharpBrakingLevel","_limitStart":"1","_limitEnd":2,"_impact":3,"_perKilometer":true})")},
-        {"flag a number", data(R"({"_enmThresholdName":"SharpBrakingLevel","_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":1})")},
-        {"duration beyond 64 bits", data(R"({"_enmThresholdName":"SharpLaneChangingDuration1","_limitStart":1e19,"_limitEnd":0,"_impact":0,"_perKilometer":false})")},
-        {"zero update interval", data(R"({"_enmThresholdName":"UpdateInterval","_limitStart":0,"_limitEnd":0,"_impact":0,"_perKilometer":false})")},
+        {"name not a text",
+         data(
+             R"({"_enmThresholdName":5,"_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":true})")},
+        {"member missing",
+         data(
+             R"({"_enmThresholdName":"SharpBrakingLevel","_limitStart":1,"_limitEnd":2,"_perKilometer":true})")},
+        {"member a text",
+         data(
+             R"({"_enmThresholdName":"SharpBrakingLevel","_limitStart":"1","_limitEnd":2,"_impact":3,"_perKilometer":true})")},
+        {"flag a number",
+         data(
+             R"({"_enmThresholdName":"SharpBrakingLevel","_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":1})")},
+        {"duration beyond 64 bits",
+         data(
+             R"({"_enmThresholdName":"SharpLaneChangingDuration1","_limitStart":1e19,"_limitEnd":0,"_impact":0,"_perKilometer":false})")},
+        {"zero update interval",
+         data(
+             R"({"_enmThresholdName":"UpdateInterval","_limitStart":0,"_limitEnd":0,"_impact":0,"_perKilometer":false})")},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);

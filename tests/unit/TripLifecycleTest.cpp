@@ -15,7 +15,7 @@ using test::EngineHarness;
 using Reports = std::vector<test::RecordingDelegate::Report>;
 
 class TripLifecycle : public ::testing::Test {
-protected:
+  protected:
     EngineHarness h;
     std::unique_ptr<DrivingInsight> engine = h.makeEngine();
 
@@ -45,9 +45,8 @@ protected:
 };
 
 TEST_F(TripLifecycle, DeviceOrientationFromPitch) {
-    const std::pair<double, int> cases[] = {{0.2, 5},   {0.0, 5},  {-0.2, 5},   {0.3499, 5},
-                                            {0.35, 0},  {-0.35, 0}, {1.2, 0},   {-3.0, 0},
-                                            {NAN, 0}};
+    const std::pair<double, int> cases[] = {{0.2, 5},   {0.0, 5}, {-0.2, 5}, {0.3499, 5}, {0.35, 0},
+                                            {-0.35, 0}, {1.2, 0}, {-3.0, 0}, {NAN, 0}};
     for (auto [pitch, expected] : cases)
         EXPECT_EQ(DrivingInsightTestAccess::getDeviceOrientation({pitch, 0.7, -2.0}), expected)
             << pitch;
@@ -110,7 +109,8 @@ TEST_F(TripLifecycle, StartResetsTheTripAndStartsTheSensors) {
     EXPECT_TRUE(h.motion->isDeviceMotionActive());
     EXPECT_EQ(h.motion->deviceMotionUpdateInterval(), 0.5);
     EXPECT_TRUE(h.motion->showsDeviceMovementDisplay());
-    EXPECT_EQ(h.motion->lastReferenceFrame(), platform::AttitudeReferenceFrame::xArbitraryZVertical);
+    EXPECT_EQ(h.motion->lastReferenceFrame(),
+              platform::AttitudeReferenceFrame::xArbitraryZVertical);
     EXPECT_TRUE(h.application->isIdleTimerDisabled());
 }
 

@@ -15,7 +15,7 @@ using test::EngineHarness;
 
 /// Runs the test body in a given time zone and restores the old one afterwards.
 class TimeZone {
-public:
+  public:
     explicit TimeZone(const char* tz) {
         if (const char* old = std::getenv("TZ")) old_ = old;
         setenv("TZ", tz, 1);
@@ -29,7 +29,7 @@ public:
         tzset();
     }
 
-private:
+  private:
     std::optional<std::string> old_;
 };
 
@@ -85,9 +85,9 @@ TEST(TripRecord, DurationAndDistanceText) {
         double metres;
         const char* km;
     };
-    const Case cases[] = {{0, "0.0"},       {49, "0.0"},         {51, "0.1"},
-                          {12437, "12.4"},  {1234567, "1234.6"}, {150, "0.1"},
-                          {250, "0.2"},     {-49, "-0.0"},       {1e18, "1000000000000000.0"}};
+    const Case cases[] = {{0, "0.0"},      {49, "0.0"},         {51, "0.1"},
+                          {12437, "12.4"}, {1234567, "1234.6"}, {150, "0.1"},
+                          {250, "0.2"},    {-49, "-0.0"},       {1e18, "1000000000000000.0"}};
     for (const Case& c : cases) {
         EXPECT_EQ(Trip::formatTimeElapsedTotalDistance("0:25:13", c.metres),
                   std::string("0:25:13 sn, ") + c.km + " km")
@@ -112,9 +112,14 @@ TEST(DecimalText, ShortestWithAPoint) {
         double value;
         const char* text;
     };
-    const Case cases[] = {{41.0, "41.0"},   {0.0, "0.0"},          {-0.0, "-0.0"},
-                          {29.00123, "29.00123"}, {0.1, "0.1"},    {1e-7, "0.0000001"},
-                          {-122.4194, "-122.4194"}, {40.99999999999999, "40.99999999999999"}};
+    const Case cases[] = {{41.0, "41.0"},
+                          {0.0, "0.0"},
+                          {-0.0, "-0.0"},
+                          {29.00123, "29.00123"},
+                          {0.1, "0.1"},
+                          {1e-7, "0.0000001"},
+                          {-122.4194, "-122.4194"},
+                          {40.99999999999999, "40.99999999999999"}};
     for (const Case& c : cases) EXPECT_EQ(platform::shortestDecimalText(c.value), c.text);
 }
 

@@ -22,14 +22,15 @@ struct GeocodeError {
 };
 
 /// Either argument may be absent (an answer without placemarks and without an error is possible).
-using GeocodeCompletion = std::function<void(const std::optional<std::vector<Placemark>>& placemarks,
-                                             const std::optional<GeocodeError>& error)>;
+using GeocodeCompletion =
+    std::function<void(const std::optional<std::vector<Placemark>>& placemarks,
+                       const std::optional<GeocodeError>& error)>;
 
 /// Threading contract: reverseGeocodeLocation() may be called from the host's thread and returns
 /// at once; the completion runs exactly once, later, on the host's main queue (never inside the
 /// call). Lookups are independent of each other.
 class Geocoder {
-public:
+  public:
     virtual ~Geocoder() = default;
     virtual void reverseGeocodeLocation(const Location& location, GeocodeCompletion completion) = 0;
 };

@@ -35,15 +35,15 @@ struct MotionError {
 };
 
 /// Receives every sample; either argument may be absent.
-using DeviceMotionHandler =
-    std::function<void(const std::optional<DeviceMotion>& motion, const std::optional<MotionError>& error)>;
+using DeviceMotionHandler = std::function<void(const std::optional<DeviceMotion>& motion,
+                                               const std::optional<MotionError>& error)>;
 
 /// Threading contract: called from the host's thread. startDeviceMotionUpdates() returns at once;
 /// the handler runs later, once per sample, as a task posted to `queue` (never inside a call of
 /// this interface). After stopDeviceMotionUpdates() returns, no further sample of that session
 /// reaches the handler, including samples already queued.
 class MotionManager {
-public:
+  public:
     virtual ~MotionManager() = default;
 
     virtual bool isDeviceMotionAvailable() const = 0;

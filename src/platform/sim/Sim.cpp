@@ -23,7 +23,9 @@ void VirtualClock::setNow(platform::TimePoint value) {
     nanos_.store(duration_cast<nanoseconds>(value.time_since_epoch()).count());
 }
 
-void VirtualClock::advance(nanoseconds by) { nanos_.fetch_add(by.count()); }
+void VirtualClock::advance(nanoseconds by) {
+    nanos_.fetch_add(by.count());
+}
 
 // ---- SequentialIdGenerator ------------------------------------------------------------------
 
@@ -121,7 +123,9 @@ void MotionSource::setDeviceMotionAvailable(bool value) {
     available_ = value;
 }
 
-bool MotionSource::push(const platform::DeviceMotion& motion) { return deliver(motion, {}); }
+bool MotionSource::push(const platform::DeviceMotion& motion) {
+    return deliver(motion, {});
+}
 
 bool MotionSource::pushEmpty(std::optional<platform::MotionError> error) {
     return deliver(std::nullopt, std::move(error));
@@ -300,7 +304,9 @@ Geocoder::Answer Geocoder::failure(std::int64_t code, std::string description) {
     return Answer{std::nullopt, platform::GeocodeError{code, std::move(description)}};
 }
 
-Geocoder::Answer Geocoder::nothing() { return Answer{}; }
+Geocoder::Answer Geocoder::nothing() {
+    return Answer{};
+}
 
 // ---- Application ----------------------------------------------------------------------------
 
