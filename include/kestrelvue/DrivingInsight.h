@@ -74,6 +74,10 @@ public:
     RestfulCall& restfulCall() const { return *restfulCall_; }
     const Environment& environment() const { return env_; }
 
+    /// The delegate that trip uploads report to: that of the live engine made over `environment`,
+    /// else the shared engine's when `environment` is the current one; null otherwise.
+    static std::shared_ptr<DrivingInsightDelegate> delegateFor(const Environment& environment);
+
     // ---- Host-settable fields -------------------------------------------------------------
     std::int64_t bulkMotionDataSize() const;
     void setBulkMotionDataSize(std::int64_t value);
@@ -208,6 +212,11 @@ private:
     void MotionDataSynced(const Notification& notification);
     void MotionDataSyncFailed(const Notification& notification);
 
+    // TripUpload.cpp: trips find their engine's delegate through this registry of live engines
+    // (the constructor registers, the destructor unregisters).
+    static void registerEngine(DrivingInsight* engine);
+    static void unregisterEngine(DrivingInsight* engine);
+
     mutable std::mutex mutex_;
     const Environment& env_;
     NotificationCenter& center_;
@@ -239,6 +248,8 @@ private:
     std::string drivingID;
     kestrelvue::SummaryData summaryData;
     kestrelvue::MotionData tripMotion;
+    // How many records the upload in flight carries: its confirmation removes exactly these.
+    std::optional<std::size_t> motionBulkInFlight_;
     std::vector<std::shared_ptr<Trip>> tripHistory;
     std::shared_ptr<Trip> lastTrip;
     bool isDriving = false;

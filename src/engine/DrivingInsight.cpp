@@ -101,9 +101,13 @@ DrivingInsight::DrivingInsight(const Environment& environment, RestfulCall* shar
 
     // 6. The bands and settings; the reply arrives later as "getThresholds".
     getThresholdsFromServer();
+
+    // From now on trips made over this environment report their uploads to this engine.
+    registerEngine(this);
 }
 
 DrivingInsight::~DrivingInsight() {
+    unregisterEngine(this);
     *alive_ = false;
     center_.removeObserver(this);
     std::shared_ptr<platform::MotionManager> motion;

@@ -202,6 +202,10 @@ void DrivingInsight::stopTrip() {
                         endLocationStr = "???";
                     else if (placemarks && !placemarks->empty())
                         endLocationStr = formatAddressFromPlacemark(placemarks->front());
+                    else if (endLocationStr.empty())
+                        // Neither an address nor an error: the trip still completes, so it
+                        // reaches the history and the service.
+                        endLocationStr = "???";
                 }
                 center_.post("tripStoppedEndAnnotationSetted", this);
             });

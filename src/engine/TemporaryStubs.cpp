@@ -31,33 +31,4 @@ double DrivingInsight::calculateScore() {
     return 100.0;
 }
 
-// Permission check (upload).
-bool DrivingInsight::checkLocationPermisionWhenInUse() {
-    return true;
-}
-
-// Motion upload (upload): behaves as an upload that succeeded at once.
-void DrivingInsight::sendMotionDataToServer() {
-    center_.post("motionDataSynced", this);
-}
-
-void DrivingInsight::MotionDataSynced(const Notification&) {
-    bool complete = false;
-    {
-        std::lock_guard lock(mutex_);
-        tripMotion.isSyncingToServer = false;
-        tripMotion.serverSyncTryCount = 0;
-        complete = !isDriving;
-    }
-    if (complete) completeStoppedTrip();
-}
-
-void DrivingInsight::MotionDataSyncFailed(const Notification&) {
-    std::lock_guard lock(mutex_);
-    tripMotion.isSyncingToServer = false;
-}
-
-// Trip upload (upload).
-void Trip::saveToServer() {}
-
 }  // namespace kestrelvue

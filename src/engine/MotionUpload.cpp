@@ -1,0 +1,169 @@
+// The motion buffer's upload: one bulk per request, continued, retried and reported by the two
+// outcome handlers.
+
+#include <kestrelvue/DrivingInsight.h>
+#include <kestrelvue/Json.h>
+#include <kestrelvue/Url.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "engine/MotionUploadBody.h"
+
+namespace kestrelvue {
+
+namespace {
+
+constexpr const char* kMotionDataSynced = "motionDataSynced";
+constexpr const char* kMotionDataSyncFailed = "motionDataSyncFailed";
+constexpr const char* kConnectionTitle = "Sistem Bağlantı Hatası";
+constexpr const char* kNotSentPrefix = "Sürüş Bilgisi Sunucuya iletilemedi. ";
+
+std::optional<std::string> appVersionOf(const Environment& env) {
+    if (!env.applicationInfo) return std::nullopt;
+    auto it = env.applicationInfo->find("CFBundleShortVersionString");
+    if (it == env.applicationInfo->end()) return std::nullopt;
+    if (const std::string* s = it->second.asString()) return *s;
+    return std::nullopt;
+}
+
+UserInfo errorInfo(std::string text) {
+    Object info;
+    info["error"] = Value(std::move(text));
+    return info;
+}
+
+}  // namespace
+
+void DrivingInsight::sendMotionDataToServer() {
+    if (!parseUrl(addMotionDataURL)) {
+        center_.post(kMotionDataSyncFailed, this, errorInfo("Error Code:1004 Bad URL"));
+        return;
+    }
+
+    // Copy the bulk's records under the lock and format them after releasing it, so the host's
+    // appends never wait for a bulk being written. The records stay in the buffer until the
+    // service confirms them.
+    MotionData bulk;
+    std::int64_t user = 0;
+    std::string driving;
+    {
+        std::lock_guard lock(mutex_);
+        const auto& items = tripMotion.motionDataArray;
+        const std::size_t count = std::min<std::size_t>(
+            items.size(), static_cast<std::size_t>(std::max<std::int64_t>(bulkMotionDataSize_, 0)));
+        bulk.motionDataArray.assign(items.begin(), items.begin() + count);
+        motionBulkInFlight_ = count;
+        user = userID;
+        driving = drivingID;
+    }
+    const std::string motionStr =
+        bulk.bulkMotionDataToString(static_cast<std::int64_t>(bulk.motionDataArray.size()));
+    bulk = MotionData{};
+
+    auto body = detail::writeMotionDataBody(user, driving, motionStr, appVersionOf(env_));
+    if (!body) {
+        center_.post(kMotionDataSyncFailed, this,
+                     errorInfo("Error Code:1005 JSON Serialization Fail"));
+        return;
+    }
+
+    platform::HttpRequest request;
+    request.url = addMotionDataURL;
+    request.method = "POST";
+    request.setValue("application/json", "Content-Type");
+    request.setValue("application/json", "Accept");
+    request.body = std::move(*body);
+
+    // The reply may outlive a detached engine: it posts through the centre (which drops it once
+    // the engine has removed its observers) and never touches the engine itself.
+    std::shared_ptr<NotificationCenter> center = center_.weak_from_this().lock();
+    NotificationCenter* centerPtr = center ? center.get() : &center_;
+    const void* sender = this;
+    auto completion = [center, centerPtr, sender](platform::HttpResult result) {
+        if (!result.response) {
+            centerPtr->post(kMotionDataSyncFailed, sender,
+                            errorInfo("Error Code:1007 Bad HTTPURLResponse - " +
+                                      detail::describeOptionalError(result.error)));
+        } else if (result.response->statusCode == 200) {
+            centerPtr->post(kMotionDataSynced, sender);
+        } else {
+            centerPtr->post(kMotionDataSyncFailed, sender,
+                            errorInfo("Error Code:1006 Response Code:" +
+                                      std::to_string(result.response->statusCode)));
+        }
+    };
+    if (!env_.http) {
+        completion(platform::HttpResult{});
+        return;
+    }
+    env_.http->send(std::move(request), std::move(completion));
+}
+
+void DrivingInsight::MotionDataSynced(const Notification&) {
+    enum class Next { nothing, sendNextBulk, completeTrip };
+    Next next = Next::nothing;
+    {
+        std::lock_guard lock(mutex_);
+        // Only the records the confirmed bulk carried: anything appended while it was in flight
+        // has not been sent yet. A confirmation with no bulk in flight removes nothing.
+        const std::size_t carried = motionBulkInFlight_.value_or(0);
+        motionBulkInFlight_.reset();
+        tripMotion.removeSentBulkMotionData(static_cast<std::int64_t>(carried));
+        tripMotion.isSyncingToServer = false;
+        tripMotion.serverSyncTryCount = 0;
+        if (isDriving) {
+            // The next upload starts when the buffer is full again.
+        } else if (!tripMotion.motionDataArray.empty()) {
+            tripMotion.isSyncingToServer = true;
+            next = Next::sendNextBulk;
+        } else if (!endLocationStr.empty()) {
+            next = Next::completeTrip;
+        }
+        // Otherwise the end address is still being looked up; its notification starts the
+        // upload whose success completes the trip.
+    }
+    if (next == Next::sendNextBulk) sendMotionDataToServer();
+    if (next == Next::completeTrip) completeStoppedTrip();
+}
+
+void DrivingInsight::MotionDataSyncFailed(const Notification& notification) {
+    // A notification without an "error" text is a failure with an empty text.
+    std::string error;
+    if (notification.userInfo) {
+        auto it = notification.userInfo->find("error");
+        if (it != notification.userInfo->end()) {
+            if (const std::string* text = it->second.asString()) error = *text;
+        }
+    }
+
+    bool retry = false;
+    bool tell = false;
+    std::string report;
+    std::shared_ptr<DrivingInsightDelegate> delegate;
+    {
+        std::lock_guard lock(mutex_);
+        motionBulkInFlight_.reset();
+        tripMotion.isSyncingToServer = false;
+        if (isDriving) {
+            // The records stay and go with the next upload that a full buffer starts.
+            report = std::string(kNotSentPrefix) + "Error Code:1008 - " + error;
+            tell = true;
+        } else if (endLocationStr.empty()) {
+            // The end address is not known yet; its notification starts another upload.
+        } else if (tripMotion.serverSyncTryCount < 3) {
+            tripMotion.isSyncingToServer = true;
+            tripMotion.serverSyncTryCount += 1;
+            retry = true;
+        } else {
+            // Retries used up: the trip stays incomplete and its records stay in the buffer.
+            report = kNotSentPrefix + error;
+            tell = true;
+        }
+        if (tell) delegate = drivingInsightDelegate_;
+    }
+    if (retry) sendMotionDataToServer();
+    if (delegate) delegate->tripDidFail(1000, kConnectionTitle, report, nullptr);
+}
+
+}  // namespace kestrelvue

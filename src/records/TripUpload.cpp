@@ -1,0 +1,149 @@
+// Trip::saveToServer: one POST of the record, reported to the engine's delegate.
+
+#include <kestrelvue/DrivingInsight.h>
+#include <kestrelvue/Json.h>
+#include <kestrelvue/Trip.h>
+#include <kestrelvue/Url.h>
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <string>
+
+namespace kestrelvue {
+namespace {
+
+constexpr const char* kConnectionTitle = "Sistem Bağlantı Hatası";
+constexpr const char* kNotSentMessage = "Sürüş Bilgisi Sunucuya iletilemedi";
+
+// "yyyy-MM-dd HH:mm:ss +0000": the instant in UTC, as the service expects every date.
+std::string formatUtc(platform::TimePoint t) {
+    using namespace std::chrono;
+    const auto secs = floor<seconds>(t);
+    const auto day = floor<days>(secs);
+    const year_month_day ymd{day};
+    const hh_mm_ss hms{secs - day};
+    char buf[48];
+    std::snprintf(buf, sizeof buf, "%04d-%02u-%02u %02d:%02d:%02d +0000", int(ymd.year()),
+                  unsigned(ymd.month()), unsigned(ymd.day()), int(hms.hours().count()),
+                  int(hms.minutes().count()), int(hms.seconds().count()));
+    return buf;
+}
+
+void reportFailure(const Environment& env, std::int64_t code, const std::string& title,
+                   const std::string& message) {
+    if (auto delegate = DrivingInsight::delegateFor(env))
+        delegate->tripDidFail(code, title, message, nullptr);
+}
+
+// Engines by the environment they were made over. Looked up on HTTP worker threads while
+// engines come and go on the host's.
+std::mutex gRegistryMutex;
+std::multimap<const Environment*, DrivingInsight*>& registry() {
+    static auto* engines = new std::multimap<const Environment*, DrivingInsight*>;
+    return *engines;
+}
+
+}  // namespace
+
+void DrivingInsight::registerEngine(DrivingInsight* engine) {
+    std::lock_guard lock(gRegistryMutex);
+    registry().emplace(&engine->env_, engine);
+}
+
+void DrivingInsight::unregisterEngine(DrivingInsight* engine) {
+    std::lock_guard lock(gRegistryMutex);
+    auto [first, last] = registry().equal_range(&engine->env_);
+    for (auto it = first; it != last; ++it) {
+        if (it->second == engine) {
+            registry().erase(it);
+            return;
+        }
+    }
+}
+
+std::shared_ptr<DrivingInsightDelegate> DrivingInsight::delegateFor(
+    const Environment& environment) {
+    {
+        // The delegate is copied while the registry lock keeps the engine from being destroyed.
+        std::lock_guard lock(gRegistryMutex);
+        auto it = registry().find(&environment);
+        if (it != registry().end()) return it->second->drivingInsightDelegate();
+    }
+    if (&environment == &Environment::current()) return sharedInstance().drivingInsightDelegate();
+    return nullptr;
+}
+
+void Trip::saveToServer() {
+    const Environment& env = env_;
+    if (!parseUrl(addDrivingScoreURL)) {
+        reportFailure(env, 1013, "URL Hatası", "Servis URL Hatası");
+        return;
+    }
+    platform::HttpRequest request;
+    request.url = addDrivingScoreURL;
+    request.setValue("application/json", "Content-Type");
+    request.setValue("application/json", "Accept");
+    request.method = "POST";
+
+    // Read now: later changes to the record do not reach this upload.
+    Object body;
+    body["userID"] = Value(UserID);
+    body["drivingGuid"] = Value(DrivingID);
+    body["startDateTime"] = Value(formatUtc(StartDateTime));
+    body["startLocation"] = Value(StartLocation);
+    body["startLocationLatitude"] = Value(StartLocationLat);
+    body["startLocationLongitude"] = Value(StartLocationLong);
+    body["endDateTime"] = Value(formatUtc(EndDateTime));
+    body["endLocation"] = Value(EndLocation);
+    body["endLocationLatitude"] = Value(EndLocationLat);
+    body["endLocationLongitude"] = Value(EndLocationLong);
+    body["Score"] = Value(Score);
+    body["sharpCorneringCount"] = Value(SharpCorneringCount);
+    body["sharpSpeedingCount"] = Value(SharpSpeedingCount);
+    body["sharpBrakingCount"] = Value(SharpBrakingCount);
+    body["sharpElevatingCount"] = Value(SharpElevatingCount);
+    body["sharpLaneChangingCount"] = Value(SharpLaneChangingCount);
+    body["sharpCorneringPenalty"] = Value(SharpCorneringPenalty + SharpCorneringPenaltyPerKM);
+    body["sharpSpeedingPenalty"] = Value(SharpSpeedingPenalty + SharpSpeedingPenaltyPerKM);
+    body["sharpBrakingPenalty"] = Value(SharpBrakingPenalty + SharpBrakingPenaltyPerKM);
+    body["sharpElevatingPenalty"] = Value(SharpElevatingPenalty + SharpElevatingPenaltyPerKM);
+    body["sharpLaneChangingPenalty"] =
+        Value(SharpLaneChangingPenalty + SharpLaneChangingPenaltyPerKM);
+    body["fuelEfficiencyPenalty"] = Value(FuelEfficiencyPenaltyPerKM);
+    body["totalDistance"] = Value(TotalDistance);
+    body["timeElapsed"] = Value(TimeElapsed);
+
+    // The writer refuses non-finite numbers; texts must be UTF-8 for the body to be JSON at all.
+    std::optional<std::string> text;
+    if (json::isValidUtf8(DrivingID) && json::isValidUtf8(StartLocation) &&
+        json::isValidUtf8(EndLocation) && json::isValidUtf8(TimeElapsed))
+        text = json::write(Value(std::move(body)));
+    if (!text) {
+        reportFailure(env, 1014, "Sistem Hatası", "Hatalı Json Verisi");
+        return;
+    }
+    request.body = std::move(*text);
+
+    if (!env.http) {
+        reportFailure(env, 1017, kConnectionTitle, kNotSentMessage);
+        return;
+    }
+    // The pending upload keeps the record alive until its reply has been handled. A record not
+    // held by a shared_ptr is uploaded all the same but cannot be handed back on success.
+    env.http->send(
+        std::move(request), [self = weak_from_this().lock(), &env](platform::HttpResult result) {
+            if (!result.response) {
+                reportFailure(env, 1017, kConnectionTitle, kNotSentMessage);
+            } else if (result.response->statusCode == 200) {
+                if (auto delegate = DrivingInsight::delegateFor(env)) delegate->tripDidFinish(self);
+            } else {
+                reportFailure(env, 1015, kConnectionTitle,
+                              std::string(kNotSentMessage) +
+                                  ". Response Code:" + std::to_string(result.response->statusCode));
+            }
+        });
+}
+
+}  // namespace kestrelvue

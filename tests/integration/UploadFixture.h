@@ -1,0 +1,266 @@
+#pragma once
+// A simulated host driving the real engine in virtual time against a loopback server, for the
+// upload tests: what the server received and what the host's delegate heard.
+
+#include <gtest/gtest.h>
+#include <kestrelvue/DrivingInsight.h>
+#include <kestrelvue/Json.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <limits>
+#include <mutex>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/sim/Sim.h"
+#include "support/TestEnvironment.h"
+
+namespace kestrelvue::uploadtest {
+
+using namespace std::chrono_literals;
+using test::ScriptedReply;
+
+inline constexpr const char* kMotionPath = "/api/Driving/addMotionData";
+inline constexpr const char* kScorePath = "/api/Driving/addDrivingScore";
+inline constexpr const char* kThresholdPath = "/api/Driving/getThresholds";
+
+inline ScriptedReply delayed(ScriptedReply reply, std::chrono::milliseconds by) {
+    reply.delay = by;
+    return reply;
+}
+
+// The connection closes without any reply.
+inline ScriptedReply dropped() {
+    ScriptedReply reply;
+    reply.drop = ScriptedReply::Drop::beforeReply;
+    return reply;
+}
+
+struct Failure {
+    std::int64_t code;
+    std::string title;
+    std::string message;
+    std::shared_ptr<platform::Alert> alert;
+};
+
+// Records what the host hears; waits are bounded.
+class RecordingDelegate : public DrivingInsightDelegate {
+  public:
+    void tripDidFinish(std::shared_ptr<Trip> trip) override {
+        std::lock_guard lock(mutex_);
+        finished_.push_back(std::move(trip));
+        cv_.notify_all();
+    }
+    void tripDidFail(std::int64_t code, const std::string& title, const std::string& message,
+                     std::shared_ptr<platform::Alert> alert) override {
+        std::lock_guard lock(mutex_);
+        failed_.push_back({code, title, message, std::move(alert)});
+        cv_.notify_all();
+    }
+    bool waitForReports(std::size_t n, std::chrono::milliseconds timeout = 10s) {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, timeout, [&] { return finished_.size() + failed_.size() >= n; });
+    }
+    std::vector<std::shared_ptr<Trip>> finished() const {
+        std::lock_guard lock(mutex_);
+        return finished_;
+    }
+    std::vector<Failure> failed() const {
+        std::lock_guard lock(mutex_);
+        return failed_;
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::condition_variable cv_;
+    std::vector<std::shared_ptr<Trip>> finished_;
+    std::vector<Failure> failed_;
+};
+
+// One record of a received "MotionStr": its 39 fields, blanks kept.
+using RecordFields = std::vector<std::string>;
+
+inline std::vector<RecordFields> parseMotionStr(const std::string& text) {
+    std::vector<RecordFields> records;
+    std::size_t start = 0;
+    while (start < text.size()) {
+        const std::size_t end = text.find(';', start);
+        if (end == std::string::npos) {
+            ADD_FAILURE() << "record without its ';': " << text.substr(start, 80);
+            break;
+        }
+        const std::string line = text.substr(start, end - start);
+        EXPECT_FALSE(line.empty());
+        EXPECT_EQ(line.back(), ',') << line;
+        RecordFields fields;
+        std::size_t f = 0;
+        while (f < line.size()) {
+            const std::size_t comma = line.find(',', f);
+            fields.push_back(line.substr(f, comma - f));
+            f = comma + 1;
+        }
+        records.push_back(std::move(fields));
+        start = end + 1;
+    }
+    return records;
+}
+
+struct ReceivedBulk {
+    std::int64_t userID = 0;
+    std::string drivingGuid;
+    Value appVersion;
+    std::vector<RecordFields> records;
+};
+
+inline ReceivedBulk parseBulk(const test::ReceivedRequest& request) {
+    ReceivedBulk bulk;
+    auto parsed = json::parse(request.body);
+    EXPECT_TRUE(parsed) << parsed.error;
+    if (!parsed) return bulk;
+    const Value& body = *parsed.value;
+    EXPECT_EQ(body.asObject()->size(), 4u);
+    bulk.userID = body.find("UserID")->asInt().value_or(-1);
+    bulk.drivingGuid = *body.find("DrivingGuid")->asString();
+    bulk.appVersion = *body.find("AppVersion");
+    bulk.records = parseMotionStr(*body.find("MotionStr")->asString());
+    return bulk;
+}
+
+inline std::int64_t itemIdOf(const RecordFields& record) {
+    return std::atoll(record.at(22).c_str());
+}
+
+// The samples a test pushes: flat (pitch near 0), small and distinct per sample, so each record
+// can be matched to the sample that made it.
+inline platform::DeviceMotion sampleFor(std::int64_t n) {
+    platform::DeviceMotion m;
+    m.attitude = {0.001 * (n % 100), -0.002, 0.5 + 0.001 * (n % 500)};
+    m.rotationRate = {0.003, -0.001 * (n % 7), 0.002};
+    m.userAcceleration = {0.001 * (n % 50), -0.001, 0.004};
+    m.gravity = {0.0, 0.0, -1.0};
+    return m;
+}
+
+class UploadHost : public ::testing::Test {
+  protected:
+    // Called by each test after scripting the server: builds the environment and the engine.
+    void SetUpEngine(std::int64_t bulkSize = 1000) {
+        BuildEnvironment(bulkSize);
+        MakeEngine();
+    }
+
+    void BuildEnvironment(std::int64_t bulkSize) {
+        env_ = test::makeTestEnvironment(server_);
+        clock_ = std::make_shared<sim::VirtualClock>();
+        env_.clock = clock_;
+        env_.ids = std::make_shared<sim::SequentialIdGenerator>();
+        queue_ = test::mainQueueOf(env_);
+        motion_ = std::make_shared<sim::MotionSource>();
+        location_ = std::make_shared<sim::LocationManager>();
+        geocoder_ = std::make_shared<sim::Geocoder>(env_.mainQueue);
+        application_ = std::make_shared<sim::Application>();
+        device_ = std::make_shared<sim::Device>();
+        env_.makeMotionManager = [m = motion_] { return m; };
+        env_.makeLocationManager = [l = location_] { return l; };
+        env_.geocoder = geocoder_;
+        env_.application = application_;
+        env_.device = device_;
+        (*env_.applicationInfo)["BulkMotionDataSize"] = Value(bulkSize);
+        (*env_.applicationInfo)["CFBundleShortVersionString"] = Value("1.4.2");
+        (*env_.applicationInfo)["CFBundleDisplayName"] = Value("Sürüş Takip");
+    }
+
+    void MakeEngine() {
+        engine_ = DrivingInsight::makeDetached(env_);
+        // Registered after the engine's own observers, so a recorded outcome means the engine's
+        // handler has finished with it.
+        outcomes_ = std::make_unique<test::NotificationRecorder>(
+            env_.notifications,
+            std::vector<std::string>{"motionDataSynced", "motionDataSyncFailed", "getThresholds"});
+        engine_->setDrivingInsightDelegate(delegate_);
+        engine_->setUserID(77);
+        queue_->runUntilIdle();
+    }
+
+    void TearDown() override {
+        if (!engine_) return;
+        // Let every reply reach the engine before it goes: each motion request the server saw
+        // ends in one outcome, and the threshold download in one reply. An outcome may send
+        // another bulk, hence the loop.
+        for (int round = 0; round < 10; ++round) {
+            const std::size_t uploads = server_.requestsTo(kMotionPath).size();
+            const std::size_t needed = uploads + server_.requestsTo(kThresholdPath).size();
+            outcomes_->waitFor(needed, 5s);
+            if (server_.requestsTo(kMotionPath).size() == uploads) break;
+        }
+        engine_.reset();
+    }
+
+    void start() {
+        ASSERT_TRUE(engine_->startTrip());
+        platform::Location fix;
+        fix.coordinate = {41.0082, 28.9784};
+        fix.horizontalAccuracy = 5;
+        fix.verticalAccuracy = 5;
+        fix.speed = 13.5;
+        fix.timestamp = clock_->now();
+        engine_->didUpdateLocations({fix});
+        queue_->runUntilIdle();
+    }
+
+    // Pushes `count` samples half a second apart, numbering them from `first`.
+    void drive(std::int64_t count, std::int64_t first = 1) {
+        for (std::int64_t i = 0; i < count; ++i) {
+            clock_->advance(500ms);
+            ASSERT_TRUE(motion_->push(sampleFor(first + i)));
+            queue_->runUntilIdle();
+        }
+    }
+
+    // Stops, then lets the end address lookup answer.
+    void stop(sim::Geocoder::Answer endAddress = sim::Geocoder::placemark({"Bitiş Cd. 1",
+                                                                           "İstanbul"})) {
+        geocoder_->enqueueAnswer(std::move(endAddress));
+        engine_->stopTrip();
+        queue_->runUntilIdle();
+    }
+
+    std::vector<ReceivedBulk> bulks() const {
+        std::vector<ReceivedBulk> out;
+        for (const auto& r : server_.requestsTo(kMotionPath)) out.push_back(parseBulk(r));
+        return out;
+    }
+
+    // The item identifiers the server received, in arrival order.
+    std::vector<std::int64_t> receivedIds() const {
+        std::vector<std::int64_t> ids;
+        for (const auto& bulk : bulks())
+            for (const auto& record : bulk.records) ids.push_back(itemIdOf(record));
+        return ids;
+    }
+
+    static std::vector<std::int64_t> range(std::int64_t from, std::int64_t to) {
+        std::vector<std::int64_t> v;
+        for (std::int64_t i = from; i <= to; ++i) v.push_back(i);
+        return v;
+    }
+
+    test::TestServer server_;
+    Environment env_;
+    std::shared_ptr<sim::VirtualClock> clock_;
+    std::shared_ptr<test::ManualExecutor> queue_;
+    std::shared_ptr<sim::MotionSource> motion_;
+    std::shared_ptr<sim::LocationManager> location_;
+    std::shared_ptr<sim::Geocoder> geocoder_;
+    std::shared_ptr<sim::Application> application_;
+    std::shared_ptr<sim::Device> device_;
+    std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
+    std::unique_ptr<test::NotificationRecorder> outcomes_;
+    std::unique_ptr<DrivingInsight> engine_;
+};
+
+}  // namespace kestrelvue::uploadtest

@@ -1,0 +1,212 @@
+// The trip upload and the permission check at trip start, through the real engine.
+#include <gtest/gtest.h>
+
+#include "integration/UploadFixture.h"
+
+namespace kestrelvue::uploadtest {
+namespace {
+
+class TripUpload : public UploadHost {};
+class PermissionCheck : public UploadHost {};
+
+TEST_F(TripUpload, FreshRecordUploadsItsInitialValues) {
+    server_.reply(kScorePath, ScriptedReply::statusOnly(200));
+    SetUpEngine();
+    auto trip = std::make_shared<Trip>(env_);
+    trip->SharpBrakingPenalty = 2.5;
+    trip->SharpBrakingPenaltyPerKM = 1.25;
+    trip->FuelEfficiencyPenaltyPerKM = 4;
+    trip->saveToServer();
+    ASSERT_TRUE(delegate_->waitForReports(1));
+    ASSERT_EQ(delegate_->finished().size(), 1u);
+    EXPECT_EQ(delegate_->finished()[0], trip);
+
+    const auto requests = server_.requestsTo(kScorePath);
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "POST");
+    EXPECT_EQ(requests[0].header("Content-Type"), "application/json");
+    EXPECT_EQ(requests[0].header("Accept"), "application/json");
+    auto parsed = json::parse(requests[0].body);
+    ASSERT_TRUE(parsed);
+    const Object expected{
+        {"userID", Value(0)},
+        {"drivingGuid", Value("")},
+        {"startDateTime", Value("2018-03-05 12:00:00 +0000")},
+        {"startLocation", Value("")},
+        {"startLocationLatitude", Value(0)},
+        {"startLocationLongitude", Value(0)},
+        {"endDateTime", Value("2018-03-05 12:00:00 +0000")},
+        {"endLocation", Value("")},
+        {"endLocationLatitude", Value(0)},
+        {"endLocationLongitude", Value(0)},
+        {"Score", Value(0)},
+        {"sharpCorneringCount", Value(0)},
+        {"sharpSpeedingCount", Value(0)},
+        {"sharpBrakingCount", Value(0)},
+        {"sharpElevatingCount", Value(0)},
+        {"sharpLaneChangingCount", Value(0)},
+        {"sharpCorneringPenalty", Value(0)},
+        {"sharpSpeedingPenalty", Value(0)},
+        {"sharpBrakingPenalty", Value(3.75)},
+        {"sharpElevatingPenalty", Value(0)},
+        {"sharpLaneChangingPenalty", Value(0)},
+        {"fuelEfficiencyPenalty", Value(4)},
+        {"totalDistance", Value(0)},
+        {"timeElapsed", Value("00:00:00")},
+    };
+    const Object& got = *parsed.value->asObject();
+    ASSERT_EQ(got.size(), expected.size());
+    for (const auto& [key, value] : expected) {
+        auto it = got.find(key);
+        ASSERT_NE(it, got.end()) << key;
+        if (value.isNumber())
+            EXPECT_EQ(it->second.asNumber(), value.asNumber()) << key;
+        else
+            EXPECT_EQ(it->second, value) << key;
+    }
+    // Integers stay integers on the wire.
+    EXPECT_TRUE(got.at("userID").isInt());
+    EXPECT_TRUE(got.at("sharpBrakingCount").isInt());
+}
+
+TEST_F(TripUpload, Outcomes) {
+    struct Case {
+        const char* name;
+        ScriptedReply reply;
+        std::int64_t code;  // 0: success
+        std::string message;
+    };
+    const std::vector<Case> cases = {
+        {"200 with an error text", ScriptedReply::text("Hata oluştu", 200), 0, ""},
+        {"201", ScriptedReply::statusOnly(201), 1015,
+         "Sürüş Bilgisi Sunucuya iletilemedi. Response Code:201"},
+        {"204", ScriptedReply::noBody(204), 1015,
+         "Sürüş Bilgisi Sunucuya iletilemedi. Response Code:204"},
+        {"404", ScriptedReply::statusOnly(404), 1015,
+         "Sürüş Bilgisi Sunucuya iletilemedi. Response Code:404"},
+        {"no reply", dropped(), 1017, "Sürüş Bilgisi Sunucuya iletilemedi"},
+    };
+    SetUpEngine();
+    std::size_t reports = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        server_.enqueue(kScorePath, c.reply);
+        // The record is held only by the pending upload.
+        std::make_shared<Trip>(env_)->saveToServer();
+        ASSERT_TRUE(delegate_->waitForReports(++reports));
+        if (c.code == 0) {
+            ASSERT_EQ(delegate_->finished().size(), 1u);
+            EXPECT_NE(delegate_->finished()[0], nullptr);
+        } else {
+            const auto f = delegate_->failed().back();
+            EXPECT_EQ(f.code, c.code);
+            EXPECT_EQ(f.title, "Sistem Bağlantı Hatası");
+            EXPECT_EQ(f.message, c.message);
+            EXPECT_EQ(f.alert, nullptr);
+        }
+    }
+}
+
+TEST_F(TripUpload, UnserialisableRecordIsNotSent) {
+    SetUpEngine();
+    for (int variant = 0; variant < 2; ++variant) {
+        auto trip = std::make_shared<Trip>(env_);
+        if (variant == 0) trip->Score = std::numeric_limits<double>::quiet_NaN();
+        if (variant == 1) trip->EndLocation = "Bitiş \xff";
+        trip->saveToServer();
+    }
+    const auto failed = delegate_->failed();
+    ASSERT_EQ(failed.size(), 2u);
+    for (const auto& f : failed) {
+        EXPECT_EQ(f.code, 1014);
+        EXPECT_EQ(f.title, "Sistem Hatası");
+        EXPECT_EQ(f.message, "Hatalı Json Verisi");
+    }
+    EXPECT_EQ(server_.requestsTo(kScorePath).size(), 0u);
+}
+
+TEST_F(PermissionCheck, RefusalsHandTheHostAnAlert) {
+    struct Case {
+        const char* name;
+        bool servicesEnabled;
+        platform::AuthorizationStatus status;
+        std::string title;
+        std::string message;
+        std::string settingsButton;
+    };
+    using S = platform::AuthorizationStatus;
+    const std::vector<Case> cases = {
+        {"services off", false, S::authorizedWhenInUse, "Konum Servisleri Kapalı",
+         "Sürüş başlatabilmek için Konum Servislerini açarak Sürüş Takip uygulamasına izin veriniz",
+         "Ayarlara Git"},
+        {"denied", true, S::denied, "Konum Erişim Yetkisi Bulunmuyor",
+         "Sürüş başlatabilmek için Konum Servisleri'nden Sürüş Takip uygulamasına izin veriniz",
+         "Ayarlara  Git"},
+        {"restricted", true, S::restricted, "Konum Erişim Yetkisi Bulunmuyor",
+         "Sürüş başlatabilmek için Konum Servisleri'nden Sürüş Takip uygulamasına izin veriniz",
+         "Ayarlara  Git"},
+    };
+    SetUpEngine();
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        const Case& c = cases[i];
+        SCOPED_TRACE(c.name);
+        location_->setLocationServicesEnabled(c.servicesEnabled);
+        location_->setAuthorizationStatus(c.status);
+        EXPECT_FALSE(engine_->startTrip());
+        EXPECT_FALSE(engine_->IsDriving());
+        const auto failed = delegate_->failed();
+        ASSERT_EQ(failed.size(), i + 1);
+        const Failure& f = failed.back();
+        EXPECT_EQ(f.code, 1000);
+        EXPECT_EQ(f.title, c.title);
+        EXPECT_EQ(f.message, c.message);
+        ASSERT_NE(f.alert, nullptr);
+        EXPECT_EQ(f.alert->title, c.title);
+        EXPECT_EQ(f.alert->message, c.message);
+        EXPECT_EQ(f.alert->preferredStyle, platform::Alert::Style::alert);
+        ASSERT_EQ(f.alert->actions.size(), 2u);
+        EXPECT_EQ(f.alert->actions[0].title, c.settingsButton);
+        EXPECT_EQ(f.alert->actions[0].style, platform::AlertAction::Style::defaultStyle);
+        EXPECT_EQ(f.alert->actions[1].title, "Vazgeç");
+        EXPECT_EQ(f.alert->actions[1].style, platform::AlertAction::Style::cancel);
+        EXPECT_FALSE(f.alert->actions[1].handler);
+
+        // The first button opens this application's settings page.
+        ASSERT_TRUE(f.alert->actions[0].handler);
+        f.alert->actions[0].handler();
+        EXPECT_EQ(application_->openedURLs().size(), i + 1);
+        EXPECT_EQ(application_->openedURLs().back(), "app-settings:");
+    }
+    EXPECT_EQ(location_->authorizationRequestCount(), 0);
+
+    // Without a settings address the button does nothing.
+    application_->setOpenSettingsURLString("");
+    delegate_->failed().back().alert->actions[0].handler();
+    EXPECT_EQ(application_->openedURLs().size(), cases.size());
+}
+
+TEST_F(PermissionCheck, NotYetAskedIsRequestedSilently) {
+    SetUpEngine();
+    location_->setAuthorizationStatus(platform::AuthorizationStatus::notDetermined);
+    // Even a user who answers at once: this start still returns false; the host starts again.
+    location_->setAuthorizationAnswer(platform::AuthorizationStatus::authorizedWhenInUse);
+    EXPECT_FALSE(engine_->startTrip());
+    EXPECT_EQ(location_->authorizationRequestCount(), 1);
+    EXPECT_TRUE(delegate_->failed().empty());
+    EXPECT_TRUE(delegate_->finished().empty());
+    EXPECT_TRUE(engine_->startTrip());
+}
+
+TEST_F(PermissionCheck, GrantedStartsWithoutAlert) {
+    SetUpEngine();
+    for (auto status : {platform::AuthorizationStatus::authorizedAlways,
+                        platform::AuthorizationStatus::authorizedWhenInUse}) {
+        location_->setAuthorizationStatus(status);
+        EXPECT_TRUE(engine_->startTrip());
+        engine_->stopTrip();
+    }
+    EXPECT_TRUE(delegate_->failed().empty());
+}
+
+}  // namespace
+}  // namespace kestrelvue::uploadtest

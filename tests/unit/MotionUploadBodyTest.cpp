@@ -1,0 +1,98 @@
+// The hand-written motion upload body must be JSON that reads back to exactly what was given.
+
+#include <gtest/gtest.h>
+#include <kestrelvue/Json.h>
+
+#include <string>
+
+#include "engine/MotionUploadBody.h"
+
+namespace kestrelvue {
+namespace {
+
+struct BodyCase {
+    const char* name;
+    std::string motionStr;
+};
+
+// Escapes placed before, across and after 8-byte word boundaries, and at both ends.
+std::vector<BodyCase> bodyCases() {
+    std::string longPlain;
+    for (int i = 0; i < 200; ++i) longPlain += "12.345, -0.001,2018-03-05 12:00:00:000,FU,;";
+    return {
+        {"empty", ""},
+        {"short", "1,"},
+        {"plain word multiple", std::string(64, 'a')},
+        {"quote first", "\"abcdefghijklmnop"},
+        {"quote last", "abcdefghijklmnop\""},
+        {"backslash across word", "abcdefg\\hijklmno"},
+        {"control bytes", std::string("a\x01"
+                                      "b\x1f"
+                                      "c\n\r\t\b\f")},
+        {"escape in tail", "abcdefghij\"k"},
+        {"every escape kind", "\"\\\n\r\t\b\f\x7f\x02"},
+        {"turkish letters", "Sürüş başlatabilmek için Vazgeç çğıöşü ÇĞİÖŞÜ"},
+        {"long bulk", longPlain},
+        {"long bulk with one escape", longPlain + "\"" + longPlain},
+    };
+}
+
+TEST(MotionUploadBody, ReadsBackToItsParts) {
+    for (const auto& c : bodyCases()) {
+        SCOPED_TRACE(c.name);
+        for (const std::optional<std::string>& version :
+             {std::optional<std::string>{}, std::optional<std::string>{"2.1 \"beta\""}}) {
+            auto body = detail::writeMotionDataBody(-42, "0000-\"guid\"", c.motionStr, version);
+            ASSERT_TRUE(body);
+            auto parsed = json::parse(*body);
+            ASSERT_TRUE(parsed) << parsed.error << "\n" << *body;
+            const Object* object = parsed.value->asObject();
+            ASSERT_NE(object, nullptr);
+            EXPECT_EQ(object->size(), 4u);
+            EXPECT_EQ(parsed.value->find("UserID")->asInt(), -42);
+            EXPECT_EQ(*parsed.value->find("DrivingGuid")->asString(), "0000-\"guid\"");
+            EXPECT_EQ(*parsed.value->find("MotionStr")->asString(), c.motionStr);
+            const Value* appVersion = parsed.value->find("AppVersion");
+            ASSERT_NE(appVersion, nullptr);
+            if (version)
+                EXPECT_EQ(*appVersion->asString(), *version);
+            else
+                EXPECT_TRUE(appVersion->isNull());
+            // Compact: no blank outside the texts.
+            EXPECT_EQ(body->find(": "), std::string::npos);
+            EXPECT_EQ(body->find(", \""), std::string::npos);
+        }
+    }
+}
+
+TEST(MotionUploadBody, EscapesAtEveryOffsetOfTheScan) {
+    // The scan steps in blocks of 64 and words of 8: every position must be seen.
+    for (char special : {'"', '\\', '\n', '\x01'}) {
+        for (std::size_t at = 0; at < 140; ++at) {
+            std::string text(140, 'x');
+            text[at] = special;
+            auto body = detail::writeMotionDataBody(1, "g", text, std::nullopt);
+            ASSERT_TRUE(body);
+            auto parsed = json::parse(*body);
+            ASSERT_TRUE(parsed) << at;
+            EXPECT_EQ(*parsed.value->find("MotionStr")->asString(), text) << at;
+        }
+    }
+}
+
+TEST(MotionUploadBody, RefusesTextsThatAreNotUtf8) {
+    const std::string bad = "ab\xff";
+    EXPECT_FALSE(detail::writeMotionDataBody(1, bad, "x", std::nullopt));
+    EXPECT_FALSE(detail::writeMotionDataBody(1, "g", bad, std::nullopt));
+    EXPECT_FALSE(detail::writeMotionDataBody(1, "g", "x", bad));
+    EXPECT_TRUE(detail::writeMotionDataBody(1, "g", "x", std::string("1.0")));
+}
+
+TEST(MotionUploadBody, DescribesTheTransportErrorAsAnOptional) {
+    EXPECT_EQ(detail::describeOptionalError(std::nullopt), "nil");
+    EXPECT_EQ(detail::describeOptionalError(TransportError{"NSURLErrorDomain", -1004, "refused"}),
+              "Optional(Error Domain=NSURLErrorDomain Code=-1004 \"refused\")");
+}
+
+}  // namespace
+}  // namespace kestrelvue
