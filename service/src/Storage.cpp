@@ -1,0 +1,339 @@
+#include "Storage.h"
+
+#include <sqlite3.h>
+
+#include <utility>
+
+namespace kestrelvue::service {
+namespace {
+
+/// A prepared statement that finalises itself.
+class Statement {
+  public:
+    Statement(sqlite3* db, const char* sql) { sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr); }
+    ~Statement() { sqlite3_finalize(stmt_); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    Statement& bind(int i, std::int64_t v) { return sqlite3_bind_int64(stmt_, i, v), *this; }
+    Statement& bind(int i, double v) { return sqlite3_bind_double(stmt_, i, v), *this; }
+    Statement& bind(int i, const std::string& v) {
+        sqlite3_bind_text(stmt_, i, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
+        return *this;
+    }
+    bool step() { return stmt_ && sqlite3_step(stmt_) == SQLITE_ROW; }
+    bool run() { return stmt_ && sqlite3_step(stmt_) == SQLITE_DONE; }
+    void reset() {
+        sqlite3_reset(stmt_);
+        sqlite3_clear_bindings(stmt_);
+    }
+    std::int64_t integer(int c) { return sqlite3_column_int64(stmt_, c); }
+    double real(int c) { return sqlite3_column_double(stmt_, c); }
+    std::string text(int c) {
+        auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, c));
+        return p ? std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c))) : "";
+    }
+
+  private:
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
+constexpr const char* kSchema = R"sql(
+PRAGMA journal_mode = WAL;
+CREATE TABLE IF NOT EXISTS thresholds (
+  ord INTEGER PRIMARY KEY, name TEXT NOT NULL, limit_start REAL, limit_end REAL, impact REAL,
+  per_km INTEGER);
+CREATE TABLE IF NOT EXISTS points (
+  guid TEXT NOT NULL, user_id INTEGER, seq INTEGER PRIMARY KEY AUTOINCREMENT,
+  lat REAL, lon REAL, p0 REAL, p1 REAL, p2 REAL, p3 REAL, p4 REAL,
+  k0 REAL, k1 REAL, k2 REAL, k3 REAL, k4 REAL, fuel REAL);
+CREATE INDEX IF NOT EXISTS points_guid ON points(guid, seq);
+CREATE TABLE IF NOT EXISTS drivings (
+  guid TEXT PRIMARY KEY, user_id INTEGER, start_dt TEXT, end_dt TEXT, start_loc TEXT,
+  end_loc TEXT, start_lat REAL, start_lon REAL, end_lat REAL, end_lon REAL, score REAL,
+  c0 INTEGER, c1 INTEGER, c2 INTEGER, c3 INTEGER, c4 INTEGER,
+  p0 REAL, p1 REAL, p2 REAL, p3 REAL, p4 REAL, fuel REAL, distance REAL, elapsed TEXT,
+  received INTEGER);
+CREATE INDEX IF NOT EXISTS drivings_user ON drivings(user_id, received);
+CREATE TABLE IF NOT EXISTS users (
+  id INTEGER PRIMARY KEY AUTOINCREMENT, reference_id TEXT UNIQUE, mobile TEXT UNIQUE, token TEXT,
+  first_name TEXT DEFAULT '', last_name TEXT DEFAULT '', email TEXT DEFAULT '',
+  gender INTEGER DEFAULT 0, type INTEGER DEFAULT 4, city TEXT DEFAULT '', country TEXT DEFAULT '');
+CREATE TABLE IF NOT EXISTS friends (
+  user_ref TEXT NOT NULL, friend_ref TEXT NOT NULL, PRIMARY KEY (user_ref, friend_ref));
+)sql";
+
+// Bands a fresh service hands out: gentle enough that ordinary driving costs nothing.
+const ThresholdRow kDefaultBands[] = {
+    {"UpdateInterval", 0.5, 0, 0, false},
+    {"DistanceFilter", 30, 50, 0, false},
+    {"SharpCorneringLevel", 0.35, 0.5, 1, false},
+    {"SharpCorneringLevel", 0.5, 100, 3, false},
+    {"SharpSpeedingLevel", 0.3, 0.45, 1, false},
+    {"SharpSpeedingLevel", 0.45, 100, 3, false},
+    {"SharpBrakingLevel", 0.3, 0.5, 2, false},
+    {"SharpBrakingLevel", 0.5, 100, 5, false},
+    {"SharpElevatingLevel", 0.3, 0.6, 1, false},
+    {"SharpElevatingLevel", 0.6, 100, 2, false},
+    {"SharpLaneChangingLevel", 0.2, 100, 2, false},
+    {"FuelEfficiency", 130, 160, 0.5, true},
+    {"FuelEfficiency", 160, 300, 1, true},
+    {"SharpLaneChangingDuration1", 3, 0, 0, false},
+    {"SharpLaneChangingDuration2", 10, 0, 0, false},
+    {"SharpLaneChangingDuration3", 4, 0, 0, false},
+    {"SharpLaneChangingDuration4", 15, 0, 0, false},
+};
+
+}  // namespace
+
+bool PointRow::hasFault() const {
+    for (int i = 0; i < 5; ++i) {
+        if (penalty[i] != 0 || penaltyPerKM[i] != 0) return true;
+    }
+    return false;
+}
+
+Storage::~Storage() {
+    if (db_) sqlite3_close(db_);
+}
+
+bool Storage::exec(const char* sql, std::string& error) {
+    char* message = nullptr;
+    if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+        error = message ? message : "SQLite error";
+        sqlite3_free(message);
+        return false;
+    }
+    return true;
+}
+
+bool Storage::open(const std::string& path, std::string& error) {
+    std::lock_guard lock(mutex_);
+    if (sqlite3_open(path.c_str(), &db_) != SQLITE_OK) {
+        error = "cannot open database " + path + ": " + sqlite3_errmsg(db_);
+        return false;
+    }
+    sqlite3_busy_timeout(db_, 2000);
+    if (!exec(kSchema, error)) return false;
+    Statement count(db_, "SELECT COUNT(*) FROM thresholds");
+    if (count.step() && count.integer(0) == 0) {
+        Statement insert(db_,
+                         "INSERT INTO thresholds(name, limit_start, limit_end, impact, per_km) "
+                         "VALUES (?, ?, ?, ?, ?)");
+        for (const ThresholdRow& band : kDefaultBands) {
+            insert.bind(1, band.name)
+                .bind(2, band.limitStart)
+                .bind(3, band.limitEnd)
+                .bind(4, band.impact)
+                .bind(5, std::int64_t{band.perKilometer});
+            insert.run();
+            insert.reset();
+        }
+    }
+    return true;
+}
+
+std::vector<ThresholdRow> Storage::thresholds() {
+    std::lock_guard lock(mutex_);
+    std::vector<ThresholdRow> rows;
+    Statement q(db_,
+                "SELECT name, limit_start, limit_end, impact, per_km FROM thresholds ORDER BY ord");
+    while (q.step())
+        rows.push_back({q.text(0), q.real(1), q.real(2), q.real(3), q.integer(4) != 0});
+    return rows;
+}
+
+void Storage::addPoints(const std::string& guid, std::int64_t userID,
+                        const std::vector<PointRow>& points) {
+    std::lock_guard lock(mutex_);
+    std::string ignored;
+    exec("BEGIN", ignored);
+    Statement insert(db_,
+                     "INSERT INTO points(guid, user_id, lat, lon, p0, p1, p2, p3, p4, k0, k1, k2, "
+                     "k3, k4, fuel) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    for (const PointRow& p : points) {
+        insert.bind(1, guid).bind(2, userID).bind(3, p.latitude).bind(4, p.longitude);
+        for (int i = 0; i < 5; ++i)
+            insert.bind(5 + i, p.penalty[i]).bind(10 + i, p.penaltyPerKM[i]);
+        insert.bind(15, p.fuelPerKM);
+        insert.run();
+        insert.reset();
+    }
+    exec("COMMIT", ignored);
+}
+
+std::vector<PointRow> Storage::points(const std::string& guid) {
+    std::lock_guard lock(mutex_);
+    std::vector<PointRow> rows;
+    Statement q(db_,
+                "SELECT lat, lon, p0, p1, p2, p3, p4, k0, k1, k2, k3, k4, fuel FROM points "
+                "WHERE guid = ? ORDER BY seq");
+    q.bind(1, guid);
+    while (q.step()) {
+        PointRow p;
+        p.latitude = q.real(0);
+        p.longitude = q.real(1);
+        for (int i = 0; i < 5; ++i) {
+            p.penalty[i] = q.real(2 + i);
+            p.penaltyPerKM[i] = q.real(7 + i);
+        }
+        p.fuelPerKM = q.real(12);
+        rows.push_back(p);
+    }
+    return rows;
+}
+
+void Storage::saveDriving(const DrivingRow& d) {
+    std::lock_guard lock(mutex_);
+    Statement q(db_,
+                "INSERT OR REPLACE INTO drivings VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
+                "?, ?, ?, ?, ?, ?, ?, ?, ?, ?, (SELECT COALESCE(MAX(received), 0) + 1 FROM "
+                "drivings))");
+    q.bind(1, d.guid).bind(2, d.userID).bind(3, d.startDateTime).bind(4, d.endDateTime);
+    q.bind(5, d.startLocation).bind(6, d.endLocation).bind(7, d.startLat).bind(8, d.startLong);
+    q.bind(9, d.endLat).bind(10, d.endLong).bind(11, d.score);
+    for (int i = 0; i < 5; ++i) q.bind(12 + i, d.counts[i]).bind(17 + i, d.penalties[i]);
+    q.bind(22, d.fuelPenalty).bind(23, d.totalDistance).bind(24, d.timeElapsed);
+    q.run();
+}
+
+std::vector<DrivingRow> Storage::drivings(std::int64_t userID) {
+    std::lock_guard lock(mutex_);
+    std::vector<DrivingRow> rows;
+    Statement q(db_, "SELECT * FROM drivings WHERE user_id = ? ORDER BY received");
+    q.bind(1, userID);
+    while (q.step()) {
+        DrivingRow d;
+        d.guid = q.text(0);
+        d.userID = q.integer(1);
+        d.startDateTime = q.text(2);
+        d.endDateTime = q.text(3);
+        d.startLocation = q.text(4);
+        d.endLocation = q.text(5);
+        d.startLat = q.real(6);
+        d.startLong = q.real(7);
+        d.endLat = q.real(8);
+        d.endLong = q.real(9);
+        d.score = q.real(10);
+        for (int i = 0; i < 5; ++i) {
+            d.counts[i] = q.integer(11 + i);
+            d.penalties[i] = q.real(16 + i);
+        }
+        d.fuelPenalty = q.real(21);
+        d.totalDistance = q.real(22);
+        d.timeElapsed = q.text(23);
+        rows.push_back(std::move(d));
+    }
+    return rows;
+}
+
+namespace {
+UserRow readUser(Statement& q) {
+    UserRow u;
+    u.id = q.integer(0);
+    u.referenceId = q.text(1);
+    u.firstName = q.text(2);
+    u.lastName = q.text(3);
+    u.email = q.text(4);
+    u.genderId = q.integer(5);
+    u.typeId = q.integer(6);
+    u.city = q.text(7);
+    u.country = q.text(8);
+    return u;
+}
+constexpr const char* kUserColumns =
+    "id, reference_id, first_name, last_name, email, gender, type, city, country";
+}  // namespace
+
+std::optional<UserRow> Storage::login(const std::string& mobile, const std::string& token,
+                                      bool& expired) {
+    std::lock_guard lock(mutex_);
+    expired = false;
+    {
+        Statement q(db_, (std::string("SELECT ") + kUserColumns +
+                          ", token FROM users WHERE mobile = ? OR reference_id = ?")
+                             .c_str());
+        q.bind(1, mobile).bind(2, mobile);
+        if (q.step()) {
+            std::string stored = q.text(9);
+            UserRow u = readUser(q);
+            if (!stored.empty() && stored != token) {
+                expired = true;
+                return std::nullopt;
+            }
+            if (stored.empty()) {
+                Statement set(db_, "UPDATE users SET token = ?, mobile = ? WHERE id = ?");
+                set.bind(1, token).bind(2, mobile).bind(3, u.id);
+                set.run();
+            }
+            return u;
+        }
+    }
+    // First login provisions a driver account whose reference is the mobile number.
+    Statement insert(db_, "INSERT INTO users(reference_id, mobile, token) VALUES (?, ?, ?)");
+    insert.bind(1, mobile).bind(2, mobile).bind(3, token);
+    if (!insert.run()) return std::nullopt;
+    UserRow u;
+    u.id = sqlite3_last_insert_rowid(db_);
+    u.referenceId = mobile;
+    return u;
+}
+
+std::int64_t Storage::addUser(const UserRow& user) {
+    std::lock_guard lock(mutex_);
+    Statement q(db_,
+                "INSERT INTO users(reference_id, first_name, last_name, email, gender) "
+                "VALUES (NULLIF(?, ''), ?, ?, ?, ?) ON CONFLICT(reference_id) DO UPDATE SET "
+                "first_name = excluded.first_name, last_name = excluded.last_name, "
+                "email = excluded.email, gender = excluded.gender RETURNING id");
+    q.bind(1, user.referenceId).bind(2, user.firstName).bind(3, user.lastName);
+    q.bind(4, user.email).bind(5, user.genderId);
+    return q.step() ? q.integer(0) : 0;
+}
+
+bool Storage::addFriend(const std::string& referenceId, const std::string& friendReferenceId) {
+    std::lock_guard lock(mutex_);
+    Statement known(db_, "SELECT COUNT(*) FROM users WHERE reference_id IN (?, ?)");
+    known.bind(1, referenceId).bind(2, friendReferenceId);
+    if (!known.step() || known.integer(0) != (referenceId == friendReferenceId ? 1 : 2)) {
+        return false;
+    }
+    Statement q(db_, "INSERT OR IGNORE INTO friends VALUES (?, ?), (?, ?)");
+    q.bind(1, referenceId)
+        .bind(2, friendReferenceId)
+        .bind(3, friendReferenceId)
+        .bind(4, referenceId);
+    return q.run();
+}
+
+std::optional<UserRow> Storage::user(std::int64_t id) {
+    std::lock_guard lock(mutex_);
+    Statement q(db_, (std::string("SELECT ") + kUserColumns + " FROM users WHERE id = ?").c_str());
+    q.bind(1, id);
+    if (!q.step()) return std::nullopt;
+    return readUser(q);
+}
+
+std::vector<LeaderRow> Storage::leaders(const UserRow& me, int scope) {
+    std::lock_guard lock(mutex_);
+    std::string where = "1";
+    if (scope == 1) where = "u.country = ?2";
+    if (scope == 2) where = "u.city = ?2";
+    if (scope == 3) {
+        where =
+            "(u.id = ?1 OR u.reference_id IN (SELECT friend_ref FROM friends WHERE user_ref = ?3))";
+    }
+    std::string sql =
+        "SELECT u.id, TRIM(u.first_name || ' ' || u.last_name), u.city, u.country, COUNT(d.guid), "
+        "COALESCE(AVG(d.score), 0) FROM users u LEFT JOIN drivings d ON d.user_id = u.id WHERE " +
+        where + " GROUP BY u.id ORDER BY 6 DESC, 1 ASC";
+    Statement q(db_, sql.c_str());
+    q.bind(1, me.id).bind(2, scope == 1 ? me.country : me.city).bind(3, me.referenceId);
+    std::vector<LeaderRow> rows;
+    while (q.step()) {
+        rows.push_back({q.integer(0), q.text(1), q.text(2), q.text(3), q.integer(4), q.real(5)});
+    }
+    return rows;
+}
+
+}  // namespace kestrelvue::service

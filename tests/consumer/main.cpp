@@ -1,0 +1,20 @@
+// Uses the call layer through the installed headers and library only.
+#include <kestrelvue/RestfulCall.h>
+#include <kestrelvue/posix/CurlHttpClient.h>
+
+#include <cstdio>
+
+int main() {
+    using namespace kestrelvue;
+    auto center = NotificationCenter::make();
+    RestfulCall call(std::make_shared<posix::CurlHttpClient>(), center,
+                     std::make_shared<Reachability>(
+                         std::make_shared<platform::FixedReachabilityProbe>(0u)));
+    std::string error;
+    ObserverToken token = center->addObserver("done", [&](const Notification& n) {
+        if (const std::string* s = n.userInfo->at("error").asString()) error = *s;
+    });
+    call.Post("http://127.0.0.1:9/api/User/AddUser", Object{{"Name", "Ada"}}, "done");
+    std::printf("%s\n", error.c_str());
+    return error == kOfflineText ? 0 : 1;
+}

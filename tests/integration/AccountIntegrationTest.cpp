@@ -1,0 +1,304 @@
+// The account against a real HTTP server on 127.0.0.1, through the real call layer and libcurl.
+
+#include <gtest/gtest.h>
+#include <kestrelvue/Environment.h>
+#include <kestrelvue/Json.h>
+#include <kestrelvue/RestfulCall.h>
+#include <kestrelvue/User.h>
+
+#include "support/RecordingUserDelegate.h"
+#include "support/TestDoubles.h"
+#include "support/TestEnvironment.h"
+#include "support/TestServer.h"
+
+namespace kestrelvue {
+namespace {
+
+using test::RecordingUserDelegate;
+using test::ScriptedReply;
+using test::TestServer;
+using namespace std::chrono_literals;
+
+class AccountIntegration : public ::testing::Test {
+  protected:
+    AccountIntegration() { account->setDelegate(delegate); }
+
+    void setOnline(bool online) {
+        call->setMReachability(
+            std::make_shared<Reachability>(online ? test::reachableProbe() : test::offlineProbe()));
+    }
+
+    Object bodyOf(const test::ReceivedRequest& request) {
+        auto parsed = json::parse(request.body);
+        EXPECT_TRUE(parsed && parsed.value->isObject()) << request.body;
+        return parsed && parsed.value->isObject() ? *parsed.value->asObject() : Object{};
+    }
+
+    // Declared first so that it outlives the client and the account.
+    TestServer server;
+    Environment env = test::makeTestEnvironment(server);
+    std::unique_ptr<RestfulCall> call = test::makeRestfulCall(env);
+    std::unique_ptr<User> account = User::makeDetachedShared(env, *call);
+    std::shared_ptr<RecordingUserDelegate> delegate = std::make_shared<RecordingUserDelegate>();
+    // Registered after the account, so an answer is recorded only once the account handled it.
+    test::NotificationRecorder answers{
+        env.notifications, {"UserLogedIn", "UserAdded", "FriendAdded", "LeaderShipGot"}};
+};
+
+TEST_F(AccountIntegration, LoginWithAndWithoutIdAndUserTypeId) {
+    struct Case {
+        const char* reply;
+        std::int64_t id;
+        UserType type;
+    };
+    const Case cases[] = {
+        {R"({"Id":57,"UserTypeId":4})", 57, UserType::driver},
+        {R"({"Id":58,"UserTypeId":3})", 58, UserType::observer},
+        {R"({"UserTypeId":2})", 58, UserType::passenger},
+        {R"({"Name":"Ali"})", 58, UserType::passenger},
+    };
+    std::size_t reports = 0;
+    for (const Case& c : cases) {
+        server.enqueue("/api/User/LoginWithToken", ScriptedReply::json(c.reply));
+        account->login("5551234567", "t0k3n");
+        auto events = delegate->waitFor(++reports);
+        ASSERT_EQ(events.size(), reports) << c.reply;
+        EXPECT_EQ(events.back().operation, "userDidLogin");
+        EXPECT_EQ(events.back().user, account.get());
+        EXPECT_EQ(account->Id(), c.id) << c.reply;
+        EXPECT_EQ(account->Type(), c.type) << c.reply;
+    }
+    auto requests = server.requestsTo("/api/User/LoginWithToken");
+    ASSERT_EQ(requests.size(), std::size(cases));
+    EXPECT_EQ(requests[0].method, "POST");
+    EXPECT_EQ(requests[0].header("Content-Type"), "application/json");
+    EXPECT_EQ(requests[0].header("Accept"), "application/json");
+    EXPECT_EQ(bodyOf(requests[0]), (Object{{"Mobile", "5551234567"}, {"Token", "t0k3n"}}));
+}
+
+TEST_F(AccountIntegration, LoginFailures) {
+    // Offline: reported on this thread before login returns, and nothing is sent.
+    setOnline(false);
+    account->login("5551234567", "t0k3n");
+    auto events = delegate->events();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].operation, "userLoginDidFail");
+    EXPECT_EQ(events[0].errorCode, 1000);
+    EXPECT_EQ(events[0].errorTitle, "Kullanıcı doğrulanamadı");
+    EXPECT_EQ(events[0].errorMessage, "Lütfen internet bağlantınızı kontrol ediniz!");
+    EXPECT_EQ(server.requestCount(), 0u);
+
+    setOnline(true);
+    server.enqueue("/api/User/LoginWithToken", ScriptedReply::text("Süre doldu", 403));
+    server.enqueue("/api/User/LoginWithToken", ScriptedReply::text("Geçersiz numara", 400));
+    account->login("5551234567", "t0k3n");
+    delegate->waitFor(2);
+    account->login("5551234567", "t0k3n");
+    events = delegate->waitFor(3);
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events[1].errorMessage, "expired");
+    EXPECT_EQ(events[2].operation, "userLoginDidFail");
+    EXPECT_EQ(events[2].errorMessage, "Geçersiz numara");
+    EXPECT_EQ(account->Id(), 0);
+    EXPECT_EQ(account->Type(), UserType::driver);
+}
+
+TEST_F(AccountIntegration, RegistrationOfAFemaleAccountThroughAPublicInitialiserAccount) {
+    server.reply("/api/User/AddUser", ScriptedReply::text("812"));
+    User registrant("Ayşe", "Yılmaz", "ayse@example.org", GenderType::female, "REF-2", env, *call);
+    auto own = std::make_shared<RecordingUserDelegate>();
+    registrant.setDelegate(own);
+    registrant.addUser();
+
+    auto events = delegate->waitFor(1);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].operation, "userDidAdd");
+    EXPECT_EQ(events[0].user, account.get());  // the handling account, not the registrant
+    EXPECT_EQ(account->Id(), 812);
+    EXPECT_EQ(registrant.Id(), 0);
+    EXPECT_TRUE(own->events().empty());
+
+    auto requests = server.requestsTo("/api/User/AddUser");
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(bodyOf(requests[0]), (Object{{"FirstName", "Ayşe"},
+                                           {"LastName", "Yılmaz"},
+                                           {"Email", "ayse@example.org"},
+                                           {"GenderId", 2},
+                                           {"ReferenceId", "REF-2"}}));
+}
+
+TEST_F(AccountIntegration, RegistrationRepliesThatAreNotAnIdentifier) {
+    server.enqueue("/api/User/AddUser", ScriptedReply::text("\"812\""));  // quoted: no callback
+    server.enqueue("/api/User/AddUser", ScriptedReply::text("E-posta kayıtlı", 409));
+    account->addUser();
+    ASSERT_TRUE(server.waitForRequests(1));
+    account->addUser();
+    ASSERT_TRUE(answers.waitFor(2));
+    auto events = delegate->events();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].operation, "userAddDidFail");
+    EXPECT_EQ(events[0].errorTitle, "Kullanıcı eklenemedi");
+    EXPECT_EQ(events[0].errorMessage, "E-posta kayıtlı");
+    EXPECT_EQ(account->Id(), 0);
+}
+
+TEST_F(AccountIntegration, AddFriendPassesTheReplyBodyOn) {
+    account->setReferenceId("REF-1");
+    server.enqueue("/api/General/AddFriend", ScriptedReply::text("OK"));
+    server.enqueue("/api/General/AddFriend", ScriptedReply::text("Zaten arkadaş", 500));
+    account->addFriend("REF-9");
+    delegate->waitFor(1);
+    account->addFriend("REF-9");
+    auto events = delegate->waitFor(2);
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0].operation, "friendDidAdd");
+    EXPECT_EQ(events[0].friendReferenceId, "OK");
+    EXPECT_EQ(events[1].operation, "friendAddDidFail");
+    EXPECT_EQ(events[1].errorTitle, "Arkadaş eklenemedi");
+    EXPECT_EQ(events[1].errorMessage, "Zaten arkadaş");
+    auto requests = server.requestsTo("/api/General/AddFriend");
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(
+        bodyOf(requests[0]),
+        (Object{{"ReferenceID", "REF-1"}, {"FriendReferenceID", "REF-9"}, {"LoginTypeID", 1}}));
+}
+
+TEST_F(AccountIntegration, LeaderboardRows) {
+    server.reply("/api/General/getLeaderShip/0", ScriptedReply::json(R"([
+        {"UserID":"a1","RankType":2,"Name":"Ali","TotalDriving":14,"AVGDrivingScore":87.5,
+         "UserRank":3,"IsCurrentUser":true},
+        {"UserID":"b2","RankType":7},
+        {"UserID":99,"Name":"Veli","CityName":"İzmir"},
+        {"UserID":"c3","TotalDriving":12.5,"TotalUser":40}
+    ])"));
+    account->getLeadership(RankTypes::Friend);
+    auto events = delegate->waitFor(1);
+    ASSERT_EQ(events.size(), 1u);
+    ASSERT_EQ(events[0].operation, "leadershipDidGet");
+    const auto& rows = events[0].leaderboard;
+    ASSERT_EQ(rows.size(), 4u);
+
+    LeaderboardItem ali;
+    ali.UserId = "a1";
+    ali.RankType = RankTypes::City;
+    ali.UserName = "Ali";
+    ali.TotalDriving = 14;
+    ali.AVGDrivingScore = 87.5;
+    ali.UserRank = 3;
+    ali.IsCurrentUser = true;
+    EXPECT_EQ(rows[0], ali);
+    EXPECT_EQ(rows[1].UserId, "b2");
+    EXPECT_EQ(rows[1].RankType, RankTypes::None);
+    EXPECT_FALSE(rows[2].UserId);
+    EXPECT_EQ(rows[2].UserName, "Veli");
+    EXPECT_EQ(rows[2].CityName, "İzmir");
+    EXPECT_FALSE(rows[3].TotalDriving);
+    EXPECT_EQ(rows[3].TotalUser, 40);
+
+    auto requests = server.requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "GET");
+    EXPECT_EQ(requests[0].target, "/api/General/getLeaderShip/0?RankType=3");
+}
+
+TEST_F(AccountIntegration, LeaderboardEmptyListNotFoundAndWrongShape) {
+    account->setId(57);
+    server.enqueue("/api/General/getLeaderShip/57", ScriptedReply::json("[]"));
+    server.enqueue("/api/General/getLeaderShip/57", ScriptedReply::statusOnly(404));
+    server.enqueue("/api/General/getLeaderShip/57", ScriptedReply::json(R"({"UserID":"a1"})"));
+    const char* expected[][2] = {
+        {"leadershipDidGet", ""},
+        {"leadershipGetDidFail",
+         "Detay bilgisi alınamadı. Daha sonra tekrar deneyin. ErrorCode: 404"},
+        {"leadershipGetDidFail", kLeadershipNotAListText},
+    };
+    for (std::size_t i = 0; i < std::size(expected); ++i) {
+        account->getLeadership(RankTypes::Country);
+        auto events = delegate->waitFor(i + 1);
+        ASSERT_EQ(events.size(), i + 1);
+        EXPECT_EQ(events[i].operation, expected[i][0]);
+        EXPECT_EQ(events[i].errorMessage, expected[i][1]);
+        if (events[i].operation == "leadershipGetDidFail") {
+            EXPECT_EQ(events[i].errorCode, 1000);
+            EXPECT_EQ(events[i].errorTitle, "Liderlik listesi alınamadı");
+        } else {
+            EXPECT_TRUE(events[i].leaderboard.empty());
+        }
+    }
+    for (const auto& r : server.requests()) EXPECT_EQ(r.query, "RankType=1");
+}
+
+TEST_F(AccountIntegration, OverlappingLeaderboardRequestsAreToldApartByRankType) {
+    account->setId(57);
+    // The first request's answer is held back so that the second one overtakes it.
+    ScriptedReply slow = ScriptedReply::json(R"([{"UserID":"a1","RankType":1}])");
+    slow.delay = 500ms;
+    server.enqueue("/api/General/getLeaderShip/57", slow);
+    server.enqueue("/api/General/getLeaderShip/57",
+                   ScriptedReply::json(R"([{"UserID":"a1","RankType":2}])"));
+    account->getLeadership(RankTypes::Country);
+    ASSERT_TRUE(server.waitForRequests(1));
+    account->getLeadership(RankTypes::City);
+    auto events = delegate->waitFor(2);
+    ASSERT_EQ(events.size(), 2u);
+    ASSERT_EQ(events[0].leaderboard.size(), 1u);
+    ASSERT_EQ(events[1].leaderboard.size(), 1u);
+    EXPECT_EQ(events[0].leaderboard[0].RankType, RankTypes::City);
+    EXPECT_EQ(events[1].leaderboard[0].RankType, RankTypes::Country);
+    auto requests = server.requests();
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[0].query, "RankType=1");
+    EXPECT_EQ(requests[1].query, "RankType=2");
+}
+
+// The token may appear in the login body and nowhere else: not in the reports to the host, nor in
+// the answers the call layer posts, whatever way the login fails.
+TEST_F(AccountIntegration, TheLoginTokenAppearsOnlyInTheRequestBody) {
+    const std::string token = "Zq9-SECRET-token-7Hk";
+    ScriptedReply dropped;
+    dropped.drop = ScriptedReply::Drop::beforeReply;
+    server.enqueue("/api/User/LoginWithToken", dropped);  // a transport error: not reported
+    server.enqueue("/api/User/LoginWithToken", ScriptedReply::statusOnly(403));
+    server.enqueue("/api/User/LoginWithToken", ScriptedReply::text("Hatalı giriş", 500));
+    server.enqueue("/api/User/LoginWithToken", ScriptedReply::text("not json"));
+    server.enqueue("/api/User/LoginWithToken", ScriptedReply::json(R"({"Id":5})"));
+    for (std::size_t i = 1; i <= 5; ++i) {
+        account->login("5551234567", token);
+        ASSERT_TRUE(server.waitForRequests(i));
+    }
+    ASSERT_TRUE(answers.waitFor(5));
+    setOnline(false);
+    account->login("5551234567", token);
+    ASSERT_EQ(answers.count(), 6u);
+    auto events = delegate->events();
+    ASSERT_EQ(events.size(), 5u);
+
+    for (const auto& request : server.requests()) {
+        EXPECT_NE(request.body.find(token), std::string::npos);  // it was sent ...
+        EXPECT_EQ(request.target.find(token), std::string::npos);
+        for (const auto& [name, value] : request.headers) {
+            EXPECT_EQ(value.find(token), std::string::npos) << name;
+        }
+    }
+    for (const auto& e : events) {  // ... and never reported
+        EXPECT_EQ(e.errorMessage.find(token), std::string::npos) << e.errorMessage;
+    }
+    int transportErrors = 0;
+    for (const auto& answer : answers.all()) {
+        ASSERT_TRUE(answer.userInfo);
+        transportErrors += answer.find("error") && answer.find("error")->isError();
+        for (const auto& [key, value] : *answer.userInfo) {
+            std::string text;
+            if (auto* e = value.asError()) {
+                text = e->domain + " " + e->description;
+            } else {
+                text = json::write(value).value_or("");
+            }
+            EXPECT_EQ(text.find(token), std::string::npos) << key << ": " << text;
+        }
+    }
+    EXPECT_EQ(transportErrors, 1);
+}
+
+}  // namespace
+}  // namespace kestrelvue

@@ -1,0 +1,171 @@
+// The engine against a real loopback service: the threshold download at creation and the weather
+// requests of a trip, driven in virtual time on the simulated platform.
+
+#include <gtest/gtest.h>
+#include <kestrelvue/posix/CurlHttpClient.h>
+
+#include "support/EngineHarness.h"
+#include "support/TestDoubles.h"
+#include "support/TestServer.h"
+
+namespace kestrelvue {
+namespace {
+
+using namespace std::chrono_literals;
+using test::EngineHarness;
+using test::NotificationRecorder;
+using test::ScriptedReply;
+using test::TestServer;
+
+constexpr const char* kFailure = "Sunucudan ayarlar indirilemedi. Tekrar deneyiniz";
+
+class EngineService : public ::testing::Test {
+protected:
+    TestServer server;
+    EngineHarness h;
+
+    void SetUp() override {
+        h.env.http = std::make_shared<posix::CurlHttpClient>();
+        h.env.applicationInfo = Object{{std::string(kBaseURLKey), Value(server.baseURL())}};
+    }
+};
+
+TEST_F(EngineService, ThresholdsArriveAfterCreation) {
+    server.reply("/api/Driving/getThresholds", ScriptedReply::json(R"([
+        {"_enmThresholdName":"SharpBrakingLevel","_limitStart":0.3,"_limitEnd":0.5,"_impact":2,"_perKilometer":false},
+        {"_enmThresholdName":"SharpBrakingLevel","_limitStart":0.5,"_limitEnd":9,"_impact":5,"_perKilometer":false},
+        {"_enmThresholdName":"DistanceFilter","_limitStart":25,"_limitEnd":75,"_impact":0,"_perKilometer":false},
+        {"_enmThresholdName":"UpdateInterval","_limitStart":0.25,"_limitEnd":0,"_impact":0,"_perKilometer":false}
+    ])"));
+    NotificationRecorder got(h.center, {"thresholdsGot"});
+    auto engine = h.makeEngine();
+    ASSERT_TRUE(got.waitFor(1));
+    EXPECT_TRUE(got.settled(1));
+    EXPECT_FALSE(got.at(0).userInfo.has_value());
+    EXPECT_EQ(got.at(0).object, engine.get());
+
+    auto requests = server.requestsTo("/api/Driving/getThresholds");
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "GET");
+    EXPECT_EQ(requests[0].query, "");
+    EXPECT_EQ(requests[0].body, "");
+
+    auto s = DrivingInsightTestAccess::settings(*engine);
+    ASSERT_EQ(s.braking.size(), 2u);
+    EXPECT_EQ(s.braking[1]->Impact, 5.0);
+    EXPECT_EQ(s.distanceFilter, 75.0);
+    EXPECT_EQ(s.distanceFilterForSpeed, 25.0);
+    EXPECT_EQ(s.updateInterval, 0.25);
+
+    // The next trip samples at the new interval.
+    ASSERT_TRUE(engine->startTrip());
+    EXPECT_EQ(h.motion->deviceMotionUpdateInterval(), 0.25);
+}
+
+TEST_F(EngineService, ThresholdFailuresLeaveTheStartValues) {
+    struct Case {
+        const char* name;
+        ScriptedReply reply;
+    };
+    const Case cases[] = {
+        {"status 500", ScriptedReply::json("[]", 500)},
+        {"not JSON", ScriptedReply::text("<html>")},
+        {"an object, not a list", ScriptedReply::json(R"({"Data":[]})")},
+        {"a list of numbers", ScriptedReply::json("[1,2,3]")},
+        {"a member of another type",
+         ScriptedReply::json(
+             R"([{"_enmThresholdName":"SharpCorneringLevel","_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":true},
+                 {"_enmThresholdName":"SharpBrakingLevel","_limitStart":"0.3","_limitEnd":0.5,"_impact":2,"_perKilometer":false}])")},
+        {"connection dropped", ScriptedReply::dropped(ScriptedReply::Drop::beforeReply)},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        server.reply("/api/Driving/getThresholds", c.reply);
+        NotificationRecorder got(h.center, {"thresholdsGot"});
+        auto engine = h.makeEngine();
+        ASSERT_TRUE(got.waitFor(1));
+        EXPECT_TRUE(got.settled(1));
+        const test::RecordedNotification posted = got.at(0);
+        const std::string* error = posted.errorText();
+        ASSERT_NE(error, nullptr);
+        EXPECT_EQ(*error, kFailure);
+        auto s = DrivingInsightTestAccess::settings(*engine);
+        EXPECT_TRUE(s.cornering.empty());
+        EXPECT_TRUE(s.braking.empty());
+        EXPECT_EQ(s.updateInterval, 0.5);
+    }
+}
+
+TEST_F(EngineService, WeatherRequestsReachTheServiceAndItsReplyTheHost) {
+    server.reply("/api/Driving/getThresholds", ScriptedReply::json("[]"));
+    server.reply("/api/General/getWeatherDataByLatLon/7",
+                 ScriptedReply::json(R"({"Temperature":17.5})"));
+    NotificationRecorder weather(h.center, {"getWeatherInfo"});
+    auto engine = h.makeEngine();
+    engine->setUserID(7);
+    ASSERT_TRUE(engine->startTrip());
+    h.clock->advance(1s);
+    engine->didUpdateLocations({h.fix(40.9923, 29.0244, 5)});
+    ASSERT_TRUE(weather.waitFor(1));
+
+    auto requests = server.requestsTo("/api/General/getWeatherDataByLatLon/7");
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "GET");
+    EXPECT_EQ(requests[0].query, "latitude=40.9923&longitude=29.0244");
+    const test::RecordedNotification reply = weather.at(0);
+    const Value* data = reply.find("Data");
+    ASSERT_NE(data, nullptr);
+    EXPECT_EQ(data->find("Temperature")->asNumber(), 17.5);
+
+    // The host stores the temperature; no further request follows.
+    engine->setTemperature(17.5);
+    engine->didUpdateLocations({h.fix(40.9924, 29.0244, 5)});
+    EXPECT_TRUE(weather.settled(1));
+    EXPECT_EQ(server.requestsTo("/api/General/getWeatherDataByLatLon/7").size(), 1u);
+}
+
+TEST_F(EngineService, ADriveFromStartToCompletion) {
+    server.reply("/api/Driving/getThresholds",
+                 ScriptedReply::json(R"([{"_enmThresholdName":"SharpCorneringLevel","_limitStart":0.1,"_limitEnd":9,"_impact":5,"_perKilometer":false}])"));
+    server.reply("/api/General/getWeatherDataByLatLon/3", ScriptedReply::json("{}"));
+    server.reply("/api/Driving/addMotionData", ScriptedReply::text(""));
+    server.reply("/api/Driving/addDrivingScore", ScriptedReply::text("1"));
+    NotificationRecorder got(h.center, {"thresholdsGot", "tripEndedSuccessfully"});
+    auto engine = h.makeEngine();
+    engine->setUserID(3);
+    ASSERT_TRUE(got.waitFor("thresholdsGot", 1));
+
+    h.geocoder->enqueueAnswer(sim::Geocoder::placemark({"Kadıköy", "İstanbul"}));
+    h.geocoder->enqueueAnswer(sim::Geocoder::placemark({"Üsküdar", "İstanbul"}));
+    ASSERT_TRUE(engine->startTrip());
+    // One fix a second, two samples a second, for a minute, heading north.
+    double latitude = 40.99;
+    for (int second = 0; second < 60; ++second) {
+        h.clock->advance(500ms);
+        h.motion->push(EngineHarness::flatSample());
+        h.clock->advance(500ms);
+        latitude += 0.0001;
+        engine->didUpdateLocations({h.fix(latitude, 29.03, 5)});
+        h.motion->push(EngineHarness::flatSample());
+        h.queue->runUntilIdle();
+        if (second == 0) engine->setTemperature(12.0);
+    }
+    EXPECT_NEAR(engine->TotalTraveledDistance(), 59 * 11.1, 10.0);
+    EXPECT_NEAR(engine->CurrentSpeed(), 40.0, 1.0);
+
+    engine->stopTrip();
+    h.queue->runUntilIdle();
+    ASSERT_TRUE(got.waitFor("tripEndedSuccessfully", 1, 10s));
+    auto trip = engine->LastTrip();
+    EXPECT_EQ(trip->StartLocation, "Kadıköy, İstanbul");
+    EXPECT_EQ(trip->EndLocation, "Üsküdar, İstanbul");
+    EXPECT_EQ(trip->TimeElapsed, "0:0:59");
+    EXPECT_EQ(trip->EndLocationLat, latitude);
+    EXPECT_EQ(engine->TripHistory().size(), 1u);
+    // The first batch asked for the weather; the temperature set afterwards stopped the asking.
+    ASSERT_TRUE(server.waitForRequests(2));
+    EXPECT_EQ(server.requestsTo("/api/General/getWeatherDataByLatLon/3").size(), 1u);
+}
+
+}  // namespace
+}  // namespace kestrelvue

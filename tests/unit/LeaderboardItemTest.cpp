@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+#include <kestrelvue/Json.h>
+#include <kestrelvue/LeaderboardItem.h>
+
+#include <limits>
+
+namespace kestrelvue {
+namespace {
+
+Value parsed(std::string_view text) {
+    auto result = json::parse(text);
+    EXPECT_TRUE(result) << text;
+    return result ? *result.value : Value();
+}
+
+LeaderboardItem rowFrom(std::string_view objectText) {
+    Value v = parsed(objectText);
+    return LeaderboardItem::fromRow(*v.asObject());
+}
+
+TEST(LeaderboardItem, FullRowFillsRenamedAndTypedFields) {
+    LeaderboardItem item = rowFrom(
+        R"({"UserID":"a1","RankType":2,"Name":"Ali","TotalDriving":14,"AVGDrivingScore":87.5,)"
+        R"("UserRank":3,"IsCurrentUser":true})");
+    LeaderboardItem expected;
+    expected.UserId = "a1";
+    expected.RankType = RankTypes::City;
+    expected.UserName = "Ali";
+    expected.TotalDriving = 14;
+    expected.AVGDrivingScore = 87.5;
+    expected.UserRank = 3;
+    expected.IsCurrentUser = true;
+    EXPECT_EQ(item, expected);
+    EXPECT_FALSE(item.CountryName);
+    EXPECT_FALSE(item.CityName);
+    EXPECT_FALSE(item.TotalUser);
+}
+
+TEST(LeaderboardItem, MemberOfWrongTypeLeavesOnlyThatFieldAbsent) {
+    struct Case {
+        const char* row;
+        LeaderboardItem expected;
+    };
+    auto with = [](auto set) {
+        LeaderboardItem item;
+        item.CityName = "Bursa";  // a neighbour that must survive its sibling's bad value
+        set(item);
+        return item;
+    };
+    const Case cases[] = {
+        {R"({"CityName":"Bursa","UserID":42})", with([](auto&) {})},
+        {R"({"CityName":"Bursa","Name":null})", with([](auto&) {})},
+        {R"({"CityName":"Bursa","TotalDriving":12.5})", with([](auto&) {})},
+        {R"({"CityName":"Bursa","TotalDriving":14.0})", with([](auto& i) { i.TotalDriving = 14; })},
+        {R"({"CityName":"Bursa","TotalDriving":"14"})", with([](auto&) {})},
+        {R"({"CityName":"Bursa","TotalUser":true})", with([](auto&) {})},
+        {R"({"CityName":"Bursa","TotalUser":1e300})", with([](auto&) {})},
+        {R"({"CityName":"Bursa","UserRank":18446744073709551615})", with([](auto&) {})},
+        {R"({"CityName":"Bursa","UserRank":-9223372036854775808})",
+         with([](auto& i) { i.UserRank = std::numeric_limits<std::int64_t>::min(); })},
+        {R"({"CityName":"Bursa","AVGDrivingScore":90})",
+         with([](auto& i) { i.AVGDrivingScore = 90.0; })},
+        {R"({"CityName":"Bursa","AVGDrivingScore":"90"})", with([](auto&) {})},
+        {R"({"CityName":"Bursa","IsCurrentUser":1})", with([](auto&) {})},
+        {R"({"CityName":"Bursa","IsCurrentUser":false})",
+         with([](auto& i) { i.IsCurrentUser = false; })},
+        {R"({"CityName":"Bursa","CountryName":["TR"]})", with([](auto&) {})},
+        {R"({"CityName":"Bursa","userid":"a1"})", with([](auto&) {})},  // keys are exact
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(rowFrom(c.row), c.expected) << c.row;
+    }
+}
+
+TEST(LeaderboardItem, RankTypeReadsEveryPresentValueAsAScope) {
+    const std::pair<const char*, RankTypes> cases[] = {
+        {"0", RankTypes::None},     {"1", RankTypes::Country}, {"2", RankTypes::City},
+        {"3", RankTypes::Friend},   {"7", RankTypes::None},    {"-1", RankTypes::None},
+        {"3.0", RankTypes::Friend}, {"2.5", RankTypes::None},  {"\"2\"", RankTypes::None},
+        {"null", RankTypes::None},  {"true", RankTypes::None},
+    };
+    for (const auto& [text, expected] : cases) {
+        LeaderboardItem item = rowFrom(std::string(R"({"RankType":)") + text + "}");
+        ASSERT_TRUE(item.RankType) << text;
+        EXPECT_EQ(*item.RankType, expected) << text;
+    }
+    EXPECT_FALSE(rowFrom("{}").RankType);
+}
+
+TEST(LeaderboardItem, ListKeepsServiceOrderAndRejectsOtherShapes) {
+    auto items = leaderboardFromData(parsed(R"([{"UserRank":2},{"UserRank":1},{"UserRank":2}])"));
+    ASSERT_TRUE(items);
+    ASSERT_EQ(items->size(), 3u);
+    EXPECT_EQ((*items)[0].UserRank, 2);
+    EXPECT_EQ((*items)[1].UserRank, 1);
+    EXPECT_EQ((*items)[2].UserRank, 2);
+
+    auto empty = leaderboardFromData(parsed("[]"));
+    ASSERT_TRUE(empty);
+    EXPECT_TRUE(empty->empty());
+
+    for (const char* text : {R"({"UserRank":1})", R"([{"UserRank":1},2])", "[[]]"}) {
+        EXPECT_FALSE(leaderboardFromData(parsed(text))) << text;
+    }
+    EXPECT_FALSE(leaderboardFromData(Value()));
+}
+
+}  // namespace
+}  // namespace kestrelvue

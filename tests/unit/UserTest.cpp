@@ -1,0 +1,191 @@
+// The account's handlers, over its own call layer and notification centre.
+// Replies are posted straight onto the centre; requests and real replies are covered by the
+// integration tests.
+
+#include <gtest/gtest.h>
+#include <kestrelvue/Environment.h>
+#include <kestrelvue/Json.h>
+#include <kestrelvue/RestfulCall.h>
+#include <kestrelvue/User.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+
+#include "support/RecordingUserDelegate.h"
+
+namespace kestrelvue {
+namespace {
+
+using test::RecordingUserDelegate;
+
+/// These tests post answers themselves; nothing is sent.
+class UnusedHttpClient : public platform::HttpClient {
+  public:
+    void send(platform::HttpRequest, platform::HttpCompletion) override { ADD_FAILURE(); }
+};
+
+class UserTest : public ::testing::Test {
+  protected:
+    UserTest() {
+        env.applicationInfo = Object{{std::string(kBaseURLKey), "http://127.0.0.1:9/svc"}};
+        center = NotificationCenter::make();
+        call = std::make_unique<RestfulCall>(
+            std::make_shared<UnusedHttpClient>(), center,
+            std::make_shared<Reachability>(std::make_shared<platform::FixedReachabilityProbe>(
+                platform::kReachabilityFlagsReachable)));
+        account = User::makeDetachedShared(env, *call);
+        delegate = std::make_shared<RecordingUserDelegate>();
+        account->setDelegate(delegate);
+    }
+
+    void reply(const std::string& name, UserInfo info) { center->post(name, nullptr, info); }
+
+    Environment env;
+    std::shared_ptr<NotificationCenter> center;
+    std::unique_ptr<RestfulCall> call;
+    std::unique_ptr<User> account;
+    std::shared_ptr<RecordingUserDelegate> delegate;
+};
+
+Object object(std::string_view text) {
+    return *json::parse(text).value->asObject();
+}
+
+TEST_F(UserTest, WireNumbers) {
+    EXPECT_EQ(genderWireId(GenderType::male), 1);
+    EXPECT_EQ(genderWireId(GenderType::female), 2);
+    EXPECT_EQ(genderWireId(GenderType::unknown), 0);
+    const std::pair<std::int64_t, UserType> types[] = {
+        {1, UserType::observer}, {2, UserType::passenger}, {4, UserType::driver},
+        {3, UserType::observer}, {0, UserType::observer},  {-4, UserType::observer},
+    };
+    for (const auto& [wire, type] : types) EXPECT_EQ(userTypeFromWire(wire), type) << wire;
+}
+
+TEST_F(UserTest, OnlyTheHandlingAccountRegistersAndItUnregistersWhenDestroyed) {
+    const char* names[] = {"UserLogedIn", "UserAdded", "FriendAdded", "LeaderShipGot"};
+    for (const char* name : names) EXPECT_EQ(center->observerCount(name), 1u) << name;
+    {
+        User registrant("Ayşe", "Yılmaz", "a@example.org", GenderType::female, "R1", env, *call);
+        for (const char* name : names) EXPECT_EQ(center->observerCount(name), 1u) << name;
+    }
+    account.reset();
+    for (const char* name : names) EXPECT_EQ(center->observerCount(name), 0u) << name;
+}
+
+TEST_F(UserTest, LoginRepliesUpdateFieldsAndReportTheHandlingAccount) {
+    struct Case {
+        const char* data;
+        std::int64_t id;
+        UserType type;
+    };
+    // Each case starts from Id 5 and Type driver.
+    const Case cases[] = {
+        {R"({"Id":57,"UserTypeId":4})", 57, UserType::driver},
+        {R"({"Id":57,"UserTypeId":3})", 57, UserType::observer},
+        {R"({"UserTypeId":2})", 5, UserType::passenger},
+        {R"({"Id":"57","UserTypeId":"2"})", 5, UserType::driver},
+        {R"({"Id":57.0,"UserTypeId":1})", 57, UserType::observer},
+        {R"({"Id":true})", 5, UserType::driver},
+        {"{}", 5, UserType::driver},
+    };
+    for (const Case& c : cases) {
+        auto fresh = User::makeDetachedShared(env, *call);
+        account.reset();  // only `fresh` handles this case's reply
+        auto d = std::make_shared<RecordingUserDelegate>();
+        fresh->setDelegate(d);
+        fresh->setId(5);
+        reply("UserLogedIn", Object{{"Data", object(c.data)}});
+        EXPECT_EQ(fresh->Id(), c.id) << c.data;
+        EXPECT_EQ(fresh->Type(), c.type) << c.data;
+        auto events = d->events();
+        ASSERT_EQ(events.size(), 1u) << c.data;
+        EXPECT_EQ(events[0].operation, "userDidLogin");
+        EXPECT_EQ(events[0].user, fresh.get());
+    }
+}
+
+TEST_F(UserTest, RepliesOfAnotherShapeAreIgnored) {
+    const TransportError transport{"curl", 7, "Couldn't connect to server"};
+    const std::pair<const char*, UserInfo> replies[] = {
+        {"UserLogedIn", std::nullopt},
+        {"UserLogedIn", Object{{"error", transport}}},
+        {"UserLogedIn", Object{{"Data", nullptr}}},
+        {"UserLogedIn", Object{{"Data", List{Value(Object{{"Id", 3}})}}}},
+        {"UserAdded", std::nullopt},
+        {"UserAdded", Object{{"error", transport}}},
+        {"UserAdded", Object{{"Data", nullptr}}},
+        {"UserAdded", Object{{"Data", "812"}}},
+        {"FriendAdded", std::nullopt},
+        {"FriendAdded", Object{{"error", transport}}},
+        {"FriendAdded", Object{{"Data", 5}}},
+    };
+    for (const auto& [name, info] : replies) reply(name, info);
+    EXPECT_TRUE(delegate->events().empty());
+    EXPECT_EQ(account->Id(), 0);
+    EXPECT_EQ(account->Type(), UserType::driver);
+}
+
+TEST_F(UserTest, WithoutDelegateAnswersStillUpdateFields) {
+    account->setDelegate(nullptr);
+    reply("UserLogedIn", Object{{"Data", object(R"({"Id":57,"UserTypeId":2})")}});
+    EXPECT_EQ(account->Id(), 57);
+    EXPECT_EQ(account->Type(), UserType::passenger);
+    reply("UserAdded", Object{{"Data", 58}});
+    EXPECT_EQ(account->Id(), 58);
+}
+
+// Replies arrive on several worker threads at once while the host reads; run under the thread
+// sanitizer this also checks the fields' guard.
+TEST_F(UserTest, ConcurrentLoginRepliesLeaveOneReplysIdAndTypeTogether) {
+    account->setDelegate(nullptr);
+    std::atomic<bool> stop{false};
+    std::thread reader([&] {
+        while (!stop) {
+            (void)account->Id();
+            (void)account->Type();
+        }
+    });
+    std::vector<std::thread> writers;
+    for (int w = 0; w < 4; ++w) {
+        writers.emplace_back([&, w] {
+            for (int i = 0; i < 200; ++i) {
+                // Each reply carries a matching pair: 1/observer or 4/driver.
+                const int typeId = (w + i) % 2 ? 1 : 4;
+                reply("UserLogedIn",
+                      Object{{"Data", Object{{"Id", typeId}, {"UserTypeId", typeId}}}});
+            }
+        });
+    }
+    for (auto& t : writers) t.join();
+    stop = true;
+    reader.join();
+    const auto id = account->Id();
+    EXPECT_TRUE(id == 1 || id == 4);
+    EXPECT_EQ(account->Type(), id == 1 ? UserType::observer : UserType::driver);
+}
+
+// The process-wide account is checked in a child process, so no other test meets it.
+TEST(UserSharedInstance, HandlesAnswersOnTheSharedCallLayerAndOthersRegisterNothing) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            NotificationCenter& center = RestfulCall::sharedInstance().notificationCenter();
+            User& shared = User::sharedInstance();
+            bool ok = &shared == &User::sharedInstance() &&
+                      &shared.restfulCall() == &RestfulCall::sharedInstance();
+            for (const char* name : {"UserLogedIn", "UserAdded", "FriendAdded", "LeaderShipGot"}) {
+                ok = ok && center.observerCount(name) == 1;
+            }
+            User registrant("Ali", "Kaya", "ali@example.org", GenderType::male, "REF-3");
+            ok = ok && center.observerCount("UserAdded") == 1 &&
+                 registrant.addUserURL == Environment::current().serviceURL("/api/User/AddUser");
+            std::_Exit(ok ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace kestrelvue
