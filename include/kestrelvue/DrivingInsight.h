@@ -203,6 +203,11 @@ private:
 
     // Scoring (detection): the trip score from the totals (Locked).
     double calculateScore();
+    /// The last finding given to setFaultType (Locked).
+    FaultTypes FaultType() const { return faultType; }
+    /// Stores the finding and counts it in its kind's counter and in eventCount; `none` is
+    /// stored, not counted (Locked).
+    void setFaultType(FaultTypes value);
 
     // Permissions.cpp (upload): true when a trip may start; makes its own report otherwise.
     bool checkLocationPermisionWhenInUse();

@@ -2,74 +2,59 @@
 
 #include <cmath>
 
+// Each detector computes scalars and returns one braced result, which lands straight in the
+// caller's slot: building the result piecewise made GCC reload it through the stack, stalling
+// on store forwarding in the per-sample path.
+
 namespace kestrelvue::detail {
-
-namespace {
-
-// Looks `rate` up and reports `onHit` when a band with a positive impact holds it.
-Finding judge(double rate, const ThresholdList& levels, FaultTypes onHit) {
-    const BandImpact band = lookUpBand(rate, levels);
-    Finding result{FaultTypes::none, rate, band.impact, band.isPerKilometer};
-    if (band.impact > 0) result.finding = onHit;
-    return result;
-}
-
-}  // namespace
 
 Finding checkSharpCornering(int orientation, const Vector3& userAcceleration,
                             const ThresholdList& levels) {
     const double ax = userAcceleration.x;
-    if (orientation == kFaceUp && ax < 0)
-        return judge(std::fabs(ax), levels, FaultTypes::sharpCorneringRight);
-    if (orientation == kFaceDown && ax > 0)
-        return judge(ax, levels, FaultTypes::sharpCorneringRight);
-    if (orientation == kFaceUp && ax > 0) return judge(ax, levels, FaultTypes::sharpCorneringLeft);
-    if (orientation == kFaceDown && ax < 0)
-        return judge(std::fabs(ax), levels, FaultTypes::sharpCorneringLeft);
-    return {};
+    const bool faceUp = orientation == kFaceUp;
+    if ((!faceUp && orientation != kFaceDown) || !(ax < 0 || ax > 0)) return {};
+    // Face up, a push to the left side (negative x) is a right turn; face down mirrors it.
+    const bool right = faceUp ? ax < 0 : ax > 0;
+    const double rate = std::fabs(ax);
+    const ThresholdImpact band = thresholdImpactFor(rate, levels);
+    const FaultTypes finding =
+        band.impact > 0 ? (right ? FaultTypes::sharpCorneringRight : FaultTypes::sharpCorneringLeft)
+                        : FaultTypes::none;
+    return {finding, rate, band.impact, band.isPerKilometer};
 }
 
 Finding checkSharpElevating(int orientation, const Vector3& rotation,
                             const Vector3& userAcceleration, const ThresholdList& levels) {
-    if (orientation != kFaceUp) return {};
     const double rx = rotation.x;
-    Finding result;
-    if (rx > 0)
-        result = judge(std::fabs(rx), levels, FaultTypes::sharpElevatingUp);
-    else if (rx < 0)
-        result = judge(std::fabs(rx), levels, FaultTypes::sharpElevatingDown);
-    else
-        return {};
-    // Pitching while the car neither accelerates nor turns is the phone moving, not the road.
-    const bool gate = std::fabs(userAcceleration.y) >= 0.015 && std::fabs(rotation.y) < 0.2 &&
-                      std::fabs(rotation.z) < 0.2;
-    if (result.finding != FaultTypes::none && !gate) {
-        result.finding = FaultTypes::none;
-        result.rate = 0.0;
+    if (orientation != kFaceUp || !(rx < 0 || rx > 0)) return {};
+    double rate = std::fabs(rx);
+    const ThresholdImpact band = thresholdImpactFor(rate, levels);
+    FaultTypes finding = FaultTypes::none;
+    if (band.impact > 0) {
+        // Pitching while the car neither accelerates nor turns is the phone moving, not the road.
+        const bool gate = std::fabs(userAcceleration.y) >= 0.015 && std::fabs(rotation.y) < 0.2 &&
+                          std::fabs(rotation.z) < 0.2;
+        if (gate)
+            finding = rx > 0 ? FaultTypes::sharpElevatingUp : FaultTypes::sharpElevatingDown;
+        else
+            rate = 0.0;
     }
-    return result;
+    return {finding, rate, band.impact, band.isPerKilometer};
 }
 
 SpeedingFinding checkSharpSpeeding(int orientation, const Vector3& userAcceleration,
                                    const ThresholdList& speedingLevels,
                                    const ThresholdList& brakingLevels) {
-    SpeedingFinding result;
-    if (orientation != kFaceUp) return result;
     const double ay = userAcceleration.y;
-    if (ay < 0) {
-        result.speedingRate = std::fabs(ay);
-        const BandImpact band = lookUpBand(result.speedingRate, speedingLevels);
-        result.impact = band.impact;
-        result.isPerKM = band.isPerKilometer;
-        if (band.impact > 0) result.finding = FaultTypes::sharpSpeeding;
-    } else if (ay > 0) {
-        result.brakingRate = ay;
-        const BandImpact band = lookUpBand(result.brakingRate, brakingLevels);
-        result.impact = band.impact;
-        result.isPerKM = band.isPerKilometer;
-        if (band.impact > 0) result.finding = FaultTypes::sharpBraking;
-    }
-    return result;
+    if (orientation != kFaceUp || !(ay < 0 || ay > 0)) return {};
+    const bool speeding = ay < 0;  // the phone's y axis points backwards, as the car goes
+    const double rate = std::fabs(ay);
+    const ThresholdImpact band =
+        thresholdImpactFor(rate, speeding ? speedingLevels : brakingLevels);
+    FaultTypes finding = FaultTypes::none;
+    if (band.impact > 0) finding = speeding ? FaultTypes::sharpSpeeding : FaultTypes::sharpBraking;
+    return {finding, speeding ? rate : 0.0, speeding ? 0.0 : rate, band.impact,
+            band.isPerKilometer};
 }
 
 }  // namespace kestrelvue::detail

@@ -7,38 +7,16 @@
 #include <kestrelvue/LaneChangingData.h>
 #include <kestrelvue/MotionDataItem.h>
 #include <kestrelvue/Threshold.h>
+#include <kestrelvue/platform/Location.h>
 
 #include <cstdint>
+#include <optional>
+#include <string>
 
 namespace kestrelvue::detail {
 
 inline constexpr int kFaceUp = 5;
 inline constexpr int kFaceDown = 6;
-
-struct BandImpact {
-    double impact = 0.0;
-    bool isPerKilometer = false;
-};
-
-/// The band containing `value` ([LimitStart, LimitEnd)), walking the list in its order and
-/// stopping at the first band that starts above the value; (0, false) when none does.
-inline BandImpact lookUpBand(double value, const ThresholdList& thresholds) {
-    for (const auto& band : thresholds) {
-        if (band->LimitStart <= value && value < band->LimitEnd)
-            return {band->Impact, band->IsPerKilometer};
-        if (value < band->LimitStart) break;
-    }
-    return {};
-}
-
-/// Whether lookUpBand() would find a band.
-inline bool bandContains(double value, const ThresholdList& thresholds) {
-    for (const auto& band : thresholds) {
-        if (band->LimitStart <= value && value < band->LimitEnd) return true;
-        if (value < band->LimitStart) break;
-    }
-    return false;
-}
 
 /// What a detector reports for one sample. A value that was not looked at leaves rate 0,
 /// impact 0 and the flag true; a value looked up in vain keeps its rate with impact 0, flag false.
@@ -99,5 +77,9 @@ struct PenaltyTotals {
 /// returns 100 minus all totals, not below 0.
 double calculateScore(PenaltyTotals& totals, double totalTraveledDistance,
                       double metresPerKilometre);
+
+/// The elapsed trip time as the host shows it: "1 saat 5 dk 3 sn", each part only when it is
+/// not zero; empty when the time is unknown.
+std::string elapsedText(const std::optional<platform::DateComponents>& elapsed);
 
 }  // namespace kestrelvue::detail

@@ -72,13 +72,14 @@ Finding checkSharpLaneChanging(LaneChangingData& state, int orientation, double 
         const double firstSwing = static_cast<double>(state.indexWhenSignChanged) * ui;
         const double peakLeft = state.maxRotZ;
         const double peakRight = std::fabs(state.minRotZ);
-        const bool counts = d3 <= whole && whole <= d4 && d1 <= firstSwing && firstSwing <= d2 &&
-                            state.indexWhenSignChanged < state.index &&
-                            (bandContains(peakLeft, levels) || bandContains(peakRight, levels));
+        const bool counts =
+            d3 <= whole && whole <= d4 && d1 <= firstSwing && firstSwing <= d2 &&
+            state.indexWhenSignChanged < state.index &&
+            (exceedsThresholds(peakLeft, levels) || exceedsThresholds(peakRight, levels));
         if (counts) {
             result.rate = peakLeft > peakRight ? peakLeft : peakRight;
-            const BandImpact first = lookUpBand(peakLeft, levels);
-            const BandImpact second = lookUpBand(peakRight, levels);
+            const ThresholdImpact first = thresholdImpactFor(peakLeft, levels);
+            const ThresholdImpact second = thresholdImpactFor(peakRight, levels);
             result.impact = second.impact >= first.impact ? second.impact : first.impact;
             result.isPerKM = second.isPerKilometer;  // the second lookup's flag is the one kept
             result.finding = state.direction == 'R' ? FaultTypes::sharpLaneChangingRight

@@ -1,3 +1,5 @@
+#include <kestrelvue/DrivingInsight.h>
+
 #include <cmath>
 
 #include "engine/Detectors.h"
@@ -9,7 +11,7 @@ double checkFuelEfficiency(int orientation, const Vector3& userAcceleration,
     const double ay = userAcceleration.y;
     const double v = orientation == kFaceUp && ay < 0 ? std::fabs(ay) : 0.0;
     // The band only gates: its impact and flag are not passed on.
-    return lookUpBand(v, levels).impact > 0 ? v : 0.0;
+    return thresholdImpactFor(v, levels).impact > 0 ? v : 0.0;
 }
 
 double calculateScore(PenaltyTotals& t, double totalTraveledDistance, double metresPerKilometre) {
@@ -34,3 +36,23 @@ double calculateScore(PenaltyTotals& t, double totalTraveledDistance, double met
 }
 
 }  // namespace kestrelvue::detail
+
+namespace kestrelvue {
+
+double DrivingInsight::calculateScore() {
+    detail::PenaltyTotals totals{
+        sharpCorneringPenalty,         sharpCorneringPenaltyPerKM, sharpSpeedingPenalty,
+        sharpSpeedingPenaltyPerKM,     sharpBrakingPenalty,        sharpBrakingPenaltyPerKM,
+        sharpElevatingPenalty,         sharpElevatingPenaltyPerKM, sharpLaneChangingPenalty,
+        sharpLaneChangingPenaltyPerKM, fuelEfficiencyPenaltyPerKM};
+    score = detail::calculateScore(totals, totalTraveledDistance, birKilometreKacMetre);
+    sharpCorneringPenaltyPerKM = totals.sharpCorneringPenaltyPerKM;
+    sharpSpeedingPenaltyPerKM = totals.sharpSpeedingPenaltyPerKM;
+    sharpBrakingPenaltyPerKM = totals.sharpBrakingPenaltyPerKM;
+    sharpElevatingPenaltyPerKM = totals.sharpElevatingPenaltyPerKM;
+    sharpLaneChangingPenaltyPerKM = totals.sharpLaneChangingPenaltyPerKM;
+    fuelEfficiencyPenaltyPerKM = totals.fuelEfficiencyPenaltyPerKM;
+    return score;
+}
+
+}  // namespace kestrelvue

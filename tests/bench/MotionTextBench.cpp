@@ -69,7 +69,7 @@ MotionData makeDrive(std::size_t count) {
 const MotionData& drive() {
     static const MotionData data = [] {
         MotionData d = makeDrive(1000);
-        if (d.bulkMotionDataToString(1000) != testing::referenceBulk(d, 1000)) {
+        if (d.bulkMotionDataToString(1000) != test::referenceBulk(d, 1000)) {
             std::fprintf(stderr, "formatter and snprintf disagree\n");
             std::abort();
         }
@@ -102,7 +102,7 @@ BENCHMARK(BM_Bulk1000_Formatter)->Unit(benchmark::kMicrosecond);
 void BM_Bulk1000_SnprintfBaseline(benchmark::State& state) {
     const MotionData& data = drive();
     for (auto _ : state) {
-        std::string bulk = testing::referenceBulk(data, 1000);
+        std::string bulk = test::referenceBulk(data, 1000);
         benchmark::DoNotOptimize(bulk.data());
     }
 }

@@ -155,6 +155,72 @@ struct DrivingInsightTestAccess {
         std::lock_guard lock(e.mutex_);
         e.tripMotion.isSyncingToServer = value;
     }
+
+    // Sample evaluation and score.
+    struct Totals {
+        std::int64_t sharpCorneringCount, sharpSpeedingCount, sharpBrakingCount,
+            sharpElevatingCount, sharpLaneChangingCount, eventCount;
+        double sharpCorneringPenalty, sharpSpeedingPenalty, sharpBrakingPenalty,
+            sharpElevatingPenalty, sharpLaneChangingPenalty;
+        double sharpCorneringPenaltyPerKM, sharpSpeedingPenaltyPerKM, sharpBrakingPenaltyPerKM,
+            sharpElevatingPenaltyPerKM, sharpLaneChangingPenaltyPerKM, fuelEfficiencyPenaltyPerKM;
+        FaultTypes faultType;
+    };
+    static Totals totals(const DrivingInsight& e) {
+        std::lock_guard lock(e.mutex_);
+        return {e.sharpCorneringCount,        e.sharpSpeedingCount,
+                e.sharpBrakingCount,          e.sharpElevatingCount,
+                e.sharpLaneChangingCount,     e.eventCount,
+                e.sharpCorneringPenalty,      e.sharpSpeedingPenalty,
+                e.sharpBrakingPenalty,        e.sharpElevatingPenalty,
+                e.sharpLaneChangingPenalty,   e.sharpCorneringPenaltyPerKM,
+                e.sharpSpeedingPenaltyPerKM,  e.sharpBrakingPenaltyPerKM,
+                e.sharpElevatingPenaltyPerKM, e.sharpLaneChangingPenaltyPerKM,
+                e.fuelEfficiencyPenaltyPerKM, e.faultType};
+    }
+    struct Bands {
+        ThresholdList cornering = {}, speeding = {}, braking = {}, elevating = {},
+                      laneChanging = {}, fuel = {};
+    };
+    static void setBands(DrivingInsight& e, Bands b) {
+        std::lock_guard lock(e.mutex_);
+        e.sharpCorneringLevel = std::move(b.cornering);
+        e.sharpSpeedingLevel = std::move(b.speeding);
+        e.sharpBrakingLevel = std::move(b.braking);
+        e.sharpElevatingLevel = std::move(b.elevating);
+        e.sharpLaneChangingLevel = std::move(b.laneChanging);
+        e.fuelEfficiencyLevel = std::move(b.fuel);
+    }
+    static void setUpdateInterval(DrivingInsight& e, double seconds) {
+        std::lock_guard lock(e.mutex_);
+        e.updateInterval = seconds;
+    }
+    /// Orientation derived from the attitude and the one the platform gave.
+    static void setOrientation(DrivingInsight& e, int derived, int given) {
+        std::lock_guard lock(e.mutex_);
+        e.deviceOrientation = derived;
+        e.deviceOrientationGiven = given;
+    }
+    static double calculateScore(DrivingInsight& e) {
+        std::lock_guard lock(e.mutex_);
+        return e.calculateScore();
+    }
+    static MotionData motion(const DrivingInsight& e) {
+        std::lock_guard lock(e.mutex_);
+        return e.tripMotion;
+    }
+    static void reserveMotion(DrivingInsight& e, std::size_t records) {
+        std::lock_guard lock(e.mutex_);
+        e.tripMotion.motionDataArray.reserve(records);
+    }
+    static void clearMotion(DrivingInsight& e) {
+        std::lock_guard lock(e.mutex_);
+        e.tripMotion.motionDataArray.clear();
+    }
+    static LaneChangingData laneState(const DrivingInsight& e) {
+        std::lock_guard lock(e.mutex_);
+        return e.laneChangingItems;
+    }
 };
 
 }  // namespace kestrelvue

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <ctime>
 
-namespace kestrelvue::testing {
+namespace kestrelvue::test {
 
 namespace {
 
@@ -80,4 +80,4 @@ std::string referenceBulk(const MotionData& data, std::size_t first) {
     return out;
 }
 
-}  // namespace kestrelvue::testing
+}  // namespace kestrelvue::test

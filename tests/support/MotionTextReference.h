@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace kestrelvue::testing {
+namespace kestrelvue::test {
 
 /// Appends the record's text, as snprintf in the current locale writes it.
 void appendReferenceText(std::string& out, const MotionDataItem& item);
@@ -14,4 +14,4 @@ void appendReferenceText(std::string& out, const MotionDataItem& item);
 /// The bulk text built with appendReferenceText().
 std::string referenceBulk(const MotionData& data, std::size_t first);
 
-}  // namespace kestrelvue::testing
+}  // namespace kestrelvue::test

@@ -21,35 +21,6 @@ ThresholdList bands(std::initializer_list<Threshold> list) {
     return out;
 }
 
-TEST(BandLookup, WalkStopsAtFirstBandAboveTheValue) {
-    const double nan = std::numeric_limits<double>::quiet_NaN();
-    struct Case {
-        const char* name;
-        ThresholdList list;
-        double value;
-        double impact;
-        bool perKm;
-    };
-    const Case cases[] = {
-        {"empty", {}, 1.0, 0.0, false},
-        {"lower bound inclusive", bands({{0, 1, 2, true}, {1, 2, 3, false}}), 1.0, 3.0, false},
-        {"upper bound exclusive", bands({{0, 1, 2, true}, {1, 2, 3, false}}), 2.0, 0.0, false},
-        {"first band", bands({{0, 1, 2, true}, {1, 2, 3, false}}), 0.5, 2.0, true},
-        {"out of order stops early", bands({{5, 6, 1, true}, {1, 2, 4, true}}), 1.5, 0.0, false},
-        {"overlap: first wins", bands({{1, 3, 7, false}, {2, 4, 9, true}}), 2.5, 7.0, false},
-        {"below every band", bands({{1, 2, 4, true}}), 0.5, 0.0, false},
-        {"NaN matches nothing", bands({{-1e300, 1e300, 4, true}}), nan, 0.0, false},
-    };
-    for (const Case& c : cases) {
-        const BandImpact hit = lookUpBand(c.value, c.list);
-        EXPECT_EQ(hit.impact, c.impact) << c.name;
-        EXPECT_EQ(hit.isPerKilometer, c.perKm) << c.name;
-        EXPECT_EQ(bandContains(c.value, c.list), c.impact != 0.0 || c.perKm) << c.name;
-    }
-    // A band of impact 0 still "contains" the value (the lane-change judgement needs that).
-    EXPECT_TRUE(bandContains(1.5, bands({{1, 2, 0, false}})));
-}
-
 TEST(Detectors, Cornering) {
     const ThresholdList levels = bands({{0.3, 0.6, 2, false}});
     struct Case {

@@ -310,7 +310,7 @@ TEST(MotionText, RecordsMatchSnprintfAndStrftime) {
     for (int i = 0; i < 20000; ++i) {
         const MotionDataItem item = randomRecord(rng);
         std::string expected;
-        testing::appendReferenceText(expected, item);
+        test::appendReferenceText(expected, item);
         ASSERT_EQ(item.toString(), expected);
     }
 }
@@ -324,7 +324,7 @@ TEST(MotionText, NumbersIgnoreADecimalCommaLocale) {
     for (int i = 0; i < 200; ++i) {
         items.push_back(randomRecord(rng));
         expected.emplace_back();
-        testing::appendReferenceText(expected.back(), items.back());  // C locale
+        test::appendReferenceText(expected.back(), items.back());  // C locale
     }
     const std::string old = std::setlocale(LC_NUMERIC, nullptr);
     const char* found = nullptr;
@@ -349,7 +349,7 @@ std::string referenceStamp(platform::TimePoint t) {
     MotionDataItem item;
     item.DateTime = t;
     std::string text;
-    testing::appendReferenceText(text, item);
+    test::appendReferenceText(text, item);
     return fields(text)[23];
 }
 
@@ -394,7 +394,7 @@ TEST(MotionText, OneLocalTimeConversionPerDistinctSecond) {
     const std::uint64_t before = detail::timestampConversions();
     const std::string bulk = data.bulkMotionDataToString(600);
     EXPECT_EQ(detail::timestampConversions() - before, 301u);
-    EXPECT_EQ(bulk, testing::referenceBulk(data, 600));
+    EXPECT_EQ(bulk, test::referenceBulk(data, 600));
 }
 
 // ---- the bulk ---------------------------------------------------------------------------

@@ -1,0 +1,107 @@
+// The whole evaluation of one sample (detectors, charging, record, notification) through a
+// detached engine: with nobody observing "showMotionData", and with one observer.
+
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <random>
+#include <vector>
+
+#include "support/EngineHarness.h"
+
+namespace {
+std::atomic<std::uint64_t> gAllocations{0};
+}  // namespace
+
+// Counts heap allocations; pairs malloc with free, which GCC cannot see through.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void* operator new(std::size_t size) {
+    gAllocations.fetch_add(1, std::memory_order_relaxed);
+    if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
+
+namespace kestrelvue {
+namespace {
+
+ThresholdList bands(std::initializer_list<Threshold> list) {
+    ThresholdList out;
+    for (const Threshold& t : list) out.push_back(std::make_shared<const Threshold>(t));
+    return out;
+}
+
+// Samples of a lively drive: most quiet, some over the bands, lane swings now and then.
+std::vector<platform::DeviceMotion> drive() {
+    std::mt19937_64 rng(5);
+    std::normal_distribution<double> g(0.0, 0.2);
+    std::vector<platform::DeviceMotion> samples(4096);
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        auto& s = samples[i];
+        s.attitude = {0.1, g(rng), 1.0};
+        s.userAcceleration = {g(rng), g(rng), g(rng)};
+        s.rotationRate = {g(rng), g(rng),
+                          (i / 12) % 3 == 0 ? 1.5 * ((i / 6) % 2 ? 1 : -1) : g(rng)};
+        s.gravity = {0, 0, -1};
+    }
+    return samples;
+}
+
+void evaluate(benchmark::State& state, bool observed) {
+    test::EngineHarness h;
+    auto engine = h.makeEngine();
+    engine->setBulkMotionDataSize(1'000'000'000);  // no upload inside the timing
+    engine->setCurrentLocation(h.fix(41.0, 29.0, 5));
+    engine->setTimeElapsedSinceStart(platform::DateComponents{0, 12, 30});
+    DrivingInsightTestAccess::setOrientation(*engine, 5, 1);
+    DrivingInsightTestAccess::setBands(
+        *engine, {bands({{0.3, 0.6, 2, false}, {0.6, 9, 4, false}}), bands({{0.3, 9, 3, true}}),
+                  bands({{0.3, 9, 3, false}}), bands({{0.3, 9, 1, false}}),
+                  bands({{1.2, 9, 3, false}}), bands({{0.25, 9, 1, true}})});
+    std::uint64_t received = 0;
+    ObserverToken token;
+    if (observed)
+        token = h.center->addObserver("showMotionData",
+                                      [&received](const Notification&) { ++received; });
+    const auto samples = drive();
+    std::int64_t id = 0;
+    std::uint64_t allocations = 0;
+    const std::uint64_t bufferCap = 100000;
+    DrivingInsightTestAccess::reserveMotion(*engine, bufferCap);
+    for (auto _ : state) {
+        const auto& s = samples[static_cast<std::size_t>(id) & 4095];
+        const std::uint64_t before = gAllocations.load(std::memory_order_relaxed);
+        engine->evaluateActionForDrivingScore(++id, s.attitude, s.rotationRate, s.userAcceleration,
+                                              s.gravity);
+        allocations += gAllocations.load(std::memory_order_relaxed) - before;
+        if (static_cast<std::uint64_t>(id) % bufferCap == 0) {
+            state.PauseTiming();
+            DrivingInsightTestAccess::clearMotion(*engine);  // capacity stays: no regrowth
+            state.ResumeTiming();
+        }
+    }
+    state.counters["allocs/sample"] =
+        static_cast<double>(allocations) / static_cast<double>(state.iterations());
+    if (observed && received != static_cast<std::uint64_t>(state.iterations()))
+        state.SkipWithError("observer missed samples");
+}
+
+void BM_Evaluate_NoObserver(benchmark::State& state) {
+    evaluate(state, false);
+}
+BENCHMARK(BM_Evaluate_NoObserver);
+
+void BM_Evaluate_OneObserver(benchmark::State& state) {
+    evaluate(state, true);
+}
+BENCHMARK(BM_Evaluate_OneObserver);
+
+}  // namespace
+}  // namespace kestrelvue

@@ -1,0 +1,397 @@
+// One sample through the engine: detectors in order, charging, counting, the record, the
+// "showMotionData" payload and the upload trigger; then a scripted drive end to end.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <string>
+
+#include "engine/Detectors.h"
+#include "support/EngineHarness.h"
+
+namespace kestrelvue {
+namespace {
+
+using namespace std::chrono_literals;
+using test::EngineHarness;
+using Access = DrivingInsightTestAccess;
+
+constexpr int kFaceUp = 5;
+constexpr int kFaceDown = 6;
+constexpr int kPortrait = 1;
+
+ThresholdList band(double start, double end, double impact, bool perKm) {
+    return {std::make_shared<const Threshold>(start, end, impact, perKm)};
+}
+
+Vector3 accel(double x, double y) {
+    return {x, y, 0};
+}
+
+class Evaluation : public ::testing::Test {
+  protected:
+    EngineHarness h;
+    std::unique_ptr<DrivingInsight> engine = h.makeEngine();
+    std::int64_t motionId = 0;
+
+    void SetUp() override {
+        engine->setCurrentLocation(h.fix(41.0082, 28.9784, 5));
+        Access::setOrientation(*engine, kFaceUp, 1);
+    }
+
+    void sample(const Vector3& userAcceleration, const Vector3& rotation = {}) {
+        engine->evaluateActionForDrivingScore(++motionId, {0.1, 0.2, 0.3}, rotation,
+                                              userAcceleration, {0, 0, -1});
+    }
+};
+
+TEST_F(Evaluation, QuietSampleIsRecordedAndChargesNothing) {
+    Access::setBands(*engine, {.cornering = band(0.3, 0.6, 2, false)});
+    engine->setCurrentSpeed(47.3);
+    sample(accel(0.1, 0), {0.01, 0.02, 0.03});
+    const auto t = Access::totals(*engine);
+    EXPECT_EQ(t.eventCount, 0);
+    EXPECT_EQ(t.sharpCorneringPenalty, 0.0);
+    EXPECT_EQ(t.faultType, FaultTypes::none);
+    const MotionData motion = Access::motion(*engine);
+    ASSERT_EQ(motion.motionDataArray.size(), 1u);
+    const MotionDataItem& item = motion.motionDataArray[0];
+    EXPECT_EQ(item.ItemId, 1);
+    EXPECT_EQ(item.Fault, FaultItem{});
+    EXPECT_EQ(item.Acceleration, accel(0.1, 0));
+    EXPECT_EQ(item.Rotation, (Vector3{0.01, 0.02, 0.03}));
+    EXPECT_EQ(item.Attitude, (Vector3{0.1, 0.2, 0.3}));
+    EXPECT_EQ(item.Gravity, (Vector3{0, 0, -1}));
+    EXPECT_EQ(item.Location.coordinate, (platform::Coordinate{41.0082, 28.9784}));
+    EXPECT_EQ(item.OrientationGiven, 1);
+    EXPECT_EQ(item.Orientation, kFaceUp);
+    EXPECT_EQ(item.CurrentSpeed, 47.3);
+    EXPECT_EQ(item.DateTime, h.clock->now());
+}
+
+TEST_F(Evaluation, EachKindIsChargedToItsOwnTotals) {
+    struct Case {
+        const char* name;
+        Access::Bands bands;
+        int orientation;
+        Vector3 userAcceleration, rotation;
+        double FaultItem::*share;
+        char FaultItem::*character;
+        char expectedCharacter;
+        double expectedShare;
+    };
+    const Case cases[] = {
+        {"cornering absolute",
+         {.cornering = band(0.3, 0.6, 5, false)},
+         kFaceUp,
+         accel(-0.4, 0),
+         {},
+         &FaultItem::sharpCorneringPenalty,
+         &FaultItem::sharpCornering,
+         'R',
+         1.0},
+        {"cornering per km",
+         {.cornering = band(0.3, 0.6, 5, true)},
+         kFaceDown,
+         accel(-0.4, 0),
+         {},
+         &FaultItem::sharpCorneringPenaltyPerKM,
+         &FaultItem::sharpCornering,
+         'L',
+         1.0},
+        {"speeding",
+         {.speeding = band(0.3, 0.5, 4, false)},
+         kFaceUp,
+         accel(0, -0.35),
+         {},
+         &FaultItem::sharpSpeedingPenalty,
+         &FaultItem::sharpSpeeding,
+         'S',
+         0.35 * 4 * 0.5},
+        {"braking uses the braking rate",
+         {.braking = band(0.3, 0.5, 4, true)},
+         kFaceUp,
+         accel(0, 0.45),
+         {},
+         &FaultItem::sharpBrakingPenaltyPerKM,
+         &FaultItem::sharpSpeeding,
+         'B',
+         0.45 * 4 * 0.5},
+        {"elevating",
+         {.elevating = band(0.3, 1, 2, false)},
+         kFaceUp,
+         accel(0, 0.02),
+         {-0.5, 0.1, -0.19},
+         &FaultItem::sharpElevatingPenalty,
+         &FaultItem::sharpElevating,
+         'D',
+         0.5},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EngineHarness h2;
+        auto e = h2.makeEngine();
+        e->setCurrentLocation(h2.fix(41, 29, 5));
+        Access::setBands(*e, c.bands);
+        Access::setOrientation(*e, c.orientation, 1);
+        e->evaluateActionForDrivingScore(1, {}, c.rotation, c.userAcceleration, {});
+        const MotionData motion = Access::motion(*e);
+        ASSERT_EQ(motion.motionDataArray.size(), 1u);
+        const FaultItem& fault = motion.motionDataArray[0].Fault;
+        EXPECT_EQ(fault.*c.character, c.expectedCharacter);
+        EXPECT_DOUBLE_EQ(fault.*c.share, c.expectedShare);
+        // Every other share is zero; the engine's totals hold the same amounts.
+        FaultItem only;
+        only.*c.character = c.expectedCharacter;
+        only.*c.share = fault.*c.share;
+        EXPECT_EQ(fault, only);
+        const auto t = Access::totals(*e);
+        const double totals[] = {t.sharpCorneringPenalty + t.sharpCorneringPenaltyPerKM,
+                                 t.sharpSpeedingPenalty + t.sharpSpeedingPenaltyPerKM,
+                                 t.sharpBrakingPenalty + t.sharpBrakingPenaltyPerKM,
+                                 t.sharpElevatingPenalty + t.sharpElevatingPenaltyPerKM};
+        double sum = 0;
+        for (double v : totals) sum += v;
+        EXPECT_DOUBLE_EQ(sum, c.expectedShare);
+        EXPECT_EQ(t.eventCount, 1);
+    }
+}
+
+TEST_F(Evaluation, CountersFollowTheFindings) {
+    Access::setBands(*engine, {.cornering = band(0.3, 0.6, 5, false),
+                               .speeding = band(0.3, 0.6, 1, false),
+                               .braking = band(0.3, 0.6, 1, false)});
+    sample(accel(-0.4, -0.4));  // cornering and speeding
+    sample(accel(0.4, 0.4));    // cornering and braking
+    sample(accel(0.1, 0.1));    // nothing
+    const auto t = Access::totals(*engine);
+    EXPECT_EQ(t.sharpCorneringCount, 2);
+    EXPECT_EQ(t.sharpSpeedingCount, 1);
+    EXPECT_EQ(t.sharpBrakingCount, 1);
+    EXPECT_EQ(t.eventCount, 4);
+    EXPECT_EQ(t.faultType, FaultTypes::none);  // the lane-change detector writes last
+    EXPECT_DOUBLE_EQ(t.sharpCorneringPenalty, 2.0);
+}
+
+TEST_F(Evaluation, FuelShareHasNoImpactFactor) {
+    Access::setBands(*engine, {.fuel = band(0.25, 1, 4, false)});
+    Access::setUpdateInterval(*engine, 0.25);
+    sample(accel(0, -0.3));
+    const auto t = Access::totals(*engine);
+    EXPECT_DOUBLE_EQ(t.fuelEfficiencyPenaltyPerKM, 0.3 * 0.25);
+    EXPECT_EQ(t.eventCount, 0);  // fuel counts nothing
+    EXPECT_DOUBLE_EQ(Access::motion(*engine).motionDataArray[0].Fault.fuelEfficiencyPenaltyPerKM,
+                     0.075);
+}
+
+TEST_F(Evaluation, LaneChangeAndCorneringInOneSample) {
+    Access::setBands(
+        *engine, {.cornering = band(0.3, 0.6, 5, false), .laneChanging = band(1.2, 9, 3, false)});
+    for (int i = 0; i < 8; ++i) sample({}, {0, 0, 1.5});
+    for (double r : {-1.4, -1.3, -1.1}) sample({}, {0, 0, r});
+    sample(accel(0.4, 0), {0, 0, -0.9});  // ends the manoeuvre and corners
+    const auto t = Access::totals(*engine);
+    EXPECT_EQ(t.eventCount, 2);
+    EXPECT_EQ(t.sharpLaneChangingCount, 1);
+    EXPECT_EQ(t.faultType, FaultTypes::sharpLaneChangingLeft);
+    EXPECT_DOUBLE_EQ(t.sharpLaneChangingPenalty, 1.5 * 3 * 0.5);
+    const FaultItem last = Access::motion(*engine).motionDataArray.back().Fault;
+    EXPECT_EQ(last.sharpLaneChanging, 'L');
+    EXPECT_EQ(last.sharpCornering, 'L');
+    EXPECT_EQ(Access::laneState(*engine).index, 0);
+}
+
+TEST_F(Evaluation, PortraitJudgesNothing) {
+    Access::setOrientation(*engine, kPortrait, 1);
+    Access::setBands(*engine, {.cornering = band(0, 9, 5, false),
+                               .speeding = band(0, 9, 5, false),
+                               .elevating = band(0, 9, 5, false),
+                               .fuel = band(0, 9, 5, false)});
+    sample(accel(-0.4, -0.4), {0.5, 0, 0});
+    const auto t = Access::totals(*engine);
+    EXPECT_EQ(t.eventCount, 0);
+    EXPECT_EQ(t.fuelEfficiencyPenaltyPerKM, 0.0);
+}
+
+TEST_F(Evaluation, ShowMotionDataCarriesTheTenEntries) {
+    std::vector<Notification> seen;
+    auto token =
+        h.center->addObserver("showMotionData", [&](const Notification& n) { seen.push_back(n); });
+    Access::setBands(*engine, {.cornering = band(0.3, 0.6, 5, false)});
+    auto fix = h.fix(41, 29, 5);
+    fix.speed = 13.5;
+    engine->setCurrentLocation(fix);
+    engine->setCurrentSpeed(47.25);
+    engine->setTotalTraveledDistance(1234.5);
+    engine->setTimeElapsedSinceStart(platform::DateComponents{1, 0, 7});
+    sample(accel(-0.4, 0.2), {0.3, 0, 0});
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].object, engine.get());
+    const Object& info = *seen[0].userInfo;
+    EXPECT_EQ(info.size(), 10u);
+    EXPECT_EQ(info.at("corneringRate"), Value(0.4));
+    EXPECT_EQ(info.at("speedingRate"), Value(0.0));
+    EXPECT_EQ(info.at("brakingRate"), Value(0.2));
+    EXPECT_EQ(info.at("elevatingRate"), Value(0.3));
+    EXPECT_EQ(info.at("calculatedSpeed"), Value(47.25));
+    EXPECT_EQ(info.at("locationSpeed"), Value(13.5 * 3600.0 / 1000.0));
+    EXPECT_EQ(info.at("totalDistance"), Value(1.2345));
+    EXPECT_EQ(info.at("timeElapsedSinceStart"), Value("1 saat 7 sn"));
+    EXPECT_EQ(info.at("orientation"), Value(kFaceUp));
+    EXPECT_EQ(info.at("motionID"), Value("1"));
+}
+
+TEST(ElapsedText, PartsOnlyWhenNotZero) {
+    using C = platform::DateComponents;
+    const std::pair<std::optional<C>, const char*> cases[] = {
+        {C{0, 0, 0}, ""},
+        {C{0, 0, 5}, "5 sn"},
+        {C{0, 3, 0}, "3 dk "},
+        {C{2, 0, 0}, "2 saat "},
+        {C{1, 2, 3}, "1 saat 2 dk 3 sn"},
+        {C{0, 12, 59}, "12 dk 59 sn"},
+        {std::nullopt, ""},
+    };
+    for (const auto& [components, text] : cases) EXPECT_EQ(detail::elapsedText(components), text);
+}
+
+TEST_F(Evaluation, SampleWithoutPositionIsSkipped) {
+    std::size_t posts = 0;
+    auto token = h.center->addObserver("showMotionData", [&](const Notification&) { ++posts; });
+    Access::setBands(
+        *engine, {.cornering = band(0.3, 0.6, 5, false), .laneChanging = band(1.2, 9, 3, false)});
+    engine->setCurrentLocation(std::nullopt);
+    sample(accel(-0.4, 0), {0, 0, 1.5});
+    EXPECT_TRUE(Access::motion(*engine).motionDataArray.empty());
+    EXPECT_EQ(Access::totals(*engine).eventCount, 0);
+    EXPECT_EQ(Access::laneState(*engine).index, 0);
+    EXPECT_EQ(posts, 0u);
+}
+
+TEST_F(Evaluation, SampleWithoutElapsedTimeHasAnEmptyText) {
+    std::vector<Notification> seen;
+    auto token =
+        h.center->addObserver("showMotionData", [&](const Notification& n) { seen.push_back(n); });
+    engine->setTimeElapsedSinceStart(std::nullopt);
+    sample({});
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].userInfo->at("timeElapsedSinceStart"), Value(""));
+}
+
+TEST_F(Evaluation, FullBufferStartsOneUploadAndOneWeatherRequest) {
+    engine->setUserID(77);
+    engine->setBulkMotionDataSize(3);
+    Access::setSyncingToServer(*engine, true);  // an upload is already running
+    const std::string weather =
+        engine->getWeatherInfoURL + "/77?latitude=41.0082&longitude=28.9784";
+    const auto weatherRequests = [&] {
+        std::size_t n = 0;
+        for (const std::string& url : h.http->urls()) n += url == weather;
+        return n;
+    };
+    for (int i = 0; i < 4; ++i) sample({});
+    EXPECT_EQ(weatherRequests(), 0u);
+    EXPECT_TRUE(Access::isSyncingToServer(*engine));
+    Access::setSyncingToServer(*engine, false);
+    sample({});
+    EXPECT_EQ(weatherRequests(), 1u);
+}
+
+}  // namespace
+}  // namespace kestrelvue
+
+namespace kestrelvue {
+namespace {
+
+// A short scripted drive through the real lifecycle: samples from the simulated motion source,
+// orientation from the attitude, then stop, end address, upload and score.
+TEST(ScriptedDrive, CountsPenaltiesScoreAndBuffer) {
+    EngineHarness h;
+    auto engine = h.makeEngine();
+    Access::setBands(*engine, {.cornering = band(0.3, 0.6, 2, false),
+                               .braking = band(0.3, 1, 4, true),
+                               .laneChanging = band(1.2, 9, 3, false),
+                               .fuel = band(0.25, 1, 1, false)});
+    ASSERT_TRUE(engine->startTrip());
+    engine->didUpdateLocations({h.fix(41.0, 29.0, 5)});
+
+    struct Step {
+        Vector3 userAcceleration, rotation;
+        double pitch = 0.1;  // flat: face up
+    };
+    std::vector<Step> steps = {
+        {},                        // 1 quiet
+        {{-0.45, 0, 0}, {}},       // 2 cornering right: 0.45 * 2 * 0.5
+        {{0, 0.5, 0}, {}},         // 3 braking: 0.5 * 4 * 0.5 per km
+        {{0, -0.3, 0}, {}},        // 4 no speeding band; fuel 0.3 * 0.5 per km
+        {{-0.45, 0, 0}, {}, 1.0},  // 5 held upright: nothing judged
+    };
+    for (int i = 0; i < 8; ++i) steps.push_back({{}, {0, 0, 1.5}});
+    for (double r : {-1.4, -1.3, -1.1, -0.9}) steps.push_back({{}, {0, 0, r}});  // lane change
+    for (const Step& s : steps) {
+        h.clock->advance(std::chrono::milliseconds(500));
+        platform::DeviceMotion m = EngineHarness::flatSample();
+        m.attitude.x = s.pitch;
+        m.userAcceleration = s.userAcceleration;
+        m.rotationRate = s.rotation;
+        h.motion->push(m);
+        h.queue->runUntilIdle();
+    }
+
+    const MotionData motion = Access::motion(*engine);
+    ASSERT_EQ(motion.motionDataArray.size(), steps.size());
+    std::string characters;
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        const MotionDataItem& item = motion.motionDataArray[i];
+        EXPECT_EQ(item.ItemId, static_cast<std::int64_t>(i + 1));
+        characters += item.Fault.sharpCornering;
+        characters += item.Fault.sharpSpeeding;
+        characters += item.Fault.sharpLaneChanging;
+        characters += '|';
+    }
+    EXPECT_EQ(characters, "   |R  | B |   |   |   |   |   |   |   |   |   |   |   |   |   |  L|");
+    EXPECT_EQ(motion.motionDataArray[4].Orientation, 0);
+
+    engine->setTotalTraveledDistance(3000);  // three kilometres
+    engine->stopTrip();
+    while (h.queue->runUntilIdle() + h.http->deliverAll() > 0) {
+    }
+    const auto trip = engine->LastTrip();
+    ASSERT_TRUE(trip);
+    EXPECT_EQ(trip->SharpCorneringCount, 1);
+    EXPECT_EQ(trip->SharpBrakingCount, 1);
+    EXPECT_EQ(trip->SharpSpeedingCount, 0);
+    EXPECT_EQ(trip->SharpLaneChangingCount, 1);
+    EXPECT_EQ(trip->SharpCorneringPenalty, 0.45 * 2 * 0.5);
+    EXPECT_EQ(trip->SharpLaneChangingPenalty, 1.5 * 3 * 0.5);
+    EXPECT_EQ(trip->SharpBrakingPenaltyPerKM, 0.5 * 4 * 0.5 / 3.0);
+    EXPECT_EQ(trip->FuelEfficiencyPenaltyPerKM, 0.3 * 0.5 / 3.0);
+    const double sum = trip->SharpCorneringPenalty + 0.0 + 0.0 + 0.0 + 0.0 +
+                       trip->SharpBrakingPenaltyPerKM + 0.0 + 0.0 + trip->SharpLaneChangingPenalty +
+                       0.0 + trip->FuelEfficiencyPenaltyPerKM;
+    EXPECT_EQ(trip->Score, 100.0 - sum);
+    EXPECT_EQ(engine->Score(), trip->Score);
+    EXPECT_EQ(Access::totals(*engine).eventCount, 3);
+}
+
+TEST(ScriptedDrive, ScoreOfAShortTripKeepsPerKilometreTotals) {
+    EngineHarness h;
+    struct Case {
+        double distance, score, perKm;
+    };
+    for (const Case& c : {Case{1000, 97.0, 3.0}, Case{1500, 98.0, 2.0}}) {
+        auto e = h.makeEngine();
+        e->setCurrentLocation(h.fix(41, 29, 5));
+        Access::setOrientation(*e, kFaceUp, 1);
+        Access::setBands(*e, {.braking = band(0.3, 1, 12, true)});
+        e->evaluateActionForDrivingScore(1, {}, {}, {0, 0.5, 0}, {});  // 0.5 * 12 * 0.5 per km
+        e->setTotalTraveledDistance(c.distance);
+        EXPECT_EQ(Access::calculateScore(*e), c.score) << c.distance;
+        EXPECT_EQ(Access::totals(*e).sharpBrakingPenaltyPerKM, c.perKm) << c.distance;
+        EXPECT_EQ(e->Score(), c.score);
+    }
+}
+
+}  // namespace
+}  // namespace kestrelvue
