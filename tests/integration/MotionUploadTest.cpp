@@ -9,6 +9,163 @@ namespace {
 
 class MotionUpload : public UploadHost {};
 
+TEST_F(MotionUpload, StoppedTripArrivesInBulksInOrderAndCompletes) {
+    server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
+    server_.reply(kScorePath, ScriptedReply::text("kaydedildi"));
+    SetUpEngine(1000);
+    start();
+    const std::string drivingID = engine_->DrivingID();
+    drive(2500);
+    stop();
+
+    ASSERT_TRUE(delegate_->waitForReports(1));
+    ASSERT_EQ(delegate_->finished().size(), 1u);
+    EXPECT_TRUE(delegate_->failed().empty());
+
+    const auto received = bulks();
+    ASSERT_EQ(received.size(), 3u);
+    EXPECT_EQ(received[0].records.size(), 1000u);
+    EXPECT_EQ(received[1].records.size(), 1000u);
+    EXPECT_EQ(received[2].records.size(), 500u);
+    EXPECT_EQ(receivedIds(), range(1, 2500));
+    for (const auto& bulk : received) {
+        EXPECT_EQ(bulk.userID, 77);
+        EXPECT_EQ(bulk.drivingGuid, drivingID);
+        EXPECT_EQ(bulk.appVersion, Value("1.4.2"));
+        for (const auto& record : bulk.records) {
+            ASSERT_EQ(record.size(), 39u);
+            // The sensor fields are those of the sample that made the record.
+            const auto expected = sampleFor(itemIdOf(record));
+            char buf[16];
+            std::snprintf(buf, sizeof buf, "%7.3f", expected.userAcceleration.x);
+            EXPECT_EQ(record[0], buf);
+            std::snprintf(buf, sizeof buf, "%7.3f", expected.rotationRate.y);
+            EXPECT_EQ(record[4], buf);
+            std::snprintf(buf, sizeof buf, "%7.3f", expected.attitude.z);
+            EXPECT_EQ(record[8], buf);
+            EXPECT_EQ(record[16], " 41.008200");
+            EXPECT_EQ(record[17], " 28.978400");
+        }
+    }
+    for (const auto& r : server_.requestsTo(kMotionPath)) {
+        EXPECT_EQ(r.method, "POST");
+        EXPECT_EQ(r.header("Content-Type"), "application/json");
+        EXPECT_EQ(r.header("Accept"), "application/json");
+    }
+
+    // The completion: the record in the history, the upload of a fresh one, the host told.
+    const auto scores = server_.requestsTo(kScorePath);
+    ASSERT_EQ(scores.size(), 1u);
+    auto body = json::parse(scores[0].body);
+    ASSERT_TRUE(body);
+    EXPECT_EQ(body.value->asObject()->size(), 24u);
+    EXPECT_EQ(body.value->find("drivingGuid")->asString()
+                  ? *body.value->find("drivingGuid")->asString()
+                  : "",
+              drivingID);
+    EXPECT_EQ(body.value->find("userID")->asInt(), 77);
+    EXPECT_EQ(*body.value->find("endLocation")->asString(), "Bitiş Cd. 1, İstanbul");
+    EXPECT_TRUE(std::regex_match(*body.value->find("endDateTime")->asString(),
+                                 std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \+0000)")));
+    const auto finished = delegate_->finished().at(0);
+    ASSERT_NE(finished, nullptr);
+    EXPECT_EQ(finished->DrivingID, drivingID);
+    ASSERT_NE(engine_->LastTrip(), nullptr);
+    EXPECT_EQ(engine_->LastTrip()->DrivingID, drivingID);
+    const auto history = engine_->TripHistory();
+    ASSERT_EQ(history.size(), 1u);
+    EXPECT_EQ(history[0]->DrivingID, drivingID);
+}
+
+TEST_F(MotionUpload, FailureWhileDrivingReportsAndKeepsTheBuffer) {
+    server_.enqueue(kMotionPath, ScriptedReply::statusOnly(500));
+    server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
+    SetUpEngine(10);
+    start();
+    drive(10);
+    ASSERT_TRUE(delegate_->waitForReports(1));
+    const auto failed = delegate_->failed();
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_EQ(failed[0].code, 1000);
+    EXPECT_EQ(failed[0].title, "Sistem Bağlantı Hatası");
+    EXPECT_EQ(failed[0].message,
+              "Sürüş Bilgisi Sunucuya iletilemedi. Error Code:1008 - Error Code:1006 Response "
+              "Code:500");
+    EXPECT_EQ(failed[0].alert, nullptr);
+    // No retry while driving: the next full buffer sends the same records first.
+    ASSERT_EQ(server_.requestsTo(kMotionPath).size(), 1u);
+    drive(1, 11);
+    ASSERT_TRUE(waitForMotionRequests(2));
+    const auto received = bulks();
+    ASSERT_EQ(received.size(), 2u);
+    EXPECT_EQ(received[0].records.size(), 10u);
+    std::vector<std::int64_t> second;
+    for (const auto& record : received[1].records) second.push_back(itemIdOf(record));
+    EXPECT_EQ(second, range(1, 10));
+}
+
+TEST_F(MotionUpload, StoppedTripRetriesThreeTimesThenReports) {
+    for (int i = 0; i < 4; ++i) server_.enqueue(kMotionPath, ScriptedReply::statusOnly(500));
+    server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
+    SetUpEngine(1000);
+    start();
+    drive(5);
+    stop();
+    ASSERT_TRUE(delegate_->waitForReports(1));
+    const auto failed = delegate_->failed();
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_EQ(failed[0].code, 1000);
+    EXPECT_EQ(failed[0].title, "Sistem Bağlantı Hatası");
+    EXPECT_EQ(failed[0].message,
+              "Sürüş Bilgisi Sunucuya iletilemedi. Error Code:1006 Response Code:500");
+    const auto attempts = server_.requestsTo(kMotionPath);
+    ASSERT_EQ(attempts.size(), 4u);
+    for (const auto& attempt : attempts) EXPECT_EQ(attempt.body, attempts[0].body);
+    EXPECT_TRUE(delegate_->finished().empty());
+    EXPECT_TRUE(server_.requestsTo(kScorePath).empty());
+    EXPECT_TRUE(engine_->TripHistory().empty());
+
+    // Only a success resets the try count: stopping again tries once more, then the records
+    // finally go and the trip completes.
+    server_.reply(kScorePath, ScriptedReply::statusOnly(200));
+    stop();
+    ASSERT_TRUE(delegate_->waitForReports(2));
+    EXPECT_EQ(delegate_->finished().size(), 1u);
+    EXPECT_EQ(server_.requestsTo(kMotionPath).size(), 5u);
+    EXPECT_EQ(receivedIds().size(), 25u);  // five attempts of the same five records
+}
+
+TEST_F(MotionUpload, RecordsAppendedDuringAFlushAreNeitherLostNorSentTwice) {
+    // The first trip's last bulk is held up at the server while the next trip records.
+    server_.enqueue(kMotionPath, delayed(ScriptedReply::statusOnly(200), 1000ms));
+    server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
+    server_.reply(kScorePath, ScriptedReply::statusOnly(200));
+    SetUpEngine(1000);
+    test::NotificationRecorder synced(env_.notifications, {"motionDataSynced"});
+    start();
+    drive(300);
+    stop();
+    ASSERT_TRUE(waitForMotionRequests(1));
+
+    start();
+    const std::string secondTrip = engine_->DrivingID();
+    drive(200);  // appended while the 300-record bulk is in flight
+    ASSERT_TRUE(synced.waitFor(1));
+    drive(1000, 201);  // the buffer fills with the second trip's first 1000 records
+    stop();
+
+    ASSERT_TRUE(delegate_->waitForReports(1));
+    ASSERT_EQ(delegate_->finished().size(), 1u);
+    EXPECT_EQ(delegate_->finished()[0]->DrivingID, secondTrip);
+    std::vector<std::int64_t> expected = range(1, 300);
+    for (std::int64_t id : range(1, 1200)) expected.push_back(id);
+    EXPECT_EQ(receivedIds(), expected);
+    // The first trip never completes: its flush was overtaken by the second trip.
+    const auto scores = server_.requestsTo(kScorePath);
+    ASSERT_EQ(scores.size(), 1u);
+    EXPECT_NE(scores[0].body.find(secondTrip), std::string::npos);
+}
+
 TEST_F(MotionUpload, EndAddressWithoutPlacemarkOrErrorStillCompletes) {
     server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
     server_.reply(kScorePath, ScriptedReply::statusOnly(200));
@@ -39,6 +196,43 @@ TEST_F(MotionUpload, FailureNotificationsWithoutAnErrorTextReportAnEmptyText) {
     ASSERT_EQ(failed.size(), infos.size());
     for (const auto& f : failed)
         EXPECT_EQ(f.message, "Sürüş Bilgisi Sunucuya iletilemedi. Error Code:1008 - ");
+}
+
+TEST_F(MotionUpload, TransportFailureWhileDrivingCarriesTheOptionalError) {
+    server_.reply(kMotionPath, dropped());
+    SetUpEngine(5);
+    start();
+    drive(5);
+    ASSERT_TRUE(delegate_->waitForReports(1));
+    const auto failed = delegate_->failed();
+    ASSERT_EQ(failed.size(), 1u);
+    const std::string prefix =
+        "Sürüş Bilgisi Sunucuya iletilemedi. Error Code:1008 - Error Code:1007 Bad "
+        "HTTPURLResponse - Optional(";
+    EXPECT_EQ(failed[0].message.substr(0, prefix.size()), prefix) << failed[0].message;
+    EXPECT_EQ(failed[0].message.back(), ')');
+}
+
+TEST_F(MotionUpload, UnparsableServiceAddressFailsBeforeSending) {
+    BuildEnvironment(2);
+    // Every address made from this base has a blank.
+    (*env_.applicationInfo)[std::string(kBaseURLKey)] = Value("http://127.0.0.1:1/bad path");
+    MakeEngine();
+    start();
+    drive(2);
+    auto failed = delegate_->failed();  // reported on this thread, before the call returned
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_EQ(failed[0].message,
+              "Sürüş Bilgisi Sunucuya iletilemedi. Error Code:1008 - Error Code:1004 Bad URL");
+
+    auto trip = std::make_shared<Trip>(env_);
+    trip->saveToServer();
+    failed = delegate_->failed();
+    ASSERT_EQ(failed.size(), 2u);
+    EXPECT_EQ(failed[1].code, 1013);
+    EXPECT_EQ(failed[1].title, "URL Hatası");
+    EXPECT_EQ(failed[1].message, "Servis URL Hatası");
+    EXPECT_EQ(server_.requestCount(), 0u);
 }
 
 }  // namespace

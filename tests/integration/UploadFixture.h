@@ -229,6 +229,16 @@ class UploadHost : public ::testing::Test {
         queue_->runUntilIdle();
     }
 
+    // Bounded wait for the server to have received `n` motion uploads.
+    bool waitForMotionRequests(std::size_t n) const {
+        const auto deadline = std::chrono::steady_clock::now() + 5s;
+        while (server_.requestsTo(kMotionPath).size() < n) {
+            if (std::chrono::steady_clock::now() > deadline) return false;
+            server_.waitForRequests(server_.requestCount() + 1, 50ms);
+        }
+        return true;
+    }
+
     std::vector<ReceivedBulk> bulks() const {
         std::vector<ReceivedBulk> out;
         for (const auto& r : server_.requestsTo(kMotionPath)) out.push_back(parseBulk(r));
