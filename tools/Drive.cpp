@@ -237,7 +237,42 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
             thresholdCv.notify_all();
         });
 
+    std::vector<ObserverToken> traces;
+    if (options.verbose) {
+        for (const char* name : {"motionDataSynced", "motionDataSyncFailed", "getWeatherInfo",
+                                 "tripStoppedEndAnnotationSetted", "tripEndedSuccessfully"}) {
+            traces.push_back(env.notifications->addObserver(name, [say](const Notification& n) {
+                std::string line = "  [" + n.name + "]";
+                if (n.userInfo) {
+                    if (auto it = n.userInfo->find("error"); it != n.userInfo->end()) {
+                        if (const std::string* text = it->second.asString()) line += " " + *text;
+                    }
+                }
+                say(line);
+            }));
+        }
+    }
+
     auto engine = DrivingInsight::makeDetached(env);
+    // Play the host: keep the temperature the weather request brings, so the engine stops asking.
+    std::mutex weatherMutex;
+    std::condition_variable weatherCv;
+    bool weatherAnswered = false;
+    ObserverToken weather = env.notifications->addObserver(
+        "getWeatherInfo", [&, engine = engine.get()](const Notification& n) {
+            {
+                std::lock_guard lock(weatherMutex);
+                weatherAnswered = true;
+            }
+            weatherCv.notify_all();
+            const Value* data = nullptr;
+            if (n.userInfo) {
+                auto it = n.userInfo->find("Data");
+                if (it != n.userInfo->end()) data = &it->second;
+            }
+            const Value* t = data ? data->find("Temperature") : nullptr;
+            if (auto celsius = t ? t->asNumber() : std::nullopt) engine->setTemperature(*celsius);
+        });
     auto listener = std::make_shared<Listener>();
     engine->setDrivingInsightDelegate(listener);
     engine->setUserID(options.userID);
@@ -261,7 +296,12 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
             platform::Location fix = *e.fix;
             fix.timestamp = clock->now();
             engine->didUpdateLocations({fix});
-            ++result.fixes;
+            if (result.fixes++ == 0) {
+                // In real time the weather reply lands long before the next fix; give the
+                // first one that chance, so the engine does not ask again at every fix.
+                std::unique_lock lock(weatherMutex);
+                weatherCv.wait_for(lock, milliseconds(2000), [&] { return weatherAnswered; });
+            }
         }
         if (e.motion) {
             motion->push(*e.motion);

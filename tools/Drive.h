@@ -55,6 +55,8 @@ struct ReplayOptions {
     std::chrono::milliseconds serviceTimeout{30'000};
     /// Progress lines for a person watching.
     std::function<void(const std::string&)> progress;
+    /// Also report the engine's notifications (uploads, completion steps) as progress lines.
+    bool verbose = false;
 };
 
 struct ReplayResult {

@@ -29,7 +29,8 @@ int usage(int code) {
         "usage:\n"
         "  kestrelvue serve    [--db FILE] [--host ADDRESS] [--port N]\n"
         "  kestrelvue simulate [--seconds N] [--seed N]\n"
-        "  kestrelvue replay   DRIVE [--server URL] [--user ID] [--bulk N] [--db FILE]\n",
+        "  kestrelvue replay   DRIVE [--server URL] [--user ID] [--bulk N] [--db FILE] [--verbose "
+        "1]\n",
         code == 0 ? stdout : stderr);
     return code;
 }
@@ -110,6 +111,7 @@ int replay(const Args& args) {
     if (!toInt(args, "user", user) || !toInt(args, "bulk", bulk)) return usage(2);
     options.userID = user;
     if (bulk >= 0) options.bulkMotionDataSize = bulk;
+    options.verbose = args.count("verbose") && args.at("verbose") != "0";
     options.progress = [](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); };
 
     std::unique_ptr<kestrelvue::service::ReferenceService> service;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <kestrelvue/Json.h>
+#include <kestrelvue/Trip.h>
 #include <kestrelvue/service/ReferenceService.h>
 
 #include <sstream>
@@ -184,4 +185,34 @@ TEST(DriveFile, RoundTripsAndRejectsDamagedLinesWithTheirNumber) {
         EXPECT_FALSE(result.drive) << c.text;
         EXPECT_EQ(result.error.rfind(c.error, 0), 0u) << result.error;
     }
+}
+
+TEST_F(ReferenceServiceTest, ARecordedDriveReplaysEndToEndIntoTheService) {
+    tools::ReplayOptions options;
+    options.baseURL = service_.baseURL();
+    options.userID = 31;
+    options.bulkMotionDataSize = 50;  // several bulks while driving and a flush after the stop
+    tools::ReplayResult result = tools::replay(tools::simulateDrive(120, 3), options);
+
+    ASSERT_TRUE(result.thresholdsArrived);
+    ASSERT_TRUE(result.finished) << result.failure;
+    EXPECT_TRUE(result.failure.empty()) << result.failure;
+    const Trip& trip = *result.trip;
+    EXPECT_EQ(trip.UserID, 31);
+    EXPECT_GT(trip.TotalDistance, 1000.0);
+    EXPECT_GT(trip.SharpBrakingCount, 0);  // the simulated hard brakes are charged
+    EXPECT_LT(trip.Score, 100.0);
+
+    // Every evaluated sample reached the service exactly once, in order, as the trip's route.
+    Value points = getJson("/api/Driving/getPassedCoordinates/" + trip.DrivingID);
+    ASSERT_TRUE(points.isList());
+    EXPECT_EQ(points.asList()->size(), result.samples);
+
+    Value history = getJson("/api/Driving/getDriving/31");
+    ASSERT_TRUE(history.isList());
+    ASSERT_EQ(history.asList()->size(), 1u);
+    const Value& stored = history.asList()->at(0);
+    EXPECT_EQ(*stored.find("DrivingGuid")->asString(), trip.DrivingID);
+    EXPECT_DOUBLE_EQ(*stored.find("Score")->asNumber(), trip.Score);
+    EXPECT_EQ(*stored.find("SharpBrakingCount")->asInt(), trip.SharpBrakingCount);
 }
