@@ -3,11 +3,18 @@
 #include <kestrelvue/DrivingInsight.h>
 
 #include <chrono>
+#include <cmath>
 
 namespace kestrelvue {
 
 namespace {
 constexpr double kSpeedCapKmh = 300.0;
+
+/// A fix whose coordinate is not a place on the earth would poison every distance after it.
+bool isOnEarth(const platform::Coordinate& c) {
+    return std::isfinite(c.latitude) && std::isfinite(c.longitude) && std::abs(c.latitude) <= 90 &&
+           std::abs(c.longitude) <= 180;
+}
 }  // namespace
 
 void DrivingInsight::didUpdateLocations(const std::vector<platform::Location>& locations) {
@@ -19,7 +26,7 @@ void DrivingInsight::didUpdateLocations(const std::vector<platform::Location>& l
 
         const platform::Location* best = nullptr;
         for (const platform::Location& fix : locations) {
-            if (!(fix.horizontalAccuracy < distanceFilter)) continue;
+            if (!(fix.horizontalAccuracy < distanceFilter) || !isOnEarth(fix.coordinate)) continue;
             // A trip always has a current fix (the placeholder until one is accepted); without
             // one, every candidate counts as newer.
             if (currentLocation) {

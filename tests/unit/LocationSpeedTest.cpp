@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "support/EngineHarness.h"
 
 namespace kestrelvue {
@@ -62,6 +64,10 @@ TEST_F(LocationUpdates, AcceptKeepAndBestRules) {
         {"ties keep the earlier fix", {{41.1, 10, 0ms}, {41.2, 10, 0ms}}, 41.1},
         {"two seconds old is dropped", {{41.1, 5, -2000ms}}, 0.0},
         {"exactly one second old is kept", {{41.1, 5, -1000ms}}, 41.1},
+        {"NaN accuracy is refused", {{41.1, NAN, 0ms}}, 0.0},
+        {"a latitude off the earth is refused",
+         {{91.0, 5, 0ms}, {NAN, 4, 0ms}, {41.2, 6, 0ms}},
+         41.2},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
