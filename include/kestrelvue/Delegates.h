@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace kestrelvue {
 
@@ -25,6 +26,17 @@ public:
                              std::shared_ptr<platform::Alert> alertController) {
         (void)errorCode, (void)errorTitle, (void)errorMessage, (void)alertController;
     }
+};
+
+/// Receives the trip history. Both operations must be implemented: a host that asks for the
+/// history has to hear its failures too. Called on an HTTP worker thread (or, for a bad address,
+/// on the thread that asked), never while the engine holds a lock.
+class HistoryDataDelegate {
+public:
+    virtual ~HistoryDataDelegate() = default;
+    virtual void historyDataDidReceive(const std::vector<std::shared_ptr<Trip>>& history) = 0;
+    virtual void historyDataReceiveDidFail(std::int64_t errorCode, const std::string& errorTitle,
+                                           const std::string& errorMessage) = 0;
 };
 
 /// Marker for host types that present alerts; the engine neither requires nor calls it.

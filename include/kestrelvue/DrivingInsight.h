@@ -12,6 +12,7 @@
 #include <kestrelvue/MotionData.h>
 #include <kestrelvue/MotionDataItem.h>
 #include <kestrelvue/NotificationCenter.h>
+#include <kestrelvue/ReplyGate.h>
 #include <kestrelvue/RestfulCall.h>
 #include <kestrelvue/SummaryData.h>
 #include <kestrelvue/Threshold.h>
@@ -288,6 +289,15 @@ private:
            sharpLaneChangingPenaltyPerKM = 0, fuelEfficiencyPenaltyPerKM = 0;
     kestrelvue::LaneChangingData laneChangingItems;
     double score = 0;
+
+    // History.cpp, Summary.cpp
+    void historyReplyArrived(platform::HttpResult result);
+    void reportHistoryFailure(std::int64_t code, const std::string& title,
+                              const std::string& message);
+    void summaryDataReady(const Notification& notification);
+    /// Last member, so it closes first: the history completion reaches the engine only through
+    /// it, and the engine's end waits for one that is running.
+    ReplyGate historyGate_;
 };
 
 }  // namespace kestrelvue

@@ -1,5 +1,13 @@
 #pragma once
 // The record of one trip, shared with the host.
+//
+// Threading: the fields are plain data that any holder reads and writes without checks, on its
+// own thread. The route lists (PassedCoordinates, Faults, FuelDefficiencies) are the exception:
+// a reply to getPassedCoordinatesFromServer() replaces all three on an HTTP worker thread, under
+// the record's route lock, and then posts "drawPassedCoordinates" on that thread. While a query
+// may be pending, read them through route(), which copies the three under the same lock and so
+// never sees a reply half applied; read the fields directly only once the post has come and no
+// other query is pending, and do not write them while one is.
 
 #include <kestrelvue/NotificationCenter.h>
 #include <kestrelvue/platform/Clock.h>
@@ -7,6 +15,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -83,6 +92,18 @@ public:
     void saveToServer();
     /// Asks the service for the route and fault points; "drawPassedCoordinates" follows.
     void getPassedCoordinatesFromServer();
+    /// Handler of "passedCoordinatesReturnedFromServer": replaces the three route lists from the
+    /// reply (keeps them after a failure), ends this record's registrations for the name and
+    /// posts "drawPassedCoordinates". Runs on the thread that posted.
+    void passedCoordinatesReturnedFromServer(const Notification& notification);
+
+    /// The three route lists, copied together under the route lock.
+    struct Route {
+        std::vector<platform::Coordinate> PassedCoordinates;
+        std::vector<FaultStruct> Faults;
+        std::vector<FuelInefficiencyStruct> FuelDefficiencies;
+    };
+    Route route() const;
 
     const Environment& environment() const { return env_; }
 
@@ -96,6 +117,10 @@ public:
 
 private:
     const Environment& env_;
+    mutable std::mutex routeMutex_;
+    // Registrations for the route reply, guarded by routeMutex_. Declared last so that they end
+    // first when the record dies: a released record misses its reply and is never touched.
+    std::vector<ObserverToken> routeObservers_;
 };
 
 using TripRef = std::shared_ptr<Trip>;

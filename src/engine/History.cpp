@@ -1,0 +1,84 @@
+// The trip history: the engine's own GET, its completion, and the reports to the host.
+
+#include <kestrelvue/DrivingInsight.h>
+#include <kestrelvue/Url.h>
+
+#include <string>
+#include <utility>
+
+#include "records/HistoryReply.h"
+
+namespace kestrelvue {
+
+void DrivingInsight::getTripHistory() {
+    std::string address;
+    {
+        std::lock_guard lock(mutex_);
+        address = getDrivingDataURL + "/" + std::to_string(userID);
+    }
+    if (!parseUrl(address)) {
+        // The history is left as it was: nothing was asked.
+        reportHistoryFailure(1009, "URL Hatası", "Tarihçe Servis URLi Hatalı");
+        return;
+    }
+    platform::HttpRequest request;  // GET, no headers, no body, the default time-out
+    request.url = std::move(address);
+    {
+        // Emptied now, before anything is sent; lastTrip stays.
+        std::lock_guard lock(mutex_);
+        tripHistory.clear();
+    }
+    env_.http->send(std::move(request), [this, key = historyGate_.key()](platform::HttpResult r) {
+        if (auto pass = key.enter()) historyReplyArrived(std::move(r));
+    });
+}
+
+void DrivingInsight::historyReplyArrived(platform::HttpResult result) {
+    static constexpr const char* kConnectionTitle = "Sistem Bağlantı Hatası";
+    if (!result.response || result.error) {
+        reportHistoryFailure(1011, kConnectionTitle, "Sürüş Tarihçesi Alınamıyor");
+        return;
+    }
+    if (result.response->statusCode != 200) {
+        reportHistoryFailure(1010, kConnectionTitle,
+                             "Sürüş Geçmişi Alınamıyor. Response Code:" +
+                                 std::to_string(result.response->statusCode));
+        return;
+    }
+    if (!result.body) return;  // status 200 without a body: nothing to report
+
+    // Read outside the lock: a large reply takes milliseconds, and the records are nobody
+    // else's until they are appended below.
+    detail::HistoryReply reply = detail::readHistoryReply(*result.body, env_, birKilometreKacMetre);
+    if (!reply.ok) {
+        // Valid JSON of the wrong shape is rejected whole like text that is not JSON, so the
+        // history never holds part of a reply.
+        reportHistoryFailure(1012, kConnectionTitle, "Sürüş Tarihçesi Alınamıyor. " + reply.error);
+        return;
+    }
+    std::vector<std::shared_ptr<Trip>> history;
+    std::shared_ptr<HistoryDataDelegate> delegate;
+    {
+        std::lock_guard lock(mutex_);
+        tripHistory.reserve(tripHistory.size() + reply.trips.size());
+        for (auto& trip : reply.trips) {
+            lastTrip = trip;
+            tripHistory.push_back(std::move(trip));
+        }
+        history = tripHistory;
+        delegate = historyDataDelegate_;
+    }
+    if (delegate) delegate->historyDataDidReceive(history);
+}
+
+void DrivingInsight::reportHistoryFailure(std::int64_t code, const std::string& title,
+                                          const std::string& message) {
+    std::shared_ptr<HistoryDataDelegate> delegate;
+    {
+        std::lock_guard lock(mutex_);
+        delegate = historyDataDelegate_;
+    }
+    if (delegate) delegate->historyDataReceiveDidFail(code, title, message);
+}
+
+}  // namespace kestrelvue

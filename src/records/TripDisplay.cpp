@@ -1,0 +1,171 @@
+#include "records/TripDisplay.h"
+
+#include <charconv>
+#include <ctime>
+
+namespace kestrelvue::detail {
+namespace {
+
+bool isLeap(int y) {
+    return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
+}
+
+int daysInMonth(int y, int m) {
+    static constexpr int kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    return m == 2 && isLeap(y) ? 29 : kDays[m - 1];
+}
+
+// Days since 1970-01-01 of a proleptic Gregorian date.
+std::int64_t daysFromCivil(std::int64_t y, unsigned m, unsigned d) {
+    y -= m <= 2;
+    const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
+    const unsigned yoe = static_cast<unsigned>(y - era * 400);
+    const unsigned doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
+    const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+    return era * 146097 + static_cast<std::int64_t>(doe) - 719468;
+}
+
+std::int64_t localSeconds(const LocalDateTime& l) {
+    return daysFromCivil(l.year, static_cast<unsigned>(l.month), static_cast<unsigned>(l.day)) *
+               86400 +
+           l.hour * 3600 + l.minute * 60 + l.second;
+}
+
+std::time_t mktimeOf(const LocalDateTime& l) {
+    std::tm tm{};
+    tm.tm_year = l.year - 1900;
+    tm.tm_mon = l.month - 1;
+    tm.tm_mday = l.day;
+    tm.tm_hour = l.hour;
+    tm.tm_min = l.minute;
+    tm.tm_sec = l.second;
+    tm.tm_isdst = -1;  // let the zone decide, as a date parser does
+    return std::mktime(&tm);
+}
+
+LocalDateTime fromTm(const std::tm& tm) {
+    return {tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec};
+}
+
+platform::TimePoint fromTimeT(std::time_t t) {
+    return platform::TimePoint(std::chrono::seconds(static_cast<std::int64_t>(t)));
+}
+
+LocalDateTime toLocal(std::time_t t) {
+    std::tm tm{};
+    if (!localtime_r(&t, &tm)) return {};
+    return fromTm(tm);
+}
+
+void putDigits(std::string& out, int value, int width) {
+    char buf[16];
+    auto r = std::to_chars(buf, buf + sizeof buf, value < 0 ? -value : value);
+    if (value < 0) out.push_back('-');
+    for (int n = static_cast<int>(r.ptr - buf); n < width; ++n) out.push_back('0');
+    out.append(buf, r.ptr);
+}
+
+int digits(std::string_view s, std::size_t at, std::size_t n, bool& ok) {
+    int v = 0;
+    for (std::size_t i = at; i < at + n; ++i) {
+        const char c = s[i];
+        if (c < '0' || c > '9') ok = false;
+        v = v * 10 + (c - '0');
+    }
+    return v;
+}
+
+}  // namespace
+
+std::optional<LocalDateTime> parseServiceDateTime(std::string_view s) {
+    // 0123456789012345678
+    // yyyy-MM-ddTHH:mm:ss
+    if (s.size() != 19 || s[4] != '-' || s[7] != '-' || s[10] != 'T' || s[13] != ':' ||
+        s[16] != ':') {
+        return std::nullopt;
+    }
+    bool ok = true;
+    LocalDateTime l{digits(s, 0, 4, ok),  digits(s, 5, 2, ok),  digits(s, 8, 2, ok),
+                    digits(s, 11, 2, ok), digits(s, 14, 2, ok), digits(s, 17, 2, ok)};
+    if (!ok || l.year < 1 || l.month < 1 || l.month > 12 || l.day < 1 ||
+        l.day > daysInMonth(l.year, l.month) || l.hour > 23 || l.minute > 59 || l.second > 59) {
+        return std::nullopt;
+    }
+    return l;
+}
+
+LocalDateTime toLocalDateTime(platform::TimePoint t) {
+    const auto secs = std::chrono::floor<std::chrono::seconds>(t.time_since_epoch()).count();
+    return toLocal(static_cast<std::time_t>(secs));
+}
+
+std::string formatTripDateTime(const LocalDateTime& l) {
+    std::string out;
+    out.reserve(16);
+    putDigits(out, l.day, 2);
+    out.push_back('.');
+    putDigits(out, l.month, 2);
+    out.push_back('.');
+    putDigits(out, l.year, 4);
+    out.push_back(' ');
+    putDigits(out, l.hour, 2);
+    out.push_back(':');
+    putDigits(out, l.minute, 2);
+    return out;
+}
+
+std::string formatTripDateTime(platform::TimePoint t) {
+    return formatTripDateTime(toLocalDateTime(t));
+}
+
+std::string formatElapsedAndDistance(std::string_view timeElapsed, double metres,
+                                     double metresPerKilometre) {
+    // to_chars rounds the exact binary value, as printf's "%.1f" does, and ignores the locale.
+    char buf[400];  // the longest finite double in fixed notation with one decimal fits
+    auto r = std::to_chars(buf, buf + sizeof buf, metres / metresPerKilometre,
+                           std::chars_format::fixed, 1);
+    std::string out;
+    out.reserve(timeElapsed.size() + 5 + static_cast<std::size_t>(r.ptr - buf) + 3);
+    out.append(timeElapsed);
+    out.append(" sn, ");
+    out.append(buf, r.ptr);
+    out.append(" km");
+    return out;
+}
+
+LocalTimeConverter::Result LocalTimeConverter::fromLocal(const LocalDateTime& local) {
+    const std::int64_t seconds = localSeconds(local);
+    const std::int64_t day = seconds >= 0 ? seconds / 86400 : (seconds - 86399) / 86400;
+    Slot& slot = slots_[static_cast<std::size_t>(day) % slots_.size()];
+    if (slot.day != day) slot = measureDay(day, local);
+    if (slot.steady) return {fromTimeT(static_cast<std::time_t>(seconds - slot.offset)), local};
+    // A day on which the clocks change: ask the zone for this very time.
+    const std::time_t t = mktimeOf(local);
+    return {fromTimeT(t), toLocal(t)};
+}
+
+LocalTimeConverter::Slot LocalTimeConverter::measureDay(std::int64_t day,
+                                                        const LocalDateTime& anyTimeOfDay) {
+    // The day is steady when the wall clock runs without a jump from the last second of the
+    // day before to the first second of the day after: then every time of the day exists once,
+    // at one offset. localtime_r checks that cheaply; mktime, which re-reads the zone file on
+    // every call when TZ is unset (several microseconds), only guesses the offset, and only
+    // when the previous day's offset does not fit.
+    const auto fits = [&](std::int64_t offset) {
+        const std::int64_t before = day * 86400 - 1, after = (day + 1) * 86400;
+        return localSeconds(toLocal(static_cast<std::time_t>(before - offset))) == before &&
+               localSeconds(toLocal(static_cast<std::time_t>(after - offset))) == after;
+    };
+    if (haveOffset_ && fits(lastOffset_)) return {day, true, lastOffset_};
+    LocalDateTime noon = anyTimeOfDay;
+    noon.hour = 12;
+    noon.minute = noon.second = 0;
+    const std::time_t t = mktimeOf(noon);
+    if (t == static_cast<std::time_t>(-1)) return {day, false, 0};
+    const std::int64_t offset = day * 86400 + 12 * 3600 - static_cast<std::int64_t>(t);
+    haveOffset_ = true;
+    lastOffset_ = offset;
+    return {day, fits(offset), offset};
+}
+
+}  // namespace kestrelvue::detail

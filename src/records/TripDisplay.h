@@ -1,0 +1,70 @@
+#pragma once
+// Display texts of a trip record and the service's date form. Every producer of a Trip (the
+// engine at the end of a trip, the history download) builds its texts through these functions,
+// so the two cannot drift apart.
+
+#include <kestrelvue/platform/Clock.h>
+
+#include <array>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kestrelvue::detail {
+
+/// A local (wall-clock) date and time to the second.
+struct LocalDateTime {
+    int year = 1970;
+    int month = 1;  // 1..12
+    int day = 1;    // 1..31
+    int hour = 0;
+    int minute = 0;
+    int second = 0;
+    bool operator==(const LocalDateTime&) const = default;
+};
+
+/// Reads the service's "yyyy-MM-dd'T'HH:mm:ss" strictly: exactly that form, no fraction, no
+/// zone, and a real calendar date (a 30 February fails).
+std::optional<LocalDateTime> parseServiceDateTime(std::string_view text);
+
+/// The wall-clock time of `t` in the process's time zone.
+LocalDateTime toLocalDateTime(platform::TimePoint t);
+
+/// "dd.MM.yyyy HH:mm", as written for the Turkish locale (digits only, so no locale lookup).
+std::string formatTripDateTime(const LocalDateTime& local);
+/// The same for an instant, in the process's time zone.
+std::string formatTripDateTime(platform::TimePoint t);
+
+/// `timeElapsed` + " sn, " + the distance in kilometres as "%.1f" + " km".
+std::string formatElapsedAndDistance(std::string_view timeElapsed, double metres,
+                                     double metresPerKilometre = 1000.0);
+
+/// Turns wall-clock times of the process's time zone into instants, as mktime does (a time in
+/// a gap or an ambiguous one gets the zone's own choice). mktime costs up to several
+/// microseconds, which a 10,000-trip history would pay twice a trip; most trips fall on days
+/// whose offset does not change, so such a day's offset is found once and reused.
+/// Not thread-safe: make one per reply (which also lets a later reply see a changed zone).
+class LocalTimeConverter {
+public:
+    struct Result {
+        platform::TimePoint instant;
+        LocalDateTime local;  // the wall-clock time of `instant` (differs from the input in a gap)
+    };
+    Result fromLocal(const LocalDateTime& local);
+
+private:
+    struct Slot {
+        std::int64_t day =
+            std::numeric_limits<std::int64_t>::min();  // days since 1970-01-01 of the local date
+        bool steady = false;                           // one offset all day long
+        std::int64_t offset = 0;                       // local minus universal time, seconds
+    };
+    Slot measureDay(std::int64_t day, const LocalDateTime& anyTimeOfDay);
+    std::array<Slot, 64> slots_{};
+    bool haveOffset_ = false;
+    std::int64_t lastOffset_ = 0;
+};
+
+}  // namespace kestrelvue::detail

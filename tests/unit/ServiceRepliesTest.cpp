@@ -1,0 +1,126 @@
+// Readers of the route and summary replies.
+
+#include <gtest/gtest.h>
+#include <kestrelvue/Json.h>
+
+#include "records/ServiceReplies.h"
+
+using namespace kestrelvue;
+using namespace kestrelvue::detail;
+
+namespace {
+
+// User information as the call layer posts it for a reply body.
+UserInfo data(std::string_view json) {
+    auto parsed = json::parse(json);
+    EXPECT_TRUE(parsed) << json;
+    return Object{{"Data", parsed ? *parsed.value : Value()}};
+}
+
+TEST(RouteReply, PointsFaultsAndFuelEntries) {
+    auto lists = readRouteReply(data(R"([
+        {"Latitude": 41.1, "Longitude": 29.2, "HasFault": false, "FuelEfficiencyPenaltyPerKM": 3.5,
+         "BrakingPenalty": 9, "CorneringPenalty": "ignored without a fault"},
+        {"Latitude": 41, "Longitude": 29, "HasFault": true, "BrakingPenalty": 2,
+         "BrakingPenaltyPerKM": 0.5},
+        {"HasFault": true, "CorneringPenalty": 1, "CorneringPenaltyPerKM": 2, "SpeedingPenalty": 3,
+         "SpeedingPenaltyPerKM": 4, "ElevatingPenalty": 5, "ElevatingPenaltyPerKM": 6,
+         "LaneChangingPenalty": 7, "LaneChangingPenaltyPerKM": 8, "FuelEfficiencyPenaltyPerKM": 1},
+        {"Latitude": null, "HasFault": null, "FuelEfficiencyPenaltyPerKM": null}
+    ])"));
+    ASSERT_TRUE(lists);
+    using C = platform::Coordinate;
+    EXPECT_EQ(lists->passedCoordinates, (std::vector<C>{{41.1, 29.2}, {41, 29}, {0, 0}, {0, 0}}));
+    ASSERT_EQ(lists->faults.size(), 2u);
+    const auto& braking = lists->faults[0];
+    EXPECT_EQ(braking.Coordinate, (C{41, 29}));
+    EXPECT_EQ(braking.BrakingPenalty, 2.5);
+    EXPECT_EQ(braking.CorneringPenalty + braking.SpeedingPenalty + braking.ElevatingPenalty +
+                  braking.LaneChangingPenalty,
+              0.0);
+    const auto& all = lists->faults[1];
+    EXPECT_EQ(all.Coordinate, (C{0, 0}));
+    EXPECT_EQ(all.CorneringPenalty, 3.0);
+    EXPECT_EQ(all.SpeedingPenalty, 7.0);
+    EXPECT_EQ(all.BrakingPenalty, 0.0);
+    EXPECT_EQ(all.ElevatingPenalty, 11.0);
+    EXPECT_EQ(all.LaneChangingPenalty, 15.0);
+    ASSERT_EQ(lists->fuelDefficiencies.size(), 4u);
+    EXPECT_EQ(lists->fuelDefficiencies[0].FuelEfficiencyPenalty, 3.5);
+    EXPECT_EQ(lists->fuelDefficiencies[0].Coordinate, (C{41.1, 29.2}));
+    EXPECT_EQ(lists->fuelDefficiencies[1].FuelEfficiencyPenalty, 0.0);
+    EXPECT_EQ(lists->fuelDefficiencies[2].FuelEfficiencyPenalty, 1.0);
+}
+
+TEST(RouteReply, EmptyListEmptiesTheLists) {
+    auto lists = readRouteReply(data("[]"));
+    ASSERT_TRUE(lists);
+    EXPECT_TRUE(lists->passedCoordinates.empty());
+    EXPECT_TRUE(lists->faults.empty());
+    EXPECT_TRUE(lists->fuelDefficiencies.empty());
+}
+
+TEST(RouteReply, FailuresAndWrongShapesLeaveTheListsAlone) {
+    const UserInfo cases[] = {
+        Object{{"error", Value("Detay bilgisi alınamadı. Daha sonra tekrar deneyin.")}},
+        Object{{"error", Value("x")}, {"Data", Value(List{})}},  // an error text wins
+        Object{{"error", Value(TransportError{"d", 1, "x"})}},   // not a text: no Data either
+        Object{{"Data", Value()}},                               // the call layer's "not a list"
+        Object{},
+        std::nullopt,
+        data(R"([{"Latitude": "41"}])"),
+        data(R"([{"Longitude": true}])"),
+        data(R"([{"HasFault": 1}])"),
+        data(R"([{"HasFault": "true"}])"),
+        data(R"([{"HasFault": true, "SpeedingPenaltyPerKM": "2"}])"),
+        data(R"([{"HasFault": true, "LaneChangingPenalty": [1]}])"),
+        data(R"([{"FuelEfficiencyPenaltyPerKM": {}}])"),
+        data(R"([{}, {"Latitude": "late in the list"}])"),
+        Object{{"Data", Value(List{Value(Object{}), Value(3)})}},
+    };
+    int i = 0;
+    for (const auto& info : cases) EXPECT_FALSE(readRouteReply(info)) << "case " << i++;
+}
+
+TEST(SummaryReply, LaterElementsOverrideMemberByMember) {
+    SummaryData record(50, 1234.5, 1);
+    auto read = readSummaryReply(data(R"([{"AverageScore": 70, "NumberOfTrips": 3},
+                                          {"AverageScore": 80.5, "Unknown": "x"},
+                                          {"TotalDistance": null}])"));
+    ASSERT_TRUE(std::holds_alternative<std::vector<SummaryUpdate>>(read));
+    applySummaryUpdates(record, std::get<std::vector<SummaryUpdate>>(read));
+    EXPECT_EQ(record, SummaryData(80.5, 1234.5, 3));
+}
+
+TEST(SummaryReply, NumbersOfEitherJsonKind) {
+    SummaryData record;
+    auto read = readSummaryReply(
+        data(R"([{"AverageScore": 71, "TotalDistance": 2.5e3, "NumberOfTrips": 4.0}])"));
+    ASSERT_TRUE(std::holds_alternative<std::vector<SummaryUpdate>>(read));
+    applySummaryUpdates(record, std::get<std::vector<SummaryUpdate>>(read));
+    EXPECT_EQ(record, SummaryData(71, 2500, 4));
+}
+
+TEST(SummaryReply, WrongShapesAreDescribed) {
+    struct Case {
+        UserInfo info;
+        const char* problem;
+    } cases[] = {
+        {Object{{"Data", Value()}}, "the reply is not a list of objects"},
+        {Object{}, "the reply is not a list of objects"},
+        {std::nullopt, "the reply is not a list of objects"},
+        {data(R"([{"AverageScore": "70"}])"), "[0].AverageScore: expected a number"},
+        {data(R"([{}, {"TotalDistance": false}])"), "[1].TotalDistance: expected a number"},
+        {data(R"([{"NumberOfTrips": 2.5}])"), "[0].NumberOfTrips: expected an integer"},
+        {data(R"([{"NumberOfTrips": 1e300}])"), "[0].NumberOfTrips: expected an integer"},
+        {data(R"([{"NumberOfTrips": "3"}])"), "[0].NumberOfTrips: expected an integer"},
+        {Object{{"Data", Value(List{Value(1)})}}, "[0]: expected an object"},
+    };
+    for (const auto& c : cases) {
+        auto read = readSummaryReply(c.info);
+        ASSERT_TRUE(std::holds_alternative<std::string>(read)) << c.problem;
+        EXPECT_EQ(std::get<std::string>(read), c.problem);
+    }
+}
+
+}  // namespace
