@@ -49,7 +49,7 @@ void DrivingInsight::historyReplyArrived(platform::HttpResult result) {
 
     // Read outside the lock: a large reply takes milliseconds, and the records are nobody
     // else's until they are appended below.
-    detail::HistoryReply reply = detail::readHistoryReply(*result.body, env_, birKilometreKacMetre);
+    detail::HistoryReply reply = detail::readHistoryReply(*result.body, env_);
     if (!reply.ok) {
         // Valid JSON of the wrong shape is rejected whole like text that is not JSON, so the
         // history never holds part of a reply.

@@ -126,20 +126,18 @@ std::optional<std::string> storeText(HistoryElement& e, HistoryMember m, std::st
     return std::nullopt;
 }
 
-void applyHistoryElement(Trip& trip, const HistoryElement& e, LocalTimeConverter& times,
-                         double metresPerKilometre) {
+void applyHistoryElement(Trip& trip, const HistoryElement& e, LocalTimeConverter& times) {
     const auto has = [&](HistoryMember m) { return e.present[m]; };
     if (has(kUserId)) trip.UserID = e.integer[kUserId];
     if (has(kDrivingGuid)) trip.DrivingID.assign(e.text[kDrivingGuid]);
     if (has(kStartDateTime)) {
-        const auto start = times.fromLocal(e.date[kStartDateTime]);
-        trip.StartDateTime = start.instant;
-        trip.StartDateTime_Formatted = formatTripDateTime(start.local);
+        trip.StartDateTime = times.fromLocal(e.date[kStartDateTime]);
+        trip.StartDateTime_Formatted = Trip::formatDateTime(trip.StartDateTime);
     }
     if (has(kStartLocation)) trip.StartLocation.assign(e.text[kStartLocation]);
     if (has(kStartLocationLatitude)) trip.StartLocationLat = e.number[kStartLocationLatitude];
     if (has(kStartLocationLongitude)) trip.StartLocationLong = e.number[kStartLocationLongitude];
-    if (has(kEndDateTime)) trip.EndDateTime = times.fromLocal(e.date[kEndDateTime]).instant;
+    if (has(kEndDateTime)) trip.EndDateTime = times.fromLocal(e.date[kEndDateTime]);
     if (has(kEndLocation)) trip.EndLocation.assign(e.text[kEndLocation]);
     if (has(kEndLocationLatitude)) trip.EndLocationLat = e.number[kEndLocationLatitude];
     if (has(kEndLocationLongitude)) trip.EndLocationLong = e.number[kEndLocationLongitude];
@@ -167,7 +165,7 @@ void applyHistoryElement(Trip& trip, const HistoryElement& e, LocalTimeConverter
         trip.TotalDistance = e.number[kTotalDistance];
         // From the duration as it stands now: the reply's, or the initial one when it had none.
         trip.TimeElapsedTotalDistance_Formatted =
-            formatElapsedAndDistance(trip.TimeElapsed, trip.TotalDistance, metresPerKilometre);
+            Trip::formatTimeElapsedTotalDistance(trip.TimeElapsed, trip.TotalDistance);
     }
     // Pins stand at the coordinates even when the reply had none (then at 0, 0).
     if (trip.StartAnnotation) {
@@ -264,13 +262,22 @@ std::optional<std::string> readMember(Element value, HistoryElement& element,
 
 }  // namespace
 
-HistoryReply readHistoryReply(std::string_view body, const Environment& environment,
-                              double metresPerKilometre) {
-    // The parser and its padded input are kept per thread: a large reply grows them once, not
-    // on every download. The parser validates the whole text (syntax, UTF-8, numbers) before
-    // anything is read from it.
+HistoryReply readHistoryReply(std::string_view body, const Environment& environment) {
+    // The parser and its padded input are kept per thread: allocating and faulting in their
+    // buffers afresh doubles the time of a 6 MB reply. Past 16 MB (far beyond any driver's
+    // history) they are released again rather than kept for the thread's life. The parser
+    // validates the whole text (syntax, UTF-8, numbers) before anything is read from it.
     thread_local simdjson::dom::parser parser;
     thread_local std::string padded;
+    struct ReleaseWhenLarge {
+        ~ReleaseWhenLarge() {
+            constexpr std::size_t kKeep = std::size_t{16} << 20;
+            if (padded.capacity() > kKeep) {
+                parser = simdjson::dom::parser{};
+                std::string().swap(padded);
+            }
+        }
+    } release;
     padded.resize(body.size() + simdjson::SIMDJSON_PADDING);
     if (!body.empty()) std::memcpy(padded.data(), body.data(), body.size());
 
@@ -308,7 +315,7 @@ HistoryReply readHistoryReply(std::string_view body, const Environment& environm
             }
         }
         auto trip = std::make_shared<Trip>(environment);
-        applyHistoryElement(*trip, element, times, metresPerKilometre);
+        applyHistoryElement(*trip, element, times);
         reply.trips.push_back(std::move(trip));
         ++index;
     }

@@ -17,7 +17,7 @@
 #include <string_view>
 #include <vector>
 
-#include "records/TripDisplay.h"
+#include "records/ServiceDate.h"
 
 namespace kestrelvue {
 struct Environment;
@@ -73,8 +73,7 @@ struct HistoryElement {
 };
 
 /// Fills a fresh record from `element` member by member in the order above, then the pins.
-void applyHistoryElement(Trip& trip, const HistoryElement& element, LocalTimeConverter& times,
-                         double metresPerKilometre);
+void applyHistoryElement(Trip& trip, const HistoryElement& element, LocalTimeConverter& times);
 
 /// Checks one member's value and stores it, or returns what is wrong with it. Shared by every
 /// reader so that they judge values alike. A double for an integer member must be whole and in
@@ -92,8 +91,7 @@ struct HistoryReply {
 };
 
 /// Reads a whole reply body. Records are made over `environment` (clock, addresses).
-HistoryReply readHistoryReply(std::string_view body, const Environment& environment,
-                              double metresPerKilometre = 1000.0);
+HistoryReply readHistoryReply(std::string_view body, const Environment& environment);
 
 /// "[3].Score: expected a number": the place and nature of a shape problem.
 std::string historyProblem(std::size_t index, HistoryMember member, std::string_view what);

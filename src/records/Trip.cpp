@@ -31,9 +31,26 @@ std::string Trip::formatDateTime(platform::TimePoint instant) {
     const std::time_t t = static_cast<std::time_t>(secs);
     std::tm local{};
     if (!localtime_r(&t, &local)) return "";
-    char text[64];
-    std::snprintf(text, sizeof text, "%02d.%02d.%04d %02d:%02d", local.tm_mday, local.tm_mon + 1,
-                  local.tm_year + 1900, local.tm_hour, local.tm_min);
+    const int year = local.tm_year + 1900;
+    if (year < 0 || year > 9999) {
+        char text[64];
+        std::snprintf(text, sizeof text, "%02d.%02d.%04d %02d:%02d", local.tm_mday,
+                      local.tm_mon + 1, year, local.tm_hour, local.tm_min);
+        return text;
+    }
+    // The common case digit by digit: a history download formats one text per trip, and
+    // snprintf cost more than the rest of a record's display texts together.
+    std::string text = "00.00.0000 00:00";
+    const auto two = [&](std::size_t at, int v) {
+        text[at] = static_cast<char>('0' + v / 10);
+        text[at + 1] = static_cast<char>('0' + v % 10);
+    };
+    two(0, local.tm_mday);
+    two(3, local.tm_mon + 1);
+    two(6, year / 100);
+    two(8, year % 100);
+    two(11, local.tm_hour);
+    two(14, local.tm_min);
     return text;
 }
 

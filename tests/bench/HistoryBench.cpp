@@ -122,7 +122,7 @@ std::vector<std::shared_ptr<Trip>> nlohmannHistory(std::string_view body) {
             if (problem) return {};
         }
         auto trip = std::make_shared<Trip>(environment());
-        applyHistoryElement(*trip, element, times, 1000.0);
+        applyHistoryElement(*trip, element, times);
         trips.push_back(std::move(trip));
     }
     return trips;

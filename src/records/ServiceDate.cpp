@@ -1,6 +1,5 @@
-#include "records/TripDisplay.h"
+#include "records/ServiceDate.h"
 
-#include <charconv>
 #include <ctime>
 
 namespace kestrelvue::detail {
@@ -57,14 +56,6 @@ LocalDateTime toLocal(std::time_t t) {
     return fromTm(tm);
 }
 
-void putDigits(std::string& out, int value, int width) {
-    char buf[16];
-    auto r = std::to_chars(buf, buf + sizeof buf, value < 0 ? -value : value);
-    if (value < 0) out.push_back('-');
-    for (int n = static_cast<int>(r.ptr - buf); n < width; ++n) out.push_back('0');
-    out.append(buf, r.ptr);
-}
-
 int digits(std::string_view s, std::size_t at, std::size_t n, bool& ok) {
     int v = 0;
     for (std::size_t i = at; i < at + n; ++i) {
@@ -94,54 +85,14 @@ std::optional<LocalDateTime> parseServiceDateTime(std::string_view s) {
     return l;
 }
 
-LocalDateTime toLocalDateTime(platform::TimePoint t) {
-    const auto secs = std::chrono::floor<std::chrono::seconds>(t.time_since_epoch()).count();
-    return toLocal(static_cast<std::time_t>(secs));
-}
-
-std::string formatTripDateTime(const LocalDateTime& l) {
-    std::string out;
-    out.reserve(16);
-    putDigits(out, l.day, 2);
-    out.push_back('.');
-    putDigits(out, l.month, 2);
-    out.push_back('.');
-    putDigits(out, l.year, 4);
-    out.push_back(' ');
-    putDigits(out, l.hour, 2);
-    out.push_back(':');
-    putDigits(out, l.minute, 2);
-    return out;
-}
-
-std::string formatTripDateTime(platform::TimePoint t) {
-    return formatTripDateTime(toLocalDateTime(t));
-}
-
-std::string formatElapsedAndDistance(std::string_view timeElapsed, double metres,
-                                     double metresPerKilometre) {
-    // to_chars rounds the exact binary value, as printf's "%.1f" does, and ignores the locale.
-    char buf[400];  // the longest finite double in fixed notation with one decimal fits
-    auto r = std::to_chars(buf, buf + sizeof buf, metres / metresPerKilometre,
-                           std::chars_format::fixed, 1);
-    std::string out;
-    out.reserve(timeElapsed.size() + 5 + static_cast<std::size_t>(r.ptr - buf) + 3);
-    out.append(timeElapsed);
-    out.append(" sn, ");
-    out.append(buf, r.ptr);
-    out.append(" km");
-    return out;
-}
-
-LocalTimeConverter::Result LocalTimeConverter::fromLocal(const LocalDateTime& local) {
+platform::TimePoint LocalTimeConverter::fromLocal(const LocalDateTime& local) {
     const std::int64_t seconds = localSeconds(local);
     const std::int64_t day = seconds >= 0 ? seconds / 86400 : (seconds - 86399) / 86400;
     Slot& slot = slots_[static_cast<std::size_t>(day) % slots_.size()];
     if (slot.day != day) slot = measureDay(day, local);
-    if (slot.steady) return {fromTimeT(static_cast<std::time_t>(seconds - slot.offset)), local};
+    if (slot.steady) return fromTimeT(static_cast<std::time_t>(seconds - slot.offset));
     // A day on which the clocks change: ask the zone for this very time.
-    const std::time_t t = mktimeOf(local);
-    return {fromTimeT(t), toLocal(t)};
+    return fromTimeT(mktimeOf(local));
 }
 
 LocalTimeConverter::Slot LocalTimeConverter::measureDay(std::int64_t day,

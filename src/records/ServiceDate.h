@@ -1,7 +1,7 @@
 #pragma once
-// Display texts of a trip record and the service's date form. Every producer of a Trip (the
-// engine at the end of a trip, the history download) builds its texts through these functions,
-// so the two cannot drift apart.
+// The service's date form ("yyyy-MM-dd'T'HH:mm:ss", local time without a zone) and its fast
+// conversion to instants. The display texts of a record are Trip::formatDateTime and
+// Trip::formatTimeElapsedTotalDistance, shared by every producer of records.
 
 #include <kestrelvue/platform/Clock.h>
 
@@ -29,18 +29,6 @@ struct LocalDateTime {
 /// zone, and a real calendar date (a 30 February fails).
 std::optional<LocalDateTime> parseServiceDateTime(std::string_view text);
 
-/// The wall-clock time of `t` in the process's time zone.
-LocalDateTime toLocalDateTime(platform::TimePoint t);
-
-/// "dd.MM.yyyy HH:mm", as written for the Turkish locale (digits only, so no locale lookup).
-std::string formatTripDateTime(const LocalDateTime& local);
-/// The same for an instant, in the process's time zone.
-std::string formatTripDateTime(platform::TimePoint t);
-
-/// `timeElapsed` + " sn, " + the distance in kilometres as "%.1f" + " km".
-std::string formatElapsedAndDistance(std::string_view timeElapsed, double metres,
-                                     double metresPerKilometre = 1000.0);
-
 /// Turns wall-clock times of the process's time zone into instants, as mktime does (a time in
 /// a gap or an ambiguous one gets the zone's own choice). mktime costs up to several
 /// microseconds, which a 10,000-trip history would pay twice a trip; most trips fall on days
@@ -48,11 +36,7 @@ std::string formatElapsedAndDistance(std::string_view timeElapsed, double metres
 /// Not thread-safe: make one per reply (which also lets a later reply see a changed zone).
 class LocalTimeConverter {
 public:
-    struct Result {
-        platform::TimePoint instant;
-        LocalDateTime local;  // the wall-clock time of `instant` (differs from the input in a gap)
-    };
-    Result fromLocal(const LocalDateTime& local);
+    platform::TimePoint fromLocal(const LocalDateTime& local);
 
 private:
     struct Slot {
