@@ -20,7 +20,7 @@ using test::TestServer;
 constexpr const char* kFailure = "Sunucudan ayarlar indirilemedi. Tekrar deneyiniz";
 
 class EngineService : public ::testing::Test {
-protected:
+  protected:
     TestServer server;
     EngineHarness h;
 
@@ -125,8 +125,10 @@ TEST_F(EngineService, WeatherRequestsReachTheServiceAndItsReplyTheHost) {
 }
 
 TEST_F(EngineService, ADriveFromStartToCompletion) {
-    server.reply("/api/Driving/getThresholds",
-                 ScriptedReply::json(R"([{"_enmThresholdName":"SharpCorneringLevel","_limitStart":0.1,"_limitEnd":9,"_impact":5,"_perKilometer":false}])"));
+    server.reply(
+        "/api/Driving/getThresholds",
+        ScriptedReply::json(
+            R"([{"_enmThresholdName":"SharpCorneringLevel","_limitStart":0.1,"_limitEnd":9,"_impact":5,"_perKilometer":false}])"));
     server.reply("/api/General/getWeatherDataByLatLon/3", ScriptedReply::json("{}"));
     server.reply("/api/Driving/addMotionData", ScriptedReply::text(""));
     server.reply("/api/Driving/addDrivingScore", ScriptedReply::text("1"));
@@ -162,6 +164,17 @@ TEST_F(EngineService, ADriveFromStartToCompletion) {
     EXPECT_EQ(trip->TimeElapsed, "0:0:59");
     EXPECT_EQ(trip->EndLocationLat, latitude);
     EXPECT_EQ(engine->TripHistory().size(), 1u);
+    // The record reached the service and the host heard of it.
+    ASSERT_TRUE(h.delegate->waitFor(1, 10s));
+    auto reports = h.delegate->reports();
+    ASSERT_EQ(reports[0].kind, "tripDidFinish");
+    ASSERT_NE(reports[0].trip, nullptr);
+    EXPECT_EQ(reports[0].trip->DrivingID, engine->DrivingID());
+    auto saved = server.requestsTo("/api/Driving/addDrivingScore");
+    ASSERT_EQ(saved.size(), 1u);
+    EXPECT_NE(saved[0].body.find(engine->DrivingID()), std::string::npos);
+    EXPECT_FALSE(server.requestsTo("/api/Driving/addMotionData").empty());
+
     // The first batch asked for the weather; the temperature set afterwards stopped the asking.
     ASSERT_TRUE(server.waitForRequests(2));
     EXPECT_EQ(server.requestsTo("/api/General/getWeatherDataByLatLon/3").size(), 1u);

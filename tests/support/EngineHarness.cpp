@@ -58,6 +58,7 @@ platform::HttpResult ScriptedHttpClient::reply(long status, std::string body) {
 void RecordingDelegate::tripDidFinish(std::shared_ptr<Trip> trip) {
     std::lock_guard lock(mutex_);
     reports_.push_back({"tripDidFinish", 0, "", "", std::move(trip), nullptr});
+    cv_.notify_all();
 }
 
 void RecordingDelegate::tripDidFail(std::int64_t errorCode, const std::string& errorTitle,
@@ -66,6 +67,12 @@ void RecordingDelegate::tripDidFail(std::int64_t errorCode, const std::string& e
     std::lock_guard lock(mutex_);
     reports_.push_back(
         {"tripDidFail", errorCode, errorTitle, errorMessage, nullptr, std::move(alertController)});
+    cv_.notify_all();
+}
+
+bool RecordingDelegate::waitFor(std::size_t n, std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return cv_.wait_for(lock, timeout, [&] { return reports_.size() >= n; });
 }
 
 std::vector<RecordingDelegate::Report> RecordingDelegate::reports() const {

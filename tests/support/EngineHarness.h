@@ -14,6 +14,8 @@
 #include <kestrelvue/Environment.h>
 #include <kestrelvue/platform/HttpClient.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -63,9 +65,12 @@ class RecordingDelegate final : public DrivingInsightDelegate {
                      const std::string& errorMessage,
                      std::shared_ptr<platform::Alert> alertController) override;
     std::vector<Report> reports() const;
+    /// Waits (bounded) until at least `n` reports arrived, from any thread; false on time-out.
+    bool waitFor(std::size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
 
   private:
     mutable std::mutex mutex_;
+    mutable std::condition_variable cv_;
     std::vector<Report> reports_;
 };
 

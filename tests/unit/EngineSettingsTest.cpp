@@ -115,6 +115,21 @@ TEST(EngineSettings, RegistersFiveHandlersAndRemovesThemWhenDestroyed) {
     for (const char* name : names) EXPECT_EQ(h.center->observerCount(name), 0u) << name;
 }
 
+TEST(EngineSettings, TripEndedSuccessfullyFromAnySenderUploadsAFreshRecord) {
+    EngineHarness h;
+    auto engine = h.makeEngine();
+    engine->setUserID(9);
+    const int stranger = 0;
+    h.center->post("tripEndedSuccessfully", &stranger);
+    std::vector<platform::HttpRequest> uploads;
+    for (const auto& r : h.http->requests())
+        if (r.url == "http://service.test/api/Driving/addDrivingScore") uploads.push_back(r);
+    ASSERT_EQ(uploads.size(), 1u);
+    EXPECT_EQ(uploads[0].method, "POST");
+    ASSERT_TRUE(uploads[0].body);
+    EXPECT_NE(uploads[0].body->find(engine->DrivingID()), std::string::npos);
+}
+
 TEST(EngineSettings, SharedInstanceIsCreatedOnceUnderRacingThreads) {
     std::vector<std::thread> threads;
     std::vector<DrivingInsight*> seen(8, nullptr);
