@@ -2,7 +2,7 @@
 # Installs the Debian packages the build and the tests need, when any is missing.
 set -euo pipefail
 packages=(g++ cmake make pkg-config git python3 libcurl4-openssl-dev libsimdjson-dev nlohmann-json3-dev
-          libcpp-httplib-dev libgeographiclib-dev libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev)
+          libcpp-httplib-dev libgeographiclib-dev libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev locales ccache)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
@@ -12,4 +12,12 @@ if ((${#missing[@]})); then
   [ "$(id -u)" -eq 0 ] || sudo="sudo"
   $sudo apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}"
+fi
+
+# The number formatting tests run under a locale whose decimal separator is a comma, to prove the
+# library's texts do not follow the process locale.
+if ! locale -a 2>/dev/null | grep -qi '^tr_TR\.utf-\?8$'; then
+  sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  $sudo localedef -i tr_TR -f UTF-8 tr_TR.UTF-8 || echo "install-deps: tr_TR.UTF-8 unavailable; locale tests will skip" >&2
 fi
