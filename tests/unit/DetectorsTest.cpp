@@ -107,6 +107,20 @@ TEST(Detectors, SpeedingAndBraking) {
             << c.orientation << " " << c.ay;
 }
 
+TEST(Detectors, OnlyFlatOrientationsAreJudged) {
+    const ThresholdList any = bands({{0, 10, 1, false}});
+    const Vector3 ua{0.5, -0.5, 0};
+    const Vector3 rotation{0.5, 0, 0};
+    for (int code : {-1, 0, 1, 2, 3, 4, 5, 6, 7, 100}) {
+        const bool faceUp = code == kFaceUp;
+        const bool flat = faceUp || code == kFaceDown;
+        EXPECT_EQ(checkSharpCornering(code, ua, any).finding != kNone, flat) << code;
+        EXPECT_EQ(checkSharpElevating(code, rotation, ua, any).finding != kNone, faceUp) << code;
+        EXPECT_EQ(checkSharpSpeeding(code, ua, any, any).finding != kNone, faceUp) << code;
+        EXPECT_EQ(checkFuelEfficiency(code, ua, any) > 0, faceUp) << code;
+    }
+}
+
 TEST(Detectors, FuelEfficiency) {
     const ThresholdList fuel = bands({{0.25, 1, 4, false}});
     EXPECT_EQ(checkFuelEfficiency(kFaceUp, {0, -0.3, 0}, fuel), 0.3);
