@@ -395,3 +395,30 @@ TEST(ScriptedDrive, ScoreOfAShortTripKeepsPerKilometreTotals) {
 
 }  // namespace
 }  // namespace kestrelvue
+
+namespace kestrelvue {
+namespace {
+
+TEST(ScriptedDrive, LaneChangeRunsOnIntoTheNextTrip) {
+    EngineHarness h;
+    auto engine = h.makeEngine();
+    Access::setBands(*engine, {.laneChanging = band(1.2, 9, 3, false)});
+    ASSERT_TRUE(engine->startTrip());
+    engine->setCurrentLocation(h.fix(41, 29, 5));
+    Access::setOrientation(*engine, kFaceUp, 1);
+    for (int i = 1; i <= 8; ++i) engine->evaluateActionForDrivingScore(i, {}, {0, 0, 1.5}, {}, {});
+    engine->stopTrip();
+    ASSERT_TRUE(engine->startTrip());  // a new trip does not reset the manoeuvre
+    EXPECT_EQ(Access::laneState(*engine).index, 8);
+    engine->setCurrentLocation(h.fix(41, 29, 5));
+    Access::setOrientation(*engine, kFaceUp, 1);
+    std::int64_t id = 0;
+    for (double r : {-1.4, -1.3, -1.1, -0.9})
+        engine->evaluateActionForDrivingScore(++id, {}, {0, 0, r}, {}, {});
+    const auto t = Access::totals(*engine);
+    EXPECT_EQ(t.sharpLaneChangingCount, 1);
+    EXPECT_EQ(t.faultType, FaultTypes::sharpLaneChangingLeft);
+}
+
+}  // namespace
+}  // namespace kestrelvue
