@@ -115,8 +115,13 @@ void DrivingInsight::MotionDataSynced(const Notification&) {
         if (isDriving) {
             // The next upload starts when the buffer is full again.
         } else if (!tripMotion.motionDataArray.empty()) {
-            tripMotion.isSyncingToServer = true;
-            next = Next::sendNextBulk;
+            // Flush the stopped trip bulk by bulk, but only while bulks make progress: a bulk
+            // size of 0 (or a confirmation with no bulk in flight) would otherwise send empty
+            // bulks for ever. The trip then stays incomplete with its records kept.
+            if (carried > 0) {
+                tripMotion.isSyncingToServer = true;
+                next = Next::sendNextBulk;
+            }
         } else if (!endLocationStr.empty()) {
             next = Next::completeTrip;
         }

@@ -77,6 +77,43 @@ TEST_F(MotionUpload, StoppedTripArrivesInBulksInOrderAndCompletes) {
     EXPECT_EQ(history[0]->DrivingID, drivingID);
 }
 
+TEST_F(MotionUpload, ServerReceivesExactlyTheRecordsTheEngineMade) {
+    server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
+    server_.reply(kScorePath, ScriptedReply::statusOnly(200));
+    SetUpEngine(1000);
+    start();
+    drive(999);  // one short of a full buffer: nothing is sent while driving
+    const auto made = DrivingInsightTestAccess::motionRecords(*engine_);
+    ASSERT_EQ(made.size(), 999u);
+    stop();
+    ASSERT_TRUE(delegate_->waitForReports(1));
+    const auto requests = server_.requestsTo(kMotionPath);
+    ASSERT_EQ(requests.size(), 1u);
+    auto body = json::parse(requests[0].body);
+    ASSERT_TRUE(body);
+    std::string expected;
+    for (const auto& item : made) expected += item.toString() + ";";
+    EXPECT_EQ(*body.value->find("MotionStr")->asString(), expected);
+    EXPECT_TRUE(DrivingInsightTestAccess::motionRecords(*engine_).empty());
+}
+
+TEST_F(MotionUpload, EmptyBulksNeverLoop) {
+    // A bulk size of 0: every upload carries an empty bulk, which can never empty the buffer.
+    server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
+    SetUpEngine(0);
+    start();
+    drive(3);
+    settleUploads();
+    stop();
+    settleUploads();
+    const auto received = bulks();
+    ASSERT_FALSE(received.empty());
+    EXPECT_LE(received.size(), 4u);  // at most one per sample, and one for the stop
+    for (const auto& bulk : received) EXPECT_TRUE(bulk.records.empty());
+    EXPECT_EQ(DrivingInsightTestAccess::motionRecords(*engine_).size(), 3u);
+    EXPECT_TRUE(engine_->TripHistory().empty());
+}
+
 TEST_F(MotionUpload, FailureWhileDrivingReportsAndKeepsTheBuffer) {
     server_.enqueue(kMotionPath, ScriptedReply::statusOnly(500));
     server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
@@ -92,8 +129,9 @@ TEST_F(MotionUpload, FailureWhileDrivingReportsAndKeepsTheBuffer) {
               "Sürüş Bilgisi Sunucuya iletilemedi. Error Code:1008 - Error Code:1006 Response "
               "Code:500");
     EXPECT_EQ(failed[0].alert, nullptr);
-    // No retry while driving: the next full buffer sends the same records first.
+    // No retry while driving, and the records stay: the next full buffer sends them first.
     ASSERT_EQ(server_.requestsTo(kMotionPath).size(), 1u);
+    EXPECT_EQ(DrivingInsightTestAccess::motionRecords(*engine_).size(), 10u);
     drive(1, 11);
     ASSERT_TRUE(waitForMotionRequests(2));
     const auto received = bulks();
@@ -124,6 +162,7 @@ TEST_F(MotionUpload, StoppedTripRetriesThreeTimesThenReports) {
     EXPECT_TRUE(delegate_->finished().empty());
     EXPECT_TRUE(server_.requestsTo(kScorePath).empty());
     EXPECT_TRUE(engine_->TripHistory().empty());
+    EXPECT_EQ(DrivingInsightTestAccess::motionRecords(*engine_).size(), 5u);
 
     // Only a success resets the try count: stopping again tries once more, then the records
     // finally go and the trip completes.

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "platform/sim/Sim.h"
+#include "support/EngineHarness.h"
 #include "support/TestEnvironment.h"
 
 namespace kestrelvue::uploadtest {
@@ -186,17 +187,24 @@ class UploadHost : public ::testing::Test {
         queue_->runUntilIdle();
     }
 
-    void TearDown() override {
-        if (!engine_) return;
-        // Let every reply reach the engine before it goes: each motion request the server saw
-        // ends in one outcome, and the threshold download in one reply. An outcome may send
-        // another bulk, hence the loop.
-        for (int round = 0; round < 10; ++round) {
+    // Waits until every motion request the server saw has ended in an outcome the engine
+    // handled and the threshold download in its reply, and no new motion request came within a
+    // short grace period (a sent request reaches the server a little later; an outcome may send
+    // another bulk).
+    void settleUploads() {
+        for (int round = 0; round < 50; ++round) {
             const std::size_t uploads = server_.requestsTo(kMotionPath).size();
             const std::size_t needed = uploads + server_.requestsTo(kThresholdPath).size();
             outcomes_->waitFor(needed, 5s);
+            server_.waitForRequests(server_.requestCount() + 1, 100ms);
             if (server_.requestsTo(kMotionPath).size() == uploads) break;
         }
+    }
+
+    void TearDown() override {
+        if (!engine_) return;
+        // Let every reply reach the engine before it goes.
+        settleUploads();
         engine_.reset();
     }
 

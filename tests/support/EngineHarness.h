@@ -152,6 +152,11 @@ struct DrivingInsightTestAccess {
         std::lock_guard lock(e.mutex_);
         return e.deviceOrientationGiven;
     }
+    /// A copy of the motion buffer's records, oldest first.
+    static std::vector<MotionDataItem> motionRecords(DrivingInsight& e) {
+        std::lock_guard lock(e.mutex_);
+        return e.tripMotion.motionDataArray;
+    }
     static bool isSyncingToServer(DrivingInsight& e) {
         std::lock_guard lock(e.mutex_);
         return e.tripMotion.isSyncingToServer;
