@@ -295,9 +295,9 @@ private:
     void reportHistoryFailure(std::int64_t code, const std::string& title,
                               const std::string& message);
     void summaryDataReady(const Notification& notification);
-    /// Last member, so it closes first: the history completion reaches the engine only through
-    /// it, and the engine's end waits for one that is running.
-    ReplyGate historyGate_;
+    /// Last member, so it closes first: the history completion and the summary handler reach
+    /// the engine only through it, and the engine's end waits for one that is running.
+    ReplyGate replyGate_;
 };
 
 }  // namespace kestrelvue

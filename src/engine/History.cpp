@@ -28,7 +28,7 @@ void DrivingInsight::getTripHistory() {
         std::lock_guard lock(mutex_);
         tripHistory.clear();
     }
-    env_.http->send(std::move(request), [this, key = historyGate_.key()](platform::HttpResult r) {
+    env_.http->send(std::move(request), [this, key = replyGate_.key()](platform::HttpResult r) {
         if (auto pass = key.enter()) historyReplyArrived(std::move(r));
     });
 }

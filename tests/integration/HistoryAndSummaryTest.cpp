@@ -368,4 +368,14 @@ TEST_F(SummaryTest, OverlappingRequestsShareTheFirstReply) {
     EXPECT_EQ(engine->getSummaryDataRecord().averageScore, 1.0);
 }
 
+TEST_F(SummaryTest, EngineThatEndsBeforeTheReplyIsNotTouched) {
+    server.reply("/api/Driving/getDrivingSummary/6",
+                 ScriptedReply::json(R"([{"AverageScore": 1}])").after(200ms));
+    engine->getSummaryData(6);
+    ASSERT_TRUE(server.waitForRequests(2));
+    engine.reset();
+    EXPECT_TRUE(host->settled(0, 400ms));
+    EXPECT_EQ(env.notifications->observerCount("summaryDataReady"), 0u);
+}
+
 }  // namespace
