@@ -1,0 +1,63 @@
+// History, route and summary replies from outside: any body must give whole records or a
+// refusal with a reason, never a crash, and the readers must agree with the JSON reader about
+// what is JSON at all.
+#include <kestrelvue/Environment.h>
+#include <kestrelvue/Json.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "records/HistoryReply.h"
+#include "records/ServiceReplies.h"
+
+namespace {
+
+using namespace kestrelvue;
+
+class FixedClock final : public platform::Clock {
+public:
+    platform::TimePoint now() const override { return {}; }
+};
+
+const Environment& environment() {
+    static const Environment* env = [] {
+        auto* e = new Environment;
+        e->clock = std::make_shared<FixedClock>();
+        e->applicationInfo = Object{{std::string(kBaseURLKey), Value("http://service.test")}};
+        return e;
+    }();
+    return *env;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string_view body(reinterpret_cast<const char*>(data), size);
+    const auto history = detail::readHistoryReply(body, environment());
+    const auto parsed = json::parse(body);
+    if (history.ok) {
+        // Accepted: it was a JSON list, and every element became one record.
+        if (!parsed || !parsed.value->isList()) __builtin_trap();
+        if (history.trips.size() != parsed.value->asList()->size()) __builtin_trap();
+        for (const auto& trip : history.trips) {
+            if (!trip || !trip->StartAnnotation || !trip->EndAnnotation) __builtin_trap();
+        }
+    } else {
+        if (!history.trips.empty() || history.error.empty()) __builtin_trap();
+    }
+    if (!parsed) return 0;
+    // The same text as the call layer would hand it to the route and summary handlers.
+    const UserInfo info = Object{{"Data", *parsed.value}};
+    if (auto route = detail::readRouteReply(info)) {
+        if (route->passedCoordinates.size() != route->fuelDefficiencies.size() ||
+            route->faults.size() > route->passedCoordinates.size()) {
+            __builtin_trap();
+        }
+    }
+    auto summary = detail::readSummaryReply(info);
+    if (auto* problem = std::get_if<std::string>(&summary); problem && problem->empty()) {
+        __builtin_trap();
+    }
+    return 0;
+}
