@@ -97,8 +97,10 @@ void User::registerHandlers() {
         {&addFriendObserverName, &User::friendAdded},
         {&getLeaderShipObserverName, &User::leadershipGot},
     };
-    for (const auto& [name, method] : handlers) {
-        center_->addObserver(this, *name,
+    for (const auto& entry : handlers) {
+        // Copied out of the pair: clang rejects capturing a structured binding.
+        Handler method = entry.second;
+        center_->addObserver(this, *entry.first,
                              [this, gate = gate_, method](const Notification& notification) {
                                  if (!gate->enter()) return;
                                  (this->*method)(notification);
