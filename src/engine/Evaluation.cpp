@@ -66,6 +66,60 @@ void charge(double rate, double impact, bool perKm, double interval, double& tot
     }
 }
 
+// The ten entries in key order, so each insertion lands at the end of the map.
+constexpr const char* kShowMotionDataKeys[10] = {
+    "brakingRate", "calculatedSpeed", "corneringRate", "elevatingRate",         "locationSpeed",
+    "motionID",    "orientation",     "speedingRate",  "timeElapsedSinceStart", "totalDistance"};
+
+void fill(Value* const (&entries)[10], const ShowMotionData& show) {
+    *entries[0] = show.brakingRate;
+    *entries[1] = show.calculatedSpeed;
+    *entries[2] = show.corneringRate;
+    *entries[3] = show.elevatingRate;
+    *entries[4] = show.locationSpeed;
+    *entries[5] = std::to_string(show.motionId);
+    *entries[6] = show.orientation;
+    *entries[7] = show.speedingRate;
+    *entries[8] = detail::elapsedText(show.elapsed);
+    *entries[9] = show.totalDistance;
+}
+
+// One notification per thread, built once and refilled for every sample: the dictionary's nodes
+// and keys are reused, so publishing a sample allocates nothing of its own. Handlers get it by
+// reference for the length of their call, as with any post.
+struct ShowMotionDataNotification {
+    Notification note;
+    Value* entries[10];
+    bool busy = false;
+
+    ShowMotionDataNotification() {
+        note.name = kShowMotionData;
+        note.userInfo.emplace();
+        for (std::size_t k = 0; k < 10; ++k)
+            entries[k] =
+                &note.userInfo->emplace_hint(note.userInfo->end(), kShowMotionDataKeys[k], Value())
+                     ->second;
+    }
+};
+
+void postShowMotionData(const void* engine, NotificationCenter& center,
+                        const ShowMotionData& show) {
+    thread_local ShowMotionDataNotification cached;
+    if (cached.busy) {
+        // A handler evaluated a sample from inside its own call: give it a fresh notification.
+        ShowMotionDataNotification fresh;
+        fresh.note.object = engine;
+        fill(fresh.entries, show);
+        center.post(fresh.note);
+        return;
+    }
+    cached.busy = true;
+    cached.note.object = engine;
+    fill(cached.entries, show);
+    center.post(cached.note);
+    cached.busy = false;
+}
+
 }  // namespace
 
 void DrivingInsight::setFaultType(FaultTypes value) {
@@ -202,24 +256,7 @@ void DrivingInsight::evaluateActionForDrivingScore(std::int64_t motionId, const 
 
     if (geocodeStart) geocodeStartAddress(*geocodeStart);
 
-    if (observed) {
-        // Inserted in key order, each at the end: no searching while building.
-        Object info;
-        const auto add = [&info](const char* key, Value value) {
-            info.emplace_hint(info.end(), key, std::move(value));
-        };
-        add("brakingRate", show.brakingRate);
-        add("calculatedSpeed", show.calculatedSpeed);
-        add("corneringRate", show.corneringRate);
-        add("elevatingRate", show.elevatingRate);
-        add("locationSpeed", show.locationSpeed);
-        add("motionID", std::to_string(show.motionId));
-        add("orientation", show.orientation);
-        add("speedingRate", show.speedingRate);
-        add("timeElapsedSinceStart", detail::elapsedText(show.elapsed));
-        add("totalDistance", show.totalDistance);
-        center_.post(kShowMotionData, this, std::move(info));
-    }
+    if (observed) postShowMotionData(this, center_, show);
 
     if (startUpload) {
         sendMotionDataToServer();

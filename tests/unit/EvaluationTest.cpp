@@ -242,6 +242,24 @@ TEST_F(Evaluation, ShowMotionDataCarriesTheTenEntries) {
     EXPECT_EQ(info.at("motionID"), Value("1"));
 }
 
+TEST_F(Evaluation, EachPostCarriesItsOwnSampleAlsoWhenAHandlerEvaluatesOne) {
+    // The notification is reused between samples; a handler that evaluates a sample during its
+    // own call must neither see nor spoil the outer sample's values.
+    std::vector<std::string> ids;
+    bool nested = false;
+    auto token = h.center->addObserver("showMotionData", [&](const Notification& n) {
+        ids.push_back(*n.userInfo->at("motionID").asString());
+        if (!nested) {
+            nested = true;
+            engine->evaluateActionForDrivingScore(99, {}, {}, {}, {});
+            ids.push_back("after:" + *n.userInfo->at("motionID").asString());
+        }
+    });
+    sample({});
+    sample({});
+    EXPECT_EQ(ids, (std::vector<std::string>{"1", "99", "after:1", "2"}));
+}
+
 TEST(ElapsedText, PartsOnlyWhenNotZero) {
     using C = platform::DateComponents;
     const std::pair<std::optional<C>, const char*> cases[] = {
