@@ -44,14 +44,27 @@ void DrivingInsight::sendMotionDataToServer() {
     // Copy the bulk's records under the lock and format them after releasing it, so the host's
     // appends never wait for a bulk being written. The records stay in the buffer until the
     // service confirms them.
+    auto bulkCount = [this] {
+        return std::min<std::size_t>(
+            tripMotion.motionDataArray.size(),
+            static_cast<std::size_t>(std::max<std::int64_t>(bulkMotionDataSize_, 0)));
+    };
     MotionData bulk;
+    {
+        // Allocate outside the lock; only the copy itself runs under it.
+        std::size_t expected = 0;
+        {
+            std::lock_guard lock(mutex_);
+            expected = bulkCount();
+        }
+        bulk.motionDataArray.reserve(expected);
+    }
     std::int64_t user = 0;
     std::string driving;
     {
         std::lock_guard lock(mutex_);
         const auto& items = tripMotion.motionDataArray;
-        const std::size_t count = std::min<std::size_t>(
-            items.size(), static_cast<std::size_t>(std::max<std::int64_t>(bulkMotionDataSize_, 0)));
+        const std::size_t count = bulkCount();
         bulk.motionDataArray.assign(items.begin(), items.begin() + count);
         motionBulkInFlight_ = count;
         user = userID;

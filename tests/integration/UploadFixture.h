@@ -196,7 +196,14 @@ class UploadHost : public ::testing::Test {
             const std::size_t uploads = server_.requestsTo(kMotionPath).size();
             const std::size_t needed = uploads + server_.requestsTo(kThresholdPath).size();
             outcomes_->waitFor(needed, 5s);
-            server_.waitForRequests(server_.requestCount() + 1, 100ms);
+            // A quiet window: no new motion request for 100 ms.
+            const auto until = std::chrono::steady_clock::now() + 100ms;
+            while (server_.requestsTo(kMotionPath).size() == uploads) {
+                const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                    until - std::chrono::steady_clock::now());
+                if (left.count() <= 0) break;
+                server_.waitForRequests(server_.requestCount() + 1, left);
+            }
             if (server_.requestsTo(kMotionPath).size() == uploads) break;
         }
     }
