@@ -112,7 +112,7 @@ BENCHMARK(BM_MotionUploadBody);
 
 // Prints each benchmark's time as a multiple of the memcpy baseline of the same run.
 class RatioReporter : public benchmark::ConsoleReporter {
-  public:
+public:
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
@@ -133,7 +133,7 @@ class RatioReporter : public benchmark::ConsoleReporter {
         }
     }
 
-  private:
+private:
     std::map<std::string, double> times_;
     std::map<std::string, benchmark::TimeUnit> units_;
 };

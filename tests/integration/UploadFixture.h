@@ -50,7 +50,7 @@ struct Failure {
 
 // Records what the host hears; waits are bounded.
 class RecordingDelegate : public DrivingInsightDelegate {
-  public:
+public:
     void tripDidFinish(std::shared_ptr<Trip> trip) override {
         std::lock_guard lock(mutex_);
         finished_.push_back(std::move(trip));
@@ -75,7 +75,7 @@ class RecordingDelegate : public DrivingInsightDelegate {
         return failed_;
     }
 
-  private:
+private:
     mutable std::mutex mutex_;
     std::condition_variable cv_;
     std::vector<std::shared_ptr<Trip>> finished_;
@@ -147,7 +147,7 @@ inline platform::DeviceMotion sampleFor(std::int64_t n) {
 }
 
 class UploadHost : public ::testing::Test {
-  protected:
+protected:
     // Called by each test after scripting the server: builds the environment and the engine.
     void SetUpEngine(std::int64_t bulkSize = 1000) {
         BuildEnvironment(bulkSize);
