@@ -226,6 +226,8 @@ private:
     mutable std::mutex mutex_;
     const Environment& env_;
     NotificationCenter& center_;
+    /// Whether "showMotionData" has observers, cached per registration change.
+    ObservedName showMotionDataObserved_{"showMotionData"};
     RestfulCall* restfulCall_;
     /// The gateway of a detached engine (the shared engine uses RestfulCall::sharedInstance()).
     std::unique_ptr<RestfulCall> ownRestfulCall_;

@@ -14,7 +14,7 @@ struct ThresholdUnarchiveResult;
 
 /// One penalty band: [LimitStart, LimitEnd) costs Impact points, per event or per kilometre.
 class Threshold {
-  public:
+public:
     Threshold(double limitStart, double limitEnd, double impact, bool isPerKilometer)
         : LimitStart(limitStart),
           LimitEnd(limitEnd),
@@ -61,10 +61,27 @@ struct ThresholdImpact {
 
 /// The band holding `value`, walking the list in its order: the first band with
 /// LimitStart <= value < LimitEnd wins, and the walk stops at the first band starting above the
-/// value (the list is read as sorted by start). (0.0, false) when none holds it; NaN matches none.
-ThresholdImpact thresholdImpactFor(double value, const ThresholdList& thresholds);
+/// value (the list is read as sorted by start). nullptr when none holds it; NaN matches none.
+/// Inline: the detectors look values up several times per sample.
+inline const Threshold* findThreshold(double value, const ThresholdList& thresholds) {
+    for (const auto& band : thresholds) {
+        if (!band) continue;
+        if (band->LimitStart <= value && value < band->LimitEnd) return band.get();
+        // Comparisons with NaN are false, so NaN walks past every band and matches none.
+        if (value < band->LimitStart) break;
+    }
+    return nullptr;
+}
+
+/// The impact and per-kilometre flag of the band holding `value`; (0.0, false) when none does.
+inline ThresholdImpact thresholdImpactFor(double value, const ThresholdList& thresholds) {
+    const Threshold* band = findThreshold(value, thresholds);
+    return band ? ThresholdImpact{band->Impact, band->IsPerKilometer} : ThresholdImpact{};
+}
 
 /// Whether thresholdImpactFor() finds a band for `value`.
-bool exceedsThresholds(double value, const ThresholdList& thresholds);
+inline bool exceedsThresholds(double value, const ThresholdList& thresholds) {
+    return findThreshold(value, thresholds) != nullptr;
+}
 
 }  // namespace kestrelvue

@@ -19,7 +19,9 @@ ObserverToken& ObserverToken::operator=(ObserverToken&& other) noexcept {
     return *this;
 }
 
-ObserverToken::~ObserverToken() { reset(); }
+ObserverToken::~ObserverToken() {
+    reset();
+}
 
 void ObserverToken::reset() {
     if (id_ != 0) {
@@ -44,6 +46,7 @@ void NotificationCenter::addObserver(const void* observer, std::string name, Han
     entries_.push_back(Entry{nextId_++, observer, std::move(name), sender,
                              std::make_shared<const Handler>(std::move(handler)),
                              std::make_shared<bool>(true)});
+    generation_.fetch_add(1, std::memory_order_release);
 }
 
 ObserverToken NotificationCenter::addObserver(std::string name, Handler handler,
@@ -55,6 +58,7 @@ ObserverToken NotificationCenter::addObserver(std::string name, Handler handler,
         entries_.push_back(Entry{id, nullptr, std::move(name), sender,
                                  std::make_shared<const Handler>(std::move(handler)),
                                  std::make_shared<bool>(true)});
+        generation_.fetch_add(1, std::memory_order_release);
     }
     return ObserverToken(weak_from_this(), id);
 }
@@ -66,6 +70,7 @@ void NotificationCenter::removeObserver(const void* observer, std::optional<std:
         if (match) *e.alive = false;
         return match;
     });
+    generation_.fetch_add(1, std::memory_order_release);
 }
 
 void NotificationCenter::removeById(std::uint64_t id) {
@@ -75,6 +80,7 @@ void NotificationCenter::removeById(std::uint64_t id) {
         *e.alive = false;
         return true;
     });
+    generation_.fetch_add(1, std::memory_order_release);
 }
 
 void NotificationCenter::post(const std::string& name, const void* object, UserInfo userInfo) {
@@ -108,8 +114,8 @@ void NotificationCenter::post(const Notification& notification) {
 
 std::size_t NotificationCenter::observerCount(const std::string& name) const {
     std::lock_guard lock(mutex_);
-    return static_cast<std::size_t>(
-        std::count_if(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.name == name; }));
+    return static_cast<std::size_t>(std::count_if(entries_.begin(), entries_.end(),
+                                                  [&](const Entry& e) { return e.name == name; }));
 }
 
 }  // namespace kestrelvue

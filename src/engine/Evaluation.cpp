@@ -154,7 +154,7 @@ void DrivingInsight::evaluateActionForDrivingScore(std::int64_t motionId, const 
                                                    const Vector3& userAcceleration,
                                                    const Vector3& gravity) {
     // Decide under the lock, report after it: observers and the upload may call back in.
-    const bool observed = center_.observerCount(kShowMotionData) > 0;
+    const bool observed = showMotionDataObserved_.observed(center_);
     ShowMotionData show;  // filled only when observed
     std::optional<platform::Location> geocodeStart;
     bool startUpload = false;

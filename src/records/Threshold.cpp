@@ -10,26 +10,6 @@ constexpr const char* kImpact = "Impact";
 constexpr const char* kIsPerKilometer = "IsPerKilometer";
 }  // namespace
 
-ThresholdImpact thresholdImpactFor(double value, const ThresholdList& thresholds) {
-    for (const auto& band : thresholds) {
-        if (!band) continue;
-        if (band->LimitStart <= value && value < band->LimitEnd)
-            return {band->Impact, band->IsPerKilometer};
-        // Comparisons with NaN are false, so NaN walks past every band and matches none.
-        if (value < band->LimitStart) break;
-    }
-    return {};
-}
-
-bool exceedsThresholds(double value, const ThresholdList& thresholds) {
-    for (const auto& band : thresholds) {
-        if (!band) continue;
-        if (band->LimitStart <= value && value < band->LimitEnd) return true;
-        if (value < band->LimitStart) break;
-    }
-    return false;
-}
-
 void Threshold::encode(KeyedArchiver& coder) const {
     coder.encodeDouble(LimitStart, kLimitStart);
     coder.encodeDouble(LimitEnd, kLimitEnd);

@@ -120,3 +120,21 @@ TEST(NotificationCenter, ARemovedObserverIsNotCalledByALaterPost) {
     // A post that had already begun may still finish its call; at most one per poster.
     EXPECT_LE(afterRemoval.load(), 1);
 }
+
+TEST(NotificationCenter, ObservedNameFollowsEveryKindOfRegistrationChange) {
+    auto center = NotificationCenter::make();
+    ObservedName show("show");
+    int owner = 0;
+    EXPECT_FALSE(show.observed(*center));
+    center->addObserver(&owner, "other", [](const Notification&) {});
+    EXPECT_FALSE(show.observed(*center));
+    center->addObserver(&owner, "show", [](const Notification&) {});
+    EXPECT_TRUE(show.observed(*center));
+    center->removeObserver(&owner, std::string("show"));
+    EXPECT_FALSE(show.observed(*center));
+    {
+        ObserverToken token = center->addObserver("show", [](const Notification&) {});
+        EXPECT_TRUE(show.observed(*center));
+    }
+    EXPECT_FALSE(show.observed(*center));
+}
