@@ -151,7 +151,7 @@ namespace {
 /// Hears the engine's reports and lets the replay wait for them (bounded, in real time: the
 /// service answers on its own threads).
 class Listener final : public DrivingInsightDelegate {
-  public:
+public:
     void tripDidFinish(std::shared_ptr<Trip> trip) override {
         std::lock_guard lock(mutex_);
         done_ = true;
@@ -181,7 +181,7 @@ class Listener final : public DrivingInsightDelegate {
         out.failure = failure_;
     }
 
-  private:
+private:
     std::mutex mutex_;
     std::condition_variable cv_;
     bool done_ = false, stopped_ = false;

@@ -16,7 +16,7 @@ namespace kestrelvue {
 
 /// Collects one object's keyed values and writes its archive.
 class KeyedArchiver {
-  public:
+public:
     /// `classChain` is the class and its ancestors, most derived first; empty means
     /// {className, "NSObject"}.
     explicit KeyedArchiver(std::string className, std::vector<std::string> classChain = {});
@@ -28,7 +28,7 @@ class KeyedArchiver {
     /// The archive's bytes. Keys keep the order in which they were first encoded.
     std::string encodedData() const;
 
-  private:
+private:
     using Scalar = std::variant<double, bool, std::int64_t>;
     std::string className_;
     std::vector<std::string> classChain_;
@@ -39,7 +39,7 @@ class KeyedArchiver {
 /// Reads one object's archive. Opening checks the whole container; a damaged, truncated or
 /// hostile archive is refused with a message and never read past its end.
 class KeyedUnarchiver {
-  public:
+public:
     struct OpenResult;
     static OpenResult open(std::string_view data);
 
@@ -55,7 +55,7 @@ class KeyedUnarchiver {
     /// The value as a boolean (booleans and non-zero numbers); false when absent or other.
     bool decodeBool(std::string_view key) const;
 
-  private:
+private:
     struct Entry {
         Kind kind = Kind::other;
         double number = 0.0;

@@ -52,7 +52,7 @@ constexpr UserType userTypeFromWire(std::int64_t userTypeId) {
 /// the HTTP client's worker threads (offline, bad-URL and similar failures found before a request
 /// is sent arrive on the calling thread, before the call returns).
 class UserDelegate {
-  public:
+public:
     virtual ~UserDelegate() = default;
     virtual void userDidLogin(User& user) { (void)user; }
     virtual void userLoginDidFail(std::int64_t errorCode, const std::string& errorTitle,
@@ -91,7 +91,7 @@ inline constexpr const char* kLeadershipNotAListText =
 /// Thread safety: every member may be called from any thread; the account's fields are guarded by
 /// one mutex, and the delegate is called with no lock held.
 class User {
-  public:
+public:
     /// The process's account, created on first use over Environment::current() and
     /// RestfulCall::sharedInstance(). It handles the answers to every account's requests.
     static User& sharedInstance();
@@ -165,7 +165,7 @@ class User {
     void friendAdded(const Notification& notification);
     void leadershipGot(const Notification& notification);
 
-  private:
+private:
     struct HandlerGate;
 
     User(std::string firstName, std::string lastName, std::string email, GenderType gender,

@@ -72,8 +72,8 @@ public:
     bool operator==(const Value& other) const;
 
 private:
-    std::variant<std::monostate, bool, std::int64_t, double, std::string, std::shared_ptr<const List>,
-                 std::shared_ptr<const Object>, TransportError>
+    std::variant<std::monostate, bool, std::int64_t, double, std::string,
+                 std::shared_ptr<const List>, std::shared_ptr<const Object>, TransportError>
         v_;
 };
 

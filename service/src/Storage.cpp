@@ -9,7 +9,7 @@ namespace {
 
 /// A prepared statement that finalises itself.
 class Statement {
-  public:
+public:
     Statement(sqlite3* db, const char* sql) { sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr); }
     ~Statement() { sqlite3_finalize(stmt_); }
     Statement(const Statement&) = delete;
@@ -34,7 +34,7 @@ class Statement {
         return p ? std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c))) : "";
     }
 
-  private:
+private:
     sqlite3_stmt* stmt_ = nullptr;
 };
 

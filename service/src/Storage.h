@@ -55,7 +55,7 @@ struct LeaderRow {
 };
 
 class Storage {
-  public:
+public:
     Storage() = default;
     ~Storage();
     Storage(const Storage&) = delete;
@@ -82,7 +82,7 @@ class Storage {
     /// Drivers ranked by average score; scope 1 country, 2 city, 3 friends, else everyone.
     std::vector<LeaderRow> leaders(const UserRow& me, int scope);
 
-  private:
+private:
     bool exec(const char* sql, std::string& error);
     std::mutex mutex_;
     sqlite3* db_ = nullptr;

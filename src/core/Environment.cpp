@@ -14,7 +14,9 @@ std::mutex gMutex;
 const Environment* gEnvironment = nullptr;
 }  // namespace
 
-std::string_view defaultBaseURL() { return KESTRELVUE_DEFAULT_BASE_URL; }
+std::string_view defaultBaseURL() {
+    return KESTRELVUE_DEFAULT_BASE_URL;
+}
 
 std::string Environment::baseURL() const {
     if (applicationInfo) {

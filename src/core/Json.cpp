@@ -1,5 +1,4 @@
 #include <kestrelvue/Json.h>
-
 #include <simdjson.h>
 
 #include <charconv>
@@ -70,13 +69,27 @@ void escapeTo(std::string& out, std::string_view text) {
         out.append(text.data() + start, i - start);
         start = i + 1;
         switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\n': out += "\\n"; break;
-            case '\r': out += "\\r"; break;
-            case '\t': out += "\\t"; break;
-            case '\b': out += "\\b"; break;
-            case '\f': out += "\\f"; break;
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            case '\b':
+                out += "\\b";
+                break;
+            case '\f':
+                out += "\\f";
+                break;
             default:
                 out += "\\u00";
                 out.push_back(hex[c >> 4]);
@@ -89,8 +102,12 @@ void escapeTo(std::string& out, std::string_view text) {
 
 bool writeTo(std::string& out, const Value& value) {
     switch (value.kind()) {
-        case Value::Kind::Null: out += "null"; return true;
-        case Value::Kind::Bool: out += *value.asBool() ? "true" : "false"; return true;
+        case Value::Kind::Null:
+            out += "null";
+            return true;
+        case Value::Kind::Bool:
+            out += *value.asBool() ? "true" : "false";
+            return true;
         case Value::Kind::Int: {
             char buf[24];
             auto r = std::to_chars(buf, buf + sizeof buf, *value.asInt());
@@ -105,7 +122,9 @@ bool writeTo(std::string& out, const Value& value) {
             out.append(buf, r.ptr);
             return true;
         }
-        case Value::Kind::String: escapeTo(out, *value.asString()); return true;
+        case Value::Kind::String:
+            escapeTo(out, *value.asString());
+            return true;
         case Value::Kind::List: {
             out.push_back('[');
             bool first = true;
@@ -130,7 +149,8 @@ bool writeTo(std::string& out, const Value& value) {
             out.push_back('}');
             return true;
         }
-        case Value::Kind::Error: return false;
+        case Value::Kind::Error:
+            return false;
     }
     return false;
 }
@@ -141,6 +161,8 @@ std::optional<std::string> write(const Value& value) {
     return out;
 }
 
-bool isValidUtf8(std::string_view text) { return simdjson::validate_utf8(text.data(), text.size()); }
+bool isValidUtf8(std::string_view text) {
+    return simdjson::validate_utf8(text.data(), text.size());
+}
 
 }  // namespace kestrelvue::json

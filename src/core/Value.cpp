@@ -18,7 +18,9 @@ std::optional<double> Value::asNumber() const {
     return std::nullopt;
 }
 
-const std::string* Value::asString() const { return std::get_if<std::string>(&v_); }
+const std::string* Value::asString() const {
+    return std::get_if<std::string>(&v_);
+}
 
 const List* Value::asList() const {
     if (auto* l = std::get_if<std::shared_ptr<const List>>(&v_)) return l->get();
@@ -30,7 +32,9 @@ const Object* Value::asObject() const {
     return nullptr;
 }
 
-const TransportError* Value::asError() const { return std::get_if<TransportError>(&v_); }
+const TransportError* Value::asError() const {
+    return std::get_if<TransportError>(&v_);
+}
 
 const Value* Value::find(std::string_view key) const {
     const Object* o = asObject();

@@ -25,7 +25,7 @@ constexpr std::size_t kMaxArchiveBytes = 1 << 20;
 // ---- Writer -------------------------------------------------------------------------------------
 
 class PlistWriter {
-  public:
+public:
     std::size_t addString(std::string_view text) {
         // Only ASCII texts are written (keys and class names); each is stored once.
         for (std::size_t i = 0; i < strings_.size(); ++i)
@@ -81,7 +81,7 @@ class PlistWriter {
 
     std::size_t size() const { return objects_.size(); }
 
-  private:
+private:
     std::size_t add(std::string encoded) {
         objects_.push_back(std::move(encoded));
         return objects_.size() - 1;
@@ -119,7 +119,7 @@ struct Obj {
 };
 
 class PlistReader {
-  public:
+public:
     explicit PlistReader(std::string_view data) : d_(data) {}
 
     bool parse(std::string& error) {
@@ -177,7 +177,7 @@ class PlistReader {
         return nullptr;
     }
 
-  private:
+private:
     static bool validSize(unsigned s) { return s == 1 || s == 2 || s == 4 || s == 8; }
     unsigned byte(std::size_t at) const { return static_cast<unsigned char>(d_[at]); }
     std::uint64_t big(std::size_t at, unsigned bytes) const {

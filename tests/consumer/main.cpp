@@ -7,9 +7,9 @@
 int main() {
     using namespace kestrelvue;
     auto center = NotificationCenter::make();
-    RestfulCall call(std::make_shared<posix::CurlHttpClient>(), center,
-                     std::make_shared<Reachability>(
-                         std::make_shared<platform::FixedReachabilityProbe>(0u)));
+    RestfulCall call(
+        std::make_shared<posix::CurlHttpClient>(), center,
+        std::make_shared<Reachability>(std::make_shared<platform::FixedReachabilityProbe>(0u)));
     std::string error;
     ObserverToken token = center->addObserver("done", [&](const Notification& n) {
         if (const std::string* s = n.userInfo->at("error").asString()) error = *s;

@@ -16,7 +16,7 @@ using namespace kestrelvue;
 
 // Requests go nowhere: the fuzzer posts the replies itself.
 class NoHttp final : public platform::HttpClient {
-  public:
+public:
     void send(platform::HttpRequest, platform::HttpCompletion) override {}
 };
 

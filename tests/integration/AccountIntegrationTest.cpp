@@ -20,7 +20,7 @@ using test::TestServer;
 using namespace std::chrono_literals;
 
 class AccountIntegration : public ::testing::Test {
-  protected:
+protected:
     AccountIntegration() { account->setDelegate(delegate); }
 
     void setOnline(bool online) {

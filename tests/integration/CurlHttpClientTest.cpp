@@ -19,7 +19,7 @@ namespace {
 
 // Collects completions and lets the test wait for them (bounded).
 class Completions {
-  public:
+public:
     platform::HttpCompletion make() {
         return [this](HttpResult r) {
             std::lock_guard lock(mutex_);
@@ -45,7 +45,7 @@ class Completions {
         return results_.size();
     }
 
-  private:
+private:
     std::mutex mutex_;
     std::condition_variable cv_;
     std::vector<HttpResult> results_;

@@ -20,7 +20,7 @@ using test::TestServer;
 constexpr const char* kFailure = "Sunucudan ayarlar indirilemedi. Tekrar deneyiniz";
 
 class EngineService : public ::testing::Test {
-  protected:
+protected:
     TestServer server;
     EngineHarness h;
 

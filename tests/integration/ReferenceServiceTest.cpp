@@ -15,7 +15,7 @@ using namespace kestrelvue;
 namespace {
 
 class ReferenceServiceTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         ASSERT_TRUE(service_.start()) << service_.error();
         client_ = std::make_unique<httplib::Client>("127.0.0.1", service_.port());

@@ -42,7 +42,7 @@ Value parsed(std::string_view json) {
 }
 
 class RestfulCallTest : public ::testing::Test {
-  protected:
+protected:
     TestServer server;
     Environment env = makeTestEnvironment(server);
     std::unique_ptr<RestfulCall> call = makeRestfulCall(env);

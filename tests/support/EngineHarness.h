@@ -29,7 +29,7 @@ namespace kestrelvue::test {
 /// Keeps every request until the test answers it with deliverAll() (on the test's thread,
 /// standing in for a worker thread).
 class ScriptedHttpClient final : public platform::HttpClient {
-  public:
+public:
     using Responder = std::function<platform::HttpResult(const platform::HttpRequest&)>;
 
     void send(platform::HttpRequest request, platform::HttpCompletion completion) override;
@@ -43,7 +43,7 @@ class ScriptedHttpClient final : public platform::HttpClient {
 
     static platform::HttpResult reply(long status, std::string body);
 
-  private:
+private:
     mutable std::mutex mutex_;
     Responder responder_;
     std::vector<platform::HttpRequest> sent_;
@@ -52,7 +52,7 @@ class ScriptedHttpClient final : public platform::HttpClient {
 
 /// Records every report, in order.
 class RecordingDelegate final : public DrivingInsightDelegate {
-  public:
+public:
     struct Report {
         std::string kind;  // "tripDidFinish", "tripDidFail"
         std::int64_t code = 0;
@@ -68,7 +68,7 @@ class RecordingDelegate final : public DrivingInsightDelegate {
     /// Waits (bounded) until at least `n` reports arrived, from any thread; false on time-out.
     bool waitFor(std::size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
 
-  private:
+private:
     mutable std::mutex mutex_;
     mutable std::condition_variable cv_;
     std::vector<Report> reports_;

@@ -13,7 +13,7 @@
 namespace kestrelvue::test {
 
 class RecordingUserDelegate : public UserDelegate {
-  public:
+public:
     struct Event {
         std::string operation;  // the delegate operation's name
         const User* user = nullptr;
@@ -74,7 +74,7 @@ class RecordingUserDelegate : public UserDelegate {
         return events_;
     }
 
-  private:
+private:
     static Event named(const char* operation) {
         Event e;
         e.operation = operation;

@@ -34,7 +34,7 @@
 namespace kestrelvue::test {
 
 class ManualExecutor final : public platform::Executor {
-  public:
+public:
     void post(std::function<void()> task) override;
     /// Runs queued tasks, and those they post, until none is left. Returns how many ran.
     std::size_t runUntilIdle();
@@ -42,7 +42,7 @@ class ManualExecutor final : public platform::Executor {
     bool runOne();
     std::size_t pending() const;
 
-  private:
+private:
     mutable std::mutex mutex_;
     std::deque<std::function<void()>> tasks_;
 };
@@ -60,7 +60,7 @@ struct RecordedNotification {
 };
 
 class NotificationRecorder {
-  public:
+public:
     NotificationRecorder(std::shared_ptr<NotificationCenter> center,
                          std::vector<std::string> names);
     ~NotificationRecorder();
@@ -82,7 +82,7 @@ class NotificationRecorder {
                  std::chrono::milliseconds grace = std::chrono::milliseconds(100)) const;
     void clear();
 
-  private:
+private:
     struct State {
         mutable std::mutex mutex;
         mutable std::condition_variable cv;

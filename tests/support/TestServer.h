@@ -81,7 +81,7 @@ struct ReceivedRequest {
 };
 
 class TestServer {
-  public:
+public:
     TestServer();
     ~TestServer();
     TestServer(const TestServer&) = delete;
@@ -106,7 +106,7 @@ class TestServer {
                          std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
     void clearRequests();
 
-  private:
+private:
     ScriptedReply scriptFor(const std::string& path);
     void handle(const void* request, void* response);
     int socketFor(int peerPort) const;

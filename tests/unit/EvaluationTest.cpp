@@ -30,7 +30,7 @@ Vector3 accel(double x, double y) {
 }
 
 class Evaluation : public ::testing::Test {
-  protected:
+protected:
     EngineHarness h;
     std::unique_ptr<DrivingInsight> engine = h.makeEngine();
     std::int64_t motionId = 0;

@@ -35,7 +35,7 @@ TEST(GeodesicDistance, MatchesTheEllipsoid) {
 }
 
 class LocationUpdates : public ::testing::Test {
-  protected:
+protected:
     EngineHarness h;
     std::unique_ptr<DrivingInsight> engine = h.makeEngine();
     void SetUp() override { ASSERT_TRUE(engine->startTrip()); }

@@ -25,7 +25,7 @@ using namespace std::chrono;
 
 // Switches the process's time zone for one test and back.
 class ScopedTimeZone {
-  public:
+public:
     explicit ScopedTimeZone(const char* tz) {
         if (const char* old = std::getenv("TZ")) old_ = old;
         ::setenv("TZ", tz, 1);
@@ -41,7 +41,7 @@ class ScopedTimeZone {
         detail::clearTimestampCache();
     }
 
-  private:
+private:
     std::optional<std::string> old_;
 };
 

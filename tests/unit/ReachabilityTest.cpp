@@ -36,7 +36,7 @@ namespace {
 
 // A fake /proc and /sys for one probe.
 class RouteFiles {
-  public:
+public:
     RouteFiles() {
         static int counter = 0;
         dir_ =
@@ -67,7 +67,7 @@ class RouteFiles {
         return posix::DefaultRouteProbe(p).defaultRouteFlags();
     }
 
-  private:
+private:
     void write(const std::string& name, const std::string& text) {
         std::ofstream(dir_ / name) << text;
     }

@@ -184,7 +184,7 @@ TEST(BandArchive, DamagedArchivesAreErrorsNotCrashes) {
 // ---- Threshold reply --------------------------------------------------------------------------
 
 class ThresholdReply : public ::testing::Test {
-  protected:
+protected:
     EngineHarness h;
     std::unique_ptr<DrivingInsight> engine = h.makeEngine();
     std::vector<UserInfo> got;

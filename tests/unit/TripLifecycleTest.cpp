@@ -15,7 +15,7 @@ using test::EngineHarness;
 using Reports = std::vector<test::RecordingDelegate::Report>;
 
 class TripLifecycle : public ::testing::Test {
-  protected:
+protected:
     EngineHarness h;
     std::unique_ptr<DrivingInsight> engine = h.makeEngine();
 

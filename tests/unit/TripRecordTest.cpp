@@ -15,7 +15,7 @@ using test::EngineHarness;
 
 /// Runs the test body in a given time zone and restores the old one afterwards.
 class TimeZone {
-  public:
+public:
     explicit TimeZone(const char* tz) {
         if (const char* old = std::getenv("TZ")) old_ = old;
         setenv("TZ", tz, 1);
@@ -29,7 +29,7 @@ class TimeZone {
         tzset();
     }
 
-  private:
+private:
     std::optional<std::string> old_;
 };
 

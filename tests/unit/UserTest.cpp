@@ -22,12 +22,12 @@ using test::RecordingUserDelegate;
 
 /// These tests post answers themselves; nothing is sent.
 class UnusedHttpClient : public platform::HttpClient {
-  public:
+public:
     void send(platform::HttpRequest, platform::HttpCompletion) override { ADD_FAILURE(); }
 };
 
 class UserTest : public ::testing::Test {
-  protected:
+protected:
     UserTest() {
         env.applicationInfo = Object{{std::string(kBaseURLKey), "http://127.0.0.1:9/svc"}};
         center = NotificationCenter::make();

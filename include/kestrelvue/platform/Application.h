@@ -7,7 +7,7 @@ namespace kestrelvue::platform {
 
 /// Threading contract: called from the host's thread; calls return at once.
 class Application {
-  public:
+public:
     virtual ~Application() = default;
 
     /// True keeps the screen awake.

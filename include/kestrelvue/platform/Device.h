@@ -16,7 +16,7 @@ enum class DeviceOrientation : int {
 
 /// Threading contract: may be called from any thread.
 class Device {
-  public:
+public:
     virtual ~Device() = default;
     virtual DeviceOrientation orientation() const = 0;
 };

@@ -30,7 +30,7 @@ using GeocodeCompletion =
 /// at once; the completion runs exactly once, later, on the host's main queue (never inside the
 /// call). Lookups are independent of each other.
 class Geocoder {
-  public:
+public:
     virtual ~Geocoder() = default;
     virtual void reverseGeocodeLocation(const Location& location, GeocodeCompletion completion) = 0;
 };

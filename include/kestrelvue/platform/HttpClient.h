@@ -66,7 +66,7 @@ enum TransportErrorCode : std::int64_t {
 /// runs exactly once, later, on a worker thread of the client (never on the caller's thread and
 /// never inside send()). Many requests may be in flight; their completions may run concurrently.
 class HttpClient {
-  public:
+public:
     virtual ~HttpClient() = default;
     virtual void send(HttpRequest request, HttpCompletion completion) = 0;
 };

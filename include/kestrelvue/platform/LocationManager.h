@@ -21,7 +21,7 @@ inline constexpr double kDistanceFilterNone = -1.0;
 /// Threading contract: every call is made from the host's thread and returns at once; none calls
 /// back into the engine.
 class LocationManager {
-  public:
+public:
     virtual ~LocationManager() = default;
 
     /// Whether the device's location services are switched on.

@@ -43,7 +43,7 @@ using DeviceMotionHandler = std::function<void(const std::optional<DeviceMotion>
 /// this interface). After stopDeviceMotionUpdates() returns, no further sample of that session
 /// reaches the handler, including samples already queued.
 class MotionManager {
-  public:
+public:
     virtual ~MotionManager() = default;
 
     virtual bool isDeviceMotionAvailable() const = 0;

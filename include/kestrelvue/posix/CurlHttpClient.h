@@ -23,7 +23,7 @@
 namespace kestrelvue::posix {
 
 class CurlHttpClient final : public platform::HttpClient {
-  public:
+public:
     struct Options {
         /// Largest reply body accepted, after content decoding.
         std::size_t maxBodyBytes = 64u * 1024u * 1024u;
@@ -41,7 +41,7 @@ class CurlHttpClient final : public platform::HttpClient {
 
     void send(platform::HttpRequest request, platform::HttpCompletion completion) override;
 
-  private:
+private:
     struct Impl;
     std::shared_ptr<Impl> impl_;
 };

@@ -17,7 +17,7 @@
 namespace kestrelvue::posix {
 
 class DefaultRouteProbe final : public platform::ReachabilityProbe {
-  public:
+public:
     struct Paths {
         std::string ipv4Routes = "/proc/net/route";
         std::string ipv6Routes = "/proc/net/ipv6_route";
@@ -30,7 +30,7 @@ class DefaultRouteProbe final : public platform::ReachabilityProbe {
 
     std::optional<std::uint32_t> defaultRouteFlags() override;
 
-  private:
+private:
     Paths paths_;
 };
 

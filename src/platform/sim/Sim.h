@@ -29,7 +29,7 @@ namespace kestrelvue::sim {
 
 /// A clock that moves only when told to.
 class VirtualClock final : public platform::Clock {
-  public:
+public:
     /// Starts at 2018-03-05 12:00:00 UTC unless told otherwise.
     VirtualClock();
     explicit VirtualClock(platform::TimePoint start);
@@ -38,25 +38,25 @@ class VirtualClock final : public platform::Clock {
     void setNow(platform::TimePoint value);
     void advance(std::chrono::nanoseconds by);
 
-  private:
+private:
     std::atomic<std::int64_t> nanos_;
 };
 
 /// Identifiers 00000001-0000-4000-8000-000000000001, ...-000000000002, ...: deterministic, in the
 /// 36-character upper-case form of the real ones.
 class SequentialIdGenerator final : public platform::IdGenerator {
-  public:
+public:
     std::string makeUuid() override;
     /// How many identifiers were handed out.
     std::uint64_t count() const { return next_.load(); }
 
-  private:
+private:
     std::atomic<std::uint64_t> next_{0};
 };
 
 /// The host's main queue, drained by whoever plays the host.
 class MainQueue final : public platform::Executor {
-  public:
+public:
     void post(std::function<void()> task) override;
     /// Runs the oldest task; false when there was none.
     bool runOne();
@@ -64,7 +64,7 @@ class MainQueue final : public platform::Executor {
     std::size_t runUntilIdle();
     std::size_t pending() const;
 
-  private:
+private:
     mutable std::mutex mutex_;
     std::deque<std::function<void()>> tasks_;
 };
@@ -72,7 +72,7 @@ using ManualExecutor = MainQueue;
 
 /// A motion manager whose samples the caller pushes.
 class MotionSource final : public platform::MotionManager {
-  public:
+public:
     bool isDeviceMotionAvailable() const override;
     bool isDeviceMotionActive() const override;
     double deviceMotionUpdateInterval() const override;
@@ -95,7 +95,7 @@ class MotionSource final : public platform::MotionManager {
     int startCount() const;
     int stopCount() const;
 
-  private:
+private:
     bool deliver(std::optional<platform::DeviceMotion> motion,
                  std::optional<platform::MotionError> error);
 
@@ -114,7 +114,7 @@ class MotionSource final : public platform::MotionManager {
 
 /// A location manager with settable state that records what the engine asked of it.
 class LocationManager final : public platform::LocationManager {
-  public:
+public:
     bool locationServicesEnabled() const override;
     platform::AuthorizationStatus authorizationStatus() const override;
     void requestWhenInUseAuthorization() override;
@@ -135,7 +135,7 @@ class LocationManager final : public platform::LocationManager {
     int startCount() const;
     int stopCount() const;
 
-  private:
+private:
     mutable std::mutex mutex_;
     bool enabled_ = true;
     platform::AuthorizationStatus status_ = platform::AuthorizationStatus::authorizedWhenInUse;
@@ -150,7 +150,7 @@ class LocationManager final : public platform::LocationManager {
 
 /// A geocoder that answers from a script, later, through the main queue.
 class Geocoder final : public platform::Geocoder {
-  public:
+public:
     struct Answer {
         std::optional<std::vector<platform::Placemark>> placemarks;
         std::optional<platform::GeocodeError> error;
@@ -175,7 +175,7 @@ class Geocoder final : public platform::Geocoder {
     static Answer failure(std::int64_t code = 2, std::string description = "network");
     static Answer nothing();
 
-  private:
+private:
     std::shared_ptr<platform::Executor> mainQueue_;
     mutable std::mutex mutex_;
     std::deque<Answer> script_;
@@ -185,7 +185,7 @@ class Geocoder final : public platform::Geocoder {
 
 /// An application that records the idle-timer changes and the addresses it was asked to open.
 class Application final : public platform::Application {
-  public:
+public:
     bool isIdleTimerDisabled() const override;
     void setIdleTimerDisabled(bool value) override;
     std::string openSettingsURLString() const override;
@@ -195,7 +195,7 @@ class Application final : public platform::Application {
     std::vector<bool> idleTimerChanges() const;
     std::vector<std::string> openedURLs() const;
 
-  private:
+private:
     mutable std::mutex mutex_;
     bool idleTimerDisabled_ = false;
     std::string settingsURL_ = "app-settings:";
@@ -205,11 +205,11 @@ class Application final : public platform::Application {
 
 /// A device whose orientation the caller sets.
 class Device final : public platform::Device {
-  public:
+public:
     platform::DeviceOrientation orientation() const override;
     void setOrientation(platform::DeviceOrientation value);
 
-  private:
+private:
     std::atomic<int> orientation_{0};
 };
 

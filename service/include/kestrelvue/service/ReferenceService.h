@@ -20,7 +20,7 @@ struct ServiceOptions {
 };
 
 class ReferenceService {
-  public:
+public:
     explicit ReferenceService(ServiceOptions options);
     ~ReferenceService();
     ReferenceService(const ReferenceService&) = delete;
@@ -38,7 +38,7 @@ class ReferenceService {
     std::string baseURL() const;
     const std::string& error() const;
 
-  private:
+private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
