@@ -18,24 +18,23 @@ namespace {
 
 const std::string kDetail = "Detay bilgisi alınamadı. Daha sonra tekrar deneyin.";
 const std::string kOffline = "Lütfen internet bağlantınızı kontrol ediniz!";
+using R = ScriptedReply;
+using RT = RestfulCall::ReturnType;
 
 // What one call is expected to post.
 struct Expect {
     enum class Kind { nothing, errorText, data, noUserInfo, transportError } kind;
     Value value;
-
-    static Expect nothing() { return {Kind::nothing, {}}; }
-    static Expect error(std::string text) { return {Kind::errorText, Value(std::move(text))}; }
-    static Expect data(Value v) { return {Kind::data, std::move(v)}; }
-    static Expect noUserInfo() { return {Kind::noUserInfo, {}}; }
-    static Expect transportError() { return {Kind::transportError, {}}; }
 };
-
-posix::CurlHttpClient::Options smallBodies() {
-    posix::CurlHttpClient::Options o;
-    o.maxBodyBytes = 64 * 1024;
-    return o;
+Expect err(std::string text) {
+    return {Expect::Kind::errorText, Value(std::move(text))};
 }
+Expect posted(Value v) {
+    return {Expect::Kind::data, std::move(v)};
+}
+const Expect kNothing{Expect::Kind::nothing, {}};
+const Expect kNoInfo{Expect::Kind::noUserInfo, {}};
+const Expect kTransport{Expect::Kind::transportError, {}};
 
 Value parsed(std::string_view json) {
     return *json::parse(json).value;
@@ -61,81 +60,61 @@ protected:
         RecordedNotification n = rec.at(0);
         EXPECT_EQ(n.object, nullptr);
         EXPECT_NE(n.thread, std::this_thread::get_id()) << "replies arrive on a worker thread";
-        switch (expect.kind) {
-            case Expect::Kind::errorText:
-                ASSERT_TRUE(n.userInfo);
-                EXPECT_EQ(n.userInfo->size(), 1u);
-                ASSERT_NE(n.errorText(), nullptr);
-                EXPECT_EQ(*n.errorText(), *expect.value.asString());
-                break;
-            case Expect::Kind::data:
-                ASSERT_TRUE(n.userInfo);
-                EXPECT_EQ(n.userInfo->size(), 1u);
-                ASSERT_NE(n.find("Data"), nullptr);
-                EXPECT_TRUE(*n.find("Data") == expect.value);
-                break;
-            case Expect::Kind::noUserInfo:
-                EXPECT_FALSE(n.userInfo.has_value());
-                break;
-            case Expect::Kind::transportError: {
-                ASSERT_TRUE(n.userInfo);
-                const Value* e = n.find("error");
-                ASSERT_NE(e, nullptr);
-                ASSERT_TRUE(e->isError()) << "a transport failure is not a text";
-                EXPECT_FALSE(e->asError()->domain.empty());
-                EXPECT_FALSE(e->asError()->description.empty());
-                break;
-            }
-            case Expect::Kind::nothing:
-                break;
+        if (expect.kind == Expect::Kind::noUserInfo) {
+            EXPECT_FALSE(n.userInfo.has_value());
+            return;
+        }
+        ASSERT_TRUE(n.userInfo);
+        if (expect.kind == Expect::Kind::transportError) {
+            const Value* e = n.find("error");
+            ASSERT_NE(e, nullptr);
+            ASSERT_TRUE(e->isError()) << "a transport failure is not a text";
+            EXPECT_FALSE(e->asError()->domain.empty());
+            EXPECT_FALSE(e->asError()->description.empty());
+            return;
+        }
+        EXPECT_EQ(n.userInfo->size(), 1u);
+        if (expect.kind == Expect::Kind::errorText) {
+            ASSERT_NE(n.errorText(), nullptr);
+            EXPECT_EQ(*n.errorText(), *expect.value.asString());
+        } else {
+            ASSERT_NE(n.find("Data"), nullptr);
+            EXPECT_TRUE(*n.find("Data") == expect.value);
         }
     }
 };
 
-struct GetCase {
-    const char* label;
-    ScriptedReply reply;
-    bool asArray;
-    Expect expect;
-};
-
 TEST_F(RestfulCallTest, GetRepliesBecomeOneNotification) {
-    const GetCase cases[] = {
-        {"list of objects", ScriptedReply::json(R"([{"a":1},{"b":"ç"}])"), true,
-         Expect::data(parsed(R"([{"a":1},{"b":"ç"}])"))},
-        {"empty list", ScriptedReply::json("[]"), true, Expect::data(List{})},
-        {"object where a list is expected", ScriptedReply::json(R"({"a":1})"), true,
-         Expect::data(Value())},
-        {"list with a non-object element", ScriptedReply::json(R"([{"a":1},2])"), true,
-         Expect::data(Value())},
-        {"object", ScriptedReply::json(R"({"a":[1,2]})"), false,
-         Expect::data(parsed(R"({"a":[1,2]})"))},
-        {"list where an object is expected", ScriptedReply::json(R"([{"a":1}])"), false,
-         Expect::data(Value())},
-        {"status 500", ScriptedReply::json(R"({"a":1})", 500), true,
-         Expect::error(kDetail + " ErrorCode: 500")},
-        {"status 404", ScriptedReply::statusOnly(404), true,
-         Expect::error(kDetail + " ErrorCode: 404")},
-        {"status 201 is not success", ScriptedReply::json("[]", 201), true,
-         Expect::error(kDetail + " ErrorCode: 201")},
-        {"status 500 without a body", ScriptedReply::noBody(500), true,
-         Expect::error(kDetail + " ErrorCode: 500")},
-        {"status 204", ScriptedReply::noBody(204), true,
-         Expect::error(kDetail + " ErrorCode: 204")},
-        {"empty body", ScriptedReply::json(""), true, Expect::error(kDetail)},
-        {"not JSON", ScriptedReply::text("<html>oops</html>"), true, Expect::error(kDetail)},
-        {"bare number", ScriptedReply::json("42"), true, Expect::error(kDetail)},
-        {"invalid UTF-8 in JSON", ScriptedReply::json("[{\"a\":\"\xff\xfe\"}]"), true,
-         Expect::error(kDetail)},
-        {"truncated JSON", ScriptedReply::json(R"([{"a":1})"), true, Expect::error(kDetail)},
-        {"status 200 without a body", ScriptedReply::noBody(200), true, Expect::nothing()},
-        {"connection dropped before the reply",
-         ScriptedReply::dropped(ScriptedReply::Drop::beforeReply), true, Expect::error(kDetail)},
-        {"connection dropped after the headers",
-         ScriptedReply::dropped(ScriptedReply::Drop::afterHeaders, "[{}]"), true,
-         Expect::error(kDetail)},
+    struct Case {
+        const char* label;
+        ScriptedReply reply;
+        bool asArray;
+        Expect expect;
     };
-    for (const GetCase& c : cases) {
+    const Case cases[] = {
+        {"list of objects", R::json(R"([{"a":1},{"b":"ç"}])"), true,
+         posted(parsed(R"([{"a":1},{"b":"ç"}])"))},
+        {"empty list", R::json("[]"), true, posted(List{})},
+        {"object where a list is expected", R::json(R"({"a":1})"), true, posted(Value())},
+        {"list with a non-object element", R::json(R"([{"a":1},2])"), true, posted(Value())},
+        {"object", R::json(R"({"a":[1,2]})"), false, posted(parsed(R"({"a":[1,2]})"))},
+        {"list where an object is expected", R::json(R"([{"a":1}])"), false, posted(Value())},
+        {"status 500", R::json(R"({"a":1})", 500), true, err(kDetail + " ErrorCode: 500")},
+        {"status 404", R::statusOnly(404), true, err(kDetail + " ErrorCode: 404")},
+        {"status 201 is not success", R::json("[]", 201), true, err(kDetail + " ErrorCode: 201")},
+        {"status 500 without a body", R::noBody(500), true, err(kDetail + " ErrorCode: 500")},
+        {"status 204", R::noBody(204), true, err(kDetail + " ErrorCode: 204")},
+        {"empty body", R::json(""), true, err(kDetail)},
+        {"not JSON", R::text("<html>oops</html>"), true, err(kDetail)},
+        {"bare number", R::json("42"), true, err(kDetail)},
+        {"invalid UTF-8 in JSON", R::json("[{\"a\":\"\xff\xfe\"}]"), true, err(kDetail)},
+        {"truncated JSON", R::json(R"([{"a":1})"), true, err(kDetail)},
+        {"status 200 without a body", R::noBody(200), true, kNothing},
+        {"dropped before the reply", R::dropped(R::Drop::beforeReply), true, err(kDetail)},
+        {"dropped after the headers", R::dropped(R::Drop::afterHeaders, "[{}]"), true,
+         err(kDetail)},
+    };
+    for (const Case& c : cases) {
         server.clearRequests();
         server.reply("/api/get", c.reply);
         NotificationRecorder rec(env.notifications, {"done"});
@@ -146,116 +125,83 @@ TEST_F(RestfulCallTest, GetRepliesBecomeOneNotification) {
     }
 }
 
-TEST_F(RestfulCallTest, GetSendsAPlainRequestToTheGivenAddress) {
-    server.reply("/api/Driving/getPassedCoordinates/T-1", ScriptedReply::json("[]"));
-    NotificationRecorder rec(env.notifications, {"coords"});
-    call->Get(server.url("/api/Driving/getPassedCoordinates/T-1?latitude=41.5&longitude=-2"),
-              "coords");
-    ASSERT_TRUE(rec.waitFor(1));
-    ASSERT_EQ(server.requestCount(), 1u);
-    ReceivedRequest r = server.requests()[0];
-    EXPECT_EQ(r.method, "GET");
-    EXPECT_EQ(r.path, "/api/Driving/getPassedCoordinates/T-1");
-    EXPECT_EQ(r.query, "latitude=41.5&longitude=-2");
-    EXPECT_TRUE(r.body.empty());
-    EXPECT_FALSE(r.hasHeader("Content-Type"));
-}
-
 TEST_F(RestfulCallTest, GetIgnoresReachabilityAndReportsTheFailedRequest) {
     call->setMReachability(std::make_shared<Reachability>(offlineProbe()));
-    // Nothing listens on the port of a server that has gone.
-    std::string deadURL;
+    std::string deadURL;  // nothing listens on the port of a server that has gone
     {
         TestServer gone;
         deadURL = gone.url("/api/get");
     }
     NotificationRecorder rec(env.notifications, {"done"});
     call->Get(deadURL, "done");
-    check(rec, Expect::error(kDetail), "refused connection");
+    check(rec, err(kDetail), "refused connection");
 
-    // And with a live server the request is sent although the probe says offline.
-    NotificationRecorder rec2(env.notifications, {"done2"});
-    server.reply("/api/get", ScriptedReply::json("[]"));
-    call->Get(server.url("/api/get"), "done2");
+    // With a live server the request is sent, plain, although the probe says offline.
+    server.reply("/api/Driving/getPassedCoordinates/T-1", R::json("[]"));
+    NotificationRecorder rec2(env.notifications, {"coords"});
+    call->Get(server.url("/api/Driving/getPassedCoordinates/T-1?latitude=41.5&longitude=-2"),
+              "coords");
     ASSERT_TRUE(rec2.waitFor(1));
-    EXPECT_EQ(server.requestCount(), 1u);
+    ASSERT_EQ(server.requestCount(), 1u);
+    ReceivedRequest r = server.requests()[0];
+    EXPECT_EQ(r.path, "/api/Driving/getPassedCoordinates/T-1");
+    EXPECT_EQ(r.query, "latitude=41.5&longitude=-2");
+    EXPECT_TRUE(r.body.empty());
+    EXPECT_FALSE(r.hasHeader("Content-Type"));
 }
 
-struct PostCase {
-    const char* label;
-    ScriptedReply reply;
-    bool useReturnValue;
-    RestfulCall::ReturnType returnType;
-    Expect expect;
-};
-
 TEST_F(RestfulCallTest, PostRepliesBecomeOneNotification) {
-    using RT = RestfulCall::ReturnType;
-    const std::int64_t maxInt = std::numeric_limits<std::int64_t>::max();
-    const std::int64_t minInt = std::numeric_limits<std::int64_t>::min();
-    const PostCase cases[] = {
-        {"int", ScriptedReply::text("42"), true, RT::int_, Expect::data(42)},
-        {"negative int", ScriptedReply::text("-17"), true, RT::int_, Expect::data(-17)},
-        {"int with plus sign", ScriptedReply::text("+7"), true, RT::int_, Expect::data(7)},
-        {"largest int", ScriptedReply::text("9223372036854775807"), true, RT::int_,
-         Expect::data(Value(static_cast<long long>(maxInt)))},
-        {"smallest int", ScriptedReply::text("-9223372036854775808"), true, RT::int_,
-         Expect::data(Value(static_cast<long long>(minInt)))},
-        {"int overflow", ScriptedReply::text("9223372036854775808"), true, RT::int_,
-         Expect::data(Value())},
-        {"quoted int", ScriptedReply::text("\"42\""), true, RT::int_, Expect::data(Value())},
-        {"int and a blank", ScriptedReply::text("42 "), true, RT::int_, Expect::data(Value())},
-        {"int and a line end", ScriptedReply::text("42\n"), true, RT::int_, Expect::data(Value())},
-        {"blank and an int", ScriptedReply::text(" 42"), true, RT::int_, Expect::data(Value())},
-        {"sign alone", ScriptedReply::text("-"), true, RT::int_, Expect::data(Value())},
-        {"empty int", ScriptedReply::text(""), true, RT::int_, Expect::data(Value())},
-        {"decimal", ScriptedReply::text("4.0"), true, RT::int_, Expect::data(Value())},
-        {"int not UTF-8", ScriptedReply::text("4\xff"), true, RT::int_, Expect::error(kDetail)},
-        {"string", ScriptedReply::text("Hoş geldin"), true, RT::string, Expect::data("Hoş geldin")},
-        {"empty string", ScriptedReply::text(""), true, RT::string, Expect::data("")},
-        {"string not UTF-8", ScriptedReply::text("a\xc3"), true, RT::string,
-         Expect::error(kDetail)},
-        {"dictionary", ScriptedReply::json(R"({"Token":"t","Id":3})"), true, RT::dictionary,
-         Expect::data(parsed(R"({"Token":"t","Id":3})"))},
-        {"dictionary given a list", ScriptedReply::json("[{}]"), true, RT::dictionary,
-         Expect::data(Value())},
-        {"dictionary given a bare number", ScriptedReply::json("42"), true, RT::dictionary,
-         Expect::error(kDetail)},
-        {"dictionary given an empty body", ScriptedReply::json(""), true, RT::dictionary,
-         Expect::error(kDetail)},
-        {"array", ScriptedReply::json(R"([{"a":null}])"), true, RT::array,
-         Expect::data(parsed(R"([{"a":null}])"))},
-        {"array given an object", ScriptedReply::json("{}"), true, RT::array,
-         Expect::data(Value())},
-        {"array given a list of numbers", ScriptedReply::json("[1,2]"), true, RT::array,
-         Expect::data(Value())},
-        {"403 with a body", ScriptedReply::text("Token süresi doldu", 403), true, RT::int_,
-         Expect::error("expired")},
-        {"403 with an empty body", ScriptedReply::statusOnly(403), false, RT::int_,
-         Expect::error("expired")},
-        {"400 with a text", ScriptedReply::text("Kullanıcı bulunamadı", 400), true, RT::int_,
-         Expect::error("Kullanıcı bulunamadı")},
-        {"500 with JSON", ScriptedReply::json(R"({"m":"x"})", 500), true, RT::dictionary,
-         Expect::error(R"({"m":"x"})")},
-        {"500 with an empty body", ScriptedReply::statusOnly(500), true, RT::int_,
-         Expect::error("")},
-        {"400 not UTF-8", ScriptedReply::text("\xff", 400), true, RT::int_, Expect::error(kDetail)},
-        {"non-200 without return value", ScriptedReply::text("nope", 409), false, RT::int_,
-         Expect::error("nope")},
-        {"200 without return value", ScriptedReply::text("whatever"), false, RT::array,
-         Expect::noUserInfo()},
-        {"200 with no body at all", ScriptedReply::noBody(200), true, RT::int_,
-         Expect::error(kDetail)},
-        {"500 with no body at all", ScriptedReply::noBody(500), true, RT::int_,
-         Expect::error(kDetail)},
-        {"connection dropped before the reply",
-         ScriptedReply::dropped(ScriptedReply::Drop::beforeReply), true, RT::int_,
-         Expect::transportError()},
-        {"connection dropped after the headers",
-         ScriptedReply::dropped(ScriptedReply::Drop::afterHeaders, "12"), true, RT::int_,
-         Expect::transportError()},
+    struct Case {
+        const char* label;
+        ScriptedReply reply;
+        bool useReturnValue;
+        RT returnType;
+        Expect expect;
     };
-    for (const PostCase& c : cases) {
+    const long long maxInt = std::numeric_limits<std::int64_t>::max();
+    const long long minInt = std::numeric_limits<std::int64_t>::min();
+    const Case cases[] = {
+        {"int", R::text("42"), true, RT::int_, posted(42)},
+        {"negative int", R::text("-17"), true, RT::int_, posted(-17)},
+        {"int with plus sign", R::text("+7"), true, RT::int_, posted(7)},
+        {"largest int", R::text("9223372036854775807"), true, RT::int_, posted(Value(maxInt))},
+        {"smallest int", R::text("-9223372036854775808"), true, RT::int_, posted(Value(minInt))},
+        {"int overflow", R::text("9223372036854775808"), true, RT::int_, posted(Value())},
+        {"quoted int", R::text("\"42\""), true, RT::int_, posted(Value())},
+        {"int and a blank", R::text("42 "), true, RT::int_, posted(Value())},
+        {"int and a line end", R::text("42\n"), true, RT::int_, posted(Value())},
+        {"blank and an int", R::text(" 42"), true, RT::int_, posted(Value())},
+        {"sign alone", R::text("-"), true, RT::int_, posted(Value())},
+        {"empty int", R::text(""), true, RT::int_, posted(Value())},
+        {"decimal", R::text("4.0"), true, RT::int_, posted(Value())},
+        {"int not UTF-8", R::text("4\xff"), true, RT::int_, err(kDetail)},
+        {"string", R::text("Hoş geldin"), true, RT::string, posted("Hoş geldin")},
+        {"empty string", R::text(""), true, RT::string, posted("")},
+        {"string not UTF-8", R::text("a\xc3"), true, RT::string, err(kDetail)},
+        {"dictionary", R::json(R"({"Token":"t","Id":3})"), true, RT::dictionary,
+         posted(parsed(R"({"Token":"t","Id":3})"))},
+        {"dictionary given a list", R::json("[{}]"), true, RT::dictionary, posted(Value())},
+        {"dictionary given a bare number", R::json("42"), true, RT::dictionary, err(kDetail)},
+        {"dictionary given an empty body", R::json(""), true, RT::dictionary, err(kDetail)},
+        {"array", R::json(R"([{"a":null}])"), true, RT::array, posted(parsed(R"([{"a":null}])"))},
+        {"array given an object", R::json("{}"), true, RT::array, posted(Value())},
+        {"array given a list of numbers", R::json("[1,2]"), true, RT::array, posted(Value())},
+        {"403 with a body", R::text("Token süresi doldu", 403), true, RT::int_, err("expired")},
+        {"403 with an empty body", R::statusOnly(403), false, RT::int_, err("expired")},
+        {"400 with a text", R::text("Kullanıcı bulunamadı", 400), true, RT::int_,
+         err("Kullanıcı bulunamadı")},
+        {"500 with JSON", R::json(R"({"m":"x"})", 500), true, RT::dictionary, err(R"({"m":"x"})")},
+        {"500 with an empty body", R::statusOnly(500), true, RT::int_, err("")},
+        {"400 not UTF-8", R::text("\xff", 400), true, RT::int_, err(kDetail)},
+        {"non-200 without return value", R::text("nope", 409), false, RT::int_, err("nope")},
+        {"200 without return value", R::text("whatever"), false, RT::array, kNoInfo},
+        {"200 with no body at all", R::noBody(200), true, RT::int_, err(kDetail)},
+        {"500 with no body at all", R::noBody(500), true, RT::int_, err(kDetail)},
+        {"dropped before the reply", R::dropped(R::Drop::beforeReply), true, RT::int_, kTransport},
+        {"dropped after the headers", R::dropped(R::Drop::afterHeaders, "12"), true, RT::int_,
+         kTransport},
+    };
+    for (const Case& c : cases) {
         server.clearRequests();
         server.reply("/api/post", c.reply);
         NotificationRecorder rec(env.notifications, {"done"});
@@ -267,7 +213,7 @@ TEST_F(RestfulCallTest, PostRepliesBecomeOneNotification) {
 }
 
 TEST_F(RestfulCallTest, PostSendsCompactJsonWithJsonHeaders) {
-    server.reply("/api/User/LoginWithToken", ScriptedReply::text("1"));
+    server.reply("/api/User/LoginWithToken", R::text("1"));
     NotificationRecorder rec(env.notifications, {"login"});
     call->Post(server.url("/api/User/LoginWithToken"),
                Object{{"Token", "a\"b\\ç"}, {"UserID", 12}, {"Score", 87.5}}, "login");
@@ -284,125 +230,114 @@ TEST_F(RestfulCallTest, PostSendsCompactJsonWithJsonHeaders) {
 }
 
 TEST_F(RestfulCallTest, FailuresFoundBeforeSendingArePostedBeforeTheCallReturns) {
-    using RT = RestfulCall::ReturnType;
+    auto reach = [](std::shared_ptr<platform::ReachabilityProbe> p) {
+        return std::make_shared<Reachability>(std::move(p));
+    };
+    const auto online = reach(reachableProbe()), offline = reach(offlineProbe());
+    const auto mustConnect = reach(std::make_shared<platform::FixedReachabilityProbe>(
+        platform::kReachabilityFlagsReachable | platform::kReachabilityFlagsConnectionRequired));
+    const std::string good = server.url("/api/post"), badURL = "Bad URL!";
+    const std::string notJson = "Json serialize edilemedi.!";
     struct Case {
         const char* label;
-        std::function<void(RestfulCall&, const std::string& name)> act;
+        bool isGet;
+        std::string url;
+        std::shared_ptr<Reachability> reachability;
+        Object body;
         std::string text;
     };
-    std::string good = server.url("/api/post");
     const Case cases[] = {
-        {"Get with a blank in the URL",
-         [&](RestfulCall& c, const std::string& n) { c.Get(server.url("/api/a b"), n); },
-         "Bad URL!"},
-        {"Get with an empty URL", [](RestfulCall& c, const std::string& n) { c.Get("", n); },
-         "Bad URL!"},
-        {"Get with a non-ASCII URL",
-         [&](RestfulCall& c, const std::string& n) { c.Get(server.url("/api/ş"), n); }, "Bad URL!"},
-        {"Post with a blank in the URL",
-         [&](RestfulCall& c, const std::string& n) {
-             c.Post(server.url("/api/ post"), Object{}, n);
-         },
-         "Bad URL!"},
-        {"Post with a bad URL while offline reports the URL first",
-         [&](RestfulCall& c, const std::string& n) {
-             c.setMReachability(std::make_shared<Reachability>(offlineProbe()));
-             c.Post("not a url", Object{}, n);
-         },
-         "Bad URL!"},
-        {"Post offline",
-         [&](RestfulCall& c, const std::string& n) {
-             c.setMReachability(std::make_shared<Reachability>(offlineProbe()));
-             c.Post(good, Object{{"a", 1}}, n);
-         },
-         kOffline},
+        {"Get with a blank in the URL", true, server.url("/api/a b"), online, {}, badURL},
+        {"Get with an empty URL", true, "", online, {}, badURL},
+        {"Get with a non-ASCII URL", true, server.url("/api/ş"), online, {}, badURL},
+        {"Post with a blank in the URL", false, server.url("/api/ post"), online, {}, badURL},
+        {"Post with a bad URL while offline", false, "not a url", offline, {}, badURL},
+        {"Post offline", false, good, offline, {{"a", 1}}, kOffline},
         {"Post when a connection must be established first",
-         [&](RestfulCall& c, const std::string& n) {
-             c.setMReachability(
-                 std::make_shared<Reachability>(std::make_shared<platform::FixedReachabilityProbe>(
-                     platform::kReachabilityFlagsReachable |
-                     platform::kReachabilityFlagsConnectionRequired)));
-             c.Post(good, Object{{"a", 1}}, n);
-         },
+         false,
+         good,
+         mustConnect,
+         {{"a", 1}},
          kOffline},
         {"Post when the platform cannot answer",
-         [&](RestfulCall& c, const std::string& n) {
-             c.setMReachability(std::make_shared<Reachability>(unanswerableProbe()));
-             c.Post(good, Object{{"a", 1}}, n);
-         },
+         false,
+         good,
+         reach(unanswerableProbe()),
+         {{"a", 1}},
          kOffline},
-        {"Post without a reachability object",
-         [&](RestfulCall& c, const std::string& n) {
-             c.setMReachability(nullptr);
-             c.Post(good, Object{{"a", 1}}, n);
-         },
-         kOffline},
+        {"Post without a reachability object", false, good, nullptr, {{"a", 1}}, kOffline},
         {"Post with a non-finite number",
-         [&](RestfulCall& c, const std::string& n) {
-             c.Post(good, Object{{"Score", std::numeric_limits<double>::quiet_NaN()}}, n, true,
-                    RT::int_);
-         },
-         "Json serialize edilemedi.!"},
+         false,
+         good,
+         online,
+         {{"Score", std::numeric_limits<double>::quiet_NaN()}},
+         notJson},
         {"Post with an infinite number in a nested value",
-         [&](RestfulCall& c, const std::string& n) {
-             c.Post(good, Object{{"List", List{1, HUGE_VAL}}}, n);
-         },
-         "Json serialize edilemedi.!"},
+         false,
+         good,
+         online,
+         {{"List", List{1, HUGE_VAL}}},
+         notJson},
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.label);
         auto fresh = makeRestfulCall(env);
+        fresh->setMReachability(c.reachability);
         NotificationRecorder rec(env.notifications, {"sync"});
-        c.act(*fresh, "sync");
+        if (c.isGet) {
+            fresh->Get(c.url, "sync");
+        } else {
+            fresh->Post(c.url, c.body, "sync", true, RT::int_);
+        }
         // No waiting: the notification must already be there, from this thread.
-        ASSERT_EQ(rec.count(), 1u) << c.label;
+        ASSERT_EQ(rec.count(), 1u);
         RecordedNotification n = rec.at(0);
-        EXPECT_EQ(n.thread, std::this_thread::get_id()) << c.label;
-        EXPECT_EQ(n.object, nullptr) << c.label;
-        ASSERT_NE(n.errorText(), nullptr) << c.label;
-        EXPECT_EQ(*n.errorText(), c.text) << c.label;
-        EXPECT_TRUE(rec.settled(1, 50ms)) << c.label;
+        EXPECT_EQ(n.thread, std::this_thread::get_id());
+        EXPECT_EQ(n.object, nullptr);
+        ASSERT_NE(n.errorText(), nullptr);
+        EXPECT_EQ(*n.errorText(), c.text);
+        EXPECT_TRUE(rec.settled(1, 50ms));
     }
     EXPECT_EQ(server.requestCount(), 0u) << "no request may leave for a failure found before";
 }
 
 TEST_F(RestfulCallTest, HugeRepliesAreRefusedNotBuffered) {
-    Environment small = makeTestEnvironment(server, smallBodies());
+    posix::CurlHttpClient::Options smallBodies;
+    smallBodies.maxBodyBytes = 64 * 1024;
+    Environment small = makeTestEnvironment(server, smallBodies);
     auto capped = makeRestfulCall(small);
-    std::string big = "[" + std::string(200 * 1024, ' ') + "]";
-    server.reply("/api/big", ScriptedReply::json(big));
+    server.reply("/api/big", R::json("[" + std::string(200 * 1024, ' ') + "]"));
 
     NotificationRecorder getRec(small.notifications, {"get"});
     capped->Get(server.url("/api/big"), "get");
-    check(getRec, Expect::error(kDetail), "Get");
+    check(getRec, err(kDetail), "Get");
 
     server.clearRequests();
     NotificationRecorder postRec(small.notifications, {"post"});
-    capped->Post(server.url("/api/big"), Object{}, "post", true, RestfulCall::ReturnType::array);
-    check(postRec, Expect::transportError(), "Post");
+    capped->Post(server.url("/api/big"), Object{}, "post", true, RT::array);
+    check(postRec, kTransport, "Post");
     EXPECT_EQ(postRec.at(0).find("error")->asError()->code, platform::kTransportBodyTooLarge);
 }
 
 TEST_F(RestfulCallTest, ManyCallsInFlightEachPostOnce) {
     constexpr int kCalls = 24;
-    for (int i = 0; i < kCalls; ++i) {
-        std::string path = "/api/item/" + std::to_string(i);
-        // Later calls answer sooner, so replies overtake each other.
-        ScriptedReply r = ScriptedReply::json(R"({"i":)" + std::to_string(i) + "}");
-        r.delay = std::chrono::milliseconds((kCalls - i) * 10);
-        server.reply(path, r);
-    }
     std::vector<std::string> names;
-    for (int i = 0; i < kCalls; ++i) names.push_back("item" + std::to_string(i));
+    auto path = [](int i) { return "/api/item/" + std::to_string(i); };
+    auto body = [](int i) { return R"({"i":)" + std::to_string(i) + "}"; };
+    for (int i = 0; i < kCalls; ++i) {
+        // Later calls answer sooner, so replies overtake each other.
+        server.reply(path(i), R::json(body(i)).after(std::chrono::milliseconds((kCalls - i) * 10)));
+        names.push_back("item" + std::to_string(i));
+    }
     NotificationRecorder rec(env.notifications, names);
     std::vector<std::thread> callers;
     for (int t = 0; t < 4; ++t) {
         callers.emplace_back([&, t] {
             for (int i = t; i < kCalls; i += 4) {
                 if (i % 2 == 0) {
-                    call->Get(server.url("/api/item/" + std::to_string(i)), names[i], false);
+                    call->Get(server.url(path(i)), names[i], false);
                 } else {
-                    call->Post(server.url("/api/item/" + std::to_string(i)), Object{}, names[i],
-                               true, RestfulCall::ReturnType::dictionary);
+                    call->Post(server.url(path(i)), Object{}, names[i], true, RT::dictionary);
                 }
             }
         });
@@ -414,19 +349,14 @@ TEST_F(RestfulCallTest, ManyCallsInFlightEachPostOnce) {
         auto got = rec.named(names[i]);
         ASSERT_EQ(got.size(), 1u) << names[i];
         ASSERT_NE(got[0].find("Data"), nullptr) << names[i];
-        EXPECT_TRUE(*got[0].find("Data") == parsed(R"({"i":)" + std::to_string(i) + "}"));
+        EXPECT_TRUE(*got[0].find("Data") == parsed(body(i)));
     }
 }
 
 TEST_F(RestfulCallTest, ARepliesOutliveTheGatewayThatSentIt) {
-    ScriptedReply slow = ScriptedReply::json("[]");
-    slow.delay = 100ms;
-    server.reply("/api/slow", slow);
+    server.reply("/api/slow", R::json("[]").after(100ms));
     NotificationRecorder rec(env.notifications, {"late"});
-    {
-        auto shortLived = makeRestfulCall(env);
-        shortLived->Get(server.url("/api/slow"), "late");
-    }
+    makeRestfulCall(env)->Get(server.url("/api/slow"), "late");
     ASSERT_TRUE(rec.waitFor(1));
     EXPECT_TRUE(*rec.at(0).find("Data") == Value(List{}));
 }

@@ -24,41 +24,33 @@ public:
         std::vector<LeaderboardItem> leaderboard;
     };
 
-    void userDidLogin(User& user) override {
-        Event e = named("userDidLogin");
-        e.user = &user;
-        record(std::move(e));
-    }
+    void userDidLogin(User& user) override { record(event("userDidLogin", &user)); }
     void userLoginDidFail(std::int64_t code, const std::string& title,
                           const std::string& message) override {
-        record(failure("userLoginDidFail", code, title, message));
+        record(event("userLoginDidFail", nullptr, code, title, message));
     }
-    void userDidAdd(User& user) override {
-        Event e = named("userDidAdd");
-        e.user = &user;
-        record(std::move(e));
-    }
+    void userDidAdd(User& user) override { record(event("userDidAdd", &user)); }
     void userAddDidFail(std::int64_t code, const std::string& title,
                         const std::string& message) override {
-        record(failure("userAddDidFail", code, title, message));
+        record(event("userAddDidFail", nullptr, code, title, message));
     }
     void friendDidAdd(const std::string& friendReferenceId) override {
-        Event e = named("friendDidAdd");
+        Event e = event("friendDidAdd");
         e.friendReferenceId = friendReferenceId;
         record(std::move(e));
     }
     void friendAddDidFail(std::int64_t code, const std::string& title,
                           const std::string& message) override {
-        record(failure("friendAddDidFail", code, title, message));
+        record(event("friendAddDidFail", nullptr, code, title, message));
     }
     void leadershipDidGet(const std::vector<LeaderboardItem>& leaderboard) override {
-        Event e = named("leadershipDidGet");
+        Event e = event("leadershipDidGet");
         e.leaderboard = leaderboard;
         record(std::move(e));
     }
     void leadershipGetDidFail(std::int64_t code, const std::string& title,
                               const std::string& message) override {
-        record(failure("leadershipGetDidFail", code, title, message));
+        record(event("leadershipGetDidFail", nullptr, code, title, message));
     }
 
     std::vector<Event> events() const {
@@ -75,14 +67,11 @@ public:
     }
 
 private:
-    static Event named(const char* operation) {
+    static Event event(const char* operation, const User* user = nullptr, std::int64_t code = 0,
+                       const std::string& title = {}, const std::string& message = {}) {
         Event e;
         e.operation = operation;
-        return e;
-    }
-    static Event failure(const char* operation, std::int64_t code, const std::string& title,
-                         const std::string& message) {
-        Event e = named(operation);
+        e.user = user;
         e.errorCode = code;
         e.errorTitle = title;
         e.errorMessage = message;

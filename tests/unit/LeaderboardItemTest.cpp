@@ -18,24 +18,6 @@ LeaderboardItem rowFrom(std::string_view objectText) {
     return LeaderboardItem::fromRow(*v.asObject());
 }
 
-TEST(LeaderboardItem, FullRowFillsRenamedAndTypedFields) {
-    LeaderboardItem item = rowFrom(
-        R"({"UserID":"a1","RankType":2,"Name":"Ali","TotalDriving":14,"AVGDrivingScore":87.5,)"
-        R"("UserRank":3,"IsCurrentUser":true})");
-    LeaderboardItem expected;
-    expected.UserId = "a1";
-    expected.RankType = RankTypes::City;
-    expected.UserName = "Ali";
-    expected.TotalDriving = 14;
-    expected.AVGDrivingScore = 87.5;
-    expected.UserRank = 3;
-    expected.IsCurrentUser = true;
-    EXPECT_EQ(item, expected);
-    EXPECT_FALSE(item.CountryName);
-    EXPECT_FALSE(item.CityName);
-    EXPECT_FALSE(item.TotalUser);
-}
-
 TEST(LeaderboardItem, MemberOfWrongTypeLeavesOnlyThatFieldAbsent) {
     struct Case {
         const char* row;

@@ -14,16 +14,14 @@ TEST(Reachability, UsableOnlyWhenReachableWithoutAConnectionToEstablish) {
         std::optional<std::uint32_t> flags;
         bool expected;
     };
-    const Case cases[] = {
-        {2u, true},   // reachable
-        {6u, false},  // reachable, connection required
-        {4u, false},  // connection required only
-        {0u, false},  // nothing
-        {3u, true},   // other bits play no part
-        {2u | 0xFFF8u, true},
-        {0xFFFFFFFFu, false},
-        {std::nullopt, false},  // the platform cannot answer
-    };
+    const Case cases[] =
+        {
+            // Reachable without a connection to establish; other bits play no part.
+            {2u, true},           {6u, false},
+            {4u, false},          {0u, false},
+            {3u, true},           {2u | 0xFFF8u, true},
+            {0xFFFFFFFFu, false}, {std::nullopt, false},  // the platform cannot answer
+        };
     for (const Case& c : cases) {
         Reachability r(std::make_shared<FixedReachabilityProbe>(c.flags));
         EXPECT_EQ(r.isInternetAvailable(), c.expected)
