@@ -52,13 +52,6 @@ TEST_F(TripLifecycle, DeviceOrientationFromPitch) {
             << pitch;
 }
 
-TEST_F(TripLifecycle, AddressFromPlacemark) {
-    using P = platform::Placemark;
-    EXPECT_EQ(DrivingInsightTestAccess::formatAddressFromPlacemark(P{{"A", "B", "C"}}), "A, B, C");
-    EXPECT_EQ(DrivingInsightTestAccess::formatAddressFromPlacemark(P{{"Kadıköy"}}), "Kadıköy");
-    EXPECT_EQ(DrivingInsightTestAccess::formatAddressFromPlacemark(P{}), "");
-}
-
 TEST_F(TripLifecycle, StartWithoutDeviceMotionFails) {
     h.motion->setDeviceMotionAvailable(false);
     EXPECT_FALSE(engine->startTrip());
@@ -114,15 +107,6 @@ TEST_F(TripLifecycle, StartResetsTheTripAndStartsTheSensors) {
     EXPECT_TRUE(h.application->isIdleTimerDisabled());
 }
 
-TEST_F(TripLifecycle, LocationServicesOffStillStartsMotion) {
-    h.location->setLocationServicesEnabled(false);
-    // The permission check decides whether a trip may start; past it, only the location start
-    // depends on the services being on.
-    if (!engine->startTrip()) GTEST_SKIP() << "the permission check refuses without services";
-    EXPECT_FALSE(h.location->isUpdating());
-    EXPECT_TRUE(h.motion->isDeviceMotionActive());
-}
-
 TEST_F(TripLifecycle, SamplesBeforeTheFirstFixAreDropped) {
     ASSERT_TRUE(engine->startTrip());
     for (int i = 0; i < 5; ++i) {
@@ -163,17 +147,18 @@ TEST_F(TripLifecycle, SamplesBeforeTheFirstFixAreDropped) {
     EXPECT_EQ(h.geocoder->requests().size(), 1u);
 }
 
-TEST_F(TripLifecycle, StartAddressLookupOutcomes) {
+TEST_F(TripLifecycle, AddressLookupOutcomes) {
+    using G = sim::Geocoder;
     struct Case {
         const char* name;
-        sim::Geocoder::Answer answer;
-        std::string address;
+        G::Answer answer;
+        std::string start, end;  // an unanswered end lookup still completes the trip, as "???"
     };
     const Case cases[] = {
-        {"placemark", sim::Geocoder::placemark({"A", "B"}), "A, B"},
-        {"error", sim::Geocoder::failure(), "???"},
-        {"nothing", sim::Geocoder::nothing(), ""},
-        {"empty list", sim::Geocoder::Answer{std::vector<platform::Placemark>{}, std::nullopt}, ""},
+        {"placemark", G::placemark({"A", "B"}), "A, B", "A, B"},
+        {"error", G::failure(), "???", "???"},
+        {"nothing", G::nothing(), "", "???"},
+        {"empty list", G::Answer{std::vector<platform::Placemark>{}, std::nullopt}, "", "???"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -184,7 +169,13 @@ TEST_F(TripLifecycle, StartAddressLookupOutcomes) {
         e->didUpdateLocations({h2.fix(41.0, 29.0, 5)});
         h2.motion->push(EngineHarness::flatSample());
         h2.queue->runUntilIdle();
-        EXPECT_EQ(e->StartLocationStr(), c.address);
+        EXPECT_EQ(e->StartLocationStr(), c.start);
+        h2.geocoder->enqueueAnswer(c.answer);
+        e->stopTrip();
+        while (h2.queue->runUntilIdle() + h2.http->deliverAll() > 0) {
+        }
+        EXPECT_EQ(e->EndLocationStr(), c.end);
+        EXPECT_EQ(e->TripHistory().size(), 1u);
     }
 }
 
@@ -268,36 +259,6 @@ TEST_F(TripLifecycle, StopLooksUpTheEndAndCompletesTheTrip) {
     EXPECT_EQ(last->EndAnnotation, engine->EndAnnotation());
     EXPECT_FALSE(h.motion->isDeviceMotionActive());
     EXPECT_EQ(h.application->idleTimerChanges(), (std::vector<bool>{true, false}));
-}
-
-TEST_F(TripLifecycle, EndAddressLookupOutcomes) {
-    struct Case {
-        const char* name;
-        sim::Geocoder::Answer answer;
-        std::string address;
-        std::size_t historyEntries;
-    };
-    const Case cases[] = {
-        {"placemark", sim::Geocoder::placemark({"X"}), "X", 1},
-        {"error", sim::Geocoder::failure(), "???", 1},
-        // Neither placemark nor error: the trip still completes, under "???".
-        {"nothing", sim::Geocoder::nothing(), "???", 1},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        EngineHarness h2;
-        auto e = h2.makeEngine();
-        ASSERT_TRUE(e->startTrip());
-        e->didUpdateLocations({h2.fix(41.0, 29.0, 5)});
-        h2.motion->push(EngineHarness::flatSample());
-        h2.queue->runUntilIdle();
-        h2.geocoder->enqueueAnswer(c.answer);
-        e->stopTrip();
-        while (h2.queue->runUntilIdle() + h2.http->deliverAll() > 0) {
-        }
-        EXPECT_EQ(e->EndLocationStr(), c.address);
-        EXPECT_EQ(e->TripHistory().size(), c.historyEntries);
-    }
 }
 
 TEST_F(TripLifecycle, CompletionNeedsAnEndAddress) {

