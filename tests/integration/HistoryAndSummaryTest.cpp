@@ -258,27 +258,33 @@ TEST_F(HistoryTest, WithoutADelegateTheHistoryIsStillDownloaded) {
     EXPECT_EQ(engine->LastTrip()->DrivingID, "b");
 }
 
-// Overlapping requests both append to the one list, emptied only when each was asked.
+// Overlapping requests both append to the one list, emptied only when each was asked. The first
+// reply is held so that both requests are out before either answer; their order does not matter.
 TEST_F(HistoryTest, OverlappingRepliesShareTheList) {
-    server.enqueue("/api/Driving/getDriving/0", ScriptedReply::json(kTwoTrips).after(300ms));
+    server.enqueue("/api/Driving/getDriving/0", ScriptedReply::json(kTwoTrips).after(1s));
     server.enqueue("/api/Driving/getDriving/0", ScriptedReply::json(R"([{"DrivingGuid":"c"}])"));
     engine->getTripHistory();
     ASSERT_TRUE(server.waitForRequests(2));  // the thresholds and the first history request
     engine->getTripHistory();
     ASSERT_TRUE(host->waitFor(2));
     const auto reports = host->reports();
-    EXPECT_EQ(reports[0].history.size(), 1u);
+    EXPECT_TRUE(reports[0].history.size() == 1u || reports[0].history.size() == 2u);
     EXPECT_EQ(reports[1].history.size(), 3u);
-    EXPECT_EQ(engine->TripHistory().size(), 3u);
-    EXPECT_EQ(engine->LastTrip()->DrivingID, "b");
+    EXPECT_EQ(engine->TripHistory(), reports[1].history);
+    EXPECT_EQ(engine->LastTrip(), reports[1].history.back());
 }
 
-TEST_F(HistoryTest, EngineThatEndsBeforeTheReplyIsNotTouched) {
+// Neither delegate hears of a reply that comes after its engine ended.
+TEST_F(EngineQueryTest, EngineThatEndsBeforeTheRepliesIsNotTouched) {
     server.reply("/api/Driving/getDriving/0", ScriptedReply::json(kTwoTrips).after(200ms));
+    server.reply("/api/Driving/getDrivingSummary/6",
+                 ScriptedReply::json(R"([{"AverageScore": 1}])").after(200ms));
     engine->getTripHistory();
-    ASSERT_TRUE(server.waitForRequests(2));
+    engine->getSummaryData(6);
+    ASSERT_TRUE(server.waitForRequests(3));
     engine.reset();
     EXPECT_TRUE(host->settled(0, 400ms));
+    EXPECT_EQ(env.notifications->observerCount("summaryDataReady"), 0u);
 }
 
 TEST_F(SummaryTest, ElementsAreMergedMemberByMember) {
@@ -355,26 +361,18 @@ TEST_F(SummaryTest, StatusWithoutBodyLeavesTheRequestWaiting) {
     EXPECT_EQ(env.notifications->observerCount("summaryDataReady"), 1u);
 }
 
-// The first reply ends every registration, so overlapping requests share one answer.
+// The first reply ends every registration, so overlapping requests share one answer. The first
+// request gets no body, so the only reply comes after both registrations.
 TEST_F(SummaryTest, OverlappingRequestsShareTheFirstReply) {
+    server.enqueue("/api/Driving/getDrivingSummary/5", ScriptedReply::noBody());
     server.enqueue("/api/Driving/getDrivingSummary/5",
                    ScriptedReply::json(R"([{"AverageScore": 1}])"));
-    server.enqueue("/api/Driving/getDrivingSummary/5",
-                   ScriptedReply::json(R"([{"AverageScore": 2}])").after(300ms));
     engine->getSummaryData(5);
+    ASSERT_TRUE(server.waitForRequests(2));  // the thresholds and the first summary request
     engine->getSummaryData(5);
     ASSERT_TRUE(host->waitFor(1));
-    EXPECT_TRUE(host->settled(1, 600ms));
+    EXPECT_TRUE(host->settled(1));
     EXPECT_EQ(engine->getSummaryDataRecord().averageScore, 1.0);
-}
-
-TEST_F(SummaryTest, EngineThatEndsBeforeTheReplyIsNotTouched) {
-    server.reply("/api/Driving/getDrivingSummary/6",
-                 ScriptedReply::json(R"([{"AverageScore": 1}])").after(200ms));
-    engine->getSummaryData(6);
-    ASSERT_TRUE(server.waitForRequests(2));
-    engine.reset();
-    EXPECT_TRUE(host->settled(0, 400ms));
     EXPECT_EQ(env.notifications->observerCount("summaryDataReady"), 0u);
 }
 

@@ -176,7 +176,7 @@ TEST_F(MotionUpload, StoppedTripRetriesThreeTimesThenReports) {
 
 TEST_F(MotionUpload, RecordsAppendedDuringAFlushAreNeitherLostNorSentTwice) {
     // The first trip's last bulk is held up at the server while the next trip records.
-    server_.enqueue(kMotionPath, delayed(ScriptedReply::statusOnly(200), 1000ms));
+    server_.enqueue(kMotionPath, ScriptedReply::statusOnly(200).after(1000ms));
     server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
     server_.reply(kScorePath, ScriptedReply::statusOnly(200));
     SetUpEngine(1000);
@@ -238,7 +238,7 @@ TEST_F(MotionUpload, FailureNotificationsWithoutAnErrorTextReportAnEmptyText) {
 }
 
 TEST_F(MotionUpload, TransportFailureWhileDrivingCarriesTheOptionalError) {
-    server_.reply(kMotionPath, dropped());
+    server_.reply(kMotionPath, ScriptedReply::dropped(ScriptedReply::Drop::beforeReply));
     SetUpEngine(5);
     start();
     drive(5);

@@ -29,18 +29,6 @@ inline constexpr const char* kMotionPath = "/api/Driving/addMotionData";
 inline constexpr const char* kScorePath = "/api/Driving/addDrivingScore";
 inline constexpr const char* kThresholdPath = "/api/Driving/getThresholds";
 
-inline ScriptedReply delayed(ScriptedReply reply, std::chrono::milliseconds by) {
-    reply.delay = by;
-    return reply;
-}
-
-// The connection closes without any reply.
-inline ScriptedReply dropped() {
-    ScriptedReply reply;
-    reply.drop = ScriptedReply::Drop::beforeReply;
-    return reply;
-}
-
 struct Failure {
     std::int64_t code;
     std::string title;

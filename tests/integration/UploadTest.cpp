@@ -84,7 +84,8 @@ TEST_F(TripUpload, Outcomes) {
          "Sürüş Bilgisi Sunucuya iletilemedi. Response Code:204"},
         {"404", ScriptedReply::statusOnly(404), 1015,
          "Sürüş Bilgisi Sunucuya iletilemedi. Response Code:404"},
-        {"no reply", dropped(), 1017, "Sürüş Bilgisi Sunucuya iletilemedi"},
+        {"no reply", ScriptedReply::dropped(ScriptedReply::Drop::beforeReply), 1017,
+         "Sürüş Bilgisi Sunucuya iletilemedi"},
     };
     SetUpEngine();
     std::size_t reports = 0;
