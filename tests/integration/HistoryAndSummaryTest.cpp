@@ -343,16 +343,6 @@ TEST_F(SummaryTest, FailuresReportTheCodeAndThenTheUnchangedRecord) {
     EXPECT_TRUE(host->settled(n));
 }
 
-TEST_F(SummaryTest, EachRequestInTurnGetsOneReport) {
-    server.reply("/api/Driving/getDrivingSummary/3",
-                 ScriptedReply::json(R"([{"NumberOfTrips": 9}])"));
-    for (std::size_t i = 1; i <= 3; ++i) {
-        engine->getSummaryData(3);
-        ASSERT_TRUE(host->waitFor(i));
-    }
-    EXPECT_TRUE(host->settled(3));
-}
-
 TEST_F(SummaryTest, StatusWithoutBodyLeavesTheRequestWaiting) {
     server.reply("/api/Driving/getDrivingSummary/4", ScriptedReply::noBody());
     engine->getSummaryData(4);
