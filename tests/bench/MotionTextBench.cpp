@@ -11,26 +11,9 @@
 #include <new>
 #include <random>
 
+#include "AllocationCounter.h"
 #include "records/TextFormat.h"
 #include "support/MotionTextReference.h"
-
-namespace {
-std::atomic<std::uint64_t> gAllocations{0};
-}  // namespace
-
-// Counts heap allocations; pairs malloc with free, which GCC cannot see through.
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-void* operator new(std::size_t size) {
-    gAllocations.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
-    throw std::bad_alloc();
-}
-void operator delete(void* p) noexcept {
-    std::free(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
-}
 
 namespace {
 
