@@ -1,8 +1,11 @@
 // Uses the call layer through the installed headers and library only.
 #include <kestrelvue/RestfulCall.h>
+#include <kestrelvue/Version.h>
 #include <kestrelvue/posix/CurlHttpClient.h>
 
 #include <cstdio>
+
+static_assert(KESTRELVUE_VERSION >= 100, "the installed Version.h names this version");
 
 int main() {
     using namespace kestrelvue;
