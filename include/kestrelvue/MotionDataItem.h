@@ -41,22 +41,22 @@ struct MotionDataItem {
     MotionDataItem() = default;
     /// Defaults, with DateTime the clock's present time.
     explicit MotionDataItem(const platform::Clock& clock) : DateTime(clock.now()) {}
-    MotionDataItem(std::int64_t ItemId, const Vector3& Acceleration, const Vector3& Rotation,
-                   const Vector3& Attitude, const Vector3& Gravity,
-                   const platform::Location& Location, const FaultItem& Fault,
-                   platform::TimePoint DateTime, int OrientationGiven, int Orientation,
-                   double CurrentSpeed)
-        : ItemId(ItemId),
-          Acceleration(Acceleration),
-          Rotation(Rotation),
-          Attitude(Attitude),
-          Gravity(Gravity),
-          Location(Location),
-          Fault(Fault),
-          DateTime(DateTime),
-          OrientationGiven(OrientationGiven),
-          Orientation(Orientation),
-          CurrentSpeed(CurrentSpeed) {}
+    MotionDataItem(std::int64_t itemId, const Vector3& acceleration, const Vector3& rotation,
+                   const Vector3& attitude, const Vector3& gravity,
+                   const platform::Location& location, const FaultItem& fault,
+                   platform::TimePoint dateTime, int orientationGiven, int orientation,
+                   double currentSpeed)
+        : ItemId(itemId),
+          Acceleration(acceleration),
+          Rotation(rotation),
+          Attitude(attitude),
+          Gravity(gravity),
+          Location(location),
+          Fault(fault),
+          DateTime(dateTime),
+          OrientationGiven(orientationGiven),
+          Orientation(orientation),
+          CurrentSpeed(currentSpeed) {}
 
     /// The record's line of the service's motion text: 39 comma-terminated fields, numbers as
     /// POSIX printf writes them in the C locale, times as "yyyy-MM-dd HH:mm:ss:SSS" local time.

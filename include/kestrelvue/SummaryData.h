@@ -10,8 +10,8 @@ struct SummaryData {
     std::int64_t numberOfTrips = 0;
 
     SummaryData() = default;
-    SummaryData(double averageScore, double totalDistance, std::int64_t numberOfTrips)
-        : averageScore(averageScore), totalDistance(totalDistance), numberOfTrips(numberOfTrips) {}
+    SummaryData(double average, double distance, std::int64_t trips)
+        : averageScore(average), totalDistance(distance), numberOfTrips(trips) {}
     bool operator==(const SummaryData&) const = default;
 };
 

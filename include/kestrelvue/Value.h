@@ -25,6 +25,10 @@ class Value;
 using List = std::vector<Value>;
 using Object = std::map<std::string, Value, std::less<>>;
 
+// Value::Kind's scoped enumerators List and Object cannot clash with the aliases above, but GCC's
+// -Wshadow reports them.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wshadow"
 class Value {
 public:
     enum class Kind { Null, Bool, Int, Double, String, List, Object, Error };
@@ -76,6 +80,7 @@ private:
                  std::shared_ptr<const List>, std::shared_ptr<const Object>, TransportError>
         v_;
 };
+#pragma GCC diagnostic pop
 
 /// User information of a notification: absent, or a dictionary with text keys.
 using UserInfo = std::optional<Object>;
