@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
-# The project's test command: installs missing Debian packages, builds, runs the whole suite, then
-# the suite again under AddressSanitizer + UndefinedBehaviorSanitizer.
-#   KESTRELVUE_SKIP_SANITIZERS=1  skip the sanitizer run
-#   KESTRELVUE_TSAN=1             also run the suite under ThreadSanitizer
+# The project's test command, and what CI runs: installs missing Debian packages, checks the
+# formatting, builds and runs the whole suite in three configurations (release with warnings as
+# errors and the benchmarks built; AddressSanitizer + UndefinedBehaviorSanitizer; ThreadSanitizer),
+# and builds the fuzz targets with clang so none of them can rot.
+#   KESTRELVUE_SKIP_SANITIZERS=1  skip the ASan+UBSan and TSan runs (a quick local check)
+#   KESTRELVUE_SKIP_FUZZ=1        skip the fuzz build
 set -euo pipefail
 cd "$(dirname "$0")/.."
+started=$SECONDS
 bash scripts/install-deps.sh
 jobs=$(nproc)
 launcher=()
@@ -14,21 +17,36 @@ export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:detect_stack_use_after_return
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
 
-# Configures, builds and runs one configuration in build/<name>.
-suite() {
+step() { echo "== $1 ($((SECONDS - started)) s)"; }
+
+# Configures and builds one configuration in build/<name>.
+configure_and_build() {
   local name=$1
   shift
-  echo "== $name"
   cmake -S . -B "build/$name" "${launcher[@]}" "$@" >/dev/null
   cmake --build "build/$name" -j"$jobs"
+}
+
+# Builds one configuration and runs the suite in it.
+suite() {
+  local name=$1
+  step "$name"
+  configure_and_build "$@"
   # A hung test fails after five minutes instead of stalling the run.
   ctest --test-dir "build/$name" --output-on-failure -j"$jobs" --timeout 300
 }
 
-suite release -DCMAKE_BUILD_TYPE=RelWithDebInfo
+step format
+bash scripts/check-format.sh
+
+suite release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRELVUE_WERROR=ON -DKESTRELVUE_BENCHMARKS=ON
 if [ "${KESTRELVUE_SKIP_SANITIZERS:-0}" != 1 ]; then
   suite asan -DCMAKE_BUILD_TYPE=Debug -DKESTRELVUE_ASAN=ON
-fi
-if [ "${KESTRELVUE_TSAN:-0}" = 1 ]; then
   suite tsan -DCMAKE_BUILD_TYPE=Debug -DKESTRELVUE_TSAN=ON
 fi
+if [ "${KESTRELVUE_SKIP_FUZZ:-0}" != 1 ]; then
+  step "fuzz targets (clang)"
+  CC=clang CXX=clang++ configure_and_build fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DKESTRELVUE_FUZZERS=ON -DKESTRELVUE_TESTS=OFF -DKESTRELVUE_SERVICE=OFF -DKESTRELVUE_TOOLS=OFF
+fi
+step done
