@@ -1,6 +1,7 @@
 #pragma once
 // Host-facing protocols. Every operation has an empty default unless noted.
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/SummaryData.h>
 #include <kestrelvue/Trip.h>
 #include <kestrelvue/platform/Alert.h>
@@ -12,7 +13,7 @@
 
 namespace kestrelvue {
 
-class DrivingInsightDelegate {
+class KESTRELVUE_EXPORT DrivingInsightDelegate {
 public:
     virtual ~DrivingInsightDelegate() = default;
     virtual void summaryDataDidReceive(const SummaryData& summaryData) { (void)summaryData; }
@@ -31,7 +32,7 @@ public:
 /// Receives the trip history. Both operations must be implemented: a host that asks for the
 /// history has to hear its failures too. Called on an HTTP worker thread (or, for a bad address,
 /// on the thread that asked), never while the engine holds a lock.
-class HistoryDataDelegate {
+class KESTRELVUE_EXPORT HistoryDataDelegate {
 public:
     virtual ~HistoryDataDelegate() = default;
     virtual void historyDataDidReceive(const std::vector<std::shared_ptr<Trip>>& history) = 0;
@@ -40,7 +41,7 @@ public:
 };
 
 /// Marker for host types that present alerts; the engine neither requires nor calls it.
-class AlertProtocol {
+class KESTRELVUE_EXPORT AlertProtocol {
 public:
     virtual ~AlertProtocol() = default;
 };

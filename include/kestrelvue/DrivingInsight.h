@@ -7,6 +7,7 @@
 
 #include <kestrelvue/Delegates.h>
 #include <kestrelvue/Environment.h>
+#include <kestrelvue/Export.h>
 #include <kestrelvue/FaultItem.h>
 #include <kestrelvue/LaneChangingData.h>
 #include <kestrelvue/MotionData.h>
@@ -37,7 +38,7 @@ struct Placemark;
 
 class HistoryDataDelegate;
 
-class DrivingInsight {
+class KESTRELVUE_EXPORT DrivingInsight {
 public:
     // Nested records, under the names hosts know them by.
     using Threshold = kestrelvue::Threshold;

@@ -3,6 +3,7 @@
 // Environment::install() before the first use of a shared object; otherwise the default Linux
 // environment (system clock, libcurl, default-route reachability, simulated sensors) serves.
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/NotificationCenter.h>
 #include <kestrelvue/Value.h>
 #include <kestrelvue/platform/Clock.h>
@@ -28,7 +29,7 @@ class Device;
 /// The application information key that overrides the service's base URL at run time.
 inline constexpr std::string_view kBaseURLKey = "KestrelvueServiceBaseURL";
 
-struct Environment {
+struct KESTRELVUE_EXPORT Environment {
     std::shared_ptr<platform::Clock> clock;
     std::shared_ptr<platform::IdGenerator> ids;
     std::shared_ptr<platform::HttpClient> http;
@@ -59,6 +60,6 @@ struct Environment {
     static Environment makeDefault();
 };
 
-std::string_view defaultBaseURL();
+KESTRELVUE_EXPORT std::string_view defaultBaseURL();
 
 }  // namespace kestrelvue

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kestrelvue/Export.h>
+
 #include <cstdint>
 
 namespace kestrelvue {
@@ -42,7 +44,7 @@ constexpr char directionCharacter(FaultTypes finding) {
 
 /// What one motion sample was charged: four direction characters (a blank where nothing was
 /// found) and the eleven penalties. Braking shares the speeding character ("B").
-struct FaultItem {
+struct KESTRELVUE_EXPORT FaultItem {
     char sharpCornering = ' ';
     double sharpCorneringPenalty = 0.0;
     char sharpSpeeding = ' ';

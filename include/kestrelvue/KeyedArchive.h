@@ -4,6 +4,8 @@
 // "$objects" (["$null", the object's keyed values with "$class", the class description]).
 // Hosts exchange archived records with phone applications through it.
 
+#include <kestrelvue/Export.h>
+
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -15,7 +17,7 @@
 namespace kestrelvue {
 
 /// Collects one object's keyed values and writes its archive.
-class KeyedArchiver {
+class KESTRELVUE_EXPORT KeyedArchiver {
 public:
     /// `classChain` is the class and its ancestors, most derived first; empty means
     /// {className, "NSObject"}.
@@ -38,7 +40,7 @@ private:
 
 /// Reads one object's archive. Opening checks the whole container; a damaged, truncated or
 /// hostile archive is refused with a message and never read past its end.
-class KeyedUnarchiver {
+class KESTRELVUE_EXPORT KeyedUnarchiver {
 public:
     struct OpenResult;
     static OpenResult open(std::string_view data);
@@ -65,7 +67,7 @@ private:
     std::map<std::string, Entry, std::less<>> entries_;
 };
 
-struct KeyedUnarchiver::OpenResult {
+struct KESTRELVUE_EXPORT KeyedUnarchiver::OpenResult {
     std::optional<KeyedUnarchiver> unarchiver;
     std::string error;  // why the archive was refused
     explicit operator bool() const { return unarchiver.has_value(); }

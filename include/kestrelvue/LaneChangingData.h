@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kestrelvue/Export.h>
+
 #include <cstdint>
 #include <vector>
 
@@ -7,7 +9,7 @@ namespace kestrelvue {
 
 /// The lane-change detector's state: the yaw rates of the manoeuvre under way. It belongs to the
 /// engine and outlives trips, so a manoeuvre running at the end of one trip goes on in the next.
-struct LaneChangingData {
+struct KESTRELVUE_EXPORT LaneChangingData {
     std::vector<double> rotZItems;
     std::vector<double> courseItems;  // emptied at every reset; nothing fills it
     std::int64_t index = 0;           // samples in rotZItems; 0 means idle

@@ -1,6 +1,7 @@
 #pragma once
 // One row of the leaderboard, shared with the host.
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/Value.h>
 
 #include <cstdint>
@@ -38,7 +39,7 @@ constexpr RankTypes rankTypeFromNumber(std::int64_t number) {
 
 /// Every field starts absent and stays absent when the row lacks its key or carries a value of
 /// another type.
-struct LeaderboardItem {
+struct KESTRELVUE_EXPORT LeaderboardItem {
     std::optional<std::string> UserId;         // "UserID"
     std::optional<RankTypes> RankType;         // "RankType"; a non-integer reads as None
     std::optional<std::string> UserName;       // "Name"
@@ -59,6 +60,7 @@ struct LeaderboardItem {
 
 /// The rows of a leaderboard reply in the service's order (an empty list included); nullopt when
 /// `data` is not a list whose every element is an object.
-std::optional<std::vector<LeaderboardItem>> leaderboardFromData(const Value& data);
+KESTRELVUE_EXPORT std::optional<std::vector<LeaderboardItem>> leaderboardFromData(
+    const Value& data);
 
 }  // namespace kestrelvue

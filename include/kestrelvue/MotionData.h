@@ -1,5 +1,6 @@
 #pragma once
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/MotionDataItem.h>
 
 #include <cstdint>
@@ -8,7 +9,7 @@
 
 namespace kestrelvue {
 
-struct MotionData {
+struct KESTRELVUE_EXPORT MotionData {
     std::vector<MotionDataItem> motionDataArray;
     bool isSyncingToServer = false;
     std::int64_t serverSyncTryCount = 0;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/FaultItem.h>
 #include <kestrelvue/platform/Clock.h>
 #include <kestrelvue/platform/Location.h>
@@ -11,14 +12,14 @@
 namespace kestrelvue {
 
 /// A motion quantity: three 64-bit floats.
-struct Vector3 {
+struct KESTRELVUE_EXPORT Vector3 {
     double x = 0, y = 0, z = 0;
     bool operator==(const Vector3&) const = default;
 };
 
 /// One evaluated motion sample as it is kept in the buffer and sent to the service. A plain value
 /// (trivially copyable), so appending one to the buffer never allocates beyond the buffer itself.
-struct MotionDataItem {
+struct KESTRELVUE_EXPORT MotionDataItem {
     std::int64_t ItemId = 0;
     Vector3 Acceleration;  // user acceleration, g
     Vector3 Rotation;      // rotation rate, rad/s
@@ -68,6 +69,6 @@ struct MotionDataItem {
 };
 
 /// The two-letter text of a device orientation code; unknown codes read as face up ("FU").
-const char* orientationText(int code);
+KESTRELVUE_EXPORT const char* orientationText(int code);
 
 }  // namespace kestrelvue

@@ -6,6 +6,7 @@
 // post runs; an observer removed during a post is not called afterwards by that post unless its
 // call has already begun. Several threads may post at once. No lock is held while a handler runs.
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/Value.h>
 
 #include <atomic>
@@ -19,7 +20,7 @@
 
 namespace kestrelvue {
 
-struct Notification {
+struct KESTRELVUE_EXPORT Notification {
     std::string name;
     /// The sender, compared by identity only; nullptr when absent.
     const void* object = nullptr;
@@ -29,7 +30,7 @@ struct Notification {
 class NotificationCenter;
 
 /// Removes its observer registration when destroyed. Move-only.
-class ObserverToken {
+class KESTRELVUE_EXPORT ObserverToken {
 public:
     ObserverToken() = default;
     ObserverToken(ObserverToken&& other) noexcept;
@@ -49,7 +50,8 @@ private:
     std::uint64_t id_ = 0;
 };
 
-class NotificationCenter : public std::enable_shared_from_this<NotificationCenter> {
+class KESTRELVUE_EXPORT NotificationCenter
+    : public std::enable_shared_from_this<NotificationCenter> {
 public:
     using Handler = std::function<void(const Notification&)>;
 
@@ -101,7 +103,7 @@ private:
 
 /// Whether anybody observes one name, recounted only when the centre's registrations changed,
 /// so a per-sample check costs one atomic read. One instance per name and caller; any thread.
-class ObservedName {
+class KESTRELVUE_EXPORT ObservedName {
 public:
     explicit ObservedName(std::string name) : name_(std::move(name)) {}
     bool observed(const NotificationCenter& center) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/platform/ReachabilityProbe.h>
 
 #include <memory>
@@ -7,7 +8,7 @@
 namespace kestrelvue {
 
 /// Answers whether the default route is usable without first establishing a connection.
-class Reachability {
+class KESTRELVUE_EXPORT Reachability {
 public:
     /// Uses the environment's probe.
     Reachability();

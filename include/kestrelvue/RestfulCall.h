@@ -2,6 +2,7 @@
 // The shared HTTP/JSON gateway. Every call's outcome comes back as exactly one notification under
 // the observer name the caller chose (a Get answered 200 with no body posts none).
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/NotificationCenter.h>
 #include <kestrelvue/Reachability.h>
 #include <kestrelvue/Value.h>
@@ -13,7 +14,7 @@
 
 namespace kestrelvue {
 
-class RestfulCall {
+class KESTRELVUE_EXPORT RestfulCall {
 public:
     /// The shape in which Post hands the reply body back under "Data".
     enum class ReturnType : int {

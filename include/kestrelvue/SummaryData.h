@@ -1,10 +1,12 @@
 #pragma once
 
+#include <kestrelvue/Export.h>
+
 #include <cstdint>
 
 namespace kestrelvue {
 
-struct SummaryData {
+struct KESTRELVUE_EXPORT SummaryData {
     double averageScore = 0;
     double totalDistance = 0;
     std::int64_t numberOfTrips = 0;

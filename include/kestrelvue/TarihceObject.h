@@ -2,12 +2,14 @@
 // A plain history row offered to hosts that build their own lists. The library never fills or
 // reads it.
 
+#include <kestrelvue/Export.h>
+
 #include <optional>
 #include <string>
 
 namespace kestrelvue {
 
-class TarihceObject {
+class KESTRELVUE_EXPORT TarihceObject {
 public:
     TarihceObject() = default;
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kestrelvue/Export.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,7 +15,7 @@ class KeyedUnarchiver;
 struct ThresholdUnarchiveResult;
 
 /// One penalty band: [LimitStart, LimitEnd) costs Impact points, per event or per kilometre.
-class Threshold {
+class KESTRELVUE_EXPORT Threshold {
 public:
     Threshold(double limitStart, double limitEnd, double impact, bool isPerKilometer)
         : LimitStart(limitStart),
@@ -44,7 +46,7 @@ public:
     static UnarchiveResult unarchive(std::string_view data);
 };
 
-struct ThresholdUnarchiveResult {
+struct KESTRELVUE_EXPORT ThresholdUnarchiveResult {
     std::optional<Threshold> value;
     std::string error;  // why the archive was refused
     explicit operator bool() const { return value.has_value(); }
@@ -53,7 +55,7 @@ struct ThresholdUnarchiveResult {
 /// Bands are shared by reference and never edited after they are made.
 using ThresholdList = std::vector<std::shared_ptr<const Threshold>>;
 
-struct ThresholdImpact {
+struct KESTRELVUE_EXPORT ThresholdImpact {
     double impact = 0.0;
     bool isPerKilometer = false;
     bool operator==(const ThresholdImpact&) const = default;

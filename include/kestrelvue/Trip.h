@@ -9,6 +9,7 @@
 // never sees a reply half applied; read the fields directly only once the post has come and no
 // other query is pending, and do not write them while one is.
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/NotificationCenter.h>
 #include <kestrelvue/platform/Clock.h>
 #include <kestrelvue/platform/Location.h>
@@ -23,7 +24,7 @@ namespace kestrelvue {
 
 struct Environment;
 
-class Trip : public std::enable_shared_from_this<Trip> {
+class KESTRELVUE_EXPORT Trip : public std::enable_shared_from_this<Trip> {
 public:
     struct FaultStruct {
         platform::Coordinate Coordinate;

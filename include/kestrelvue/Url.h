@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kestrelvue/Export.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -7,7 +9,7 @@
 namespace kestrelvue {
 
 /// A parsed absolute URL. Only http and https are accepted.
-struct Url {
+struct KESTRELVUE_EXPORT Url {
     std::string scheme;  // lower-case
     std::string host;
     std::optional<int> port;
@@ -17,6 +19,6 @@ struct Url {
 
 /// Parses like the platform's URL(string:): a text with a blank, a control character, a
 /// non-ASCII byte or another character not allowed in a URL fails.
-std::optional<Url> parseUrl(std::string_view text);
+KESTRELVUE_EXPORT std::optional<Url> parseUrl(std::string_view text);
 
 }  // namespace kestrelvue

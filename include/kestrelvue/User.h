@@ -3,6 +3,7 @@
 // leaderboard. Requests go through RestfulCall; answers come back as notifications that only the
 // handling account (User::sharedInstance() in a host) receives.
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/LeaderboardItem.h>
 #include <kestrelvue/NotificationCenter.h>
 
@@ -51,7 +52,7 @@ constexpr UserType userTypeFromWire(std::int64_t userTypeId) {
 /// The host's receiver of account results. Every operation has an empty default. Calls arrive on
 /// the HTTP client's worker threads (offline, bad-URL and similar failures found before a request
 /// is sent arrive on the calling thread, before the call returns).
-class UserDelegate {
+class KESTRELVUE_EXPORT UserDelegate {
 public:
     virtual ~UserDelegate() = default;
     virtual void userDidLogin(User& user) { (void)user; }
@@ -90,7 +91,7 @@ inline constexpr const char* kLeadershipNotAListText =
 
 /// Thread safety: every member may be called from any thread; the account's fields are guarded by
 /// one mutex, and the delegate is called with no lock held.
-class User {
+class KESTRELVUE_EXPORT User {
 public:
     /// The process's account, created on first use over Environment::current() and
     /// RestfulCall::sharedInstance(). It handles the answers to every account's requests.

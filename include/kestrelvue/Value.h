@@ -1,6 +1,8 @@
 #pragma once
 // The dynamic value carried in notification user information and produced by the JSON reader.
 
+#include <kestrelvue/Export.h>
+
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -14,7 +16,7 @@ namespace kestrelvue {
 
 /// A transport failure reported by the HTTP client. Deliberately not a text: handlers that read
 /// "error" as a text do not see it as one.
-struct TransportError {
+struct KESTRELVUE_EXPORT TransportError {
     std::string domain;
     std::int64_t code = 0;
     std::string description;
@@ -29,7 +31,7 @@ using Object = std::map<std::string, Value, std::less<>>;
 // -Wshadow reports them.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wshadow"
-class Value {
+class KESTRELVUE_EXPORT Value {
 public:
     enum class Kind { Null, Bool, Int, Double, String, List, Object, Error };
 

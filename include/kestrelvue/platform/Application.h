@@ -1,12 +1,14 @@
 #pragma once
 // The host application: idle timer and the device settings page.
 
+#include <kestrelvue/Export.h>
+
 #include <string>
 
 namespace kestrelvue::platform {
 
 /// Threading contract: called from the host's thread; calls return at once.
-class Application {
+class KESTRELVUE_EXPORT Application {
 public:
     virtual ~Application() = default;
 

@@ -1,4 +1,6 @@
 #pragma once
+
+#include <kestrelvue/Export.h>
 // The device: its orientation as the platform sees it.
 
 namespace kestrelvue::platform {
@@ -15,7 +17,7 @@ enum class DeviceOrientation : int {
 };
 
 /// Threading contract: may be called from any thread.
-class Device {
+class KESTRELVUE_EXPORT Device {
 public:
     virtual ~Device() = default;
     virtual DeviceOrientation orientation() const = 0;

@@ -1,6 +1,7 @@
 #pragma once
 // The reverse-geocoding seam.
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/platform/Location.h>
 
 #include <cstdint>
@@ -12,11 +13,11 @@
 namespace kestrelvue::platform {
 
 /// What the engine reads of a placemark: its formatted address lines, in order.
-struct Placemark {
+struct KESTRELVUE_EXPORT Placemark {
     std::vector<std::string> formattedAddressLines;
 };
 
-struct GeocodeError {
+struct KESTRELVUE_EXPORT GeocodeError {
     std::int64_t code = 0;
     std::string description;
 };
@@ -29,7 +30,7 @@ using GeocodeCompletion =
 /// Threading contract: reverseGeocodeLocation() may be called from the host's thread and returns
 /// at once; the completion runs exactly once, later, on the host's main queue (never inside the
 /// call). Lookups are independent of each other.
-class Geocoder {
+class KESTRELVUE_EXPORT Geocoder {
 public:
     virtual ~Geocoder() = default;
     virtual void reverseGeocodeLocation(const Location& location, GeocodeCompletion completion) = 0;

@@ -1,6 +1,7 @@
 #pragma once
 // The HTTP seam. The core never sees the transport; Linux uses libcurl (posix::CurlHttpClient).
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/Value.h>
 
 #include <chrono>
@@ -15,7 +16,7 @@
 
 namespace kestrelvue::platform {
 
-struct HttpRequest {
+struct KESTRELVUE_EXPORT HttpRequest {
     std::string method = "GET";
     std::string url;
     std::vector<std::pair<std::string, std::string>> headers;
@@ -27,7 +28,7 @@ struct HttpRequest {
     }
 };
 
-struct HttpResponse {
+struct KESTRELVUE_EXPORT HttpResponse {
     long statusCode = 0;
     std::vector<std::pair<std::string, std::string>> headers;
 };
@@ -37,7 +38,7 @@ struct HttpResponse {
 /// The library's own client reports either an error alone, or a response with a body; the body is
 /// absent only when the reply carried no body bytes and declared no length (a 204, or a reply
 /// closed right after its headers). A reply with "Content-Length: 0" has an empty body.
-struct HttpResult {
+struct KESTRELVUE_EXPORT HttpResult {
     std::optional<std::string> body;
     std::optional<HttpResponse> response;
     std::optional<TransportError> error;
@@ -65,7 +66,7 @@ enum TransportErrorCode : std::int64_t {
 /// Threading contract: send() may be called from any thread and returns at once; the completion
 /// runs exactly once, later, on a worker thread of the client (never on the caller's thread and
 /// never inside send()). Many requests may be in flight; their completions may run concurrently.
-class HttpClient {
+class KESTRELVUE_EXPORT HttpClient {
 public:
     virtual ~HttpClient() = default;
     virtual void send(HttpRequest request, HttpCompletion completion) = 0;

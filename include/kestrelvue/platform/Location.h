@@ -1,6 +1,7 @@
 #pragma once
 // Plain value types of the location and map seams.
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/platform/Clock.h>
 
 #include <memory>
@@ -8,14 +9,14 @@
 
 namespace kestrelvue::platform {
 
-struct Coordinate {
+struct KESTRELVUE_EXPORT Coordinate {
     double latitude = 0.0;   // degrees
     double longitude = 0.0;  // degrees
     bool operator==(const Coordinate&) const = default;
 };
 
 /// One location fix. A fix whose latitude is exactly 0.0 counts as having no position.
-struct Location {
+struct KESTRELVUE_EXPORT Location {
     Coordinate coordinate;
     double altitude = 0.0;            // metres
     double horizontalAccuracy = 0.0;  // metres; negative means invalid
@@ -29,7 +30,7 @@ struct Location {
 };
 
 /// A map pin; shared by reference between the engine and trip records.
-struct MapPin {
+struct KESTRELVUE_EXPORT MapPin {
     Coordinate coordinate;
     std::string title;
     std::string subtitle;
@@ -38,7 +39,7 @@ using MapPinRef = std::shared_ptr<MapPin>;
 
 /// Hour, minute and second components of an elapsed time, or the whole interval in nanoseconds
 /// alone (hour, minute and second zero) when asked for that component only.
-struct DateComponents {
+struct KESTRELVUE_EXPORT DateComponents {
     long long hour = 0;
     long long minute = 0;
     long long second = 0;
@@ -56,6 +57,6 @@ struct DateComponents {
 
 /// The shortest decimal text that reads back to `value`, with at least one digit after the point
 /// ("41.0", "29.00123"); never in exponent form and independent of the locale.
-std::string shortestDecimalText(double value);
+KESTRELVUE_EXPORT std::string shortestDecimalText(double value);
 
 }  // namespace kestrelvue::platform

@@ -1,4 +1,6 @@
 #pragma once
+
+#include <kestrelvue/Export.h>
 // The location-service seam. The engine only controls the service; the host receives the fixes
 // and forwards them to DrivingInsight::didUpdateLocations().
 
@@ -20,7 +22,7 @@ inline constexpr double kDistanceFilterNone = -1.0;
 
 /// Threading contract: every call is made from the host's thread and returns at once; none calls
 /// back into the engine.
-class LocationManager {
+class KESTRELVUE_EXPORT LocationManager {
 public:
     virtual ~LocationManager() = default;
 

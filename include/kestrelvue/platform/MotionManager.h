@@ -1,6 +1,7 @@
 #pragma once
 // The device-motion seam.
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/MotionDataItem.h>
 #include <kestrelvue/platform/Executor.h>
 
@@ -14,7 +15,7 @@ namespace kestrelvue::platform {
 
 /// One device-motion sample. The attitude holds (pitch, roll, yaw) in radians; rotation rates are
 /// in radians per second; accelerations in units of g (userAcceleration has gravity removed).
-struct DeviceMotion {
+struct KESTRELVUE_EXPORT DeviceMotion {
     Vector3 attitude;
     Vector3 rotationRate;
     Vector3 userAcceleration;
@@ -29,7 +30,7 @@ enum class AttitudeReferenceFrame {
     xTrueNorthZVertical,
 };
 
-struct MotionError {
+struct KESTRELVUE_EXPORT MotionError {
     std::int64_t code = 0;
     std::string description;
 };
@@ -42,7 +43,7 @@ using DeviceMotionHandler = std::function<void(const std::optional<DeviceMotion>
 /// the handler runs later, once per sample, as a task posted to `queue` (never inside a call of
 /// this interface). After stopDeviceMotionUpdates() returns, no further sample of that session
 /// reaches the handler, including samples already queued.
-class MotionManager {
+class KESTRELVUE_EXPORT MotionManager {
 public:
     virtual ~MotionManager() = default;
 

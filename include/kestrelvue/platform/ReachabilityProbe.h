@@ -1,5 +1,7 @@
 #pragma once
 
+#include <kestrelvue/Export.h>
+
 #include <cstdint>
 #include <optional>
 
@@ -14,14 +16,14 @@ enum ReachabilityFlags : std::uint32_t {
 
 /// Answers the flags of the default route, or nullopt when the platform cannot tell.
 /// Threading contract: any thread; synchronous; sends no packet.
-class ReachabilityProbe {
+class KESTRELVUE_EXPORT ReachabilityProbe {
 public:
     virtual ~ReachabilityProbe() = default;
     virtual std::optional<std::uint32_t> defaultRouteFlags() = 0;
 };
 
 /// A probe with fixed flags (tests, replays, hosts that know better).
-class FixedReachabilityProbe final : public ReachabilityProbe {
+class KESTRELVUE_EXPORT FixedReachabilityProbe final : public ReachabilityProbe {
 public:
     explicit FixedReachabilityProbe(std::optional<std::uint32_t> flags) : flags_(flags) {}
     std::optional<std::uint32_t> defaultRouteFlags() override { return flags_; }

@@ -15,6 +15,7 @@
 // kTransportBodyTooLarge before it can exhaust memory. By default every request uses a fresh
 // connection, like a session per call.
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/platform/HttpClient.h>
 
 #include <cstddef>
@@ -22,7 +23,7 @@
 
 namespace kestrelvue::posix {
 
-class CurlHttpClient final : public platform::HttpClient {
+class KESTRELVUE_EXPORT CurlHttpClient final : public platform::HttpClient {
 public:
     struct Options {
         /// Largest reply body accepted, after content decoding.

@@ -10,13 +10,14 @@
 //
 // Threading contract: any thread; keeps no state between calls.
 
+#include <kestrelvue/Export.h>
 #include <kestrelvue/platform/ReachabilityProbe.h>
 
 #include <string>
 
 namespace kestrelvue::posix {
 
-class DefaultRouteProbe final : public platform::ReachabilityProbe {
+class KESTRELVUE_EXPORT DefaultRouteProbe final : public platform::ReachabilityProbe {
 public:
     struct Paths {
         std::string ipv4Routes = "/proc/net/route";
