@@ -38,6 +38,7 @@ suite() {
 
 step format
 bash scripts/check-format.sh
+bash scripts/test-ratio.sh
 
 suite release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRELVUE_WERROR=ON -DKESTRELVUE_BENCHMARKS=ON
 if [ "${KESTRELVUE_SKIP_SANITIZERS:-0}" != 1 ]; then
