@@ -175,7 +175,7 @@ def main():
           f"(seed {args.seed})", flush=True)
     if args.list:
         for path, no, kind, text in sample:
-            print(f"{path}:{no + 1}: {kind}: {text.strip()}")
+            print(f"{path}:{no + 1}: {kind}: {originals[path][no].strip()}  ->  {text.strip()}")
         return 0
 
     build_dir = os.path.join(ROOT, args.build)
@@ -209,7 +209,8 @@ def main():
         if outcome != "unviable":
             per_file[path] = (killed + (outcome == "killed"), total + 1)
         if outcome == "survived":
-            survivors.append(f"{path}:{no + 1}: {kind}: {text.strip()}")
+            survivors.append(f"{path}:{no + 1}: {kind}: {originals[path][no].strip()}  ->  "
+                             f"{text.strip()}")
         print(f"[{index}/{len(sample)}] {outcome:8} {path}:{no + 1} {kind}", flush=True)
     build(build_dir, args.jobs)
 
