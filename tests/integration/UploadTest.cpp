@@ -1,13 +1,12 @@
-// The trip upload and the permission check at trip start, through the real engine.
+// The trip upload through the real engine.
 #include <gtest/gtest.h>
 
-#include "integration/UploadFixture.h"
+#include "support/UploadFixture.h"
 
 namespace kestrelvue::uploadtest {
 namespace {
 
 class TripUpload : public UploadHost {};
-class PermissionCheck : public UploadHost {};
 
 TEST_F(TripUpload, FreshRecordUploadsItsInitialValues) {
     server_.reply(kScorePath, ScriptedReply::statusOnly(200));
@@ -17,9 +16,9 @@ TEST_F(TripUpload, FreshRecordUploadsItsInitialValues) {
     trip->SharpBrakingPenaltyPerKM = 1.25;
     trip->FuelEfficiencyPenaltyPerKM = 4;
     trip->saveToServer();
-    ASSERT_TRUE(delegate_->waitForReports(1));
-    ASSERT_EQ(delegate_->finished().size(), 1u);
-    EXPECT_EQ(delegate_->finished()[0], trip);
+    ASSERT_TRUE(delegate_->waitFor(1));
+    ASSERT_EQ(finishedTrips(*delegate_).size(), 1u);
+    EXPECT_EQ(finishedTrips(*delegate_)[0], trip);
 
     const auto requests = server_.requestsTo(kScorePath);
     ASSERT_EQ(requests.size(), 1u);
@@ -80,10 +79,6 @@ TEST_F(TripUpload, Outcomes) {
         {"200 with an error text", ScriptedReply::text("Hata oluştu", 200), 0, ""},
         {"201", ScriptedReply::statusOnly(201), 1015,
          "Sürüş Bilgisi Sunucuya iletilemedi. Response Code:201"},
-        {"204", ScriptedReply::noBody(204), 1015,
-         "Sürüş Bilgisi Sunucuya iletilemedi. Response Code:204"},
-        {"404", ScriptedReply::statusOnly(404), 1015,
-         "Sürüş Bilgisi Sunucuya iletilemedi. Response Code:404"},
         {"no reply", ScriptedReply::dropped(ScriptedReply::Drop::beforeReply), 1017,
          "Sürüş Bilgisi Sunucuya iletilemedi"},
     };
@@ -94,12 +89,12 @@ TEST_F(TripUpload, Outcomes) {
         server_.enqueue(kScorePath, c.reply);
         // The record is held only by the pending upload.
         std::make_shared<Trip>(env_)->saveToServer();
-        ASSERT_TRUE(delegate_->waitForReports(++reports));
+        ASSERT_TRUE(delegate_->waitFor(++reports));
         if (c.code == 0) {
-            ASSERT_EQ(delegate_->finished().size(), 1u);
-            EXPECT_NE(delegate_->finished()[0], nullptr);
+            ASSERT_EQ(finishedTrips(*delegate_).size(), 1u);
+            EXPECT_NE(finishedTrips(*delegate_)[0], nullptr);
         } else {
-            const auto f = delegate_->failed().back();
+            const auto f = delegate_->reports("tripDidFail").back();
             EXPECT_EQ(f.code, c.code);
             EXPECT_EQ(f.title, "Sistem Bağlantı Hatası");
             EXPECT_EQ(f.message, c.message);
@@ -116,7 +111,7 @@ TEST_F(TripUpload, UnserialisableRecordIsNotSent) {
         if (variant == 1) trip->EndLocation = "Bitiş \xff";
         trip->saveToServer();
     }
-    const auto failed = delegate_->failed();
+    const auto failed = delegate_->reports("tripDidFail");
     ASSERT_EQ(failed.size(), 2u);
     for (const auto& f : failed) {
         EXPECT_EQ(f.code, 1014);
@@ -124,89 +119,6 @@ TEST_F(TripUpload, UnserialisableRecordIsNotSent) {
         EXPECT_EQ(f.message, "Hatalı Json Verisi");
     }
     EXPECT_EQ(server_.requestsTo(kScorePath).size(), 0u);
-}
-
-TEST_F(PermissionCheck, RefusalsHandTheHostAnAlert) {
-    struct Case {
-        const char* name;
-        bool servicesEnabled;
-        platform::AuthorizationStatus status;
-        std::string title;
-        std::string message;
-        std::string settingsButton;
-    };
-    using S = platform::AuthorizationStatus;
-    const std::vector<Case> cases = {
-        {"services off", false, S::authorizedWhenInUse, "Konum Servisleri Kapalı",
-         "Sürüş başlatabilmek için Konum Servislerini açarak Sürüş Takip uygulamasına izin veriniz",
-         "Ayarlara Git"},
-        {"denied", true, S::denied, "Konum Erişim Yetkisi Bulunmuyor",
-         "Sürüş başlatabilmek için Konum Servisleri'nden Sürüş Takip uygulamasına izin veriniz",
-         "Ayarlara  Git"},
-        {"restricted", true, S::restricted, "Konum Erişim Yetkisi Bulunmuyor",
-         "Sürüş başlatabilmek için Konum Servisleri'nden Sürüş Takip uygulamasına izin veriniz",
-         "Ayarlara  Git"},
-    };
-    SetUpEngine();
-    for (std::size_t i = 0; i < cases.size(); ++i) {
-        const Case& c = cases[i];
-        SCOPED_TRACE(c.name);
-        location_->setLocationServicesEnabled(c.servicesEnabled);
-        location_->setAuthorizationStatus(c.status);
-        EXPECT_FALSE(engine_->startTrip());
-        EXPECT_FALSE(engine_->IsDriving());
-        const auto failed = delegate_->failed();
-        ASSERT_EQ(failed.size(), i + 1);
-        const Failure& f = failed.back();
-        EXPECT_EQ(f.code, 1000);
-        EXPECT_EQ(f.title, c.title);
-        EXPECT_EQ(f.message, c.message);
-        ASSERT_NE(f.alert, nullptr);
-        EXPECT_EQ(f.alert->title, c.title);
-        EXPECT_EQ(f.alert->message, c.message);
-        EXPECT_EQ(f.alert->preferredStyle, platform::Alert::Style::alert);
-        ASSERT_EQ(f.alert->actions.size(), 2u);
-        EXPECT_EQ(f.alert->actions[0].title, c.settingsButton);
-        EXPECT_EQ(f.alert->actions[0].style, platform::AlertAction::Style::defaultStyle);
-        EXPECT_EQ(f.alert->actions[1].title, "Vazgeç");
-        EXPECT_EQ(f.alert->actions[1].style, platform::AlertAction::Style::cancel);
-        EXPECT_FALSE(f.alert->actions[1].handler);
-
-        // The first button opens this application's settings page.
-        ASSERT_TRUE(f.alert->actions[0].handler);
-        f.alert->actions[0].handler();
-        EXPECT_EQ(application_->openedURLs().size(), i + 1);
-        EXPECT_EQ(application_->openedURLs().back(), "app-settings:");
-    }
-    EXPECT_EQ(location_->authorizationRequestCount(), 0);
-
-    // Without a settings address the button does nothing.
-    application_->setOpenSettingsURLString("");
-    delegate_->failed().back().alert->actions[0].handler();
-    EXPECT_EQ(application_->openedURLs().size(), cases.size());
-}
-
-TEST_F(PermissionCheck, NotYetAskedIsRequestedSilently) {
-    SetUpEngine();
-    location_->setAuthorizationStatus(platform::AuthorizationStatus::notDetermined);
-    // Even a user who answers at once: this start still returns false; the host starts again.
-    location_->setAuthorizationAnswer(platform::AuthorizationStatus::authorizedWhenInUse);
-    EXPECT_FALSE(engine_->startTrip());
-    EXPECT_EQ(location_->authorizationRequestCount(), 1);
-    EXPECT_TRUE(delegate_->failed().empty());
-    EXPECT_TRUE(delegate_->finished().empty());
-    EXPECT_TRUE(engine_->startTrip());
-}
-
-TEST_F(PermissionCheck, GrantedStartsWithoutAlert) {
-    SetUpEngine();
-    for (auto status : {platform::AuthorizationStatus::authorizedAlways,
-                        platform::AuthorizationStatus::authorizedWhenInUse}) {
-        location_->setAuthorizationStatus(status);
-        EXPECT_TRUE(engine_->startTrip());
-        engine_->stopTrip();
-    }
-    EXPECT_TRUE(delegate_->failed().empty());
 }
 
 }  // namespace

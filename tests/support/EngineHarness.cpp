@@ -55,44 +55,12 @@ platform::HttpResult ScriptedHttpClient::reply(long status, std::string body) {
     return r;
 }
 
-void RecordingDelegate::tripDidFinish(std::shared_ptr<Trip> trip) {
-    std::lock_guard lock(mutex_);
-    reports_.push_back({"tripDidFinish", 0, "", "", std::move(trip), nullptr});
-    cv_.notify_all();
-}
-
-void RecordingDelegate::tripDidFail(std::int64_t errorCode, const std::string& errorTitle,
-                                    const std::string& errorMessage,
-                                    std::shared_ptr<platform::Alert> alertController) {
-    std::lock_guard lock(mutex_);
-    reports_.push_back(
-        {"tripDidFail", errorCode, errorTitle, errorMessage, nullptr, std::move(alertController)});
-    cv_.notify_all();
-}
-
-bool RecordingDelegate::waitFor(std::size_t n, std::chrono::milliseconds timeout) const {
-    std::unique_lock lock(mutex_);
-    return cv_.wait_for(lock, timeout, [&] { return reports_.size() >= n; });
-}
-
-std::vector<RecordingDelegate::Report> RecordingDelegate::reports() const {
-    std::lock_guard lock(mutex_);
-    return reports_;
-}
-
 EngineHarness::EngineHarness() {
-    env.clock = clock;
-    env.ids = ids;
+    installInto(env);
     env.http = http;
     env.reachability =
         std::make_shared<platform::FixedReachabilityProbe>(platform::kReachabilityFlagsReachable);
-    env.mainQueue = queue;
     env.notifications = center;
-    env.makeMotionManager = [m = motion] { return m; };
-    env.makeLocationManager = [l = location] { return l; };
-    env.geocoder = geocoder;
-    env.application = application;
-    env.device = device;
     env.applicationInfo = Object{{std::string(kBaseURLKey), Value("http://service.test")}};
 }
 

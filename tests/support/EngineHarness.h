@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "platform/sim/Sim.h"
+#include "support/TestDoubles.h"
 
 namespace kestrelvue::test {
 
@@ -50,42 +51,9 @@ private:
     std::vector<std::pair<platform::HttpRequest, platform::HttpCompletion>> pending_;
 };
 
-/// Records every report, in order.
-class RecordingDelegate final : public DrivingInsightDelegate {
-public:
-    struct Report {
-        std::string kind;  // "tripDidFinish", "tripDidFail"
-        std::int64_t code = 0;
-        std::string title, message;
-        std::shared_ptr<Trip> trip;
-        std::shared_ptr<platform::Alert> alert;
-    };
-    void tripDidFinish(std::shared_ptr<Trip> trip) override;
-    void tripDidFail(std::int64_t errorCode, const std::string& errorTitle,
-                     const std::string& errorMessage,
-                     std::shared_ptr<platform::Alert> alertController) override;
-    std::vector<Report> reports() const;
-    /// Waits (bounded) until at least `n` reports arrived, from any thread; false on time-out.
-    bool waitFor(std::size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
-
-private:
-    mutable std::mutex mutex_;
-    mutable std::condition_variable cv_;
-    std::vector<Report> reports_;
-};
-
-struct EngineHarness {
+struct EngineHarness : sim::Platform {
     EngineHarness();
 
-    std::shared_ptr<sim::VirtualClock> clock = std::make_shared<sim::VirtualClock>();
-    std::shared_ptr<sim::SequentialIdGenerator> ids =
-        std::make_shared<sim::SequentialIdGenerator>();
-    std::shared_ptr<sim::MainQueue> queue = std::make_shared<sim::MainQueue>();
-    std::shared_ptr<sim::MotionSource> motion = std::make_shared<sim::MotionSource>();
-    std::shared_ptr<sim::LocationManager> location = std::make_shared<sim::LocationManager>();
-    std::shared_ptr<sim::Geocoder> geocoder = std::make_shared<sim::Geocoder>(queue);
-    std::shared_ptr<sim::Application> application = std::make_shared<sim::Application>();
-    std::shared_ptr<sim::Device> device = std::make_shared<sim::Device>();
     std::shared_ptr<ScriptedHttpClient> http = std::make_shared<ScriptedHttpClient>();
     std::shared_ptr<NotificationCenter> center = NotificationCenter::make();
     std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();

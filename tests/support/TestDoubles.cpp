@@ -4,34 +4,6 @@
 
 namespace kestrelvue::test {
 
-void ManualExecutor::post(std::function<void()> task) {
-    std::lock_guard lock(mutex_);
-    tasks_.push_back(std::move(task));
-}
-
-bool ManualExecutor::runOne() {
-    std::function<void()> task;
-    {
-        std::lock_guard lock(mutex_);
-        if (tasks_.empty()) return false;
-        task = std::move(tasks_.front());
-        tasks_.pop_front();
-    }
-    task();
-    return true;
-}
-
-std::size_t ManualExecutor::runUntilIdle() {
-    std::size_t ran = 0;
-    while (runOne()) ++ran;
-    return ran;
-}
-
-std::size_t ManualExecutor::pending() const {
-    std::lock_guard lock(mutex_);
-    return tasks_.size();
-}
-
 const Value* RecordedNotification::find(const std::string& key) const {
     if (!userInfo) return nullptr;
     auto it = userInfo->find(key);
@@ -114,6 +86,83 @@ bool NotificationRecorder::settled(std::size_t n, std::chrono::milliseconds grac
 void NotificationRecorder::clear() {
     std::lock_guard lock(state_->mutex);
     state_->records.clear();
+}
+
+namespace {
+RecordingDelegate::Report report(std::string kind, std::int64_t code = 0, std::string title = {},
+                                 std::string message = {}) {
+    RecordingDelegate::Report r;
+    r.kind = std::move(kind);
+    r.code = code;
+    r.title = std::move(title);
+    r.message = std::move(message);
+    return r;
+}
+}  // namespace
+
+void RecordingDelegate::add(Report r) {
+    std::lock_guard lock(mutex_);
+    reports_.push_back(std::move(r));
+    cv_.notify_all();
+}
+
+void RecordingDelegate::tripDidFinish(std::shared_ptr<Trip> trip) {
+    Report r = report("tripDidFinish");
+    r.trip = std::move(trip);
+    add(std::move(r));
+}
+
+void RecordingDelegate::tripDidFail(std::int64_t errorCode, const std::string& errorTitle,
+                                    const std::string& errorMessage,
+                                    std::shared_ptr<platform::Alert> alertController) {
+    Report r = report("tripDidFail", errorCode, errorTitle, errorMessage);
+    r.alert = std::move(alertController);
+    add(std::move(r));
+}
+
+void RecordingDelegate::historyDataDidReceive(const std::vector<std::shared_ptr<Trip>>& history) {
+    Report r = report("history");
+    r.history = history;
+    add(std::move(r));
+}
+
+void RecordingDelegate::historyDataReceiveDidFail(std::int64_t code, const std::string& title,
+                                                  const std::string& message) {
+    add(report("historyFail", code, title, message));
+}
+
+void RecordingDelegate::summaryDataDidReceive(const SummaryData& summaryData) {
+    Report r = report("summary");
+    r.summary = summaryData;
+    add(std::move(r));
+}
+
+void RecordingDelegate::summaryDataReceiveDidFail(std::int64_t code, const std::string& title,
+                                                  const std::string& message) {
+    add(report("summaryFail", code, title, message));
+}
+
+std::vector<RecordingDelegate::Report> RecordingDelegate::reports() const {
+    std::lock_guard lock(mutex_);
+    return reports_;
+}
+
+std::vector<RecordingDelegate::Report> RecordingDelegate::reports(const std::string& kind) const {
+    std::vector<Report> out;
+    for (auto& r : reports())
+        if (r.kind == kind) out.push_back(std::move(r));
+    return out;
+}
+
+bool RecordingDelegate::waitFor(std::size_t n, std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return cv_.wait_for(lock, timeout, [&] { return reports_.size() >= n; });
+}
+
+bool RecordingDelegate::settled(std::size_t n, std::chrono::milliseconds grace) const {
+    std::unique_lock lock(mutex_);
+    cv_.wait_for(lock, grace, [&] { return reports_.size() > n; });
+    return reports_.size() == n;
 }
 
 }  // namespace kestrelvue::test

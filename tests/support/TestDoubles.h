@@ -1,12 +1,6 @@
 #pragma once
 // Small test doubles shared by the suites.
 //
-// ManualExecutor: a main queue the test drains by hand.
-//   auto queue = std::make_shared<ManualExecutor>();
-//   env.mainQueue = queue;               // the library posts to it
-//   queue->runUntilIdle();               // runs everything posted, including tasks posted
-//   meanwhile
-//
 // NotificationRecorder: records the posts of the given names on one notification centre.
 //   NotificationRecorder rec(env.notifications, {"loginDone"});
 //   ... call the library ...
@@ -17,8 +11,8 @@
 // Observers are removed when the recorder is destroyed; a post already running on another thread
 // may still finish safely afterwards.
 
+#include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/NotificationCenter.h>
-#include <kestrelvue/platform/Executor.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -31,21 +25,12 @@
 #include <thread>
 #include <vector>
 
+#include "platform/sim/Sim.h"
+
 namespace kestrelvue::test {
 
-class ManualExecutor final : public platform::Executor {
-public:
-    void post(std::function<void()> task) override;
-    /// Runs queued tasks, and those they post, until none is left. Returns how many ran.
-    std::size_t runUntilIdle();
-    /// Runs at most one task; false when none was queued.
-    bool runOne();
-    std::size_t pending() const;
-
-private:
-    mutable std::mutex mutex_;
-    std::deque<std::function<void()>> tasks_;
-};
+// The main queue tests drain by hand is the simulated platform's.
+using ManualExecutor = sim::MainQueue;
 
 struct RecordedNotification {
     std::string name;
@@ -91,6 +76,45 @@ private:
     std::shared_ptr<NotificationCenter> center_;
     std::shared_ptr<State> state_;
     std::vector<std::string> names_;
+};
+
+/// Records every report of the engine's two delegates, in order, from any thread.
+class RecordingDelegate final : public DrivingInsightDelegate, public HistoryDataDelegate {
+public:
+    struct Report {
+        /// "tripDidFinish", "tripDidFail", "history", "historyFail", "summary", "summaryFail"
+        std::string kind;
+        std::int64_t code = 0;
+        std::string title, message;
+        std::shared_ptr<Trip> trip;
+        std::shared_ptr<platform::Alert> alert;
+        std::vector<std::shared_ptr<Trip>> history;
+        SummaryData summary;
+    };
+    void tripDidFinish(std::shared_ptr<Trip> trip) override;
+    void tripDidFail(std::int64_t errorCode, const std::string& errorTitle,
+                     const std::string& errorMessage,
+                     std::shared_ptr<platform::Alert> alertController) override;
+    void historyDataDidReceive(const std::vector<std::shared_ptr<Trip>>& history) override;
+    void historyDataReceiveDidFail(std::int64_t code, const std::string& title,
+                                   const std::string& message) override;
+    void summaryDataDidReceive(const SummaryData& summaryData) override;
+    void summaryDataReceiveDidFail(std::int64_t code, const std::string& title,
+                                   const std::string& message) override;
+
+    std::vector<Report> reports() const;
+    std::vector<Report> reports(const std::string& kind) const;
+    /// Waits (bounded) until at least `n` reports arrived; false on time-out.
+    bool waitFor(std::size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
+    /// Waits `grace`, then answers whether exactly `n` reports arrived (to catch extras).
+    bool settled(std::size_t n,
+                 std::chrono::milliseconds grace = std::chrono::milliseconds(200)) const;
+
+private:
+    void add(Report r);
+    mutable std::mutex mutex_;
+    mutable std::condition_variable cv_;
+    std::vector<Report> reports_;
 };
 
 }  // namespace kestrelvue::test

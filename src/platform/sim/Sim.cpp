@@ -357,4 +357,15 @@ void Device::setOrientation(platform::DeviceOrientation value) {
     orientation_.store(static_cast<int>(value));
 }
 
+void Platform::installInto(Environment& env) const {
+    env.clock = clock;
+    env.ids = ids;
+    env.mainQueue = queue;
+    env.makeMotionManager = [m = motion] { return m; };
+    env.makeLocationManager = [l = location] { return l; };
+    env.geocoder = geocoder;
+    env.application = application;
+    env.device = device;
+}
+
 }  // namespace kestrelvue::sim

@@ -29,46 +29,14 @@ inline constexpr const char* kMotionPath = "/api/Driving/addMotionData";
 inline constexpr const char* kScorePath = "/api/Driving/addDrivingScore";
 inline constexpr const char* kThresholdPath = "/api/Driving/getThresholds";
 
-struct Failure {
-    std::int64_t code;
-    std::string title;
-    std::string message;
-    std::shared_ptr<platform::Alert> alert;
-};
+using Failure = test::RecordingDelegate::Report;
 
-// Records what the host hears; waits are bounded.
-class RecordingDelegate : public DrivingInsightDelegate {
-public:
-    void tripDidFinish(std::shared_ptr<Trip> trip) override {
-        std::lock_guard lock(mutex_);
-        finished_.push_back(std::move(trip));
-        cv_.notify_all();
-    }
-    void tripDidFail(std::int64_t code, const std::string& title, const std::string& message,
-                     std::shared_ptr<platform::Alert> alert) override {
-        std::lock_guard lock(mutex_);
-        failed_.push_back({code, title, message, std::move(alert)});
-        cv_.notify_all();
-    }
-    bool waitForReports(std::size_t n, std::chrono::milliseconds timeout = 10s) {
-        std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, timeout, [&] { return finished_.size() + failed_.size() >= n; });
-    }
-    std::vector<std::shared_ptr<Trip>> finished() const {
-        std::lock_guard lock(mutex_);
-        return finished_;
-    }
-    std::vector<Failure> failed() const {
-        std::lock_guard lock(mutex_);
-        return failed_;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::condition_variable cv_;
-    std::vector<std::shared_ptr<Trip>> finished_;
-    std::vector<Failure> failed_;
-};
+// The finished trips and the failures the host heard.
+inline std::vector<std::shared_ptr<Trip>> finishedTrips(const test::RecordingDelegate& d) {
+    std::vector<std::shared_ptr<Trip>> out;
+    for (const auto& r : d.reports("tripDidFinish")) out.push_back(r.trip);
+    return out;
+}
 
 // One record of a received "MotionStr": its 39 fields, blanks kept.
 using RecordFields = std::vector<std::string>;
@@ -144,20 +112,7 @@ protected:
 
     void BuildEnvironment(std::int64_t bulkSize) {
         env_ = test::makeTestEnvironment(server_);
-        clock_ = std::make_shared<sim::VirtualClock>();
-        env_.clock = clock_;
-        env_.ids = std::make_shared<sim::SequentialIdGenerator>();
-        queue_ = test::mainQueueOf(env_);
-        motion_ = std::make_shared<sim::MotionSource>();
-        location_ = std::make_shared<sim::LocationManager>();
-        geocoder_ = std::make_shared<sim::Geocoder>(env_.mainQueue);
-        application_ = std::make_shared<sim::Application>();
-        device_ = std::make_shared<sim::Device>();
-        env_.makeMotionManager = [m = motion_] { return m; };
-        env_.makeLocationManager = [l = location_] { return l; };
-        env_.geocoder = geocoder_;
-        env_.application = application_;
-        env_.device = device_;
+        sim_.installInto(env_);
         (*env_.applicationInfo)["BulkMotionDataSize"] = Value(bulkSize);
         (*env_.applicationInfo)["CFBundleShortVersionString"] = Value("1.4.2");
         (*env_.applicationInfo)["CFBundleDisplayName"] = Value("Sürüş Takip");
@@ -264,14 +219,17 @@ protected:
 
     test::TestServer server_;
     Environment env_;
-    std::shared_ptr<sim::VirtualClock> clock_;
-    std::shared_ptr<test::ManualExecutor> queue_;
-    std::shared_ptr<sim::MotionSource> motion_;
-    std::shared_ptr<sim::LocationManager> location_;
-    std::shared_ptr<sim::Geocoder> geocoder_;
-    std::shared_ptr<sim::Application> application_;
-    std::shared_ptr<sim::Device> device_;
-    std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
+    sim::Platform sim_;
+    // Shorthands for the parts of sim_ the tests drive.
+    std::shared_ptr<sim::VirtualClock>& clock_ = sim_.clock;
+    std::shared_ptr<sim::MainQueue>& queue_ = sim_.queue;
+    std::shared_ptr<sim::MotionSource>& motion_ = sim_.motion;
+    std::shared_ptr<sim::LocationManager>& location_ = sim_.location;
+    std::shared_ptr<sim::Geocoder>& geocoder_ = sim_.geocoder;
+    std::shared_ptr<sim::Application>& application_ = sim_.application;
+    std::shared_ptr<sim::Device>& device_ = sim_.device;
+    std::shared_ptr<test::RecordingDelegate> delegate_ =
+        std::make_shared<test::RecordingDelegate>();
     std::unique_ptr<test::NotificationRecorder> outcomes_;
     std::unique_ptr<DrivingInsight> engine_;
 };
