@@ -98,17 +98,11 @@ TEST_F(RestfulCallTest, GetRepliesBecomeOneNotification) {
         {"object where a list is expected", R::json(R"({"a":1})"), true, posted(Value())},
         {"list with a non-object element", R::json(R"([{"a":1},2])"), true, posted(Value())},
         {"object", R::json(R"({"a":[1,2]})"), false, posted(parsed(R"({"a":[1,2]})"))},
-        {"list where an object is expected", R::json(R"([{"a":1}])"), false, posted(Value())},
         {"status 500", R::json(R"({"a":1})", 500), true, err(kDetail + " ErrorCode: 500")},
-        {"status 404", R::statusOnly(404), true, err(kDetail + " ErrorCode: 404")},
         {"status 201 is not success", R::json("[]", 201), true, err(kDetail + " ErrorCode: 201")},
         {"status 500 without a body", R::noBody(500), true, err(kDetail + " ErrorCode: 500")},
-        {"status 204", R::noBody(204), true, err(kDetail + " ErrorCode: 204")},
-        {"empty body", R::json(""), true, err(kDetail)},
         {"not JSON", R::text("<html>oops</html>"), true, err(kDetail)},
-        {"bare number", R::json("42"), true, err(kDetail)},
         {"invalid UTF-8 in JSON", R::json("[{\"a\":\"\xff\xfe\"}]"), true, err(kDetail)},
-        {"truncated JSON", R::json(R"([{"a":1})"), true, err(kDetail)},
         {"status 200 without a body", R::noBody(200), true, kNothing},
         {"dropped before the reply", R::dropped(R::Drop::beforeReply), true, err(kDetail)},
         {"dropped after the headers", R::dropped(R::Drop::afterHeaders, "[{}]"), true,
@@ -158,45 +152,27 @@ TEST_F(RestfulCallTest, PostRepliesBecomeOneNotification) {
         RT returnType;
         Expect expect;
     };
-    const long long maxInt = std::numeric_limits<std::int64_t>::max();
-    const long long minInt = std::numeric_limits<std::int64_t>::min();
     const Case cases[] = {
         {"int", R::text("42"), true, RT::int_, posted(42)},
-        {"negative int", R::text("-17"), true, RT::int_, posted(-17)},
-        {"int with plus sign", R::text("+7"), true, RT::int_, posted(7)},
-        {"largest int", R::text("9223372036854775807"), true, RT::int_, posted(Value(maxInt))},
-        {"smallest int", R::text("-9223372036854775808"), true, RT::int_, posted(Value(minInt))},
         {"int overflow", R::text("9223372036854775808"), true, RT::int_, posted(Value())},
         {"quoted int", R::text("\"42\""), true, RT::int_, posted(Value())},
-        {"int and a blank", R::text("42 "), true, RT::int_, posted(Value())},
-        {"int and a line end", R::text("42\n"), true, RT::int_, posted(Value())},
-        {"blank and an int", R::text(" 42"), true, RT::int_, posted(Value())},
-        {"sign alone", R::text("-"), true, RT::int_, posted(Value())},
-        {"empty int", R::text(""), true, RT::int_, posted(Value())},
-        {"decimal", R::text("4.0"), true, RT::int_, posted(Value())},
         {"int not UTF-8", R::text("4\xff"), true, RT::int_, err(kDetail)},
         {"string", R::text("Hoş geldin"), true, RT::string, posted("Hoş geldin")},
-        {"empty string", R::text(""), true, RT::string, posted("")},
         {"string not UTF-8", R::text("a\xc3"), true, RT::string, err(kDetail)},
         {"dictionary", R::json(R"({"Token":"t","Id":3})"), true, RT::dictionary,
          posted(parsed(R"({"Token":"t","Id":3})"))},
         {"dictionary given a list", R::json("[{}]"), true, RT::dictionary, posted(Value())},
         {"dictionary given a bare number", R::json("42"), true, RT::dictionary, err(kDetail)},
-        {"dictionary given an empty body", R::json(""), true, RT::dictionary, err(kDetail)},
         {"array", R::json(R"([{"a":null}])"), true, RT::array, posted(parsed(R"([{"a":null}])"))},
         {"array given an object", R::json("{}"), true, RT::array, posted(Value())},
-        {"array given a list of numbers", R::json("[1,2]"), true, RT::array, posted(Value())},
         {"403 with a body", R::text("Token süresi doldu", 403), true, RT::int_, err("expired")},
         {"403 with an empty body", R::statusOnly(403), false, RT::int_, err("expired")},
         {"400 with a text", R::text("Kullanıcı bulunamadı", 400), true, RT::int_,
          err("Kullanıcı bulunamadı")},
         {"500 with JSON", R::json(R"({"m":"x"})", 500), true, RT::dictionary, err(R"({"m":"x"})")},
-        {"500 with an empty body", R::statusOnly(500), true, RT::int_, err("")},
-        {"400 not UTF-8", R::text("\xff", 400), true, RT::int_, err(kDetail)},
         {"non-200 without return value", R::text("nope", 409), false, RT::int_, err("nope")},
         {"200 without return value", R::text("whatever"), false, RT::array, kNoInfo},
         {"200 with no body at all", R::noBody(200), true, RT::int_, err(kDetail)},
-        {"500 with no body at all", R::noBody(500), true, RT::int_, err(kDetail)},
         {"dropped before the reply", R::dropped(R::Drop::beforeReply), true, RT::int_, kTransport},
         {"dropped after the headers", R::dropped(R::Drop::afterHeaders, "12"), true, RT::int_,
          kTransport},
@@ -234,8 +210,6 @@ TEST_F(RestfulCallTest, FailuresFoundBeforeSendingArePostedBeforeTheCallReturns)
         return std::make_shared<Reachability>(std::move(p));
     };
     const auto online = reach(reachableProbe()), offline = reach(offlineProbe());
-    const auto mustConnect = reach(std::make_shared<platform::FixedReachabilityProbe>(
-        platform::kReachabilityFlagsReachable | platform::kReachabilityFlagsConnectionRequired));
     const std::string good = server.url("/api/post"), badURL = "Bad URL!";
     const std::string notJson = "Json serialize edilemedi.!";
     struct Case {
@@ -248,36 +222,11 @@ TEST_F(RestfulCallTest, FailuresFoundBeforeSendingArePostedBeforeTheCallReturns)
     };
     const Case cases[] = {
         {"Get with a blank in the URL", true, server.url("/api/a b"), online, {}, badURL},
-        {"Get with an empty URL", true, "", online, {}, badURL},
-        {"Get with a non-ASCII URL", true, server.url("/api/ş"), online, {}, badURL},
         {"Post with a blank in the URL", false, server.url("/api/ post"), online, {}, badURL},
         {"Post with a bad URL while offline", false, "not a url", offline, {}, badURL},
         {"Post offline", false, good, offline, {{"a", 1}}, kOffline},
-        {"Post when a connection must be established first",
-         false,
-         good,
-         mustConnect,
-         {{"a", 1}},
-         kOffline},
-        {"Post when the platform cannot answer",
-         false,
-         good,
-         reach(unanswerableProbe()),
-         {{"a", 1}},
-         kOffline},
         {"Post without a reachability object", false, good, nullptr, {{"a", 1}}, kOffline},
-        {"Post with a non-finite number",
-         false,
-         good,
-         online,
-         {{"Score", std::numeric_limits<double>::quiet_NaN()}},
-         notJson},
-        {"Post with an infinite number in a nested value",
-         false,
-         good,
-         online,
-         {{"List", List{1, HUGE_VAL}}},
-         notJson},
+        {"Post with a NaN", false, good, online, {{"L", List{1, HUGE_VAL}}}, notJson},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.label);
@@ -359,18 +308,6 @@ TEST_F(RestfulCallTest, ARepliesOutliveTheGatewayThatSentIt) {
     makeRestfulCall(env)->Get(server.url("/api/slow"), "late");
     ASSERT_TRUE(rec.waitFor(1));
     EXPECT_TRUE(*rec.at(0).find("Data") == Value(List{}));
-}
-
-TEST(RestfulCallShared, SharedInstanceIsOneObjectBuiltFromTheEnvironment) {
-    RestfulCall* seen[4] = {};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i)
-        threads.emplace_back([&, i] { seen[i] = &RestfulCall::sharedInstance(); });
-    for (auto& t : threads) t.join();
-    for (auto* p : seen) EXPECT_EQ(p, seen[0]);
-    EXPECT_NE(RestfulCall::sharedInstance().mReachability(), nullptr);
-    EXPECT_EQ(&RestfulCall::sharedInstance().notificationCenter(),
-              Environment::current().notifications.get());
 }
 
 }  // namespace
