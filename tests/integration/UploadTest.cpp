@@ -8,7 +8,7 @@ namespace {
 
 class TripUpload : public UploadHost {};
 
-TEST_F(TripUpload, FreshRecordUploadsItsInitialValues) {
+TEST_F(TripUpload, RecordGoesAsOneJsonObject) {
     server_.reply(kScorePath, ScriptedReply::statusOnly(200));
     SetUpEngine();
     auto trip = std::make_shared<Trip>(env_);
@@ -27,42 +27,12 @@ TEST_F(TripUpload, FreshRecordUploadsItsInitialValues) {
     EXPECT_EQ(requests[0].header("Accept"), "application/json");
     auto parsed = json::parse(requests[0].body);
     ASSERT_TRUE(parsed);
-    const Object expected{
-        {"userID", Value(0)},
-        {"drivingGuid", Value("")},
-        {"startDateTime", Value("2018-03-05 12:00:00 +0000")},
-        {"startLocation", Value("")},
-        {"startLocationLatitude", Value(0)},
-        {"startLocationLongitude", Value(0)},
-        {"endDateTime", Value("2018-03-05 12:00:00 +0000")},
-        {"endLocation", Value("")},
-        {"endLocationLatitude", Value(0)},
-        {"endLocationLongitude", Value(0)},
-        {"Score", Value(0)},
-        {"sharpCorneringCount", Value(0)},
-        {"sharpSpeedingCount", Value(0)},
-        {"sharpBrakingCount", Value(0)},
-        {"sharpElevatingCount", Value(0)},
-        {"sharpLaneChangingCount", Value(0)},
-        {"sharpCorneringPenalty", Value(0)},
-        {"sharpSpeedingPenalty", Value(0)},
-        {"sharpBrakingPenalty", Value(3.75)},
-        {"sharpElevatingPenalty", Value(0)},
-        {"sharpLaneChangingPenalty", Value(0)},
-        {"fuelEfficiencyPenalty", Value(4)},
-        {"totalDistance", Value(0)},
-        {"timeElapsed", Value("00:00:00")},
-    };
+    // Every value's round trip through the service is checked in TripRoundTripTest; here, the
+    // shape: the penalty carries its per-kilometre part, integers stay integers.
     const Object& got = *parsed.value->asObject();
-    ASSERT_EQ(got.size(), expected.size());
-    for (const auto& [key, value] : expected) {
-        auto it = got.find(key);
-        ASSERT_NE(it, got.end()) << key;
-        if (value.isNumber())
-            EXPECT_EQ(it->second.asNumber(), value.asNumber()) << key;
-        else
-            EXPECT_EQ(it->second, value) << key;
-    }
+    EXPECT_EQ(got.size(), 24u);
+    EXPECT_EQ(got.at("sharpBrakingPenalty").asNumber(), 3.75);
+    EXPECT_EQ(got.at("startDateTime"), Value("2018-03-05 12:00:00 +0000"));
     // Integers stay integers on the wire.
     EXPECT_TRUE(got.at("userID").isInt());
     EXPECT_TRUE(got.at("sharpBrakingCount").isInt());

@@ -3,6 +3,10 @@
 namespace kestrelvue::test {
 
 Environment makeTestEnvironment(const TestServer& server, posix::CurlHttpClient::Options http) {
+    return makeTestEnvironment(server.baseURL(), http);
+}
+
+Environment makeTestEnvironment(const std::string& baseURL, posix::CurlHttpClient::Options http) {
     Environment env;
     env.clock = std::make_shared<platform::SystemClock>();
     env.ids = std::make_shared<platform::RandomIdGenerator>();
@@ -10,7 +14,7 @@ Environment makeTestEnvironment(const TestServer& server, posix::CurlHttpClient:
     env.reachability = reachableProbe();
     env.mainQueue = std::make_shared<ManualExecutor>();
     env.notifications = NotificationCenter::make();
-    env.applicationInfo = Object{{std::string(kBaseURLKey), Value(server.baseURL())}};
+    env.applicationInfo = Object{{std::string(kBaseURLKey), Value(baseURL)}};
     return env;
 }
 

@@ -24,6 +24,9 @@
 namespace kestrelvue::test {
 
 Environment makeTestEnvironment(const TestServer& server, posix::CurlHttpClient::Options http = {});
+/// The same pointed at any service, e.g. an in-process reference service.
+Environment makeTestEnvironment(const std::string& baseURL,
+                                posix::CurlHttpClient::Options http = {});
 
 /// The environment's main queue as the ManualExecutor makeTestEnvironment put there.
 std::shared_ptr<ManualExecutor> mainQueueOf(const Environment& env);

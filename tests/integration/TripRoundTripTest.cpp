@@ -1,0 +1,123 @@
+// Random trip records uploaded to the reference service and read back through the history: every
+// field that travels on the wire comes back as it went, through the library's writer, the
+// service's storage and the library's reader.
+#include <gtest/gtest.h>
+#include <kestrelvue/DrivingInsight.h>
+#include <kestrelvue/service/ReferenceService.h>
+
+#include <map>
+#include <random>
+
+#include "support/TestEnvironment.h"
+#include "support/Time.h"
+
+namespace kestrelvue {
+namespace {
+
+using namespace std::chrono;
+
+// Texts with what a writer or a store may get wrong: quotes, escapes, multi-byte letters.
+std::string randomText(std::mt19937& rng) {
+    static const char* const pieces[] = {"a", "Z", "7", " ", ",", "\"", "\\", "/",   "ğ",
+                                         "Ş", "İ", "ç", "Ö", "€", "🚗",  "\t", "Cd.", "İstanbul"};
+    std::string s;
+    for (int n = std::uniform_int_distribution(0, 12)(rng); n > 0; --n)
+        s += pieces[std::uniform_int_distribution<std::size_t>(0, std::size(pieces) - 1)(rng)];
+    return s;
+}
+
+std::shared_ptr<Trip> randomTrip(const Environment& env, std::mt19937& rng, int n) {
+    auto real = [&](double lo, double hi) { return std::uniform_real_distribution(lo, hi)(rng); };
+    auto count = [&] { return std::uniform_int_distribution<std::int64_t>(0, 1'000'000)(rng); };
+    auto t = std::make_shared<Trip>(env);
+    t->UserID = 4242;
+    t->DrivingID = "T-" + std::to_string(n) + "-" + std::to_string(rng());
+    // 1900 to 2200: before 1970, where date arithmetic goes wrong first, and as far as the
+    // clock's nanoseconds reach.
+    t->StartDateTime = test::utc(1900, 1, 1) + seconds(std::uniform_int_distribution<std::int64_t>(
+                                                   0, 300ll * 365 * 86400)(rng));
+    t->EndDateTime = t->StartDateTime + seconds(rng() % 36000);
+    t->StartLocation = randomText(rng);
+    t->EndLocation = randomText(rng);
+    t->StartLocationLat = real(-90, 90);
+    t->StartLocationLong = real(-180, 180);
+    t->EndLocationLat = real(-90, 90);
+    t->EndLocationLong = real(-180, 180);
+    t->Score = real(0, 100);
+    for (auto* c : {&t->SharpCorneringCount, &t->SharpSpeedingCount, &t->SharpBrakingCount,
+                    &t->SharpElevatingCount, &t->SharpLaneChangingCount})
+        *c = count();
+    for (auto* p : {&t->SharpCorneringPenalty, &t->SharpSpeedingPenalty, &t->SharpBrakingPenalty,
+                    &t->SharpElevatingPenalty, &t->SharpLaneChangingPenalty,
+                    &t->SharpCorneringPenaltyPerKM, &t->SharpSpeedingPenaltyPerKM,
+                    &t->SharpBrakingPenaltyPerKM, &t->SharpElevatingPenaltyPerKM,
+                    &t->SharpLaneChangingPenaltyPerKM, &t->FuelEfficiencyPenaltyPerKM})
+        *p = n % 3 ? real(0, 1000) : 0.0;
+    t->TimeElapsed = std::to_string(rng() % 24) + ":" + std::to_string(rng() % 60) + ":" +
+                     std::to_string(rng() % 60);
+    t->TotalDistance = real(0, 2e6);
+    return t;
+}
+
+TEST(TripRoundTrip, EveryWireFieldComesBackFromTheHistory) {
+    test::ScopedTimeZone zone("Europe/Istanbul");  // the service's dates are local times
+    service::ReferenceService service{service::ServiceOptions{}};
+    ASSERT_TRUE(service.start()) << service.error();
+    Environment env = test::makeTestEnvironment(service.baseURL());
+    auto host = std::make_shared<test::RecordingDelegate>();
+    auto engine = DrivingInsight::makeDetached(env);
+    engine->setDrivingInsightDelegate(host);
+    engine->setHistoryDataDelegate(host);
+    engine->setUserID(4242);
+
+    constexpr int kTrips = 60;
+    std::mt19937 rng(20261124);
+    std::map<std::string, std::shared_ptr<Trip>> sent;
+    for (int i = 0; i < kTrips; ++i) {
+        auto trip = randomTrip(env, rng, i);
+        sent[trip->DrivingID] = trip;
+        trip->saveToServer();
+    }
+    ASSERT_TRUE(host->waitFor(kTrips));
+    ASSERT_EQ(host->reports("tripDidFinish").size(), std::size_t(kTrips));
+
+    engine->getTripHistory();
+    ASSERT_TRUE(host->waitFor(kTrips + 1));
+    const auto history = host->reports("history");
+    ASSERT_EQ(history.size(), 1u);
+    ASSERT_EQ(history[0].history.size(), std::size_t(kTrips));
+    for (const auto& got : history[0].history) {
+        ASSERT_TRUE(sent.count(got->DrivingID)) << got->DrivingID;
+        const Trip& a = *sent[got->DrivingID];
+        const Trip& b = *got;
+        SCOPED_TRACE(a.DrivingID);
+        EXPECT_EQ(b.UserID, a.UserID);
+        EXPECT_EQ(b.StartDateTime, a.StartDateTime);
+        EXPECT_EQ(b.EndDateTime, a.EndDateTime);
+        EXPECT_EQ(b.StartLocation, a.StartLocation);
+        EXPECT_EQ(b.EndLocation, a.EndLocation);
+        EXPECT_EQ(b.StartLocationLat, a.StartLocationLat);
+        EXPECT_EQ(b.StartLocationLong, a.StartLocationLong);
+        EXPECT_EQ(b.EndLocationLat, a.EndLocationLat);
+        EXPECT_EQ(b.EndLocationLong, a.EndLocationLong);
+        EXPECT_EQ(b.Score, a.Score);
+        EXPECT_EQ(b.SharpCorneringCount, a.SharpCorneringCount);
+        EXPECT_EQ(b.SharpSpeedingCount, a.SharpSpeedingCount);
+        EXPECT_EQ(b.SharpBrakingCount, a.SharpBrakingCount);
+        EXPECT_EQ(b.SharpElevatingCount, a.SharpElevatingCount);
+        EXPECT_EQ(b.SharpLaneChangingCount, a.SharpLaneChangingCount);
+        // A penalty travels as its sum with its per-kilometre part.
+        EXPECT_EQ(b.SharpCorneringPenalty, a.SharpCorneringPenalty + a.SharpCorneringPenaltyPerKM);
+        EXPECT_EQ(b.SharpSpeedingPenalty, a.SharpSpeedingPenalty + a.SharpSpeedingPenaltyPerKM);
+        EXPECT_EQ(b.SharpBrakingPenalty, a.SharpBrakingPenalty + a.SharpBrakingPenaltyPerKM);
+        EXPECT_EQ(b.SharpElevatingPenalty, a.SharpElevatingPenalty + a.SharpElevatingPenaltyPerKM);
+        EXPECT_EQ(b.SharpLaneChangingPenalty,
+                  a.SharpLaneChangingPenalty + a.SharpLaneChangingPenaltyPerKM);
+        EXPECT_EQ(b.FuelEfficiencyPenaltyPerKM, a.FuelEfficiencyPenaltyPerKM);
+        EXPECT_EQ(b.TimeElapsed, a.TimeElapsed);
+        EXPECT_EQ(b.TotalDistance, a.TotalDistance);
+    }
+}
+
+}  // namespace
+}  // namespace kestrelvue
