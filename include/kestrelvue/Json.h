@@ -4,6 +4,8 @@
 #include <kestrelvue/Export.h>
 #include <kestrelvue/Value.h>
 
+#include <cstddef>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,10 +18,16 @@ struct KESTRELVUE_EXPORT ParseResult {
     explicit operator bool() const { return value.has_value(); }
 };
 
+/// Bounds a reply must keep to; one beyond them fails before any Value of it is built.
+struct ParseLimits {
+    std::size_t maxBytes = std::numeric_limits<std::size_t>::max();
+    std::size_t maxRootElements = std::numeric_limits<std::size_t>::max();  // of a list root
+};
+
 /// Parses `text` as JSON. The root must be a list or an object; a bare number, text or literal at
-/// the root is a failure, as are invalid UTF-8 and trailing content. Integers that fit in 64 bits
-/// become Int, all other numbers Double.
-KESTRELVUE_EXPORT ParseResult parse(std::string_view text);
+/// the root is a failure, as are invalid UTF-8, trailing content and text beyond `limits`.
+/// Integers that fit in 64 bits become Int, all other numbers Double.
+KESTRELVUE_EXPORT ParseResult parse(std::string_view text, const ParseLimits& limits = {});
 
 /// Compact JSON for `value`. Fails (nullopt) for a non-finite number or a transport error value,
 /// so invalid JSON never reaches the wire. Texts are written as given; `escapeTo` appends one

@@ -4,9 +4,12 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <string>
 
 namespace kestrelvue::json {
 namespace {
+
+constexpr std::size_t kKeepParserBytes = std::size_t{256} << 10;
 
 Value convert(simdjson::dom::element e) {
     using T = simdjson::dom::element_type;
@@ -46,15 +49,31 @@ Value convert(simdjson::dom::element e) {
 
 }  // namespace
 
-ParseResult parse(std::string_view text) {
-    // The parser object is reused per thread: its buffers grow once, not per reply.
+ParseResult parse(std::string_view text, const ParseLimits& limits) {
+    if (text.size() > limits.maxBytes) {
+        return {std::nullopt, "the text of " + std::to_string(text.size()) +
+                                  " bytes exceeds the limit of " + std::to_string(limits.maxBytes)};
+    }
+    // The parser object is reused per thread so that small replies cost no allocation. Its
+    // buffers take about 14 bytes per byte of text; after a large text they are released, or
+    // every worker thread would keep its largest reply's worth for good.
     thread_local simdjson::dom::parser parser;
+    struct ReleaseWhenLarge {
+        std::size_t size;
+        ~ReleaseWhenLarge() {
+            if (size > kKeepParserBytes) parser = simdjson::dom::parser{};
+        }
+    } release{text.size()};
     simdjson::padded_string padded(text);
     simdjson::dom::element root;
     auto error = parser.parse(padded).get(root);
     if (error) return {std::nullopt, simdjson::error_message(error)};
     if (!root.is_array() && !root.is_object()) {
         return {std::nullopt, "JSON text did not start with array or object"};
+    }
+    if (root.is_array() && root.get_array().value_unsafe().size() > limits.maxRootElements) {
+        return {std::nullopt, "the list exceeds the limit of " +
+                                  std::to_string(limits.maxRootElements) + " elements"};
     }
     return {convert(root), {}};
 }

@@ -1,6 +1,7 @@
 #include "records/HistoryReply.h"
 
 #include <kestrelvue/Environment.h>
+#include <kestrelvue/Limits.h>
 #include <simdjson.h>
 
 #include <array>
@@ -263,15 +264,25 @@ std::optional<std::string> readMember(Element value, HistoryElement& element,
 }  // namespace
 
 HistoryReply readHistoryReply(std::string_view body, const Environment& environment) {
-    // The parser and its padded input are kept per thread: allocating and faulting in their
-    // buffers afresh doubles the time of a 6 MB reply. Past 16 MB (far beyond any driver's
-    // history) they are released again rather than kept for the thread's life. The parser
-    // validates the whole text (syntax, UTF-8, numbers) before anything is read from it.
+    HistoryReply reply;
+    const auto fail = [&](std::string error) {
+        reply.trips.clear();
+        reply.error = std::move(error);
+        return std::move(reply);
+    };
+    if (body.size() > kMaxHistoryReplyBytes) {
+        return fail("the reply of " + std::to_string(body.size()) + " bytes exceeds the limit of " +
+                    std::to_string(kMaxHistoryReplyBytes));
+    }
+    // The parser and its padded input are kept per thread for small replies: they cost about
+    // 16 bytes per byte of text, so after a large reply they are released again, or every HTTP
+    // worker thread would hold its largest reply's worth for good. The parser validates the
+    // whole text (syntax, UTF-8, numbers) before anything is read from it.
     thread_local simdjson::dom::parser parser;
     thread_local std::string padded;
     struct ReleaseWhenLarge {
         ~ReleaseWhenLarge() {
-            constexpr std::size_t kKeep = std::size_t{16} << 20;
+            constexpr std::size_t kKeep = std::size_t{256} << 10;
             if (padded.capacity() > kKeep) {
                 parser = simdjson::dom::parser{};
                 std::string().swap(padded);
@@ -281,12 +292,6 @@ HistoryReply readHistoryReply(std::string_view body, const Environment& environm
     padded.resize(body.size() + simdjson::SIMDJSON_PADDING);
     if (!body.empty()) std::memcpy(padded.data(), body.data(), body.size());
 
-    HistoryReply reply;
-    const auto fail = [&](std::string error) {
-        reply.trips.clear();
-        reply.error = std::move(error);
-        return std::move(reply);
-    };
     Element root;
     if (auto e = parser.parse(padded.data(), body.size(), false).get(root)) {
         return fail(simdjson::error_message(e));
@@ -296,6 +301,10 @@ HistoryReply readHistoryReply(std::string_view body, const Environment& environm
         return fail("expected a list of trips, got an object");
     }
     const simdjson::dom::array array = root.get_array().value_unsafe();
+    if (array.size() > kMaxHistoryTrips) {
+        return fail("the reply's " + std::to_string(array.size()) + " trips exceed the limit of " +
+                    std::to_string(kMaxHistoryTrips));
+    }
     reply.trips.reserve(array.size());
     LocalTimeConverter times;
     MemberMatcher matcher;

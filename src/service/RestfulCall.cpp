@@ -1,5 +1,6 @@
 #include <kestrelvue/Environment.h>
 #include <kestrelvue/Json.h>
+#include <kestrelvue/Limits.h>
 #include <kestrelvue/RestfulCall.h>
 #include <kestrelvue/Url.h>
 
@@ -14,6 +15,9 @@ Object errorInfo(Value error) {
 Object dataInfo(Value data) {
     return Object{{"Data", std::move(data)}};
 }
+
+// A reply beyond these is refused like one that is not JSON, before any Value of it is built.
+constexpr json::ParseLimits kReplyLimits{kMaxCallReplyBytes, kMaxCallReplyElements};
 
 // A list of objects, or null.
 Value listOfObjects(Value root) {
@@ -102,7 +106,7 @@ void RestfulCall::Get(const std::string& argURL, const std::string& argObserverN
             return;
         }
         if (!result.body) return;
-        json::ParseResult parsed = json::parse(*result.body);
+        json::ParseResult parsed = json::parse(*result.body, kReplyLimits);
         if (!parsed) {
             center->post(name, nullptr, errorInfo(kDetailUnavailableText));
             return;
@@ -154,7 +158,7 @@ void RestfulCall::Post(const std::string& to, const Object& jsondictionary,
                 switch (returnType) {
                     case ReturnType::array:
                     case ReturnType::dictionary: {
-                        json::ParseResult parsed = json::parse(text);
+                        json::ParseResult parsed = json::parse(text, kReplyLimits);
                         if (!parsed) {
                             info = errorInfo(kDetailUnavailableText);
                         } else if (returnType == ReturnType::array) {

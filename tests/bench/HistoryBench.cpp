@@ -4,6 +4,7 @@
 #include <benchmark/benchmark.h>
 #include <kestrelvue/Environment.h>
 #include <kestrelvue/Trip.h>
+#include <malloc.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -191,11 +192,29 @@ private:
     std::map<std::string, std::pair<double, double>> times_;
 };
 
+// Heap bytes each record holds once the reply is read, and what the reader itself keeps.
+void printMemory() {
+    const auto heap = [] {
+        const auto m = mallinfo2();
+        return m.uordblks + m.hblkhd;
+    };
+    reply();  // made before the first reading
+    const std::size_t before = heap();
+    auto result = readHistoryReply(reply(), environment());
+    const std::size_t held = heap() - before;
+    const std::size_t trips = result.trips.size();
+    result.trips.clear();
+    result.trips.shrink_to_fit();
+    std::printf("memory: %zu bytes per trip (sizeof(Trip) %zu), %zu bytes kept after release\n",
+                trips ? held / trips : 0, sizeof(Trip), heap() - before);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    printMemory();
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();

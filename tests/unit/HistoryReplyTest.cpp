@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <kestrelvue/Environment.h>
+#include <kestrelvue/Limits.h>
 #include <kestrelvue/Trip.h>
 
 #include <cstdlib>
@@ -20,8 +21,12 @@ namespace {
 
 class FixedClock final : public platform::Clock {
 public:
-    platform::TimePoint now() const override { return at; }
+    platform::TimePoint now() const override {
+        ++reads;
+        return at;
+    }
     platform::TimePoint at = platform::TimePoint(1'600'000'000s);
+    mutable int reads = 0;  // every record reads the clock when it is made
 };
 
 // Sets the process's time zone for one scope. Dates of the service are local times, so every
@@ -231,6 +236,20 @@ TEST_F(HistoryReplyTest, BadRepliesAreRejectedWholeWithAReason) {
         EXPECT_FALSE(reply.error.empty()) << c.body;
         EXPECT_NE(reply.error.find(c.reason), std::string::npos) << c.body << " -> " << reply.error;
     }
+}
+
+TEST_F(HistoryReplyTest, RepliesBeyondTheLimitsAreRefusedBeforeAnyRecordIsMade) {
+    std::string tooMany = "[{}";
+    for (std::size_t i = 0; i < kMaxHistoryTrips; ++i) tooMany += ",{}";
+    tooMany += "]";
+    const std::string tooLong = "[" + std::string(kMaxHistoryReplyBytes, ' ') + "]";
+    for (const std::string* body : std::initializer_list<const std::string*>{&tooMany, &tooLong}) {
+        auto reply = read(*body);
+        EXPECT_FALSE(reply.ok);
+        EXPECT_NE(reply.error.find("exceed"), std::string::npos) << reply.error;
+    }
+    EXPECT_EQ(clock->reads, 0);
+    EXPECT_EQ(read("[" + tooMany.substr(4)).trips.size(), kMaxHistoryTrips);
 }
 
 TEST(ServiceDate, ServiceDatesAreReadStrictly) {

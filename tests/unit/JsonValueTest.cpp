@@ -74,6 +74,13 @@ TEST(Json, RejectsWhatIsNotAListOrObjectDocument) {
     EXPECT_FALSE(json::parse(deep + std::string(100000, ']')));
 }
 
+TEST(Json, RefusesTextBeyondItsLimits) {
+    EXPECT_TRUE(json::parse("[1,2]", {5, 2}));
+    EXPECT_FALSE(json::parse("[1,2] ", {5, 2}));
+    EXPECT_FALSE(json::parse("[1,2]", {5, 1}));
+    EXPECT_TRUE(json::parse(R"({"a":1,"b":2})", {100, 1}));  // counts a list root only
+}
+
 TEST(Json, WritesCompactJsonAndRefusesNonFiniteNumbers) {
     struct Case {
         Value value;
