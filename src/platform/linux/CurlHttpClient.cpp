@@ -2,7 +2,6 @@
 #include <kestrelvue/posix/CurlHttpClient.h>
 
 #include <algorithm>
-#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -12,6 +11,8 @@
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "platform/linux/ReplyHeaders.h"
 
 namespace kestrelvue::posix {
 namespace {
@@ -25,21 +26,6 @@ using platform::HttpResult;
 void initCurlOnce() {
     static std::once_flag once;
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
-
-bool equalsIgnoreCase(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return std::tolower(static_cast<unsigned char>(x)) ==
-                      std::tolower(static_cast<unsigned char>(y));
-           });
-}
-
-std::string_view trim(std::string_view s) {
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
-    while (!s.empty() &&
-           (s.back() == ' ' || s.back() == '\t' || s.back() == '\r' || s.back() == '\n'))
-        s.remove_suffix(1);
-    return s;
 }
 
 TransportError makeError(std::int64_t code, std::string description) {
@@ -101,8 +87,7 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<CurlHttpClient::Impl>
         CURL* easy = nullptr;
         curl_slist* headerList = nullptr;
         std::string body;
-        std::vector<std::pair<std::string, std::string>> headers;
-        bool declaredLength = false;
+        detail::ReplyHeaders headers;
         bool bodyTooLarge = false;
         std::size_t maxBody = 0;
         Clock::time_point lastActivity{};
@@ -236,33 +221,9 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<CurlHttpClient::Impl>
         auto* t = static_cast<Transfer*>(user);
         std::size_t n = size * count;
         t->lastActivity = Clock::now();
-        std::string_view line(data, n);
-        if (line.starts_with("HTTP/")) {
-            // A new response begins (after a redirect or an interim 1xx): forget the last one.
-            t->headers.clear();
-            t->declaredLength = false;
-            return n;
+        if (auto length = t->headers.addLine(std::string_view(data, n), t->maxBody)) {
+            t->body.reserve(*length);
         }
-        auto colon = line.find(':');
-        if (colon == std::string_view::npos) return n;
-        std::string_view name = trim(line.substr(0, colon));
-        std::string_view value = trim(line.substr(colon + 1));
-        if (equalsIgnoreCase(name, "Content-Length")) {
-            t->declaredLength = true;
-            std::size_t length = 0;
-            bool digits = !value.empty();
-            for (char c : value) {
-                if (c < '0' || c > '9' || length > t->maxBody) {
-                    digits = false;
-                    break;
-                }
-                length = length * 10 + static_cast<std::size_t>(c - '0');
-            }
-            if (digits && length <= t->maxBody) t->body.reserve(length);
-        } else if (equalsIgnoreCase(name, "Transfer-Encoding")) {
-            t->declaredLength = true;
-        }
-        t->headers.emplace_back(std::string(name), std::string(value));
         return n;
     }
 
@@ -350,8 +311,8 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<CurlHttpClient::Impl>
         if (code == CURLE_OK) {
             long status = 0;
             curl_easy_getinfo(t.easy, CURLINFO_RESPONSE_CODE, &status);
-            result.response = HttpResponse{status, std::move(t.headers)};
-            if (!t.body.empty() || t.declaredLength) result.body = std::move(t.body);
+            result.response = HttpResponse{status, std::move(t.headers.fields)};
+            if (!t.body.empty() || t.headers.declaredLength) result.body = std::move(t.body);
         } else if (t.bodyTooLarge) {
             result.error = makeError(
                 platform::kTransportBodyTooLarge,
