@@ -2,9 +2,10 @@
 # The project's test command, and what CI runs: installs missing Debian packages, checks the
 # formatting, builds and runs the whole suite in three configurations (release with warnings as
 # errors and the benchmarks built; AddressSanitizer + UndefinedBehaviorSanitizer; ThreadSanitizer),
-# and builds the fuzz targets with clang so none of them can rot.
+# and builds the fuzz targets with clang and runs each briefly so none of them can rot.
 #   KESTRELVUE_SKIP_SANITIZERS=1  skip the ASan+UBSan and TSan runs (a quick local check)
-#   KESTRELVUE_SKIP_FUZZ=1        skip the fuzz build
+#   KESTRELVUE_SKIP_FUZZ=1        skip the fuzz build and run
+#   KESTRELVUE_FUZZ_SECONDS=N     seconds per fuzz target (default 10)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 started=$SECONDS
@@ -49,5 +50,7 @@ if [ "${KESTRELVUE_SKIP_FUZZ:-0}" != 1 ]; then
   step "fuzz targets (clang)"
   CC=clang CXX=clang++ configure_and_build fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DKESTRELVUE_FUZZERS=ON -DKESTRELVUE_TESTS=OFF -DKESTRELVUE_SERVICE=OFF -DKESTRELVUE_TOOLS=OFF
+  step "fuzz run (${KESTRELVUE_FUZZ_SECONDS:-10} s per target)"
+  bash scripts/fuzz.sh "${KESTRELVUE_FUZZ_SECONDS:-10}" build/fuzz
 fi
 step done
