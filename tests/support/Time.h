@@ -4,22 +4,20 @@
 
 #include <kestrelvue/platform/Clock.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <optional>
 #include <string>
 
+#include "records/TextFormat.h"
+
 namespace kestrelvue::test {
 
-inline platform::TimePoint utc(int y, int mo, int d, int h = 0, int mi = 0, int s = 0) {
-    std::tm tm{};
-    tm.tm_year = y - 1900;
-    tm.tm_mon = mo - 1;
-    tm.tm_mday = d;
-    tm.tm_hour = h;
-    tm.tm_min = mi;
-    tm.tm_sec = s;
-    return platform::TimePoint(std::chrono::seconds(timegm(&tm)));
+inline platform::TimePoint utc(int y, int mo, int d, int h = 0, int mi = 0, int s = 0, int ms = 0) {
+    using namespace std::chrono;
+    return sys_days{year{y} / month{unsigned(mo)} / day{unsigned(d)}} + hours{h} + minutes{mi} +
+           seconds{s} + milliseconds{ms};
 }
 
 /// Sets TZ for its lifetime and restores the previous value after.
@@ -29,6 +27,7 @@ public:
         if (const char* old = std::getenv("TZ")) old_ = old;
         ::setenv("TZ", zone, 1);
         ::tzset();
+        detail::clearTimestampCache();  // the motion text caches local times
     }
     ~ScopedTimeZone() {
         if (old_) {
@@ -37,6 +36,7 @@ public:
             ::unsetenv("TZ");
         }
         ::tzset();
+        detail::clearTimestampCache();
     }
     ScopedTimeZone(const ScopedTimeZone&) = delete;
     ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;

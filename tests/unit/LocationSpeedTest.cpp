@@ -34,6 +34,22 @@ TEST(GeodesicDistance, MatchesTheEllipsoid) {
     }
 }
 
+TEST(DecimalText, ShortestWithAPoint) {
+    struct Case {
+        double value;
+        const char* text;
+    };
+    const Case cases[] = {{41.0, "41.0"},
+                          {0.0, "0.0"},
+                          {-0.0, "-0.0"},
+                          {29.00123, "29.00123"},
+                          {0.1, "0.1"},
+                          {1e-7, "0.0000001"},
+                          {-122.4194, "-122.4194"},
+                          {40.99999999999999, "40.99999999999999"}};
+    for (const Case& c : cases) EXPECT_EQ(platform::shortestDecimalText(c.value), c.text);
+}
+
 class LocationUpdates : public ::testing::Test {
 protected:
     EngineHarness h;
@@ -154,35 +170,6 @@ TEST(SpeedComputation, Cases) {
             c.expectedSpeed < 0 ? (d / 1000.0) / (c.apart.count() / 3.6e6) : c.expectedSpeed;
         EXPECT_DOUBLE_EQ(e->CurrentSpeed(), expected);
     }
-}
-
-TEST(WeatherRequest, EveryBatchAsksUntilATemperatureIsKnown) {
-    EngineHarness h;
-    auto engine = h.makeEngine();
-    engine->setUserID(42);
-    ASSERT_TRUE(engine->startTrip());
-    auto weather = [&] {
-        std::vector<std::string> out;
-        for (const auto& r : h.http->requests())
-            if (r.url.find("/api/General/getWeatherDataByLatLon/") != std::string::npos)
-                out.push_back(r.url);
-        return out;
-    };
-    const std::string base = "http://service.test/api/General/getWeatherDataByLatLon/42";
-
-    // Before any fix: the placeholder position.
-    engine->didUpdateLocations({h.fix(41.0, 29.0, 80)});
-    // An accepted fix.
-    h.clock->advance(1s);
-    engine->didUpdateLocations({h.fix(41.0, 29.00123, 5)});
-    // A batch with nothing acceptable still asks.
-    engine->didUpdateLocations({});
-    EXPECT_EQ(weather(), (std::vector<std::string>{
-                             base + "?latitude=0.0&longitude=0.0",
-                             base + "?latitude=41.0&longitude=29.00123",
-                             base + "?latitude=41.0&longitude=29.00123",
-                         }));
-    for (const auto& r : h.http->requests()) EXPECT_EQ(r.method, "GET");
 }
 
 }  // namespace

@@ -17,38 +17,15 @@
 
 #include "records/TextFormat.h"
 #include "support/MotionTextReference.h"
+#include "support/Time.h"
 
 namespace kestrelvue {
 namespace {
 
 using namespace std::chrono;
 
-// Switches the process's time zone for one test and back.
-class ScopedTimeZone {
-public:
-    explicit ScopedTimeZone(const char* tz) {
-        if (const char* old = std::getenv("TZ")) old_ = old;
-        ::setenv("TZ", tz, 1);
-        ::tzset();
-        detail::clearTimestampCache();
-    }
-    ~ScopedTimeZone() {
-        if (old_)
-            ::setenv("TZ", old_->c_str(), 1);
-        else
-            ::unsetenv("TZ");
-        ::tzset();
-        detail::clearTimestampCache();
-    }
-
-private:
-    std::optional<std::string> old_;
-};
-
-platform::TimePoint utc(int y, unsigned mo, unsigned d, int h, int mi, int s, int ms) {
-    return sys_days{year{y} / month{mo} / day{d}} + hours{h} + minutes{mi} + seconds{s} +
-           milliseconds{ms};
-}
+using test::ScopedTimeZone;
+using test::utc;
 
 std::vector<std::string> fields(const std::string& text) {
     std::vector<std::string> out;
