@@ -37,6 +37,9 @@ struct Placemark;
 }  // namespace platform
 
 class HistoryDataDelegate;
+namespace detail {
+class Outbox;
+}
 
 class KESTRELVUE_EXPORT DrivingInsight {
 public:
@@ -218,6 +221,9 @@ private:
     void sendMotionDataToServer();
     void MotionDataSynced(const Notification& notification);
     void MotionDataSyncFailed(const Notification& notification);
+    /// With the outbox on: hands a stopped trip's records to it as bulks under the trip's own
+    /// identifier and completes the trip at once (its record follows the bulks).
+    void handOverStoppedTrip();
 
     // TripUpload.cpp: trips find their engine's delegate through this registry of live engines
     // (the constructor registers, the destructor unregisters).
@@ -259,6 +265,8 @@ private:
     kestrelvue::MotionData tripMotion;
     // How many records the upload in flight carries: its confirmation removes exactly these.
     std::optional<std::size_t> motionBulkInFlight_;
+    /// The durable outbox when the host turned it on (Environment::outboxDirectory), else null.
+    std::shared_ptr<detail::Outbox> outbox_;
     std::vector<std::shared_ptr<Trip>> tripHistory;
     std::shared_ptr<Trip> lastTrip;
     bool isDriving = false;

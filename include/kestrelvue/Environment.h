@@ -9,6 +9,7 @@
 #include <kestrelvue/platform/Clock.h>
 #include <kestrelvue/platform/Executor.h>
 #include <kestrelvue/platform/HttpClient.h>
+#include <kestrelvue/platform/OutboxStore.h>
 #include <kestrelvue/platform/ReachabilityProbe.h>
 
 #include <memory>
@@ -28,6 +29,8 @@ class Device;
 
 /// The application information key that overrides the service's base URL at run time.
 inline constexpr std::string_view kBaseURLKey = "KestrelvueServiceBaseURL";
+/// The application information key that turns the durable outbox on (see outboxDirectory).
+inline constexpr std::string_view kOutboxDirectoryKey = "KestrelvueOutboxDirectory";
 
 struct KESTRELVUE_EXPORT Environment {
     std::shared_ptr<platform::Clock> clock;
@@ -45,6 +48,17 @@ struct KESTRELVUE_EXPORT Environment {
     std::shared_ptr<platform::Device> device;
     /// The host's application information list; nullopt when it cannot be read.
     std::optional<Object> applicationInfo;
+    /// Turns the durable outbox on: the directory its store lives in (made when missing). When
+    /// empty, the application information's kOutboxDirectoryKey text serves; without either the
+    /// outbox is off and uploads behave exactly as documented.
+    std::string outboxDirectory;
+    /// Opens the outbox store in a directory. The default Linux environment opens SQLite
+    /// (posix::SqliteOutboxStore); without a factory the outbox stays off.
+    std::function<std::unique_ptr<platform::OutboxStore>(const std::string& directory)>
+        makeOutboxStore;
+
+    /// outboxDirectory, or the application information's kOutboxDirectoryKey text, or empty.
+    std::string outboxPath() const;
 
     /// The service's base URL: the application information's kBaseURLKey text when present and
     /// non-empty, otherwise the build-time default (KESTRELVUE_DEFAULT_BASE_URL).

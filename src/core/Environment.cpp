@@ -33,6 +33,17 @@ std::string Environment::baseURL() const {
     return std::string(defaultBaseURL());
 }
 
+std::string Environment::outboxPath() const {
+    if (!outboxDirectory.empty()) return outboxDirectory;
+    if (applicationInfo) {
+        auto it = applicationInfo->find(kOutboxDirectoryKey);
+        if (it != applicationInfo->end()) {
+            if (const std::string* s = it->second.asString()) return *s;
+        }
+    }
+    return {};
+}
+
 std::string Environment::serviceURL(std::string_view path) const {
     std::string url = baseURL();
     url += path;

@@ -9,6 +9,7 @@
 
 #include <utility>
 
+#include "engine/Outbox.h"
 #include "platform/sim/Sim.h"
 
 namespace kestrelvue {
@@ -34,7 +35,8 @@ DrivingInsight::DrivingInsight(const Environment& environment, RestfulCall* shar
       env_(environment),
       center_(environment.notifications ? *environment.notifications
                                         : NotificationCenter::defaultCenter()),
-      restfulCall_(sharedCall) {
+      restfulCall_(sharedCall),
+      outbox_(detail::Outbox::forEnvironment(environment)) {
     if (!restfulCall_) {
         ownRestfulCall_ = std::make_unique<RestfulCall>(
             env_.http,

@@ -256,6 +256,10 @@ void DrivingInsight::requestWeather() {
 }
 
 void DrivingInsight::tripStoppedEndAnnotationSetted(const Notification&) {
+    if (outbox_) {
+        handOverStoppedTrip();
+        return;
+    }
     bool send = false;
     {
         std::lock_guard lock(mutex_);

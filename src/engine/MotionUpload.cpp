@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "engine/MotionUploadBody.h"
+#include "engine/Outbox.h"
 
 namespace kestrelvue {
 
@@ -106,11 +107,60 @@ void DrivingInsight::sendMotionDataToServer() {
                                       std::to_string(result.response->statusCode)));
         }
     };
+    if (outbox_) {
+        // Written to the store first; the outbox reports this first try as the client would.
+        platform::OutboxEntry entry;
+        entry.kind = platform::OutboxKind::motion;
+        entry.records = static_cast<std::int64_t>(motionBulkInFlight_.value_or(0));
+        entry.url = std::move(request.url);
+        entry.body = std::move(*request.body);
+        std::vector<platform::OutboxEntry> entries;
+        entries.push_back(std::move(entry));
+        outbox_->submit(std::move(entries), std::move(completion));
+        return;
+    }
     if (!env_.http) {
         completion(platform::HttpResult{});
         return;
     }
     env_.http->send(std::move(request), std::move(completion));
+}
+
+void DrivingInsight::handOverStoppedTrip() {
+    // Records of an upload still in flight stay: its outcome removes them.
+    std::vector<MotionDataItem> records;
+    std::int64_t user = 0;
+    std::string driving;
+    std::size_t bulkSize = 0;
+    {
+        std::lock_guard lock(mutex_);
+        auto& items = tripMotion.motionDataArray;
+        const std::size_t keep = std::min(motionBulkInFlight_.value_or(0), items.size());
+        records.assign(items.begin() + static_cast<std::ptrdiff_t>(keep), items.end());
+        items.erase(items.begin() + static_cast<std::ptrdiff_t>(keep), items.end());
+        user = userID;
+        driving = drivingID;
+        bulkSize = static_cast<std::size_t>(std::max<std::int64_t>(bulkMotionDataSize_, 1));
+    }
+    std::vector<platform::OutboxEntry> entries;
+    const auto appVersion = appVersionOf(env_);
+    for (std::size_t at = 0; at < records.size(); at += bulkSize) {
+        MotionData bulk;
+        const std::size_t n = std::min(bulkSize, records.size() - at);
+        bulk.motionDataArray.assign(records.begin() + static_cast<std::ptrdiff_t>(at),
+                                    records.begin() + static_cast<std::ptrdiff_t>(at + n));
+        auto body = detail::writeMotionDataBody(
+            user, driving, bulk.bulkMotionDataToString(static_cast<std::int64_t>(n)), appVersion);
+        if (!body) continue;  // a record that is no JSON text cannot be sent at all
+        platform::OutboxEntry entry;
+        entry.kind = platform::OutboxKind::motion;
+        entry.records = static_cast<std::int64_t>(n);
+        entry.url = addMotionDataURL;
+        entry.body = std::move(*body);
+        entries.push_back(std::move(entry));
+    }
+    if (!entries.empty()) outbox_->submit(std::move(entries));
+    completeStoppedTrip();
 }
 
 void DrivingInsight::MotionDataSynced(const Notification&) {
@@ -125,7 +175,9 @@ void DrivingInsight::MotionDataSynced(const Notification&) {
         tripMotion.removeSentBulkMotionData(static_cast<std::int64_t>(carried));
         tripMotion.isSyncingToServer = false;
         tripMotion.serverSyncTryCount = 0;
-        if (isDriving) {
+        if (outbox_) {
+            // A stopped trip was handed over whole when it stopped.
+        } else if (isDriving) {
             // The next upload starts when the buffer is full again.
         } else if (!tripMotion.motionDataArray.empty()) {
             // Flush the stopped trip bulk by bulk, but only while bulks make progress: a bulk
@@ -161,9 +213,17 @@ void DrivingInsight::MotionDataSyncFailed(const Notification& notification) {
     std::shared_ptr<DrivingInsightDelegate> delegate;
     {
         std::lock_guard lock(mutex_);
+        const std::size_t carried = motionBulkInFlight_.value_or(0);
         motionBulkInFlight_.reset();
         tripMotion.isSyncingToServer = false;
-        if (isDriving) {
+        if (outbox_) {
+            // The bulk is safe in the store under its own trip and goes out from there: kept
+            // here it would go again, under whichever trip is current by then.
+            tripMotion.removeSentBulkMotionData(static_cast<std::int64_t>(carried));
+        }
+        if (outbox_ && !isDriving) {
+            // A stopped trip was handed over whole when it stopped.
+        } else if (isDriving) {
             // The records stay and go with the next upload that a full buffer starts.
             report = std::string(kNotSentPrefix) + "Error Code:1008 - " + error;
             tell = true;

@@ -11,6 +11,8 @@
 #include <mutex>
 #include <string>
 
+#include "engine/Outbox.h"
+
 namespace kestrelvue {
 namespace {
 
@@ -126,24 +128,37 @@ void Trip::saveToServer() {
     }
     request.body = std::move(*text);
 
-    if (!env.http) {
+    const auto outbox = detail::Outbox::existing(env);
+    if (!env.http && !outbox) {
         reportFailure(env, 1017, kConnectionTitle, kNotSentMessage);
         return;
     }
     // The pending upload keeps the record alive until its reply has been handled. A record not
     // held by a shared_ptr is uploaded all the same but cannot be handed back on success.
-    env.http->send(
-        std::move(request), [self = weak_from_this().lock(), &env](platform::HttpResult result) {
-            if (!result.response) {
-                reportFailure(env, 1017, kConnectionTitle, kNotSentMessage);
-            } else if (result.response->statusCode == 200) {
-                if (auto delegate = DrivingInsight::delegateFor(env)) delegate->tripDidFinish(self);
-            } else {
-                reportFailure(env, 1015, kConnectionTitle,
-                              std::string(kNotSentMessage) +
-                                  ". Response Code:" + std::to_string(result.response->statusCode));
-            }
-        });
+    auto completion = [self = weak_from_this().lock(), &env](platform::HttpResult result) {
+        if (!result.response) {
+            reportFailure(env, 1017, kConnectionTitle, kNotSentMessage);
+        } else if (result.response->statusCode == 200) {
+            if (auto delegate = DrivingInsight::delegateFor(env)) delegate->tripDidFinish(self);
+        } else {
+            reportFailure(env, 1015, kConnectionTitle,
+                          std::string(kNotSentMessage) +
+                              ". Response Code:" + std::to_string(result.response->statusCode));
+        }
+    };
+    if (outbox) {
+        // Written to the store first and sent after the trip's motion bulks; the host hears
+        // the first try as always, and later tries only through "uploadsPending".
+        platform::OutboxEntry entry;
+        entry.kind = platform::OutboxKind::trip;
+        entry.url = std::move(request.url);
+        entry.body = std::move(*request.body);
+        std::vector<platform::OutboxEntry> entries;
+        entries.push_back(std::move(entry));
+        outbox->submit(std::move(entries), std::move(completion));
+        return;
+    }
+    env.http->send(std::move(request), std::move(completion));
 }
 
 }  // namespace kestrelvue

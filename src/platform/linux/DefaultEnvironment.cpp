@@ -1,6 +1,7 @@
 #include <kestrelvue/Environment.h>
 #include <kestrelvue/posix/CurlHttpClient.h>
 #include <kestrelvue/posix/DefaultRouteProbe.h>
+#include <kestrelvue/posix/SqliteOutboxStore.h>
 
 #include "platform/sim/Sim.h"
 
@@ -24,6 +25,9 @@ Environment Environment::makeDefault() {
     env.geocoder = std::make_shared<sim::Geocoder>(mainQueue);
     env.application = std::make_shared<sim::Application>();
     env.device = std::make_shared<sim::Device>();
+    env.makeOutboxStore = [](const std::string& directory) {
+        return std::make_unique<posix::SqliteOutboxStore>(directory);
+    };
     return env;
 }
 

@@ -1,0 +1,234 @@
+#include "engine/Outbox.h"
+
+#include <kestrelvue/platform/ReachabilityProbe.h>
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+namespace kestrelvue::detail {
+namespace {
+
+std::mutex gRegistryMutex;
+std::map<const Environment*, std::weak_ptr<Outbox>>& registry() {
+    static auto* outboxes = new std::map<const Environment*, std::weak_ptr<Outbox>>;
+    return *outboxes;
+}
+
+// The one in-flight try, shared with the HTTP completion so that a stopping worker may leave it.
+struct Try {
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::optional<platform::HttpResult> result;
+};
+
+}  // namespace
+
+std::shared_ptr<Outbox> Outbox::forEnvironment(const Environment& environment) {
+    const std::string directory = environment.outboxPath();
+    if (directory.empty() || !environment.makeOutboxStore) return nullptr;
+    std::lock_guard lock(gRegistryMutex);
+    auto& slot = registry()[&environment];
+    if (auto outbox = slot.lock()) return outbox;
+    auto outbox = std::make_shared<Outbox>(environment, environment.makeOutboxStore(directory));
+    slot = outbox;
+    return outbox;
+}
+
+std::shared_ptr<Outbox> Outbox::existing(const Environment& environment) {
+    std::lock_guard lock(gRegistryMutex);
+    auto it = registry().find(&environment);
+    return it == registry().end() ? nullptr : it->second.lock();
+}
+
+Outbox::Outbox(const Environment& environment, std::unique_ptr<platform::OutboxStore> store,
+               Options options)
+    : env_(environment), store_(std::move(store)), options_(options) {
+    // What an earlier run left was tried already: it waits for reachability like any retry.
+    const auto now = env_.clock->now();
+    for (auto& entry : store_->load()) {
+        (entry.kind == platform::OutboxKind::trip ? trips_ : records_) +=
+            entry.kind == platform::OutboxKind::trip ? 1 : entry.records;
+        entries_.push_back(Pending{std::move(entry), 1, now, nullptr});
+    }
+    problem_ = store_->openingReport();
+    worker_ = std::thread([this] { run(); });
+}
+
+Outbox::~Outbox() {
+    {
+        std::lock_guard lock(mutex_);
+        stop_ = true;
+    }
+    cv_.notify_all();
+    worker_.join();
+}
+
+void Outbox::submit(std::vector<platform::OutboxEntry> entries,
+                    platform::HttpCompletion firstOutcome) {
+    {
+        std::lock_guard lock(mutex_);
+        incoming_.push_back(Submission{std::move(entries), std::move(firstOutcome)});
+        idle_ = false;
+    }
+    cv_.notify_all();
+}
+
+void Outbox::wake() {
+    {
+        std::lock_guard lock(mutex_);
+        wake_ = true;
+        idle_ = false;
+    }
+    cv_.notify_all();
+}
+
+void Outbox::waitUntilIdle() {
+    std::unique_lock lock(mutex_);
+    idleCv_.wait(lock, [&] { return (idle_ && incoming_.empty()) || stop_; });
+}
+
+Outbox::Counts Outbox::pending() const {
+    return Counts{records_.load(), trips_.load()};
+}
+
+bool Outbox::reachable() const {
+    if (!env_.reachability) return true;
+    auto flags = env_.reachability->defaultRouteFlags();
+    return flags && (*flags & platform::kReachabilityFlagsReachable);
+}
+
+std::chrono::milliseconds Outbox::delayAfter(int tries) {
+    // Doubling from the first delay, capped, then a random half to all of it, so that many
+    // devices coming back together do not arrive together.
+    auto delay = options_.firstDelay;
+    for (int i = 1; i < tries && delay < options_.maxDelay; ++i) delay *= 2;
+    delay = std::min(delay, options_.maxDelay);
+    std::uniform_real_distribution<double> share(0.5, 1.0);
+    return std::chrono::milliseconds(
+        static_cast<std::int64_t>(static_cast<double>(delay.count()) * share(jitter_)));
+}
+
+void Outbox::announce() {
+    Object info{{"records", Value(static_cast<long long>(records_.load()))},
+                {"trips", Value(static_cast<long long>(trips_.load()))}};
+    if (!problem_.empty()) info["problem"] = Value(std::exchange(problem_, {}));
+    if (env_.notifications) env_.notifications->post(kUploadsPending, nullptr, std::move(info));
+}
+
+void Outbox::write(std::vector<Submission> batch) {
+    std::vector<platform::OutboxEntry> all;
+    for (auto& submission : batch) {
+        for (auto& e : submission.entries) all.push_back(std::move(e));
+    }
+    // One transaction for the whole batch. When the store cannot take it (full disk, I/O
+    // error) the entries are still sent from memory, and the host hears that they are not
+    // durable: an application ended now would lose them.
+    if (!store_->add(all)) {
+        problem_ = "the outbox store cannot be written (full disk or I/O error): " +
+                   std::to_string(all.size()) + " uploads are kept in memory only";
+        for (auto& e : all) e.id = 0;
+    }
+    const auto now = env_.clock->now();
+    std::size_t at = 0;
+    for (auto& submission : batch) {
+        const std::size_t n = submission.entries.size();
+        for (std::size_t i = 0; i < n; ++i) {
+            auto& e = all[at++];
+            (e.kind == platform::OutboxKind::trip ? trips_ : records_) +=
+                e.kind == platform::OutboxKind::trip ? 1 : e.records;
+            entries_.push_back(Pending{std::move(e), 0, now,
+                                       i + 1 == n ? std::move(submission.firstOutcome) : nullptr});
+        }
+    }
+    announce();
+}
+
+void Outbox::attempt(Pending& p) {
+    platform::HttpRequest request;
+    request.method = "POST";
+    request.url = p.entry.url;
+    request.setValue("application/json", "Content-Type");
+    request.setValue("application/json", "Accept");
+    request.body = p.entry.body;
+    auto state = std::make_shared<Try>();
+    if (env_.http) {
+        env_.http->send(std::move(request), [state](platform::HttpResult r) {
+            std::lock_guard lock(state->mutex);
+            state->result = std::move(r);
+            state->cv.notify_all();
+        });
+    } else {
+        state->result = platform::HttpResult{};
+    }
+    platform::HttpResult result;
+    {
+        std::unique_lock lock(state->mutex);
+        while (!state->result) {
+            state->cv.wait_for(lock, std::chrono::milliseconds(50));
+            std::lock_guard stopLock(mutex_);
+            if (stop_) return;  // left to the next outbox; the reply may still come
+        }
+        result = std::move(*state->result);
+    }
+    const bool confirmed = result.response && result.response->statusCode == 200 && !result.error;
+    auto waiter = std::exchange(p.waiter, nullptr);
+    if (confirmed) {
+        if (p.entry.id != 0) store_->remove(p.entry.id);
+        (p.entry.kind == platform::OutboxKind::trip ? trips_ : records_) -=
+            p.entry.kind == platform::OutboxKind::trip ? 1 : p.entry.records;
+        auto it = std::find_if(entries_.begin(), entries_.end(),
+                               [&](const Pending& q) { return &q == &p; });
+        entries_.erase(it);
+        announce();
+    } else {
+        p.tries += 1;
+        p.due = env_.clock->now() + delayAfter(p.tries);
+    }
+    if (waiter) waiter(std::move(result));
+}
+
+void Outbox::run() {
+    if (!entries_.empty() || !problem_.empty()) announce();
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        if (stop_) break;
+        if (!incoming_.empty()) {
+            auto batch = std::move(incoming_);
+            incoming_.clear();
+            lock.unlock();
+            write(std::move(batch));
+            lock.lock();
+            continue;
+        }
+        wake_ = false;
+        lock.unlock();
+        // Reachability coming back makes everything due now.
+        const bool online = reachable();
+        const auto now = env_.clock->now();
+        if (online && !wasReachable_) {
+            for (auto& p : entries_) p.due = now;
+        }
+        wasReachable_ = online;
+        // The oldest entry that is due; a first try goes out even offline, so that its
+        // submitter hears the outcome it always heard.
+        auto next = std::find_if(entries_.begin(), entries_.end(), [&](const Pending& p) {
+            return p.due <= now && (p.tries == 0 || online);
+        });
+        if (next != entries_.end()) {
+            attempt(*next);
+            lock.lock();
+            continue;
+        }
+        lock.lock();
+        if (stop_ || !incoming_.empty() || wake_) continue;
+        idle_ = true;
+        idleCv_.notify_all();
+        cv_.wait_for(lock, options_.poll, [&] { return stop_ || wake_ || !incoming_.empty(); });
+        idle_ = false;
+    }
+    idle_ = true;
+    idleCv_.notify_all();
+}
+
+}  // namespace kestrelvue::detail
