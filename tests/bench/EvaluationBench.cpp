@@ -2,9 +2,11 @@
 // detached engine: with nobody observing "showMotionData", and with one observer.
 
 #include <benchmark/benchmark.h>
+#include <kestrelvue/posix/SqliteOutboxStore.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <new>
 #include <random>
 #include <vector>
@@ -37,10 +39,30 @@ std::vector<platform::DeviceMotion> drive() {
     return samples;
 }
 
-void evaluate(benchmark::State& state, bool observed) {
+// Answers every upload with 200 at once.
+class InstantHttp final : public platform::HttpClient {
+public:
+    void send(platform::HttpRequest, platform::HttpCompletion completion) override {
+        completion(test::ScriptedHttpClient::reply(200, ""));
+    }
+};
+
+enum class Upload { none, direct, outbox };
+
+void evaluate(benchmark::State& state, bool observed, Upload upload = Upload::none) {
     test::EngineHarness h;
+    const auto dir = std::filesystem::temp_directory_path() / "kv-evaluation-bench-outbox";
+    std::filesystem::remove_all(dir);
+    if (upload != Upload::none) h.env.http = std::make_shared<InstantHttp>();
+    if (upload == Upload::outbox) {
+        h.env.outboxDirectory = dir.string();
+        h.env.makeOutboxStore = [](const std::string& d) {
+            return std::make_unique<posix::SqliteOutboxStore>(d);
+        };
+    }
     auto engine = h.makeEngine();
-    engine->setBulkMotionDataSize(1'000'000'000);  // no upload inside the timing
+    // Without uploads the timing holds the evaluation alone; with them, a bulk every 1000.
+    engine->setBulkMotionDataSize(upload == Upload::none ? 1'000'000'000 : 1000);
     engine->setCurrentLocation(h.fix(41.0, 29.0, 5));
     engine->setTimeElapsedSinceStart(platform::DateComponents{0, 12, 30});
     DrivingInsightTestAccess::setOrientation(*engine, 5, 1);
@@ -85,6 +107,18 @@ void BM_Evaluate_OneObserver(benchmark::State& state) {
     evaluate(state, true);
 }
 BENCHMARK(BM_Evaluate_OneObserver);
+
+// Bulks of 1000 sent straight to the client, against the same written to the durable outbox
+// first (off the sampling thread): the outbox must not slow the per-sample path.
+void BM_Evaluate_UploadDirect(benchmark::State& state) {
+    evaluate(state, false, Upload::direct);
+}
+BENCHMARK(BM_Evaluate_UploadDirect);
+
+void BM_Evaluate_UploadOutbox(benchmark::State& state) {
+    evaluate(state, false, Upload::outbox);
+}
+BENCHMARK(BM_Evaluate_UploadOutbox);
 
 }  // namespace
 }  // namespace kestrelvue
