@@ -74,33 +74,6 @@ TEST_F(AccountIntegration, LoginWithAndWithoutIdAndUserTypeId) {
     EXPECT_EQ(bodyOf(requests[0]), (Object{{"Mobile", "5551234567"}, {"Token", "t0k3n"}}));
 }
 
-TEST_F(AccountIntegration, LoginFailures) {
-    // Offline: reported on this thread before login returns, and nothing is sent.
-    setOnline(false);
-    account->login("5551234567", "t0k3n");
-    auto events = delegate->events();
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].operation, "userLoginDidFail");
-    EXPECT_EQ(events[0].errorCode, 1000);
-    EXPECT_EQ(events[0].errorTitle, "Kullanıcı doğrulanamadı");
-    EXPECT_EQ(events[0].errorMessage, "Lütfen internet bağlantınızı kontrol ediniz!");
-    EXPECT_EQ(server.requestCount(), 0u);
-
-    setOnline(true);
-    server.enqueue("/api/User/LoginWithToken", ScriptedReply::text("Süre doldu", 403));
-    server.enqueue("/api/User/LoginWithToken", ScriptedReply::text("Geçersiz numara", 400));
-    account->login("5551234567", "t0k3n");
-    delegate->waitFor(2);
-    account->login("5551234567", "t0k3n");
-    events = delegate->waitFor(3);
-    ASSERT_EQ(events.size(), 3u);
-    EXPECT_EQ(events[1].errorMessage, "expired");
-    EXPECT_EQ(events[2].operation, "userLoginDidFail");
-    EXPECT_EQ(events[2].errorMessage, "Geçersiz numara");
-    EXPECT_EQ(account->Id(), 0);
-    EXPECT_EQ(account->Type(), UserType::driver);
-}
-
 TEST_F(AccountIntegration, RegistrationOfAFemaleAccountThroughAPublicInitialiserAccount) {
     server.reply("/api/User/AddUser", ScriptedReply::text("812"));
     User registrant("Ayşe", "Yılmaz", "ayse@example.org", GenderType::female, "REF-2", env, *call);

@@ -72,27 +72,10 @@ TEST_F(HistoryTest, ReplyBecomesTheHistoryAndTheLastTrip) {
     EXPECT_EQ(a.StartDateTime, utc(2018, 3, 5, 11, 7, 0));
     EXPECT_EQ(a.StartDateTime_Formatted, "05.03.2018 14:07");
     EXPECT_EQ(a.EndDateTime, utc(2018, 3, 5, 11, 32, 13));
-    EXPECT_EQ(a.SharpBrakingPenalty, 3.0);
-    EXPECT_EQ(a.SharpBrakingPenaltyPerKM, 0.0);
     EXPECT_EQ(a.TimeElapsedTotalDistance_Formatted, "0:25:13 sn, 12.4 km");
-    EXPECT_EQ(a.StartAnnotation->coordinate, (platform::Coordinate{41.0, 29.0}));
-    EXPECT_EQ(a.StartAnnotation->subtitle, "Başlangıç");
-    EXPECT_EQ(a.EndAnnotation->subtitle, "Bitiş");
     EXPECT_EQ(a.getPassedCoordinatesURL, server.url("/api/Driving/getPassedCoordinates"));
     EXPECT_EQ(report.history[1]->DrivingID, "b");
     EXPECT_TRUE(host->settled(1));
-}
-
-TEST_F(HistoryTest, EmptyListReportsAnEmptyHistoryAndKeepsTheLastTrip) {
-    server.reply("/api/Driving/getDriving/0", ScriptedReply::json("[]"));
-    const auto last = engine->LastTrip();
-    engine->setTripHistory({std::make_shared<Trip>(env)});
-    engine->getTripHistory();  // a userID of 0 is asked for as it is
-    ASSERT_TRUE(host->waitFor(1));
-    EXPECT_EQ(host->reports().at(0).kind, "history");
-    EXPECT_TRUE(host->reports().at(0).history.empty());
-    EXPECT_TRUE(engine->TripHistory().empty());
-    EXPECT_EQ(engine->LastTrip(), last);
 }
 
 TEST_F(HistoryTest, StatusWithoutBodyReportsNothing) {

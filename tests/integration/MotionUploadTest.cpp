@@ -192,22 +192,6 @@ TEST_F(MotionUpload, RecordsAppendedDuringAFlushAreNeitherLostNorSentTwice) {
     EXPECT_NE(scores[0].body.find(secondTrip), std::string::npos);
 }
 
-TEST_F(MotionUpload, FailureNotificationsWithoutAnErrorTextReportAnEmptyText) {
-    SetUpEngine(1000);
-    start();
-    const std::vector<UserInfo> infos = {
-        std::nullopt,
-        Object{},
-        Object{{"error", Value(TransportError{"curl", 7, "refused"})}},
-        Object{{"error", Value(12)}},
-    };
-    for (const auto& info : infos) env_.notifications->post("motionDataSyncFailed", nullptr, info);
-    const auto failed = delegate_->reports("tripDidFail");
-    ASSERT_EQ(failed.size(), infos.size());
-    for (const auto& f : failed)
-        EXPECT_EQ(f.message, "Sürüş Bilgisi Sunucuya iletilemedi. Error Code:1008 - ");
-}
-
 TEST_F(MotionUpload, TransportFailureWhileDrivingCarriesTheOptionalError) {
     server_.reply(kMotionPath, ScriptedReply::dropped(ScriptedReply::Drop::beforeReply));
     SetUpEngine(5);
