@@ -4,9 +4,9 @@
 #include <kestrelvue/MotionData.h>
 
 #include <bit>
-#include <cmath>
 #include <chrono>
 #include <clocale>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -153,8 +153,14 @@ TEST(MotionText, IntegerMatchesSnprintf) {
 // Random records, with now and then a value a format gets wrong first: NaN, infinities, -0, a
 // tiny negative, a huge number.
 MotionDataItem randomRecord(std::mt19937_64& rng) {
-    const double specials[] = {std::numeric_limits<double>::quiet_NaN(), HUGE_VAL, -HUGE_VAL,
-                               -0.0, -0.0004, 123456.5, -1.0, 1e15};
+    const double specials[] = {std::numeric_limits<double>::quiet_NaN(),
+                               HUGE_VAL,
+                               -HUGE_VAL,
+                               -0.0,
+                               -0.0004,
+                               123456.5,
+                               -1.0,
+                               1e15};
     std::uniform_real_distribution<double> uniform(-2.0, 2.0);
     auto d = [&](std::mt19937_64& g) { return g() % 16 ? uniform(g) : specials[g() % 8]; };
     std::uniform_real_distribution<double> deg(-180.0, 180.0);
@@ -179,11 +185,10 @@ MotionDataItem randomRecord(std::mt19937_64& rng) {
           &fault.sharpLaneChangingPenaltyPerKM, &fault.fuelEfficiencyPenaltyPerKM})
         *p = rng() % 2 ? 0.0 : d(rng) * 5;
     const auto id = static_cast<std::int64_t>(rng() % 200000000) - 1000;
-    return MotionDataItem(id, {d(rng), d(rng), d(rng)},
-                          {d(rng), d(rng), d(rng)}, {d(rng), d(rng), d(rng) * 2},
-                          {d(rng), d(rng), d(rng)}, loc, fault, t0 + milliseconds(ms(rng)),
-                          static_cast<int>(rng() % 10) - 1, static_cast<int>(rng() % 1002) - 1,
-                          d(rng) * 100);
+    return MotionDataItem(id, {d(rng), d(rng), d(rng)}, {d(rng), d(rng), d(rng)},
+                          {d(rng), d(rng), d(rng) * 2}, {d(rng), d(rng), d(rng)}, loc, fault,
+                          t0 + milliseconds(ms(rng)), static_cast<int>(rng() % 10) - 1,
+                          static_cast<int>(rng() % 1002) - 1, d(rng) * 100);
 }
 
 TEST(MotionText, RecordsMatchSnprintfAndStrftime) {
