@@ -198,28 +198,24 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
         if (options.progress) options.progress(line);
     };
 
-    auto clock = std::make_shared<sim::VirtualClock>(
+    // The simulated phone, as the tests build it; the replay adds a real HTTP client and random
+    // trip identifiers, and starts the clock at the present second.
+    sim::Platform phone;
+    phone.clock->setNow(
         time_point_cast<system_clock::duration>(floor<seconds>(system_clock::now())));
-    auto queue = std::make_shared<sim::MainQueue>();
-    auto motion = std::make_shared<sim::MotionSource>();
-    auto location = std::make_shared<sim::LocationManager>();
-    auto device = std::make_shared<sim::Device>();
-    device->setOrientation(platform::DeviceOrientation(5));
+    phone.device->setOrientation(platform::DeviceOrientation(5));
+    const auto& clock = phone.clock;
+    const auto& queue = phone.queue;
+    const auto& motion = phone.motion;
 
     Environment env;
-    env.clock = clock;
+    phone.installInto(env);
     env.ids = std::make_shared<platform::RandomIdGenerator>();
     env.http = std::make_shared<posix::CurlHttpClient>();
     // The replay talks to a server it was pointed at; no default route is needed for that.
     env.reachability =
         std::make_shared<platform::FixedReachabilityProbe>(platform::kReachabilityFlagsReachable);
-    env.mainQueue = queue;
     env.notifications = NotificationCenter::make();
-    env.makeMotionManager = [motion] { return motion; };
-    env.makeLocationManager = [location] { return location; };
-    env.geocoder = std::make_shared<sim::Geocoder>(queue);
-    env.application = std::make_shared<sim::Application>();
-    env.device = device;
     Object info{{std::string(kBaseURLKey), options.baseURL},
                 {"CFBundleShortVersionString", "kestrelvue-replay"},
                 {"CFBundleDisplayName", "Kestrelvue"}};

@@ -29,9 +29,6 @@
 
 namespace kestrelvue::test {
 
-// The main queue tests drain by hand is the simulated platform's.
-using ManualExecutor = sim::MainQueue;
-
 struct RecordedNotification {
     std::string name;
     const void* object = nullptr;

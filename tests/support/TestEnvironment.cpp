@@ -12,14 +12,14 @@ Environment makeTestEnvironment(const std::string& baseURL, posix::CurlHttpClien
     env.ids = std::make_shared<platform::RandomIdGenerator>();
     env.http = std::make_shared<posix::CurlHttpClient>(http);
     env.reachability = reachableProbe();
-    env.mainQueue = std::make_shared<ManualExecutor>();
+    env.mainQueue = std::make_shared<sim::MainQueue>();
     env.notifications = NotificationCenter::make();
     env.applicationInfo = Object{{std::string(kBaseURLKey), Value(baseURL)}};
     return env;
 }
 
-std::shared_ptr<ManualExecutor> mainQueueOf(const Environment& env) {
-    return std::dynamic_pointer_cast<ManualExecutor>(env.mainQueue);
+std::shared_ptr<sim::MainQueue> mainQueueOf(const Environment& env) {
+    return std::dynamic_pointer_cast<sim::MainQueue>(env.mainQueue);
 }
 
 std::shared_ptr<platform::ReachabilityProbe> reachableProbe() {

@@ -4,7 +4,7 @@
 //   TestServer server;
 //   Environment env = makeTestEnvironment(server);
 //   // env.applicationInfo[kBaseURLKey] == server.baseURL(); fresh NotificationCenter;
-//   // FixedReachabilityProbe answering "reachable"; a real CurlHttpClient; a ManualExecutor as the
+//   // FixedReachabilityProbe answering "reachable"; a real CurlHttpClient; a sim::MainQueue as the
 //   // main queue (mainQueueOf(env)->runUntilIdle()); system clock and random identifiers.
 //   env.reachability = offlineProbe();       // adjust whatever the test needs
 //   RestfulCall call = makeRestfulCall(env); // a gateway of its own, not the shared instance
@@ -28,8 +28,8 @@ Environment makeTestEnvironment(const TestServer& server, posix::CurlHttpClient:
 Environment makeTestEnvironment(const std::string& baseURL,
                                 posix::CurlHttpClient::Options http = {});
 
-/// The environment's main queue as the ManualExecutor makeTestEnvironment put there.
-std::shared_ptr<ManualExecutor> mainQueueOf(const Environment& env);
+/// The environment's main queue as the sim::MainQueue makeTestEnvironment put there.
+std::shared_ptr<sim::MainQueue> mainQueueOf(const Environment& env);
 
 /// Probes for the common answers.
 std::shared_ptr<platform::ReachabilityProbe> reachableProbe();
