@@ -192,7 +192,8 @@ void Outbox::run() {
     if (!entries_.empty() || !problem_.empty()) announce();
     std::unique_lock lock(mutex_);
     for (;;) {
-        if (stop_) break;
+        // Submissions are written even when stopping: their records have left the engine.
+        if (stop_ && incoming_.empty()) break;
         if (!incoming_.empty()) {
             auto batch = std::move(incoming_);
             incoming_.clear();
