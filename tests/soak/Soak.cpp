@@ -1,0 +1,370 @@
+// The fault soak: many simulated trips through the real engine against the reference service,
+// behind an in-process fault layer that, from a fixed seed, answers 500, drops a request before
+// or after the service stored it, times out after the service stored it, truncates the reply,
+// and takes the service away for seconds at a time. With the outbox on, some hosts are ended
+// while their trip is still being delivered and a new one starts over the same directory.
+//
+//   kestrelvue_soak [--trips N] [--seed S] [--samples N] [--outbox on|off] [--check]
+//
+// It prints records made, stored, lost and stored twice, trips completed and in the service's
+// history, and the reports the host received. --check fails when the outbox is on and anything
+// was lost.
+
+#include <kestrelvue/DrivingInsight.h>
+#include <kestrelvue/Environment.h>
+#include <kestrelvue/Json.h>
+#include <kestrelvue/posix/CurlHttpClient.h>
+#include <kestrelvue/posix/SqliteOutboxStore.h>
+#include <kestrelvue/service/ReferenceService.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "engine/Outbox.h"
+#include "platform/sim/Sim.h"
+
+using namespace kestrelvue;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr const char* kMotionPath = "/api/Driving/addMotionData";
+constexpr const char* kScorePath = "/api/Driving/addDrivingScore";
+
+// What the service stored, as seen at the fault layer: every motion record by trip and item,
+// every trip record by trip.
+struct Ledger {
+    std::mutex mutex;
+    std::multiset<std::pair<std::string, long long>> records;
+    std::multiset<std::string> trips;
+
+    void note(const platform::HttpRequest& request) {
+        auto parsed = json::parse(request.body.value_or(""));
+        if (!parsed) return;
+        const Value& body = *parsed.value;
+        std::lock_guard lock(mutex);
+        if (request.url.find(kScorePath) != std::string::npos) {
+            if (const Value* g = body.find("drivingGuid"); g && g->asString()) {
+                trips.insert(*g->asString());
+            }
+            return;
+        }
+        const Value* guid = body.find("DrivingGuid");
+        const Value* text = body.find("MotionStr");
+        if (!guid || !text || !guid->asString() || !text->asString()) return;
+        const std::string& motion = *text->asString();
+        std::size_t start = 0;
+        while (start < motion.size()) {
+            std::size_t end = motion.find(';', start);
+            if (end == std::string::npos) break;
+            // The item identifier is the record's 23rd field.
+            std::size_t f = start;
+            for (int i = 0; i < 22 && f < end; ++i) f = motion.find(',', f) + 1;
+            records.insert({*guid->asString(), std::atoll(motion.c_str() + f)});
+            start = end + 1;
+        }
+    }
+};
+
+// Faults chosen per request from a fixed seed, in front of the real client.
+class FaultLayer final : public platform::HttpClient {
+public:
+    FaultLayer(std::shared_ptr<platform::HttpClient> inner, unsigned seed, Ledger& ledger,
+               std::shared_ptr<platform::Clock> clock)
+        : inner_(std::move(inner)), rng_(seed), ledger_(ledger), clock_(std::move(clock)) {}
+
+    void send(platform::HttpRequest request, platform::HttpCompletion completion) override {
+        enum Fault { pass, status500, dropBefore, dropAfter, timeout, truncate };
+        Fault fault = pass;
+        bool down = false;
+        {
+            std::lock_guard lock(mutex_);
+            // Now and then the service goes away for five to thirty seconds of the host's time.
+            const auto now = clock_->now();
+            if (now >= downUntil_ && std::uniform_int_distribution<int>(0, 39)(rng_) == 0) {
+                downUntil_ =
+                    now + std::chrono::seconds(std::uniform_int_distribution<int>(5, 30)(rng_));
+            }
+            down = now < downUntil_;
+            const int roll = std::uniform_int_distribution<int>(0, 99)(rng_);
+            if (roll < 7)
+                fault = status500;
+            else if (roll < 14)
+                fault = dropBefore;
+            else if (roll < 21)
+                fault = dropAfter;
+            else if (roll < 28)
+                fault = timeout;
+            else if (roll < 35)
+                fault = truncate;
+        }
+        const bool upload = request.method == "POST";
+        if (down || fault == status500 || fault == dropBefore) {
+            platform::HttpResult r;
+            if (fault == status500 && !down) {
+                r.response = platform::HttpResponse{500, {}};
+                r.body = std::string("fault");
+            } else {
+                r.error = TransportError{platform::kTransportErrorDomain,
+                                         down ? platform::kTransportCannotConnectToHost
+                                              : platform::kTransportConnectionLost,
+                                         "fault layer"};
+            }
+            ++injected_;
+            // Never on the caller's thread, as the client's contract says.
+            later(std::move(completion), std::move(r));
+            return;
+        }
+        auto copy = request;
+        inner_->send(
+            std::move(request), [this, fault, upload, copy = std::move(copy),
+                                 completion = std::move(completion)](platform::HttpResult r) {
+                const bool stored = upload && r.response && r.response->statusCode == 200;
+                if (stored) ledger_.note(copy);
+                if (fault == dropAfter || fault == timeout) {
+                    ++injected_;
+                    r = platform::HttpResult{};
+                    r.error = TransportError{platform::kTransportErrorDomain,
+                                             fault == timeout ? platform::kTransportTimedOut
+                                                              : platform::kTransportConnectionLost,
+                                             "fault layer"};
+                } else if (fault == truncate && r.body && !r.body->empty()) {
+                    ++injected_;
+                    r.body->resize(r.body->size() / 2);
+                }
+                completion(std::move(r));
+            });
+    }
+    int injected() const { return injected_.load(); }
+
+    /// Ends the client (answering what is in flight) and the thread of injected answers.
+    void shutdown() {
+        inner_.reset();
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        cv_.notify_all();
+        if (completer_.joinable()) completer_.join();
+    }
+
+private:
+    void later(platform::HttpCompletion completion, platform::HttpResult result) {
+        {
+            std::lock_guard lock(mutex_);
+            queued_.emplace_back(std::move(completion), std::move(result));
+            if (!completer_.joinable()) completer_ = std::thread([this] { complete(); });
+        }
+        cv_.notify_all();
+    }
+    void complete() {
+        std::unique_lock lock(mutex_);
+        for (;;) {
+            cv_.wait(lock, [&] { return stopping_ || !queued_.empty(); });
+            if (queued_.empty()) return;
+            auto [completion, result] = std::move(queued_.front());
+            queued_.pop_front();
+            lock.unlock();
+            completion(std::move(result));
+            lock.lock();
+        }
+    }
+
+    std::shared_ptr<platform::HttpClient> inner_;
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::deque<std::pair<platform::HttpCompletion, platform::HttpResult>> queued_;
+    bool stopping_ = false;
+    std::thread completer_;
+    std::mt19937 rng_;
+    platform::TimePoint downUntil_{};
+    Ledger& ledger_;
+    std::shared_ptr<platform::Clock> clock_;
+    std::atomic<int> injected_{0};
+};
+
+struct Reports final : DrivingInsightDelegate {
+    std::mutex mutex;
+    std::map<std::string, int> count;
+    void tripDidFinish(std::shared_ptr<Trip>) override { add("tripDidFinish"); }
+    void tripDidFail(std::int64_t code, const std::string&, const std::string&,
+                     std::shared_ptr<platform::Alert>) override {
+        add("tripDidFail " + std::to_string(code));
+    }
+    void add(const std::string& what) {
+        std::lock_guard lock(mutex);
+        ++count[what];
+    }
+};
+
+struct Options {
+    int trips = 40;
+    unsigned seed = 13;
+    int samples = 2500;
+    bool outbox = true;
+    bool check = false;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options o;
+    for (int i = 1; i + 1 <= argc; ++i) {
+        const std::string a = argv[i];
+        const char* v = i + 1 < argc ? argv[i + 1] : "";
+        if (a == "--trips")
+            o.trips = std::atoi(v), ++i;
+        else if (a == "--seed")
+            o.seed = static_cast<unsigned>(std::atol(v)), ++i;
+        else if (a == "--samples")
+            o.samples = std::atoi(v), ++i;
+        else if (a == "--outbox")
+            o.outbox = std::string(v) != "off", ++i;
+        else if (a == "--check")
+            o.check = true;
+        else {
+            std::fprintf(stderr,
+                         "usage: %s [--trips N] [--seed S] [--samples N] "
+                         "[--outbox on|off] [--check]\n",
+                         argv[0]);
+            return 2;
+        }
+    }
+    namespace fs = std::filesystem;
+    const fs::path dir = fs::temp_directory_path() / ("kv-soak-" + std::to_string(::getpid()));
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+
+    service::ServiceOptions serviceOptions;
+    serviceOptions.databasePath = (dir / "service.sqlite").string();
+    service::ReferenceService service(serviceOptions);
+    if (!service.start()) {
+        std::fprintf(stderr, "soak: the service does not start: %s\n", service.error().c_str());
+        return 1;
+    }
+
+    Ledger ledger;
+    posix::CurlHttpClient::Options httpOptions;
+    sim::Platform sim;
+    auto faults = std::make_shared<FaultLayer>(std::make_shared<posix::CurlHttpClient>(httpOptions),
+                                               o.seed, ledger, sim.clock);
+    Environment env;
+    sim.installInto(env);
+    env.http = faults;
+    env.reachability =
+        std::make_shared<platform::FixedReachabilityProbe>(platform::kReachabilityFlagsReachable);
+    env.notifications = NotificationCenter::make();
+    env.applicationInfo = Object{{std::string(kBaseURLKey), Value(service.baseURL())},
+                                 {"BulkMotionDataSize", Value(1000LL)}};
+    if (o.outbox) {
+        env.outboxDirectory = (dir / "outbox").string();
+        env.makeOutboxStore = [](const std::string& d) {
+            return std::make_unique<posix::SqliteOutboxStore>(d);
+        };
+    }
+    std::atomic<int> completed{0};
+    auto token = env.notifications->addObserver("tripEndedSuccessfully",
+                                                [&](const Notification&) { ++completed; });
+    auto reports = std::make_shared<Reports>();
+    std::mt19937 rng(o.seed);
+
+    auto makeEngine = [&] {
+        auto engine = DrivingInsight::makeDetached(env);
+        engine->setDrivingInsightDelegate(reports);
+        engine->setUserID(4242);
+        sim.queue->runUntilIdle();
+        return engine;
+    };
+    auto engine = makeEngine();
+    long long made = 0;
+    int restarts = 0;
+    for (int trip = 0; trip < o.trips; ++trip) {
+        if (!engine->startTrip()) continue;
+        platform::Location fix;
+        fix.coordinate = {41.0 + trip * 0.01, 29.0};
+        fix.horizontalAccuracy = 5;
+        fix.verticalAccuracy = 5;
+        fix.speed = 13.5;
+        fix.timestamp = sim.clock->now();
+        engine->didUpdateLocations({fix});
+        sim.queue->runUntilIdle();
+        for (int s = 0; s < o.samples; ++s) {
+            sim.clock->advance(500ms);
+            platform::DeviceMotion m;
+            m.attitude = {0.001 * (s % 100), -0.002, 0.5};
+            m.gravity = {0, 0, -1};
+            if (sim.motion->push(m)) ++made;
+            sim.queue->runUntilIdle();
+        }
+        sim.geocoder->enqueueAnswer(sim::Geocoder::placemark({"Bitiş Cd. 1", "İstanbul"}));
+        engine->stopTrip();
+        sim.queue->runUntilIdle();
+        const int choice = std::uniform_int_distribution<int>(0, 3)(rng);
+        if (o.outbox && choice == 0) {
+            // The host is ended while the trip is still on its way, and starts again.
+            engine.reset();
+            engine = makeEngine();
+            ++restarts;
+        } else if (choice != 1) {
+            // Otherwise the next trip starts at once, while this one may still be flushing.
+            std::this_thread::sleep_for(50ms);
+        }
+    }
+
+    // Let what is still on its way arrive: the virtual clock runs ten seconds per 20 ms.
+    const auto deadline = std::chrono::steady_clock::now() + 60s;
+    auto outbox = detail::Outbox::existing(env);
+    while (std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(20ms);
+        sim.clock->advance(10s);
+        sim.queue->runUntilIdle();
+        if (outbox) {
+            outbox->wake();
+            const auto left = outbox->pending();
+            if (left.records == 0 && left.trips == 0) break;
+        } else if (std::chrono::steady_clock::now() > deadline - 55s) {
+            break;  // nothing is tried again without the outbox: 5 s for replies in flight
+        }
+    }
+    std::this_thread::sleep_for(500ms);
+    engine.reset();
+    outbox.reset();
+
+    std::set<std::pair<std::string, long long>> unique;
+    std::size_t storedAll = 0, tripsStored = 0;
+    {
+        std::lock_guard lock(ledger.mutex);
+        unique.insert(ledger.records.begin(), ledger.records.end());
+        storedAll = ledger.records.size();
+        tripsStored = std::set<std::string>(ledger.trips.begin(), ledger.trips.end()).size();
+    }
+    const long long lost = made - static_cast<long long>(unique.size());
+    std::printf("outbox %s, seed %u, %d trips, %d host restarts, %d faults injected\n",
+                o.outbox ? "on" : "off", o.seed, o.trips, restarts, faults->injected());
+    std::printf("records made %lld, stored %zu, lost %lld, stored twice %zu\n", made, unique.size(),
+                lost, storedAll - unique.size());
+    std::printf("trips completed %d, trips in the history %zu\n", completed.load(), tripsStored);
+    std::printf("reports:");
+    for (const auto& [what, n] : reports->count) std::printf(" %s %d;", what.c_str(), n);
+    std::printf("\n");
+    faults->shutdown();
+    service.stop();
+    fs::remove_all(dir);
+    if (o.check && o.outbox && (lost != 0 || tripsStored != static_cast<std::size_t>(completed))) {
+        std::fprintf(stderr, "soak: the outbox lost something\n");
+        return 1;
+    }
+    return 0;
+}
