@@ -1,5 +1,6 @@
 #include "engine/Outbox.h"
 
+#include <kestrelvue/Url.h>
 #include <kestrelvue/platform/ReachabilityProbe.h>
 
 #include <algorithm>
@@ -147,7 +148,10 @@ void Outbox::write(std::vector<Submission> batch) {
 void Outbox::attempt(Pending& p) {
     platform::HttpRequest request;
     request.method = "POST";
-    request.url = p.entry.url;
+    // To the service the environment names now: a drive recorded against one address (or
+    // offline) is delivered to wherever the host points later.
+    const auto url = parseUrl(p.entry.url);
+    request.url = url ? env_.baseURL() + url->pathAndQuery : p.entry.url;
     request.setValue("application/json", "Content-Type");
     request.setValue("application/json", "Accept");
     request.body = p.entry.body;
