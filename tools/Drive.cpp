@@ -12,6 +12,7 @@
 #include <random>
 #include <sstream>
 
+#include "Outbox.h"
 #include "platform/sim/Sim.h"
 
 namespace kestrelvue::tools {
@@ -221,6 +222,7 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
                 {"CFBundleDisplayName", "Kestrelvue"}};
     if (options.bulkMotionDataSize) info.emplace("BulkMotionDataSize", *options.bulkMotionDataSize);
     env.applicationInfo = std::move(info);
+    if (!options.outboxDirectory.empty()) useOutbox(env, options.outboxDirectory);
 
     std::mutex thresholdMutex;
     std::condition_variable thresholdCv;

@@ -57,6 +57,9 @@ struct ReplayOptions {
     std::function<void(const std::string&)> progress;
     /// Also report the engine's notifications (uploads, completion steps) as progress lines.
     bool verbose = false;
+    /// When set, the durable outbox's directory: what the service does not confirm stays there
+    /// for `kestrelvue outbox DIR`.
+    std::string outboxDirectory;
 };
 
 struct ReplayResult {

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "Drive.h"
+#include "Outbox.h"
 
 namespace {
 
@@ -30,7 +31,8 @@ int usage(int code) {
         "  kestrelvue serve    [--db FILE] [--host ADDRESS] [--port N]\n"
         "  kestrelvue simulate [--seconds N] [--seed N]\n"
         "  kestrelvue replay   DRIVE [--server URL] [--user ID] [--bulk N] [--db FILE] [--verbose "
-        "1]\n",
+        "1] [--outbox DIR]\n"
+        "  kestrelvue outbox   DIR [--server URL] [--wait SECONDS]\n",
         code == 0 ? stdout : stderr);
     return code;
 }
@@ -112,6 +114,7 @@ int replay(const Args& args) {
     options.userID = user;
     if (bulk >= 0) options.bulkMotionDataSize = bulk;
     options.verbose = args.count("verbose") && args.at("verbose") != "0";
+    if (args.count("outbox")) options.outboxDirectory = args.at("outbox");
     options.progress = [](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); };
 
     std::unique_ptr<kestrelvue::service::ReferenceService> service;
@@ -161,5 +164,12 @@ int main(int argc, char** argv) {
     if (command == "serve") return serve(args);
     if (command == "simulate") return simulate(args);
     if (command == "replay") return replay(args);
+    if (command == "outbox") {
+        long long wait = 30;
+        if (!args.count("") || !toInt(args, "wait", wait)) return usage(2);
+        return kestrelvue::tools::deliverOutbox(args[""],
+                                                args.count("server") ? args["server"] : "",
+                                                std::chrono::seconds(wait), std::cout);
+    }
     return usage(2);
 }
