@@ -75,7 +75,7 @@ DriveParseResult parseDrive(std::istream& in) {
         if (event.t < 0 || (!drive.events.empty() && event.t < drive.events.back().t)) {
             return fail("time goes backwards");
         }
-        drive.events.push_back(std::move(event));
+        drive.events.push_back(event);
     }
     if (drive.events.empty()) return {std::nullopt, "the drive has no events"};
     return {std::move(drive), {}};

@@ -21,12 +21,13 @@ public:
                                            const std::string& errorMessage) {
         (void)errorCode, (void)errorTitle, (void)errorMessage;
     }
-    virtual void tripDidFinish(std::shared_ptr<Trip> trip) { (void)trip; }
-    virtual void tripDidFail(std::int64_t errorCode, const std::string& errorTitle,
-                             const std::string& errorMessage,
-                             std::shared_ptr<platform::Alert> alertController) {
-        (void)errorCode, (void)errorTitle, (void)errorMessage, (void)alertController;
-    }
+    // The host's overrides take these by value, so the defaults do too.
+    // NOLINTBEGIN(performance-unnecessary-value-param)
+    virtual void tripDidFinish(std::shared_ptr<Trip> /*trip*/) {}
+    virtual void tripDidFail(std::int64_t /*errorCode*/, const std::string& /*errorTitle*/,
+                             const std::string& /*errorMessage*/,
+                             std::shared_ptr<platform::Alert> /*alertController*/) {}
+    // NOLINTEND(performance-unnecessary-value-param)
 };
 
 /// Receives the trip history. Both operations must be implemented: a host that asks for the

@@ -28,7 +28,7 @@ void replyJson(httplib::Response& res, const Value& value) {
         res.set_content("non-finite number in reply", kText);
         return;
     }
-    res.set_content(std::move(body), kJson);
+    res.set_content(body, kJson);
 }
 
 /// The request body as a JSON object, or nullopt after answering 400.

@@ -186,7 +186,7 @@ void DrivingInsight::setDrivingInsightDelegate(std::shared_ptr<DrivingInsightDel
 #define KV_SETTER(Type, Name, field)        \
     void DrivingInsight::Name(Type value) { \
         std::lock_guard lock(mutex_);       \
-        field = std::move(value);           \
+        (field) = std::move(value);         \
     }
 
 KV_GETTER(std::int64_t, UserID, userID)
@@ -247,7 +247,7 @@ void DrivingInsight::setSummaryDataRecord(const kestrelvue::SummaryData& value) 
 
 void DrivingInsight::setCurrentLocation(std::optional<platform::Location> value) {
     std::lock_guard lock(mutex_);
-    setCurrentLocationLocked(std::move(value));
+    setCurrentLocationLocked(value);
 }
 
 void DrivingInsight::setTraveledDistanceSinceLastLocation(double value) {

@@ -47,7 +47,7 @@ void DrivingInsight::didUpdateLocations(const std::vector<platform::Location>& l
 
 void DrivingInsight::setCurrentLocationLocked(std::optional<platform::Location> value) {
     if (currentLocation && value) calculateSpeedWhenLocationChanged(*currentLocation, *value);
-    currentLocation = std::move(value);
+    currentLocation = value;
 }
 
 void DrivingInsight::setTraveledDistanceSinceLastLocationLocked(double value) {

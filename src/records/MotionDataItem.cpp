@@ -23,7 +23,7 @@ thread_local CachedSecond tCache[4];
 thread_local std::uint64_t tConversions = 0;
 
 char* writeTwoDigits(char* out, int v) {
-    std::memcpy(out, kDigitPairs + 2 * v, 2);
+    std::memcpy(out, kDigitPairs + 2 * static_cast<std::ptrdiff_t>(v), 2);
     return out + 2;
 }
 

@@ -27,7 +27,7 @@ std::int64_t daysFromCivil(std::int64_t y, unsigned m, unsigned d) {
 std::int64_t localSeconds(const LocalDateTime& l) {
     return daysFromCivil(l.year, static_cast<unsigned>(l.month), static_cast<unsigned>(l.day)) *
                86400 +
-           l.hour * 3600 + l.minute * 60 + l.second;
+           std::int64_t{l.hour} * 3600 + std::int64_t{l.minute} * 60 + l.second;
 }
 
 std::time_t mktimeOf(const LocalDateTime& l) {
@@ -113,7 +113,8 @@ LocalTimeConverter::Slot LocalTimeConverter::measureDay(std::int64_t day,
     noon.minute = noon.second = 0;
     const std::time_t t = mktimeOf(noon);
     if (t == static_cast<std::time_t>(-1)) return {day, false, 0};
-    const std::int64_t offset = day * 86400 + 12 * 3600 - static_cast<std::int64_t>(t);
+    const std::int64_t offset =
+        day * 86400 + std::int64_t{43200} - static_cast<std::int64_t>(t);  // noon
     haveOffset_ = true;
     lastOffset_ = offset;
     return {day, fits(offset), offset};

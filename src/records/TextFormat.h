@@ -119,7 +119,7 @@ inline char* formatFixed(char* out, double v, int width, int precision, bool spa
         while (digits <= 12 && whole >= kPow10[digits]) ++digits;
         const int length = (sign != 0 ? 1 : 0) + digits + (precision > 0 ? precision + 1 : 0);
         if (length < width) {
-            std::memcpy(out, "                ", 16);  // width <= 16: blanks, digits overwrite
+            std::memset(out, ' ', 16);  // width <= 16: blanks, digits overwrite
         }
         char* const end = out + (length < width ? width : length);
         char* p = end;

@@ -28,7 +28,8 @@ Value listOfObjects(Value root) {
 }
 
 Value objectOrNull(Value root) {
-    return root.isObject() ? root : Value();
+    if (!root.isObject()) return Value();
+    return root;  // moved, not copied: a reply's value can be large
 }
 
 // An optional sign and decimal digits, nothing else, within 64 bits.

@@ -47,7 +47,7 @@ void RestfulCall::Get(const std::string& argURL, const std::string& argObserverN
     request.url = argURL;
     // The completion holds the centre, not this object: a reply may outlive its gateway.
     http_->send(std::move(request), [center = notifications_, name = argObserverName,
-                                     argAsArray](platform::HttpResult result) {
+                                     argAsArray](const platform::HttpResult& result) {
         if (auto info = detail::shapeGetReply(result, argAsArray)) {
             center->post(name, nullptr, std::move(*info));
         }
@@ -79,7 +79,7 @@ void RestfulCall::Post(const std::string& to, const Object& jsondictionary,
     request.body = std::move(body);
 
     http_->send(std::move(request), [center = notifications_, name = observerName, useReturnValue,
-                                     returnType](platform::HttpResult result) {
+                                     returnType](const platform::HttpResult& result) {
         UserInfo info = detail::shapePostReply(result, useReturnValue, returnType);
         center->post(name, nullptr, std::move(info));
     });

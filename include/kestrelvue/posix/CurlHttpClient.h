@@ -27,7 +27,7 @@ class KESTRELVUE_EXPORT CurlHttpClient final : public platform::HttpClient {
 public:
     struct Options {
         /// Largest reply body accepted, after content decoding.
-        std::size_t maxBodyBytes = 64u * 1024u * 1024u;
+        std::size_t maxBodyBytes = std::size_t{64} << 20;
         /// Threads that run completions.
         unsigned completionThreads = 4;
         /// Keep connections open between requests to the same server.

@@ -163,15 +163,18 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<CurlHttpClient::Impl>
         auto t = std::make_unique<Transfer>();
         t->request = std::move(request);
         t->completion = std::move(completion);
+        std::unique_ptr<Transfer> refused;
         {
             std::lock_guard lock(mutex);
-            if (!stopping) {
+            if (stopping) {
+                refused = std::move(t);
+            } else {
                 incoming.push_back(std::move(t));
             }
         }
-        if (t) {
+        if (refused) {
             // The client is going away: still complete exactly once, never on the caller's thread.
-            std::thread([c = std::move(t->completion)] {
+            std::thread([c = std::move(refused->completion)] {
                 HttpResult r;
                 r.error = makeError(platform::kTransportCancelled, "the HTTP client was shut down");
                 c(std::move(r));
@@ -299,7 +302,9 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<CurlHttpClient::Impl>
                 return "header " + name + " contains a line break or colon";
             }
             // curl sends a header with an empty value only in the "Name;" form.
-            std::string line = value.empty() ? name + ";" : name + ": " + value;
+            std::string line = name;
+            line += value.empty() ? ";" : ": ";
+            line += value;
             t.headerList = curl_slist_append(t.headerList, line.c_str());
         }
         curl_easy_setopt(e, CURLOPT_HTTPHEADER, t.headerList);

@@ -143,7 +143,7 @@ bool MotionSource::deliver(std::optional<platform::DeviceMotion> motion,
         handler = handler_;
         session = session_;
     }
-    queue->post([this, session, handler, motion = std::move(motion), error = std::move(error)] {
+    queue->post([this, session, handler, motion, error = std::move(error)] {
         {
             // A sample queued before a stop (or a restart) belongs to a session that is over.
             std::lock_guard lock(mutex_);
