@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The project's test command, and what CI runs: installs missing Debian packages, checks the
 # formatting, builds and runs the whole suite in three configurations (release with warnings as
-# errors and the benchmarks built; AddressSanitizer + UndefinedBehaviorSanitizer; ThreadSanitizer),
+# errors and the benchmarks built, then clang-tidy over its compile commands; AddressSanitizer +
+# UndefinedBehaviorSanitizer; ThreadSanitizer),
 # and builds the fuzz targets with clang and runs each briefly so none of them can rot.
 #   KESTRELVUE_SKIP_SANITIZERS=1  skip the ASan+UBSan and TSan runs (a quick local check)
 #   KESTRELVUE_SKIP_FUZZ=1        skip the fuzz build and run
@@ -41,7 +42,10 @@ step format
 bash scripts/check-format.sh
 bash scripts/test-ratio.sh
 
-suite release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRELVUE_WERROR=ON -DKESTRELVUE_BENCHMARKS=ON
+suite release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRELVUE_WERROR=ON -DKESTRELVUE_BENCHMARKS=ON \
+  -DCMAKE_EXPORT_COMPILE_COMMANDS=ON
+step clang-tidy
+bash scripts/tidy.sh build/release
 if [ "${KESTRELVUE_SKIP_SANITIZERS:-0}" != 1 ]; then
   suite asan -DCMAKE_BUILD_TYPE=Debug -DKESTRELVUE_ASAN=ON
   suite tsan -DCMAKE_BUILD_TYPE=Debug -DKESTRELVUE_TSAN=ON
