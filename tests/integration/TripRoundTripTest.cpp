@@ -32,10 +32,10 @@ std::shared_ptr<Trip> randomTrip(const Environment& env, std::mt19937& rng, int 
     auto t = std::make_shared<Trip>(env);
     t->UserID = 4242;
     t->DrivingID = "T-" + std::to_string(n) + "-" + std::to_string(rng());
-    // 1900 to 2200: before 1970, where date arithmetic goes wrong first, and as far as the
-    // clock's nanoseconds reach.
+    // 1900 to 2190: before 1970, where date arithmetic goes wrong first, and as far as the
+    // clock's nanoseconds reach (an offset of 292 years or more overflows them on its own).
     t->StartDateTime = test::utc(1900, 1, 1) + seconds(std::uniform_int_distribution<std::int64_t>(
-                                                   0, 300ll * 365 * 86400)(rng));
+                                                   0, 290ll * 365 * 86400)(rng));
     t->EndDateTime = t->StartDateTime + seconds(rng() % 36000);
     t->StartLocation = randomText(rng);
     t->EndLocation = randomText(rng);
