@@ -2,7 +2,7 @@
 // How much a service reply may make the library hold. A reply beyond these bounds is refused
 // with the failure report its call already has, before any record of it is built, so a hostile
 // or broken service cannot make the host hold more than about
-//   kMaxHistoryTrips x ~1.2 KB   for the trip history (30 MB), and
+//   kMaxHistoryTrips x ~1 KB     for the trip history (25 MB), and
 //   ~16 x the reply's size       while a reply is being read (released afterwards).
 
 #include <cstddef>

@@ -47,8 +47,10 @@ public:
     Trip(const Trip&) = delete;
     Trip& operator=(const Trip&) = delete;
 
-    const std::string addDrivingScoreURL;
-    const std::string getPassedCoordinatesURL;
+    /// The service's addresses, shared by every record made over the same base URL (a history
+    /// holds thousands of records; two copies each were a tenth of their memory).
+    const std::string& addDrivingScoreURL;
+    const std::string& getPassedCoordinatesURL;
 
     std::int64_t UserID = 0;
     std::string DrivingID;
