@@ -2,7 +2,7 @@
 # Installs the Debian packages the build and the tests need, when any is missing.
 set -euo pipefail
 packages=(g++ cmake make pkg-config git python3 libcurl4-openssl-dev libsimdjson-dev nlohmann-json3-dev
-          libcpp-httplib-dev libgeographiclib-dev libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev locales ccache
+          libcpp-httplib-dev libgeographiclib-dev libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev libssl-dev locales ccache
           clang libclang-rt-14-dev clang-format clang-tidy)
 missing=()
 for p in "${packages[@]}"; do

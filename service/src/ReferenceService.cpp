@@ -1,13 +1,21 @@
 #include <httplib.h>
 #include <kestrelvue/Json.h>
 #include <kestrelvue/service/ReferenceService.h>
+#include <malloc.h>
+#include <sys/socket.h>
 
+#include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cmath>
+#include <cstdio>
 #include <ctime>
+#include <mutex>
 #include <string_view>
 #include <thread>
 
+#include "DefaultBands.h"
+#include "Requests.h"
 #include "Storage.h"
 
 namespace kestrelvue::service {
@@ -15,6 +23,7 @@ namespace {
 
 constexpr const char* kJson = "application/json; charset=utf-8";
 constexpr const char* kText = "text/plain; charset=utf-8";
+constexpr const char* kKinds[5] = {"Cornering", "Speeding", "Braking", "Elevating", "LaneChanging"};
 
 void badRequest(httplib::Response& res, std::string_view why) {
     res.status = 400;
@@ -31,44 +40,6 @@ void replyJson(httplib::Response& res, const Value& value) {
     res.set_content(body, kJson);
 }
 
-/// The request body as a JSON object, or nullopt after answering 400.
-std::optional<Value> objectBody(const httplib::Request& req, httplib::Response& res) {
-    json::ParseResult parsed = json::parse(req.body);
-    if (!parsed || !parsed.value->isObject()) {
-        badRequest(res, "request body must be a JSON object");
-        return std::nullopt;
-    }
-    return std::move(*parsed.value);
-}
-
-std::string text(const Value& object, std::string_view key) {
-    const Value* v = object.find(key);
-    return v && v->isString() ? *v->asString() : std::string();
-}
-
-double number(const Value& object, std::string_view key) {
-    const Value* v = object.find(key);
-    std::optional<double> d = v ? v->asNumber() : std::nullopt;
-    return d && std::isfinite(*d) ? *d : 0.0;
-}
-
-std::int64_t integer(const Value& object, std::string_view key) {
-    const Value* v = object.find(key);
-    if (!v) return 0;
-    if (auto i = v->asInt()) return *i;
-    if (auto d = v->asNumber(); d && std::isfinite(*d) && std::fabs(*d) < 9e18) {
-        return static_cast<std::int64_t>(*d);
-    }
-    return 0;
-}
-
-std::optional<std::int64_t> pathInteger(const std::string& text) {
-    std::int64_t value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
-    return value;
-}
-
 double parseField(std::string_view field) {
     while (!field.empty() && field.front() == ' ') field.remove_prefix(1);
     double value = 0;
@@ -77,35 +48,34 @@ double parseField(std::string_view field) {
     return ec == std::errc() && std::isfinite(value) ? value : 0.0;
 }
 
-/// The samples of a bulk: records end with ";", fields with ",". Position is fields 17 and 18,
-/// the penalties 25 to 35. A record with fewer fields is malformed and rejects the bulk.
-std::optional<std::vector<PointRow>> parseMotionText(std::string_view text) {
-    std::vector<PointRow> points;
-    while (!text.empty()) {
-        std::size_t end = text.find(';');
-        std::string_view record = text.substr(0, end);
-        text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
-        if (record.empty()) continue;
-        std::vector<std::string_view> fields;
-        while (!record.empty()) {
-            std::size_t comma = record.find(',');
-            fields.push_back(record.substr(0, comma));
-            record =
-                comma == std::string_view::npos ? std::string_view() : record.substr(comma + 1);
+/// The route of a long trip, thinned evenly to at most `limit` points; every fault point stays.
+std::vector<PointRow> thinned(std::vector<PointRow> points, std::size_t limit) {
+    if (points.size() <= limit) return points;
+    std::size_t faults = 0;
+    for (const PointRow& p : points) faults += p.hasFault();
+    const std::size_t room = limit > faults ? limit - faults : 0;
+    const std::size_t plain = points.size() - faults;
+    std::vector<PointRow> out;
+    out.reserve(std::min(points.size(), faults + room));
+    std::size_t seen = 0, kept = 0;
+    for (PointRow& p : points) {
+        if (p.hasFault()) {
+            out.push_back(std::move(p));
+            continue;
         }
-        if (fields.size() < 39) return std::nullopt;
-        PointRow p;
-        p.latitude = parseField(fields[16]);
-        p.longitude = parseField(fields[17]);
-        for (int i = 0; i < 5; ++i) {
-            p.penalty[i] = parseField(fields[24 + i]);
-            p.penaltyPerKM[i] = parseField(fields[29 + i]);
+        // Keep the plain point when the even share of the room reaches the next whole point.
+        if (room > 0 && (seen * room) / plain >= kept) {
+            out.push_back(std::move(p));
+            ++kept;
         }
-        p.fuelPerKM = parseField(fields[34]);
-        points.push_back(p);
+        ++seen;
     }
-    return points;
+    return out;
 }
+
+// When the request began, for the access log: the pre-routing handler and the logger run on the
+// worker thread that serves the request.
+thread_local std::chrono::steady_clock::time_point tRequestStart;
 
 /// "yyyy-MM-dd HH:mm:ss +0000" (UTC) to "yyyy-MM-ddTHH:mm:ss" in this machine's local time, which
 /// is how clients read history dates. Unparseable texts are passed through unchanged.
@@ -134,95 +104,139 @@ struct ReferenceService::Impl {
     httplib::Server server;
     std::thread thread;
     int port = 0;
+    bool opened = false;
     std::string error;
+    std::mutex bandsMutex;
+    std::string bands;  // the threshold reply's body, checked
 
     void routes();
+    bool loadBands();
     bool bind();
 };
 
+bool ReferenceService::Impl::loadBands() {
+    std::string text;
+    if (options.bandsFile.empty()) {
+        text = std::string(shippedBands());
+    } else {
+        std::FILE* f = std::fopen(options.bandsFile.c_str(), "rb");
+        if (!f) {
+            error = "cannot read bands file " + options.bandsFile;
+            return false;
+        }
+        char buffer[8192];
+        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, f)) > 0;)
+            text.append(buffer, n);
+        std::fclose(f);
+    }
+    auto parsed = parseBands(text);
+    if (!parsed) {
+        error = "bands file " + options.bandsFile + ": " + parsed.error;
+        return false;
+    }
+    std::string body;
+    json::writeTo(body, *parsed.value);
+    std::lock_guard lock(bandsMutex);
+    bands = std::move(body);
+    return true;
+}
+
 void ReferenceService::Impl::routes() {
     server.set_payload_max_length(options.maxBodyBytes);
+    const std::size_t workers = options.workerThreads ? options.workerThreads : 1;
+    server.new_task_queue = [workers] { return new httplib::ThreadPool(workers); };
+    server.set_read_timeout(options.readTimeoutSeconds, 0);
+    server.set_keep_alive_timeout(options.readTimeoutSeconds);
+    // Only SO_REUSEADDR: with SO_REUSEPORT a second service would share a busy port silently.
+    server.set_socket_options([](socket_t sock) {
+        int yes = 1;
+        setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
+    server.set_pre_routing_handler([](const httplib::Request&, httplib::Response&) {
+        tRequestStart = std::chrono::steady_clock::now();
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
+    server.set_logger([this](const httplib::Request& req, const httplib::Response& res) {
+        if (options.accessLog) {
+            const auto ms = std::chrono::duration<double, std::milli>(
+                std::chrono::steady_clock::now() - tRequestStart);
+            std::fprintf(stderr, "%s %s %d %zu %.1f ms\n", req.method.c_str(), req.path.c_str(),
+                         res.status, res.body.size(), ms.count());
+        }
+        // Large bodies leave the heap fragmented; give the memory back to the system.
+        if (req.body.size() + res.body.size() > (1u << 20)) malloc_trim(0);
+    });
+
+    // A known path with another method is 405, not 404.
+    auto only = [this](const std::string& pattern, const char* allowed) {
+        auto refuse = [allowed](const httplib::Request&, httplib::Response& res) {
+            res.status = 405;
+            res.set_header("Allow", allowed);
+            res.set_content("method not allowed; use " + std::string(allowed), kText);
+        };
+        if (std::string_view(allowed) != "GET") server.Get(pattern, refuse);
+        if (std::string_view(allowed) != "POST") server.Post(pattern, refuse);
+        server.Put(pattern, refuse);
+        server.Delete(pattern, refuse);
+        server.Patch(pattern, refuse);
+    };
+    // A path identifier that is not an integer is 400.
+    auto userOf = [](const httplib::Request& req, httplib::Response& res) {
+        auto id = parsePathInteger(req.matches[1].str());
+        if (!id) badRequest(res, "the path must end in an integer user identifier");
+        return id;
+    };
 
     server.Get("/api/Driving/getThresholds",
                [this](const httplib::Request&, httplib::Response& res) {
-                   List list;
-                   for (const ThresholdRow& t : storage.thresholds()) {
-                       list.push_back(Object{{"_enmThresholdName", t.name},
-                                             {"_limitStart", t.limitStart},
-                                             {"_limitEnd", t.limitEnd},
-                                             {"_impact", t.impact},
-                                             {"_perKilometer", t.perKilometer}});
-                   }
-                   replyJson(res, list);
+                   std::lock_guard lock(bandsMutex);
+                   res.set_content(bands, kJson);
                });
+    only("/api/Driving/getThresholds", "GET");
 
-    server.Post("/api/Driving/addMotionData",
-                [this](const httplib::Request& req, httplib::Response& res) {
-                    auto body = objectBody(req, res);
-                    if (!body) return;
-                    std::string guid = text(*body, "DrivingGuid");
-                    if (guid.empty()) return badRequest(res, "DrivingGuid missing");
-                    auto points = parseMotionText(text(*body, "MotionStr"));
-                    if (!points) return badRequest(res, "MotionStr malformed");
-                    storage.addPoints(guid, integer(*body, "UserID"), *points);
-                    res.set_content("true", kJson);
-                });
+    server.Post(
+        "/api/Driving/addMotionData", [this](const httplib::Request& req, httplib::Response& res) {
+            auto bulk = parseMotionBulk(req.body);
+            if (!bulk) return badRequest(res, bulk.error);
+            if (!storage.addPoints(bulk.value->guid, bulk.value->userID, bulk.value->points)) {
+                res.status = 500;
+                return res.set_content("the records could not be stored", kText);
+            }
+            res.set_content("true", kJson);
+        });
+    only("/api/Driving/addMotionData", "POST");
 
     server.Post("/api/Driving/addDrivingScore",
                 [this](const httplib::Request& req, httplib::Response& res) {
-                    auto body = objectBody(req, res);
-                    if (!body) return;
-                    DrivingRow d;
-                    d.userID = integer(*body, "userID");
-                    d.guid = text(*body, "drivingGuid");
-                    if (d.guid.empty()) return badRequest(res, "drivingGuid missing");
-                    d.startDateTime = text(*body, "startDateTime");
-                    d.endDateTime = text(*body, "endDateTime");
-                    d.startLocation = text(*body, "startLocation");
-                    d.endLocation = text(*body, "endLocation");
-                    d.startLat = number(*body, "startLocationLatitude");
-                    d.startLong = number(*body, "startLocationLongitude");
-                    d.endLat = number(*body, "endLocationLatitude");
-                    d.endLong = number(*body, "endLocationLongitude");
-                    d.score = number(*body, "Score");
-                    static constexpr const char* kinds[5] = {"Cornering", "Speeding", "Braking",
-                                                             "Elevating", "LaneChanging"};
-                    for (int i = 0; i < 5; ++i) {
-                        d.counts[i] = integer(*body, std::string("sharp") + kinds[i] + "Count");
-                        d.penalties[i] = number(*body, std::string("sharp") + kinds[i] + "Penalty");
-                    }
-                    d.fuelPenalty = number(*body, "fuelEfficiencyPenalty");
-                    d.totalDistance = number(*body, "totalDistance");
-                    d.timeElapsed = text(*body, "timeElapsed");
-                    storage.saveDriving(d);
+                    auto row = parseDrivingScore(req.body);
+                    if (!row) return badRequest(res, row.error);
+                    storage.saveDriving(*row.value);
                     res.set_content("true", kJson);
                 });
+    only("/api/Driving/addDrivingScore", "POST");
 
-    server.Get(R"(/api/Driving/getPassedCoordinates/(.+))",
-               [this](const httplib::Request& req, httplib::Response& res) {
-                   static constexpr const char* kinds[5] = {"Cornering", "Speeding", "Braking",
-                                                            "Elevating", "LaneChanging"};
-                   List list;
-                   for (const PointRow& p : storage.points(req.matches[1])) {
-                       Object point{{"Latitude", p.latitude},
-                                    {"Longitude", p.longitude},
-                                    {"HasFault", p.hasFault()},
-                                    {"FuelEfficiencyPenaltyPerKM", p.fuelPerKM}};
-                       for (int i = 0; i < 5; ++i) {
-                           point.emplace(std::string(kinds[i]) + "Penalty", p.penalty[i]);
-                           point.emplace(std::string(kinds[i]) + "PenaltyPerKM", p.penaltyPerKM[i]);
-                       }
-                       list.push_back(std::move(point));
-                   }
-                   replyJson(res, list);
-               });
+    server.Get(R"(/api/Driving/getPassedCoordinates/(.+))", [this](const httplib::Request& req,
+                                                                   httplib::Response& res) {
+        List list;
+        for (const PointRow& p : thinned(storage.points(req.matches[1]), options.maxRoutePoints)) {
+            Object point{{"Latitude", p.latitude},
+                         {"Longitude", p.longitude},
+                         {"HasFault", p.hasFault()},
+                         {"FuelEfficiencyPenaltyPerKM", p.fuelPerKM}};
+            for (int i = 0; i < 5; ++i) {
+                point.emplace(std::string(kKinds[i]) + "Penalty", p.penalty[i]);
+                point.emplace(std::string(kKinds[i]) + "PenaltyPerKM", p.penaltyPerKM[i]);
+            }
+            list.push_back(std::move(point));
+        }
+        replyJson(res, list);
+    });
+    only(R"(/api/Driving/getPassedCoordinates/(.+))", "GET");
 
-    server.Get(R"(/api/Driving/getDriving/(-?\d+))", [this](const httplib::Request& req,
-                                                            httplib::Response& res) {
-        auto user = pathInteger(req.matches[1]);
-        if (!user) return badRequest(res, "user identifier out of range");
-        static constexpr const char* kinds[5] = {"Cornering", "Speeding", "Braking", "Elevating",
-                                                 "LaneChanging"};
+    server.Get(R"(/api/Driving/getDriving/([^/]+))", [this, userOf](const httplib::Request& req,
+                                                                    httplib::Response& res) {
+        auto user = userOf(req, res);
+        if (!user) return;
         List list;
         for (const DrivingRow& d : storage.drivings(*user)) {
             Object trip{{"UserId", d.userID},
@@ -240,93 +254,91 @@ void ReferenceService::Impl::routes() {
                         {"TimeElapsed", d.timeElapsed},
                         {"TotalDistance", d.totalDistance}};
             for (int i = 0; i < 5; ++i) {
-                trip.emplace(std::string("Sharp") + kinds[i] + "Count", d.counts[i]);
-                trip.emplace(std::string("Sharp") + kinds[i] + "Penalty", d.penalties[i]);
+                trip.emplace(std::string("Sharp") + kKinds[i] + "Count", d.counts[i]);
+                trip.emplace(std::string("Sharp") + kKinds[i] + "Penalty", d.penalties[i]);
             }
             list.push_back(std::move(trip));
         }
         replyJson(res, list);
     });
+    only(R"(/api/Driving/getDriving/([^/]+))", "GET");
 
-    server.Get(R"(/api/Driving/getDrivingSummary/(-?\d+))", [this](const httplib::Request& req,
-                                                                   httplib::Response& res) {
-        auto user = pathInteger(req.matches[1]);
-        if (!user) return badRequest(res, "user identifier out of range");
-        auto trips = storage.drivings(*user);
-        double scores = 0, metres = 0;
-        for (const DrivingRow& d : trips) {
-            scores += d.score;
-            metres += d.totalDistance;
-        }
-        Object summary{{"NumberOfTrips", static_cast<std::int64_t>(trips.size())},
-                       {"TotalDistance", metres / 1000.0},  // kilometres
+    server.Get(R"(/api/Driving/getDrivingSummary/([^/]+))",
+               [this, userOf](const httplib::Request& req, httplib::Response& res) {
+                   auto user = userOf(req, res);
+                   if (!user) return;
+                   auto trips = storage.drivings(*user);
+                   double scores = 0, metres = 0;
+                   for (const DrivingRow& d : trips) {
+                       scores += d.score;
+                       metres += d.totalDistance;
+                   }
+                   // Metres, as in the history.
+                   Object summary{
+                       {"NumberOfTrips", static_cast<std::int64_t>(trips.size())},
+                       {"TotalDistance", metres},
                        {"AverageScore", trips.empty() ? 0.0 : scores / double(trips.size())}};
-        replyJson(res, List{Value(std::move(summary))});
-    });
+                   replyJson(res, List{Value(std::move(summary))});
+               });
+    only(R"(/api/Driving/getDrivingSummary/([^/]+))", "GET");
 
-    server.Get(R"(/api/General/getWeatherDataByLatLon/(-?\d+))", [](const httplib::Request& req,
-                                                                    httplib::Response& res) {
+    server.Get(R"(/api/General/getWeatherDataByLatLon/([^/]+))", [userOf](
+                                                                     const httplib::Request& req,
+                                                                     httplib::Response& res) {
+        if (!userOf(req, res)) return;
         double lat = parseField(req.get_param_value("latitude"));
         double lon = parseField(req.get_param_value("longitude"));
         // A deterministic stand-in for a weather source: colder away from the equator.
         double temperature = std::round((28.0 - std::fabs(lat) * 0.4) * 10.0) / 10.0;
         replyJson(res, Object{{"Temperature", temperature}, {"Latitude", lat}, {"Longitude", lon}});
     });
+    only(R"(/api/General/getWeatherDataByLatLon/([^/]+))", "GET");
 
     server.Post("/api/User/LoginWithToken",
                 [this](const httplib::Request& req, httplib::Response& res) {
-                    auto body = objectBody(req, res);
-                    if (!body) return;
-                    std::string mobile = text(*body, "Mobile"), token = text(*body, "Token");
-                    if (mobile.empty() || token.empty())
-                        return badRequest(res, "Mobile and Token required");
-                    bool expired = false;
-                    auto user = storage.login(mobile, token, expired);
-                    if (expired) {
+                    auto login = parseLogin(req.body);
+                    if (!login) return badRequest(res, login.error);
+                    auto user = storage.login(login.value->mobile, login.value->token);
+                    if (!user) {
+                        // The same answer for an unknown number and a wrong token.
                         res.status = 403;
-                        res.set_content("expired", kText);
-                        return;
+                        return res.set_content("expired", kText);
                     }
-                    if (!user) return badRequest(res, "login failed");
                     replyJson(res, Object{{"Id", user->id}, {"UserTypeId", user->typeId}});
                 });
+    only("/api/User/LoginWithToken", "POST");
 
     server.Post("/api/User/AddUser", [this](const httplib::Request& req, httplib::Response& res) {
-        auto body = objectBody(req, res);
-        if (!body) return;
-        UserRow u;
-        u.firstName = text(*body, "FirstName");
-        u.lastName = text(*body, "LastName");
-        u.email = text(*body, "Email");
-        u.genderId = integer(*body, "GenderId");
-        u.referenceId = text(*body, "ReferenceId");
-        std::int64_t id = storage.addUser(u);
+        auto user = parseAddUser(req.body);
+        if (!user) return badRequest(res, user.error);
+        std::int64_t id = storage.addUser(*user.value);
         if (id == 0) return badRequest(res, "user not added");
         res.set_content(std::to_string(id), kText);
     });
+    only("/api/User/AddUser", "POST");
 
     server.Post(
         "/api/General/AddFriend", [this](const httplib::Request& req, httplib::Response& res) {
-            auto body = objectBody(req, res);
-            if (!body) return;
-            if (!storage.addFriend(text(*body, "ReferenceID"), text(*body, "FriendReferenceID"))) {
+            auto request = parseAddFriend(req.body);
+            if (!request) return badRequest(res, request.error);
+            if (!storage.addFriend(request.value->referenceId, request.value->friendReferenceId)) {
                 res.status = 404;
-                res.set_content("Kullanıcı bulunamadı", kText);
-                return;
+                return res.set_content("Kullanıcı bulunamadı", kText);
             }
             res.set_content("OK", kText);
         });
+    only("/api/General/AddFriend", "POST");
 
-    server.Get(R"(/api/General/getLeaderShip/(-?\d+))",
-               [this](const httplib::Request& req, httplib::Response& res) {
-                   auto id = pathInteger(req.matches[1]);
-                   auto me = id ? storage.user(*id) : std::nullopt;
+    server.Get(R"(/api/General/getLeaderShip/([^/]+))",
+               [this, userOf](const httplib::Request& req, httplib::Response& res) {
+                   auto id = userOf(req, res);
+                   if (!id) return;
+                   auto me = storage.user(*id);
                    if (!me) {
                        res.status = 404;
-                       res.set_content("Kullanıcı bulunamadı", kText);
-                       return;
+                       return res.set_content("Kullanıcı bulunamadı", kText);
                    }
-                   auto scope = pathInteger(req.get_param_value("RankType")).value_or(0);
+                   auto scope = parsePathInteger(req.get_param_value("RankType")).value_or(0);
                    if (scope < 0 || scope > 3) scope = 0;
                    auto rows = storage.leaders(*me, static_cast<int>(scope));
                    List list;
@@ -345,16 +357,19 @@ void ReferenceService::Impl::routes() {
                    }
                    replyJson(res, list);
                });
+    only(R"(/api/General/getLeaderShip/([^/]+))", "GET");
 }
 
 bool ReferenceService::Impl::bind() {
-    if (!storage.open(options.databasePath, error)) return false;
+    if (!opened && !(opened = storage.open(options.databasePath, error))) return false;
+    if (!loadBands()) return false;
     routes();
     port = options.port == 0
                ? server.bind_to_any_port(options.host)
                : (server.bind_to_port(options.host, options.port) ? options.port : -1);
     if (port <= 0) {
-        error = "cannot listen on " + options.host + ":" + std::to_string(options.port);
+        error = "cannot listen on " + options.host + ":" + std::to_string(options.port) +
+                " (is another service using it?)";
         return false;
     }
     return true;
@@ -383,6 +398,18 @@ bool ReferenceService::run() {
 void ReferenceService::stop() {
     impl_->server.stop();
     if (impl_->thread.joinable()) impl_->thread.join();
+}
+
+bool ReferenceService::reloadBands() {
+    return impl_->loadBands();
+}
+
+std::string ReferenceService::issueToken(const std::string& mobile) {
+    if (!impl_->opened &&
+        !(impl_->opened = impl_->storage.open(impl_->options.databasePath, impl_->error))) {
+        return {};
+    }
+    return impl_->storage.issueToken(mobile);
 }
 
 int ReferenceService::port() const {

@@ -1,5 +1,8 @@
 #include "Storage.h"
 
+#include <openssl/crypto.h>
+#include <openssl/rand.h>
+#include <openssl/sha.h>
 #include <sqlite3.h>
 
 #include <utility>
@@ -40,13 +43,10 @@ private:
 
 constexpr const char* kSchema = R"sql(
 PRAGMA journal_mode = WAL;
-CREATE TABLE IF NOT EXISTS thresholds (
-  ord INTEGER PRIMARY KEY, name TEXT NOT NULL, limit_start REAL, limit_end REAL, impact REAL,
-  per_km INTEGER);
 CREATE TABLE IF NOT EXISTS points (
   guid TEXT NOT NULL, user_id INTEGER, seq INTEGER PRIMARY KEY AUTOINCREMENT,
   lat REAL, lon REAL, p0 REAL, p1 REAL, p2 REAL, p3 REAL, p4 REAL,
-  k0 REAL, k1 REAL, k2 REAL, k3 REAL, k4 REAL, fuel REAL);
+  k0 REAL, k1 REAL, k2 REAL, k3 REAL, k4 REAL, fuel REAL, item_id INTEGER, record_time TEXT);
 CREATE INDEX IF NOT EXISTS points_guid ON points(guid, seq);
 CREATE TABLE IF NOT EXISTS drivings (
   guid TEXT PRIMARY KEY, user_id INTEGER, start_dt TEXT, end_dt TEXT, start_loc TEXT,
@@ -58,31 +58,47 @@ CREATE INDEX IF NOT EXISTS drivings_user ON drivings(user_id, received);
 CREATE TABLE IF NOT EXISTS users (
   id INTEGER PRIMARY KEY AUTOINCREMENT, reference_id TEXT UNIQUE, mobile TEXT UNIQUE, token TEXT,
   first_name TEXT DEFAULT '', last_name TEXT DEFAULT '', email TEXT DEFAULT '',
-  gender INTEGER DEFAULT 0, type INTEGER DEFAULT 4, city TEXT DEFAULT '', country TEXT DEFAULT '');
+  gender INTEGER DEFAULT 0, type INTEGER DEFAULT 4, city TEXT DEFAULT '', country TEXT DEFAULT '',
+  token_salt TEXT, token_hash TEXT);
 CREATE TABLE IF NOT EXISTS friends (
   user_ref TEXT NOT NULL, friend_ref TEXT NOT NULL, PRIMARY KEY (user_ref, friend_ref));
 )sql";
 
-// Bands a fresh service hands out: gentle enough that ordinary driving costs nothing.
-const ThresholdRow kDefaultBands[] = {
-    {"UpdateInterval", 0.5, 0, 0, false},
-    {"DistanceFilter", 30, 50, 0, false},
-    {"SharpCorneringLevel", 0.35, 0.5, 1, false},
-    {"SharpCorneringLevel", 0.5, 100, 3, false},
-    {"SharpSpeedingLevel", 0.3, 0.45, 1, false},
-    {"SharpSpeedingLevel", 0.45, 100, 3, false},
-    {"SharpBrakingLevel", 0.3, 0.5, 2, false},
-    {"SharpBrakingLevel", 0.5, 100, 5, false},
-    {"SharpElevatingLevel", 0.3, 0.6, 1, false},
-    {"SharpElevatingLevel", 0.6, 100, 2, false},
-    {"SharpLaneChangingLevel", 0.2, 100, 2, false},
-    {"FuelEfficiency", 130, 160, 0.5, true},
-    {"FuelEfficiency", 160, 300, 1, true},
-    {"SharpLaneChangingDuration1", 3, 0, 0, false},
-    {"SharpLaneChangingDuration2", 10, 0, 0, false},
-    {"SharpLaneChangingDuration3", 4, 0, 0, false},
-    {"SharpLaneChangingDuration4", 15, 0, 0, false},
+// Files made by earlier versions: the record key and the hashed tokens are new columns; tokens
+// stored in plain text are dropped (accounts get new ones issued).
+constexpr const char* kUpgrades[] = {
+    "ALTER TABLE points ADD COLUMN item_id INTEGER",
+    "ALTER TABLE points ADD COLUMN record_time TEXT",
+    "ALTER TABLE users ADD COLUMN token_salt TEXT",
+    "ALTER TABLE users ADD COLUMN token_hash TEXT",
 };
+constexpr const char* kAfterUpgrade = R"sql(
+UPDATE users SET token = NULL WHERE token IS NOT NULL;
+CREATE UNIQUE INDEX IF NOT EXISTS points_key ON points(guid, item_id, record_time);
+)sql";
+
+std::string hex(const unsigned char* bytes, std::size_t n) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    for (std::size_t i = 0; i < n; ++i) {
+        out += digits[bytes[i] >> 4];
+        out += digits[bytes[i] & 15];
+    }
+    return out;
+}
+
+std::string randomHex(std::size_t bytes) {
+    unsigned char buffer[32];
+    if (bytes > sizeof buffer || RAND_bytes(buffer, static_cast<int>(bytes)) != 1) return {};
+    return hex(buffer, bytes);
+}
+
+std::string saltedHash(const std::string& salt, const std::string& token) {
+    const std::string input = salt + token;
+    unsigned char digest[SHA256_DIGEST_LENGTH];
+    SHA256(reinterpret_cast<const unsigned char*>(input.data()), input.size(), digest);
+    return hex(digest, sizeof digest);
+}
 
 }  // namespace
 
@@ -115,51 +131,41 @@ bool Storage::open(const std::string& path, std::string& error) {
     }
     sqlite3_busy_timeout(db_, 2000);
     if (!exec(kSchema, error)) return false;
-    Statement count(db_, "SELECT COUNT(*) FROM thresholds");
-    if (count.step() && count.integer(0) == 0) {
-        Statement insert(db_,
-                         "INSERT INTO thresholds(name, limit_start, limit_end, impact, per_km) "
-                         "VALUES (?, ?, ?, ?, ?)");
-        for (const ThresholdRow& band : kDefaultBands) {
-            insert.bind(1, band.name)
-                .bind(2, band.limitStart)
-                .bind(3, band.limitEnd)
-                .bind(4, band.impact)
-                .bind(5, std::int64_t{band.perKilometer});
-            insert.run();
-            insert.reset();
-        }
+    for (const char* upgrade : kUpgrades) {
+        std::string alreadyThere;
+        exec(upgrade, alreadyThere);  // fails with "duplicate column" on a current file
     }
-    return true;
+    return exec(kAfterUpgrade, error);
 }
 
-std::vector<ThresholdRow> Storage::thresholds() {
+std::optional<std::size_t> Storage::addPoints(const std::string& guid, std::int64_t userID,
+                                              const std::vector<PointRow>& points) {
     std::lock_guard lock(mutex_);
-    std::vector<ThresholdRow> rows;
-    Statement q(db_,
-                "SELECT name, limit_start, limit_end, impact, per_km FROM thresholds ORDER BY ord");
-    while (q.step())
-        rows.push_back({q.text(0), q.real(1), q.real(2), q.real(3), q.integer(4) != 0});
-    return rows;
-}
-
-void Storage::addPoints(const std::string& guid, std::int64_t userID,
-                        const std::vector<PointRow>& points) {
-    std::lock_guard lock(mutex_);
-    std::string ignored;
-    exec("BEGIN", ignored);
-    Statement insert(db_,
-                     "INSERT INTO points(guid, user_id, lat, lon, p0, p1, p2, p3, p4, k0, k1, k2, "
-                     "k3, k4, fuel) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    std::string error;
+    if (!exec("BEGIN", error)) return std::nullopt;
+    Statement insert(
+        db_,
+        "INSERT OR IGNORE INTO points(guid, user_id, lat, lon, p0, p1, p2, p3, p4, k0, "
+        "k1, k2, k3, k4, fuel, item_id, record_time) VALUES (?, ?, ?, ?, ?, ?, ?, ?, "
+        "?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    std::size_t stored = 0;
     for (const PointRow& p : points) {
         insert.bind(1, guid).bind(2, userID).bind(3, p.latitude).bind(4, p.longitude);
         for (int i = 0; i < 5; ++i)
             insert.bind(5 + i, p.penalty[i]).bind(10 + i, p.penaltyPerKM[i]);
-        insert.bind(15, p.fuelPerKM);
-        insert.run();
+        insert.bind(15, p.fuelPerKM).bind(16, p.itemId).bind(17, p.recordTime);
+        if (!insert.run()) {
+            exec("ROLLBACK", error);
+            return std::nullopt;
+        }
+        stored += static_cast<std::size_t>(sqlite3_changes(db_));
         insert.reset();
     }
-    exec("COMMIT", ignored);
+    if (!exec("COMMIT", error)) {
+        exec("ROLLBACK", error);
+        return std::nullopt;
+    }
+    return stored;
 }
 
 std::vector<PointRow> Storage::points(const std::string& guid) {
@@ -245,38 +251,31 @@ constexpr const char* kUserColumns =
     "id, reference_id, first_name, last_name, email, gender, type, city, country";
 }  // namespace
 
-std::optional<UserRow> Storage::login(const std::string& mobile, const std::string& token,
-                                      bool& expired) {
+std::optional<UserRow> Storage::login(const std::string& mobile, const std::string& token) {
     std::lock_guard lock(mutex_);
-    expired = false;
-    {
-        Statement q(db_, (std::string("SELECT ") + kUserColumns +
-                          ", token FROM users WHERE mobile = ? OR reference_id = ?")
-                             .c_str());
-        q.bind(1, mobile).bind(2, mobile);
-        if (q.step()) {
-            std::string stored = q.text(9);
-            UserRow u = readUser(q);
-            if (!stored.empty() && stored != token) {
-                expired = true;
-                return std::nullopt;
-            }
-            if (stored.empty()) {
-                Statement set(db_, "UPDATE users SET token = ?, mobile = ? WHERE id = ?");
-                set.bind(1, token).bind(2, mobile).bind(3, u.id);
-                set.run();
-            }
-            return u;
-        }
+    Statement q(db_, (std::string("SELECT ") + kUserColumns +
+                      ", token_salt, token_hash FROM users WHERE mobile = ?")
+                         .c_str());
+    q.bind(1, mobile);
+    if (!q.step()) return std::nullopt;
+    const std::string salt = q.text(9), stored = q.text(10);
+    const std::string offered = saltedHash(salt, token);
+    if (stored.size() != offered.size() ||
+        CRYPTO_memcmp(stored.data(), offered.data(), stored.size()) != 0) {
+        return std::nullopt;
     }
-    // First login provisions a driver account whose reference is the mobile number.
-    Statement insert(db_, "INSERT INTO users(reference_id, mobile, token) VALUES (?, ?, ?)");
-    insert.bind(1, mobile).bind(2, mobile).bind(3, token);
-    if (!insert.run()) return std::nullopt;
-    UserRow u;
-    u.id = sqlite3_last_insert_rowid(db_);
-    u.referenceId = mobile;
-    return u;
+    return readUser(q);
+}
+
+std::string Storage::issueToken(const std::string& mobile) {
+    const std::string token = randomHex(16), salt = randomHex(16);
+    if (token.empty() || salt.empty()) return {};
+    std::lock_guard lock(mutex_);
+    Statement q(db_,
+                "INSERT INTO users(reference_id, mobile, token_salt, token_hash) VALUES (?1, ?1, "
+                "?2, ?3) ON CONFLICT(mobile) DO UPDATE SET token_salt = ?2, token_hash = ?3");
+    q.bind(1, mobile).bind(2, salt).bind(3, saltedHash(salt, token));
+    return q.run() ? token : std::string();
 }
 
 std::int64_t Storage::addUser(const UserRow& user) {

@@ -12,14 +12,11 @@ struct sqlite3;
 
 namespace kestrelvue::service {
 
-struct ThresholdRow {
-    std::string name;
-    double limitStart, limitEnd, impact;
-    bool perKilometer;
-};
-
-/// One evaluated sample as the motion text carries it (position and the eleven penalties).
+/// One evaluated sample as the motion text carries it: its key (running number and record time,
+/// within the trip it arrived under), position and the eleven penalties.
 struct PointRow {
+    std::int64_t itemId = 0;
+    std::string recordTime;  // "yyyy-MM-dd HH:mm:ss:SSS"
     double latitude = 0, longitude = 0;
     double penalty[5] = {};       // cornering, speeding, braking, elevating, lane changing
     double penaltyPerKM[5] = {};  // the same kinds, per kilometre
@@ -61,20 +58,24 @@ public:
     Storage(const Storage&) = delete;
     Storage& operator=(const Storage&) = delete;
 
-    /// Opens (creating when needed) the database and its tables; seeds default bands once.
+    /// Opens (creating or upgrading when needed) the database and its tables.
     bool open(const std::string& path, std::string& error);
 
-    std::vector<ThresholdRow> thresholds();
-    void addPoints(const std::string& guid, std::int64_t userID,
-                   const std::vector<PointRow>& points);
+    /// Stores the points in one transaction; a point whose key (trip, running number, record
+    /// time) is already stored is skipped, so a bulk sent again stores nothing new. The number
+    /// stored, or nullopt when the store failed and nothing was kept.
+    std::optional<std::size_t> addPoints(const std::string& guid, std::int64_t userID,
+                                         const std::vector<PointRow>& points);
     std::vector<PointRow> points(const std::string& guid);
     void saveDriving(const DrivingRow& row);
     std::vector<DrivingRow> drivings(std::int64_t userID);
 
-    /// The account for `mobile`: created with `token` on its first login. nullopt when the token
-    /// differs from the stored one.
-    std::optional<UserRow> login(const std::string& mobile, const std::string& token,
-                                 bool& expired);
+    /// The account of `mobile` when `token` is the one last issued to it; nullopt otherwise,
+    /// whether the number is unknown or the token wrong.
+    std::optional<UserRow> login(const std::string& mobile, const std::string& token);
+    /// Issues a fresh login token for `mobile` (creating a driver account on first issue) and
+    /// stores only its salted hash. Empty when the store failed.
+    std::string issueToken(const std::string& mobile);
     std::int64_t addUser(const UserRow& user);
     /// False when either reference is unknown.
     bool addFriend(const std::string& referenceId, const std::string& friendReferenceId);

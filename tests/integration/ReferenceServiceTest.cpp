@@ -1,12 +1,20 @@
 // The reference service over real HTTP, and a recorded drive replayed through the engine into it.
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <kestrelvue/Json.h>
 #include <kestrelvue/Trip.h>
 #include <kestrelvue/service/ReferenceService.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cstring>
+#include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "Drive.h"
 
@@ -38,14 +46,20 @@ protected:
     std::unique_ptr<httplib::Client> client_;
 };
 
-// One bulk record in the library's motion text layout: 39 comma-terminated fields.
-std::string motionRecord(double lat, double lon, double brakingPenalty, double fuelPerKM) {
+// One bulk record in the library's motion text layout: 39 comma-terminated fields, keyed by its
+// running number and record time.
+std::string motionRecord(double lat, double lon, double brakingPenalty, double fuelPerKM,
+                         int itemId = 1, const char* time = "2026-11-16 14:05:09:731") {
     std::ostringstream out;
     for (int field = 1; field <= 39; ++field) {
         if (field == 17)
             out << lat;
         else if (field == 18)
             out << lon;
+        else if (field == 23)
+            out << "   " << itemId;
+        else if (field == 24)
+            out << time;
         else if (field == 27)
             out << brakingPenalty;
         else if (field == 35)
@@ -57,18 +71,25 @@ std::string motionRecord(double lat, double lon, double brakingPenalty, double f
     return out.str() + ";";
 }
 
+std::string bulkBody(const std::string& guid, const std::string& records) {
+    return R"({"UserID":7,"DrivingGuid":")" + guid + R"(","MotionStr":")" + records +
+           R"(","AppVersion":null})";
+}
+
 }  // namespace
 
-TEST_F(ReferenceServiceTest, MotionBulksBecomeTheTripsRouteWithItsFaultPoints) {
-    std::string bulk = motionRecord(41.0, 29.0, 0, 0.5) + motionRecord(41.1, 29.1, 2.5, 0);
-    auto res =
-        post("/api/Driving/addMotionData",
-             R"({"UserID":7,"DrivingGuid":"G-1","MotionStr":")" + bulk + R"(","AppVersion":null})");
-    ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, 200);
-
+// A bulk sent again (its reply was lost) stores nothing new; the same running numbers under
+// another trip are that trip's records, not repeats.
+TEST_F(ReferenceServiceTest, MotionBulksAreStoredOnceAsTheTripsRoute) {
+    const std::string bulk =
+        motionRecord(41.0, 29.0, 0, 0.5, 1) + motionRecord(41.1, 29.1, 2.5, 0, 2);
+    for (const char* guid : {"G-1", "G-1", "G-2"}) {
+        auto res = post("/api/Driving/addMotionData", bulkBody(guid, bulk));
+        ASSERT_TRUE(res);
+        EXPECT_EQ(res->status, 200) << res->body;
+    }
+    EXPECT_EQ(getJson("/api/Driving/getPassedCoordinates/G-2").asList()->size(), 2u);
     Value points = getJson("/api/Driving/getPassedCoordinates/G-1");
-    ASSERT_TRUE(points.isList());
     ASSERT_EQ(points.asList()->size(), 2u);
     const Value& first = points.asList()->at(0);
     const Value& second = points.asList()->at(1);
@@ -79,17 +100,43 @@ TEST_F(ReferenceServiceTest, MotionBulksBecomeTheTripsRouteWithItsFaultPoints) {
     EXPECT_EQ(*second.find("BrakingPenalty")->asNumber(), 2.5);
 }
 
-TEST_F(ReferenceServiceTest, RejectsMalformedUploadsWithAClearStatus) {
-    for (std::string body : {std::string("not json"), std::string("[1]"),
-                             std::string(R"({"DrivingGuid":"G","MotionStr":"1,2,3,;"})"),
-                             std::string(R"({"MotionStr":""})")}) {
-        auto res = post("/api/Driving/addMotionData", body);
-        ASSERT_TRUE(res);
-        EXPECT_EQ(res->status, 400) << body;
+// Each refusal says what is wrong and stores nothing.
+TEST_F(ReferenceServiceTest, BadRequestsAreRefusedWithAReasonAndStoreNothing) {
+    const std::string good = motionRecord(41, 29, 0, 0, 1);
+    std::string badLatitude = motionRecord(41, 29, 0, 0, 2);
+    badLatitude.replace(badLatitude.find("41"), 2, "4x");
+    struct Case {
+        const char* method;
+        std::string path, body;
+        int status;
+        const char* reason;
+    } cases[] = {
+        {"POST", "/api/Driving/addMotionData", "not json", 400, "malformed JSON"},
+        {"POST", "/api/Driving/addMotionData", "[1]", 400, "must be a JSON object"},
+        {"POST", "/api/Driving/addMotionData", "{\"DrivingGuid\":\"G\xff\"}", 400, "UTF-8"},
+        {"POST", "/api/Driving/addMotionData", R"({"MotionStr":""})", 400, "DrivingGuid: missing"},
+        {"POST", "/api/Driving/addMotionData", bulkBody("G", good + "1,2,3,;"), 400,
+         "record 2: 3 fields, expected 39"},
+        {"POST", "/api/Driving/addMotionData", bulkBody("G", good + badLatitude), 400,
+         "record 2, field 17 (latitude)"},
+        {"POST", "/api/Driving/addDrivingScore", R"({"drivingGuid":"T","userID":"7"})", 400,
+         "userID: expected an integer"},
+        {"POST", "/api/Driving/addDrivingScore", R"({"drivingGuid":"T","Score":"high"})", 400,
+         "Score: expected a number"},
+        {"GET", "/api/Driving/getDriving/abc", "", 400, "integer user identifier"},
+        {"POST", "/api/Driving/getDriving/7", "{}", 405, "use GET"},
+        {"GET", "/api/Driving/addMotionData", "", 405, "use POST"},
+        {"GET", "/api/Driving/unknown", "", 404, ""},
+    };
+    for (const Case& c : cases) {
+        auto res =
+            c.method == std::string("GET") ? client_->Get(c.path.c_str()) : post(c.path, c.body);
+        ASSERT_TRUE(res) << c.path;
+        EXPECT_EQ(res->status, c.status) << c.body;
+        EXPECT_NE(res->body.find(c.reason), std::string::npos) << res->body;
     }
-    auto res = post("/api/Driving/addDrivingScore", R"({"userID":1})");
-    ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, 400);
+    EXPECT_TRUE(getJson("/api/Driving/getPassedCoordinates/G").asList()->empty());
+    EXPECT_TRUE(getJson("/api/Driving/getDriving/0").asList()->empty());
 }
 
 TEST_F(ReferenceServiceTest, UploadedTripsComeBackInHistoryAndSummary) {
@@ -116,21 +163,28 @@ TEST_F(ReferenceServiceTest, UploadedTripsComeBackInHistoryAndSummary) {
     const Value& s = summary.asList()->at(0);
     EXPECT_EQ(*s.find("NumberOfTrips")->asInt(), 2);
     EXPECT_EQ(*s.find("AverageScore")->asNumber(), 70.0);
+    EXPECT_EQ(*s.find("TotalDistance")->asNumber(), 12437.0);  // metres, as in the history
     EXPECT_TRUE(getJson("/api/Driving/getDriving/10").asList()->empty());
 }
 
 TEST_F(ReferenceServiceTest, AccountsFriendsAndLeaderboard) {
-    auto login = post("/api/User/LoginWithToken", R"({"Mobile":"5551","Token":"abc"})");
+    const std::string token = service_.issueToken("5551");
+    ASSERT_EQ(token.size(), 32u);
+    auto login = post("/api/User/LoginWithToken", R"({"Mobile":"5551","Token":")" + token + "\"}");
     ASSERT_TRUE(login);
     ASSERT_EQ(login->status, 200);
     auto me = json::parse(login->body);
     ASSERT_TRUE(me);
     std::int64_t id = *me.value->find("Id")->asInt();
 
-    auto again = post("/api/User/LoginWithToken", R"({"Mobile":"5551","Token":"other"})");
-    ASSERT_TRUE(again);
-    EXPECT_EQ(again->status, 403);
-    EXPECT_EQ(again->body, "expired");
+    // A wrong token, an unknown number and a registration's reference get the same answer.
+    for (const char* body :
+         {R"({"Mobile":"5551","Token":"other"})", R"({"Mobile":"5552","Token":"other"})"}) {
+        auto refused = post("/api/User/LoginWithToken", body);
+        ASSERT_TRUE(refused);
+        EXPECT_EQ(refused->status, 403);
+        EXPECT_EQ(refused->body, "expired");
+    }
 
     auto added = post("/api/User/AddUser",
                       R"({"FirstName":"Ayşe","LastName":"Kaya","Email":"a@k","GenderId":2,)"
@@ -138,6 +192,9 @@ TEST_F(ReferenceServiceTest, AccountsFriendsAndLeaderboard) {
     ASSERT_TRUE(added);
     EXPECT_EQ(added->status, 200);
     EXPECT_NE(added->body, std::to_string(id));
+    auto claim = post("/api/User/LoginWithToken", R"({"Mobile":"REF-2","Token":"x"})");
+    ASSERT_TRUE(claim);
+    EXPECT_EQ(claim->status, 403);  // knowing the reference is not enough
 
     auto unknown = post("/api/General/AddFriend",
                         R"({"ReferenceID":"5551","FriendReferenceID":"nobody","LoginTypeID":1})");
@@ -159,6 +216,78 @@ TEST_F(ReferenceServiceTest, AccountsFriendsAndLeaderboard) {
     }
     EXPECT_EQ(current, 1);
     getJson("/api/General/getLeaderShip/999?RankType=1", 404);
+}
+
+TEST(ReferenceServiceBands, FileIsServedAndAMalformedReloadKeepsTheOldReply) {
+    const std::string path = ::testing::TempDir() + "kv-bands.json";
+    auto write = [&](const char* text) { std::ofstream(path) << text; };
+    write(R"([{"_enmThresholdName":"UpdateInterval","_limitStart":0.25,"_limitEnd":0,)"
+          R"("_impact":0,"_perKilometer":false}])");
+    service::ServiceOptions options;
+    options.bandsFile = path;
+    service::ReferenceService service(options);
+    ASSERT_TRUE(service.start()) << service.error();
+    httplib::Client client("127.0.0.1", service.port());
+    auto bands = [&] { return client.Get("/api/Driving/getThresholds")->body; };
+    EXPECT_NE(bands().find("0.25"), std::string::npos);
+
+    write(R"([{"_enmThresholdName":"UpdateInterval","_limitStart":"fast"}])");
+    EXPECT_FALSE(service.reloadBands());
+    EXPECT_NE(service.error().find("band 1: _limitStart: expected a number"), std::string::npos);
+    EXPECT_NE(bands().find("0.25"), std::string::npos);
+
+    write(R"([])");
+    EXPECT_TRUE(service.reloadBands());
+    EXPECT_EQ(bands(), "[]");
+}
+
+// A long trip's route is thinned evenly to the bound; every fault point is kept.
+TEST(ReferenceServiceRoute, LongRoutesAreThinnedKeepingEveryFault) {
+    service::ServiceOptions options;
+    options.maxRoutePoints = 10;
+    service::ReferenceService service(options);
+    ASSERT_TRUE(service.start()) << service.error();
+    std::string records;
+    for (int i = 1; i <= 100; ++i) records += motionRecord(41 + i * 1e-4, 29, i % 40 == 0, 0, i);
+    httplib::Client client("127.0.0.1", service.port());
+    ASSERT_EQ(client.Post("/api/Driving/addMotionData", bulkBody("L", records), "application/json")
+                  ->status,
+              200);
+    auto points = json::parse(client.Get("/api/Driving/getPassedCoordinates/L")->body);
+    ASSERT_TRUE(points && points.value->isList());
+    int faults = 0;
+    for (const Value& p : *points.value->asList()) faults += *p.find("HasFault")->asBool();
+    EXPECT_EQ(points.value->asList()->size(), 10u);
+    EXPECT_EQ(faults, 2);
+}
+
+// Idle connections and a slow sender each hold a worker; another client is still answered at once.
+TEST_F(ReferenceServiceTest, IdleConnectionsAndASlowSenderDoNotBlockOthers) {
+    std::vector<int> idle;
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(service_.port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    for (int i = 0; i < 65; ++i) {
+        int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        idle.push_back(fd);
+    }
+    // The last one starts a request and sends it a byte at a time.
+    const char* slow = "POST /api/Driving/addDrivingScore HTTP/1.1\r\nContent-Length: 900\r\n\r\n{";
+    ASSERT_GT(::send(idle.back(), slow, std::strlen(slow), 0), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // let them reach the workers
+    const auto start = std::chrono::steady_clock::now();
+    Value thresholds = getJson("/api/Driving/getThresholds");
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_TRUE(thresholds.isList());
+#ifdef KESTRELVUE_SANITIZED
+    const auto bound = std::chrono::milliseconds(1000);  // sanitizers slow every step
+#else
+    const auto bound = std::chrono::milliseconds(100);
+#endif
+    EXPECT_LT(waited, bound);
+    for (int fd : idle) ::close(fd);
 }
 
 TEST(DriveFile, RoundTripsAndRejectsDamagedLinesWithTheirNumber) {

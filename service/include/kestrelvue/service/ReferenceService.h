@@ -2,8 +2,13 @@
 // The reference HTTP/JSON service the library talks to: thresholds, motion and trip uploads,
 // history, routes, summaries, weather, accounts, friends and the leaderboard, stored in SQLite.
 // It exists so that the library can be exercised end to end on one machine; it is not hardened
-// for the open internet (no TLS, tokens stored as given).
+// for the open internet (no TLS).
+//
+// Units and keys of what it sends: distances in metres (history and summary alike), scores and
+// penalties as uploaded, dates of the history in this machine's local time. The integer at the
+// end of the history, summary, weather and leaderboard paths is the user's identifier.
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -15,8 +20,20 @@ struct ServiceOptions {
     std::string host = "127.0.0.1";
     /// 0 lets the system pick a free port.
     int port = 0;
-    /// Largest request body accepted, in bytes.
+    /// Largest request body accepted, in bytes (413 beyond).
     std::size_t maxBodyBytes = 16u << 20;
+    /// A JSON file with the threshold reply to serve; empty serves the shipped, calibrated one.
+    std::string bandsFile;
+    /// One line per request on standard error: method, path, status, bytes, milliseconds.
+    bool accessLog = false;
+    /// Requests served at once. Each open connection holds a worker while it is read, so the pool
+    /// is sized for many idle clients, not for the number of cores.
+    std::size_t workerThreads = 128;
+    /// Seconds a connection may take to send a request, or stay idle between requests.
+    int readTimeoutSeconds = 3;
+    /// Points of one trip's route beyond which the reply is thinned evenly (fault points are all
+    /// kept), so that a long drive's route stays well under a client's reply limit.
+    std::size_t maxRoutePoints = 100000;
 };
 
 class ReferenceService {
@@ -26,12 +43,20 @@ public:
     ReferenceService(const ReferenceService&) = delete;
     ReferenceService& operator=(const ReferenceService&) = delete;
 
-    /// Opens the database and starts serving on a background thread. False (with error()) when
-    /// the database cannot be opened or the address cannot be bound.
+    /// Opens the database, reads the bands and starts serving on a background thread. False
+    /// (with error()) when the database or the bands file cannot be read or the address cannot
+    /// be bound (also when another process listens on it).
     bool start();
     /// Serves on the calling thread until stop() is called from elsewhere.
     bool run();
     void stop();
+
+    /// Reads the bands file again; on any problem keeps the reply it had and returns false with
+    /// error() saying why.
+    bool reloadBands();
+    /// Issues a login token for a mobile number (see Storage); empty on failure. Only its salted
+    /// hash is stored: print it once.
+    std::string issueToken(const std::string& mobile);
 
     int port() const;
     /// "http://host:port", for the library's base URL.
@@ -42,5 +67,11 @@ private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
+
+/// The `serve` command line: `[--db FILE] [--host ADDRESS] [--port N] [--bands FILE] [--quiet]`
+/// serves until SIGINT or SIGTERM (SIGHUP reloads the bands file), and `token MOBILE [--db FILE]`
+/// issues a login token. argv[0] is the command's name. Returns the exit code: 0, 1 when the
+/// service cannot start, 2 for a bad command line.
+int runServeCommand(int argc, char** argv);
 
 }  // namespace kestrelvue::service

@@ -1,0 +1,279 @@
+#include "Requests.h"
+
+#include <kestrelvue/Json.h>
+
+#include <charconv>
+#include <cmath>
+
+namespace kestrelvue::service {
+namespace {
+
+constexpr std::size_t kFieldsPerRecord = 39;
+
+/// Reads typed members of one JSON object; the first wrong type is kept as the reason to refuse.
+/// An absent or null member reads as empty or zero: clients leave out what they do not know.
+class Members {
+public:
+    explicit Members(const Value& object) : object_(object) {}
+
+    std::string text(std::string_view key) {
+        const Value* v = present(key);
+        if (v && !v->isString()) return fail(key, "expected a text"), std::string();
+        return v ? *v->asString() : std::string();
+    }
+    double number(std::string_view key) {
+        const Value* v = present(key);
+        if (!v) return 0;
+        const std::optional<double> d = v->asNumber();
+        if (!d || !std::isfinite(*d)) return fail(key, "expected a number"), 0.0;
+        return *d;
+    }
+    std::int64_t integer(std::string_view key) {
+        const Value* v = present(key);
+        if (!v) return 0;
+        if (auto i = v->asInt()) return *i;
+        // A whole double (3.0) is the same number; a fraction or a text is not a count.
+        const std::optional<double> d = v->asNumber();
+        if (!d || *d != std::trunc(*d) || std::fabs(*d) >= 9.2e18) {
+            return fail(key, "expected an integer"), 0;
+        }
+        return static_cast<std::int64_t>(*d);
+    }
+    const std::string& error() const { return error_; }
+
+private:
+    const Value* present(std::string_view key) const {
+        const Value* v = object_.find(key);
+        return v && !v->isNull() ? v : nullptr;
+    }
+    void fail(std::string_view key, const char* what) {
+        if (error_.empty()) error_ = std::string(key) + ": " + what;
+    }
+
+    const Value& object_;
+    std::string error_;
+};
+
+/// The body as a JSON object, or the reason it is not one.
+Parsed<Value> objectBody(std::string_view body) {
+    json::ParseResult parsed = json::parse(body);
+    if (!parsed) return Parsed<Value>::refuse("malformed JSON: " + parsed.error);
+    if (!parsed.value->isObject()) return Parsed<Value>::refuse("the body must be a JSON object");
+    return {std::move(*parsed.value), {}};
+}
+
+std::string_view trimmed(std::string_view field) {
+    while (!field.empty() && field.front() == ' ') field.remove_prefix(1);
+    return field;
+}
+
+bool readReal(std::string_view field, double& out) {
+    field = trimmed(field);
+    auto [end, ec] = std::from_chars(field.data(), field.data() + field.size(), out);
+    return ec == std::errc() && end == field.data() + field.size() && std::isfinite(out);
+}
+
+bool readInteger(std::string_view field, std::int64_t& out) {
+    field = trimmed(field);
+    auto [end, ec] = std::from_chars(field.data(), field.data() + field.size(), out);
+    return ec == std::errc() && end == field.data() + field.size() && !field.empty();
+}
+
+// "yyyy-MM-dd HH:mm:ss:SSS", the record time of the motion text.
+bool isRecordTime(std::string_view s) {
+    constexpr std::string_view pattern = "dddd-dd-dd dd:dd:dd:ddd";
+    if (s.size() != pattern.size()) return false;
+    for (std::size_t i = 0; i < s.size(); ++i) {
+        const bool digit = s[i] >= '0' && s[i] <= '9';
+        if (pattern[i] == 'd' ? !digit : s[i] != pattern[i]) return false;
+    }
+    return true;
+}
+
+// The stored fields, 1-based as the motion text numbers them.
+constexpr const char* kPenaltyNames[11] = {
+    "cornering penalty",        "speeding penalty",
+    "braking penalty",          "elevating penalty",
+    "lane-changing penalty",    "cornering penalty per km",
+    "speeding penalty per km",  "braking penalty per km",
+    "elevating penalty per km", "lane-changing penalty per km",
+    "fuel penalty per km"};
+
+std::string fieldProblem(std::size_t record, std::size_t field, const char* name,
+                         const char* what) {
+    return "record " + std::to_string(record) + ", field " + std::to_string(field) + " (" + name +
+           "): " + what;
+}
+
+}  // namespace
+
+Parsed<std::vector<PointRow>> parseMotionText(std::string_view text) {
+    using Result = Parsed<std::vector<PointRow>>;
+    std::vector<PointRow> points;
+    std::string_view fields[kFieldsPerRecord];
+    for (std::size_t number = 1; !text.empty(); ++number) {
+        const std::size_t end = text.find(';');
+        if (end == std::string_view::npos) {
+            return Result::refuse("record " + std::to_string(number) + ": no closing ';'");
+        }
+        std::string_view record = text.substr(0, end);
+        text.remove_prefix(end + 1);
+        std::size_t count = 0;
+        while (!record.empty()) {
+            const std::size_t comma = record.find(',');
+            if (comma == std::string_view::npos) {
+                return Result::refuse("record " + std::to_string(number) +
+                                      ": a field without its closing ','");
+            }
+            if (count < kFieldsPerRecord) fields[count] = record.substr(0, comma);
+            ++count;
+            record.remove_prefix(comma + 1);
+        }
+        if (count != kFieldsPerRecord) {
+            return Result::refuse("record " + std::to_string(number) + ": " +
+                                  std::to_string(count) + " fields, expected 39");
+        }
+        PointRow p;
+        if (!readReal(fields[16], p.latitude))
+            return Result::refuse(fieldProblem(number, 17, "latitude", "not a number"));
+        if (!readReal(fields[17], p.longitude))
+            return Result::refuse(fieldProblem(number, 18, "longitude", "not a number"));
+        if (!readInteger(fields[22], p.itemId))
+            return Result::refuse(fieldProblem(number, 23, "ItemId", "not an integer"));
+        if (!isRecordTime(fields[23])) {
+            return Result::refuse(
+                fieldProblem(number, 24, "DateTime", "not yyyy-MM-dd HH:mm:ss:SSS"));
+        }
+        p.recordTime = std::string(fields[23]);
+        double values[11];
+        for (std::size_t i = 0; i < 11; ++i) {
+            if (!readReal(fields[24 + i], values[i]))
+                return Result::refuse(
+                    fieldProblem(number, 25 + i, kPenaltyNames[i], "not a number"));
+        }
+        for (int i = 0; i < 5; ++i) {
+            p.penalty[i] = values[i];
+            p.penaltyPerKM[i] = values[5 + i];
+        }
+        p.fuelPerKM = values[10];
+        points.push_back(std::move(p));
+    }
+    return {std::move(points), {}};
+}
+
+Parsed<MotionBulk> parseMotionBulk(std::string_view body) {
+    auto object = objectBody(body);
+    if (!object) return Parsed<MotionBulk>::refuse(object.error);
+    Members m(*object.value);
+    MotionBulk bulk;
+    bulk.userID = m.integer("UserID");
+    bulk.guid = m.text("DrivingGuid");
+    const std::string motion = m.text("MotionStr");
+    if (!m.error().empty()) return Parsed<MotionBulk>::refuse(m.error());
+    if (bulk.guid.empty()) return Parsed<MotionBulk>::refuse("DrivingGuid: missing");
+    auto points = parseMotionText(motion);
+    if (!points) return Parsed<MotionBulk>::refuse("MotionStr: " + points.error);
+    bulk.points = std::move(*points.value);
+    return {std::move(bulk), {}};
+}
+
+Parsed<DrivingRow> parseDrivingScore(std::string_view body) {
+    auto object = objectBody(body);
+    if (!object) return Parsed<DrivingRow>::refuse(object.error);
+    Members m(*object.value);
+    DrivingRow d;
+    d.userID = m.integer("userID");
+    d.guid = m.text("drivingGuid");
+    d.startDateTime = m.text("startDateTime");
+    d.endDateTime = m.text("endDateTime");
+    d.startLocation = m.text("startLocation");
+    d.endLocation = m.text("endLocation");
+    d.startLat = m.number("startLocationLatitude");
+    d.startLong = m.number("startLocationLongitude");
+    d.endLat = m.number("endLocationLatitude");
+    d.endLong = m.number("endLocationLongitude");
+    d.score = m.number("Score");
+    static constexpr const char* kinds[5] = {"Cornering", "Speeding", "Braking", "Elevating",
+                                             "LaneChanging"};
+    for (int i = 0; i < 5; ++i) {
+        d.counts[i] = m.integer(std::string("sharp") + kinds[i] + "Count");
+        d.penalties[i] = m.number(std::string("sharp") + kinds[i] + "Penalty");
+    }
+    d.fuelPenalty = m.number("fuelEfficiencyPenalty");
+    d.totalDistance = m.number("totalDistance");
+    d.timeElapsed = m.text("timeElapsed");
+    if (!m.error().empty()) return Parsed<DrivingRow>::refuse(m.error());
+    if (d.guid.empty()) return Parsed<DrivingRow>::refuse("drivingGuid: missing");
+    return {std::move(d), {}};
+}
+
+Parsed<Login> parseLogin(std::string_view body) {
+    auto object = objectBody(body);
+    if (!object) return Parsed<Login>::refuse(object.error);
+    Members m(*object.value);
+    Login login{m.text("Mobile"), m.text("Token")};
+    if (!m.error().empty()) return Parsed<Login>::refuse(m.error());
+    if (login.mobile.empty() || login.token.empty()) {
+        return Parsed<Login>::refuse("Mobile and Token: required");
+    }
+    return {std::move(login), {}};
+}
+
+Parsed<UserRow> parseAddUser(std::string_view body) {
+    auto object = objectBody(body);
+    if (!object) return Parsed<UserRow>::refuse(object.error);
+    Members m(*object.value);
+    UserRow u;
+    u.firstName = m.text("FirstName");
+    u.lastName = m.text("LastName");
+    u.email = m.text("Email");
+    u.genderId = m.integer("GenderId");
+    u.referenceId = m.text("ReferenceId");
+    if (!m.error().empty()) return Parsed<UserRow>::refuse(m.error());
+    return {std::move(u), {}};
+}
+
+Parsed<FriendRequest> parseAddFriend(std::string_view body) {
+    auto object = objectBody(body);
+    if (!object) return Parsed<FriendRequest>::refuse(object.error);
+    Members m(*object.value);
+    FriendRequest r{m.text("ReferenceID"), m.text("FriendReferenceID")};
+    m.integer("LoginTypeID");
+    if (!m.error().empty()) return Parsed<FriendRequest>::refuse(m.error());
+    return {std::move(r), {}};
+}
+
+Parsed<Value> parseBands(std::string_view text) {
+    json::ParseResult parsed = json::parse(text);
+    if (!parsed) return Parsed<Value>::refuse("malformed JSON: " + parsed.error);
+    const List* list = parsed.value->asList();
+    if (!list) return Parsed<Value>::refuse("expected a list of bands");
+    for (std::size_t i = 0; i < list->size(); ++i) {
+        const Value& band = (*list)[i];
+        const std::string at = "band " + std::to_string(i + 1) + ": ";
+        if (!band.isObject()) return Parsed<Value>::refuse(at + "expected an object");
+        const Value* name = band.find("_enmThresholdName");
+        if (!name || !name->isString()) {
+            return Parsed<Value>::refuse(at + "_enmThresholdName: expected a text");
+        }
+        for (const char* key : {"_limitStart", "_limitEnd", "_impact"}) {
+            const Value* v = band.find(key);
+            if (!v || !v->asNumber() || !std::isfinite(*v->asNumber()))
+                return Parsed<Value>::refuse(at + key + ": expected a number");
+        }
+        const Value* perKm = band.find("_perKilometer");
+        if (!perKm || !perKm->isBool()) {
+            return Parsed<Value>::refuse(at + "_perKilometer: expected true or false");
+        }
+    }
+    return {std::move(*parsed.value), {}};
+}
+
+std::optional<std::int64_t> parsePathInteger(std::string_view text) {
+    std::int64_t value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || end != text.data() + text.size() || text.empty()) return std::nullopt;
+    return value;
+}
+
+}  // namespace kestrelvue::service
