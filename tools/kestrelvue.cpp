@@ -1,6 +1,7 @@
 // kestrelvue: the command-line companion of the library.
 //
-//   kestrelvue serve    [--db FILE] [--host ADDRESS] [--port N]
+//   kestrelvue serve    [--db FILE] [--host ADDRESS] [--port N] [--bands FILE] [--quiet]
+//   kestrelvue serve    token MOBILE [--db FILE]
 //   kestrelvue simulate [--seconds N] [--seed N]            > drive.kvd
 //   kestrelvue replay   DRIVE [--server URL] [--user ID] [--bulk N] [--db FILE]
 //
@@ -28,7 +29,8 @@ using Args = std::map<std::string, std::string>;
 int usage(int code) {
     std::fputs(
         "usage:\n"
-        "  kestrelvue serve    [--db FILE] [--host ADDRESS] [--port N]\n"
+        "  kestrelvue serve    [--db FILE] [--host ADDRESS] [--port N] [--bands FILE] [--quiet]\n"
+        "  kestrelvue serve    token MOBILE [--db FILE]\n"
         "  kestrelvue simulate [--seconds N] [--seed N]\n"
         "  kestrelvue replay   DRIVE [--server URL] [--user ID] [--bulk N] [--db FILE] [--verbose "
         "1] [--outbox DIR]\n"
@@ -59,31 +61,6 @@ bool toInt(const Args& args, const std::string& key, long long& out) {
     char* end = nullptr;
     out = std::strtoll(it->second.c_str(), &end, 10);
     return end && *end == '\0' && !it->second.empty();
-}
-
-kestrelvue::service::ReferenceService* gService = nullptr;
-void onSignal(int) {
-    if (gService) gService->stop();
-}
-
-int serve(const Args& args) {
-    kestrelvue::service::ServiceOptions options;
-    options.databasePath = args.count("db") ? args.at("db") : "kestrelvue.db";
-    long long port = 8080;
-    if (!toInt(args, "port", port)) return usage(2);
-    options.port = static_cast<int>(port);
-    if (args.count("host")) options.host = args.at("host");
-    kestrelvue::service::ReferenceService service(options);
-    gService = &service;
-    std::signal(SIGINT, onSignal);
-    std::signal(SIGTERM, onSignal);
-    std::fprintf(stderr, "serving %s on http://%s:%d\n", options.databasePath.c_str(),
-                 options.host.c_str(), options.port);
-    if (!service.run()) {
-        std::fprintf(stderr, "kestrelvue: %s\n", service.error().c_str());
-        return 1;
-    }
-    return 0;
 }
 
 int simulate(const Args& args) {
@@ -159,9 +136,10 @@ int main(int argc, char** argv) {
     if (argc < 2) return usage(2);
     std::string command = argv[1];
     if (command == "--help" || command == "help") return usage(0);
+    // The service reads its own command line (also `serve token MOBILE`).
+    if (command == "serve") return kestrelvue::service::runServeCommand(argc - 1, argv + 1);
     Args args;
     if (!parseArgs(argc, argv, 2, args)) return usage(2);
-    if (command == "serve") return serve(args);
     if (command == "simulate") return simulate(args);
     if (command == "replay") return replay(args);
     if (command == "outbox") {
