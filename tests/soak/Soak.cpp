@@ -25,12 +25,14 @@
 #include <cstdlib>
 #include <deque>
 #include <filesystem>
+#include <future>
 #include <map>
 #include <mutex>
 #include <random>
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 
 #include "engine/Outbox.h"
 #include "platform/sim/Sim.h"
@@ -45,9 +47,25 @@ constexpr const char* kScorePath = "/api/Driving/addDrivingScore";
 
 // What the service stored, as seen at the fault layer: every motion record by trip and item,
 // every trip record by trip.
+// How many records the service keeps for a trip: its route, read back over HTTP. The ledger above
+// counts deliveries; this counts what was kept, so a delivery the service recognised as a repeat
+// is not counted twice.
+std::size_t keptRecords(const std::string& baseURL, const std::string& guid) {
+    posix::CurlHttpClient http;
+    std::promise<std::size_t> kept;
+    platform::HttpRequest request;
+    request.url = baseURL + "/api/Driving/getPassedCoordinates/" + guid;
+    http.send(request, [&kept](platform::HttpResult r) {
+        auto parsed = r.body ? json::parse(*r.body) : json::ParseResult{};
+        kept.set_value(parsed && parsed.value->isList() ? parsed.value->asList()->size() : 0);
+    });
+    return kept.get_future().get();
+}
+
 struct Ledger {
     std::mutex mutex;
-    std::multiset<std::pair<std::string, long long>> records;
+    // Keyed as the service keys them: trip, item and record time.
+    std::multiset<std::tuple<std::string, long long, std::string>> records;
     std::multiset<std::string> trips;
 
     void note(const platform::HttpRequest& request) {
@@ -69,10 +87,12 @@ struct Ledger {
         while (start < motion.size()) {
             std::size_t end = motion.find(';', start);
             if (end == std::string::npos) break;
-            // The item identifier is the record's 23rd field.
+            // The item identifier is the record's 23rd field, its time the 24th.
             std::size_t f = start;
             for (int i = 0; i < 22 && f < end; ++i) f = motion.find(',', f) + 1;
-            records.insert({*guid->asString(), std::atoll(motion.c_str() + f)});
+            const std::size_t timeAt = motion.find(',', f) + 1;
+            records.insert({*guid->asString(), std::atoll(motion.c_str() + f),
+                            motion.substr(timeAt, motion.find(',', timeAt) - timeAt)});
             start = end + 1;
         }
     }
@@ -342,14 +362,17 @@ int main(int argc, char** argv) {
     engine.reset();
     outbox.reset();
 
-    std::set<std::pair<std::string, long long>> unique;
-    std::size_t storedAll = 0, tripsStored = 0;
+    std::set<std::tuple<std::string, long long, std::string>> unique;
+    std::size_t tripsStored = 0;
     {
         std::lock_guard lock(ledger.mutex);
         unique.insert(ledger.records.begin(), ledger.records.end());
-        storedAll = ledger.records.size();
         tripsStored = std::set<std::string>(ledger.trips.begin(), ledger.trips.end()).size();
     }
+    std::size_t storedAll = 0;
+    std::set<std::string> guids;
+    for (const auto& record : unique) guids.insert(std::get<0>(record));
+    for (const std::string& guid : guids) storedAll += keptRecords(service.baseURL(), guid);
     const long long lost = made - static_cast<long long>(unique.size());
     std::printf("outbox %s, seed %u, %d trips, %d host restarts, %d faults injected\n",
                 o.outbox ? "on" : "off", o.seed, o.trips, restarts, faults->injected());
@@ -362,7 +385,9 @@ int main(int argc, char** argv) {
     faults->shutdown();
     service.stop();
     fs::remove_all(dir);
-    if (o.check && o.outbox && (lost != 0 || tripsStored != static_cast<std::size_t>(completed))) {
+    const bool twice = storedAll != unique.size();
+    if (o.check && o.outbox &&
+        (lost != 0 || twice || tripsStored != static_cast<std::size_t>(completed))) {
         std::fprintf(stderr, "soak: the outbox lost something\n");
         return 1;
     }
