@@ -43,6 +43,8 @@ private:
 
 constexpr const char* kSchema = R"sql(
 PRAGMA journal_mode = WAL;
+-- Safe against a crash of the service; only a power loss may undo the last commits.
+PRAGMA synchronous = NORMAL;
 CREATE TABLE IF NOT EXISTS points (
   guid TEXT NOT NULL, user_id INTEGER, seq INTEGER PRIMARY KEY AUTOINCREMENT,
   lat REAL, lon REAL, p0 REAL, p1 REAL, p2 REAL, p3 REAL, p4 REAL,

@@ -1,0 +1,142 @@
+// kestrelvue_service_load: the reference service under load on loopback, in-process.
+//   kestrelvue_service_load [--clients N] [--bulks N] [--db FILE]
+// Prints motion bulks per second and their latency (1000 records each, keyed ingestion on), the
+// latency of a 1,000-trip history, and the service's resident memory before and after large
+// uploads.
+
+#include <httplib.h>
+#include <kestrelvue/service/ReferenceService.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// One record in the library's motion text layout, 39 comma-terminated fields.
+std::string record(int item, int second) {
+    char buffer[512];
+    std::snprintf(buffer, sizeof buffer,
+                  "  0.012, -0.034,  0.105,  0.002, -0.015,  0.242,  0.123, -0.046,  1.571, "
+                  "-0.012, -0.432, -0.902, , , , , 41.008200, 28.978400,FU,  49,2026-11-16 "
+                  "14:%02d:%02d:250,  47,%7d,2026-11-16 14:%02d:%02d:731,  0.000,  2.500,  0.000,"
+                  "  0.000,  0.000,  0.000,  0.000,  0.000,  0.000,  0.000,  0.125, 87.400,    5, "
+                  "13.500000,FU,;",
+                  second / 60 % 60, second % 60, item, second / 60 % 60, second % 60);
+    return buffer;
+}
+
+std::string bulk(const std::string& guid, int first, int count) {
+    std::string text;
+    for (int i = 0; i < count; ++i) text += record(first + i, (first + i) / 2);
+    return R"({"UserID":5,"DrivingGuid":")" + guid + R"(","MotionStr":")" + text +
+           R"(","AppVersion":"load"})";
+}
+
+double percentile(std::vector<double> v, double p) {
+    if (v.empty()) return 0;
+    std::sort(v.begin(), v.end());
+    return v[std::min(v.size() - 1, static_cast<std::size_t>(p * double(v.size())))];
+}
+
+long residentKiB() {
+    std::ifstream statm("/proc/self/statm");
+    long pages = 0, resident = 0;
+    statm >> pages >> resident;
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    int clients = 4, bulksPerClient = 150;
+    kestrelvue::service::ServiceOptions options;
+    options.databasePath = "/tmp/kestrelvue-load.db";
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const std::string arg = argv[i];
+        if (arg == "--clients") clients = std::atoi(argv[i + 1]);
+        if (arg == "--bulks") bulksPerClient = std::atoi(argv[i + 1]);
+        if (arg == "--db") options.databasePath = argv[i + 1];
+    }
+    std::remove(options.databasePath.c_str());
+    kestrelvue::service::ReferenceService service(options);
+    if (!service.start()) {
+        std::fprintf(stderr, "%s\n", service.error().c_str());
+        return 1;
+    }
+
+    // Bulks: every client its own trips, 1000 records each.
+    std::vector<std::vector<double>> latencies(static_cast<std::size_t>(clients));
+    std::atomic<int> failures{0};
+    const auto started = Clock::now();
+    std::vector<std::thread> threads;
+    for (int c = 0; c < clients; ++c) {
+        threads.emplace_back([&, c] {
+            httplib::Client client("127.0.0.1", service.port());
+            for (int b = 0; b < bulksPerClient; ++b) {
+                const std::string body =
+                    bulk("C" + std::to_string(c) + "-" + std::to_string(b / 10),
+                         (b % 10) * 1000 + 1, 1000);
+                const auto t0 = Clock::now();
+                auto res = client.Post("/api/Driving/addMotionData", body, "application/json");
+                latencies[std::size_t(c)].push_back(
+                    std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+                if (!res || res->status != 200) ++failures;
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    const double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+    std::vector<double> all;
+    for (const auto& l : latencies) all.insert(all.end(), l.begin(), l.end());
+    std::printf(
+        "motion bulks: %zu of 1000 records from %d clients in %.2f s: %.0f bulks/s, "
+        "p50 %.1f ms, p99 %.1f ms, %d failed\n",
+        all.size(), clients, seconds, double(all.size()) / seconds, percentile(all, 0.5),
+        percentile(all, 0.99), failures.load());
+
+    // History of a user with 1,000 trips.
+    httplib::Client client("127.0.0.1", service.port());
+    for (int t = 0; t < 1000; ++t) {
+        client.Post("/api/Driving/addDrivingScore",
+                    R"({"userID":9,"drivingGuid":"H-)" + std::to_string(t) +
+                        R"(","startDateTime":"2026-11-16 14:05:09 +0000","endDateTime":)"
+                        R"("2026-11-16 14:35:09 +0000","Score":87.5,"totalDistance":12437})",
+                    "application/json");
+    }
+    std::vector<double> history;
+    for (int i = 0; i < 200; ++i) {
+        const auto t0 = Clock::now();
+        auto res = client.Get("/api/Driving/getDriving/9");
+        history.push_back(std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+        if (!res || res->status != 200) ++failures;
+    }
+    std::printf("history of 1000 trips: p50 %.1f ms, p99 %.1f ms\n", percentile(history, 0.5),
+                percentile(history, 0.99));
+
+    // Memory: sixteen large uploads, then idle.
+    const long before = residentKiB();
+    for (int i = 0; i < 16; ++i) {
+        client.Post("/api/Driving/addMotionData", bulk("BIG-" + std::to_string(i), 1, 40000),
+                    "application/json");
+    }
+    const long after = residentKiB();
+    malloc_trim(0);
+    std::printf(
+        "resident memory: %ld KiB before sixteen %.1f MB uploads, %ld KiB after (%ld KiB "
+        "after a trim here)\n",
+        before, double(bulk("BIG", 1, 40000).size()) / 1e6, after, residentKiB());
+    service.stop();
+    std::remove(options.databasePath.c_str());
+    return failures.load() == 0 ? 0 : 1;
+}
