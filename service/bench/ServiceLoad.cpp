@@ -80,6 +80,7 @@ int main(int argc, char** argv) {
     std::atomic<int> failures{0};
     const auto started = Clock::now();
     std::vector<std::thread> threads;
+    threads.reserve(static_cast<std::size_t>(clients));
     for (int c = 0; c < clients; ++c) {
         threads.emplace_back([&, c] {
             httplib::Client client("127.0.0.1", service.port());
