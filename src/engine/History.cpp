@@ -1,6 +1,7 @@
 // The trip history: the engine's own GET, its completion, and the reports to the host.
 
 #include <kestrelvue/DrivingInsight.h>
+#include <kestrelvue/Limits.h>
 #include <kestrelvue/Url.h>
 
 #include <string>
@@ -23,6 +24,7 @@ void DrivingInsight::getTripHistory() {
     }
     platform::HttpRequest request;  // GET, no headers, no body, the default time-out
     request.url = std::move(address);
+    request.maxBodyBytes = kMaxHistoryReplyBytes;
     {
         // Emptied now, before anything is sent; lastTrip stays.
         std::lock_guard lock(mutex_);
@@ -35,6 +37,12 @@ void DrivingInsight::getTripHistory() {
 
 void DrivingInsight::historyReplyArrived(platform::HttpResult result) {
     static constexpr const char* kConnectionTitle = "Sistem Bağlantı Hatası";
+    if (result.error && result.error->code == platform::kTransportBodyTooLarge) {
+        // Refused for its size like a body the reader refuses: the same report.
+        reportHistoryFailure(1012, kConnectionTitle,
+                             "Sürüş Tarihçesi Alınamıyor. " + result.error->description);
+        return;
+    }
     if (!result.response || result.error) {
         reportHistoryFailure(1011, kConnectionTitle, "Sürüş Tarihçesi Alınamıyor");
         return;

@@ -1,5 +1,6 @@
 #include <kestrelvue/Environment.h>
 #include <kestrelvue/Json.h>
+#include <kestrelvue/Limits.h>
 #include <kestrelvue/RestfulCall.h>
 #include <kestrelvue/Url.h>
 
@@ -45,6 +46,7 @@ void RestfulCall::Get(const std::string& argURL, const std::string& argObserverN
     platform::HttpRequest request;
     request.method = "GET";
     request.url = argURL;
+    request.maxBodyBytes = kMaxCallReplyBytes;
     // The completion holds the centre, not this object: a reply may outlive its gateway.
     http_->send(std::move(request), [center = notifications_, name = argObserverName,
                                      argAsArray](const platform::HttpResult& result) {
@@ -69,6 +71,7 @@ void RestfulCall::Post(const std::string& to, const Object& jsondictionary,
     platform::HttpRequest request;
     request.method = "POST";
     request.url = to;
+    request.maxBodyBytes = kMaxCallReplyBytes;
     request.setValue("application/json", "Content-Type");
     request.setValue("application/json", "Accept");
     std::optional<std::string> body = json::write(Value(jsondictionary));

@@ -48,10 +48,12 @@ private:
     std::vector<std::pair<HttpResult, std::thread::id>> results_;
 };
 
-HttpRequest get(const std::string& url, std::chrono::milliseconds timeout = 60s) {
+HttpRequest get(const std::string& url, std::chrono::milliseconds timeout = 60s,
+                std::size_t maxBody = 0) {
     HttpRequest r;
     r.url = url;
     r.timeout = timeout;
+    r.maxBodyBytes = maxBody;
     return r;
 }
 
@@ -127,6 +129,7 @@ TEST(CurlHttpClient, TransportFailuresCarryAnErrorAndNoResponse) {
     server.reply("/cut", ScriptedReply::dropped(ScriptedReply::Drop::afterHeaders, "0123456789"));
     server.reply("/slow", ScriptedReply::text("late").after(3s));
     server.reply("/big", ScriptedReply::text(std::string(300 * 1024, 'x')));
+    server.reply("/medium", ScriptedReply::text(std::string(50 * 1024, 'x')));
     std::string refused;
     {
         TestServer gone;
@@ -140,19 +143,21 @@ TEST(CurlHttpClient, TransportFailuresCarryAnErrorAndNoResponse) {
         std::string url;
         std::chrono::milliseconds timeout;
         std::int64_t code;
+        std::size_t maxBody = 0;  // the request's own limit
     };
     const Case cases[] = {
         {server.url("/drop"), 60s, platform::kTransportConnectionLost},
         {server.url("/cut"), 60s, platform::kTransportConnectionLost},
         {server.url("/slow"), 300ms, platform::kTransportTimedOut},
         {server.url("/big"), 60s, platform::kTransportBodyTooLarge},
+        {server.url("/medium"), 60s, platform::kTransportBodyTooLarge, 10 * 1024},
         {refused, 60s, platform::kTransportCannotConnectToHost},
         {"gopher://127.0.0.1/x", 60s, platform::kTransportUnsupportedURL},
     };
     for (const Case& c : cases) {
         Completions done;
         auto start = std::chrono::steady_clock::now();
-        client.send(get(c.url, c.timeout), done.make());
+        client.send(get(c.url, c.timeout, c.maxBody), done.make());
         ASSERT_TRUE(done.waitFor(1)) << c.url;
         HttpResult r = done.at(0);
         ASSERT_TRUE(r.error) << c.url;

@@ -5,6 +5,7 @@
 #include <kestrelvue/Value.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -22,6 +23,9 @@ struct KESTRELVUE_EXPORT HttpRequest {
     std::vector<std::pair<std::string, std::string>> headers;
     std::optional<std::string> body;
     std::chrono::milliseconds timeout{60'000};
+    /// The largest reply body this request accepts; 0 leaves it to the client. A larger body
+    /// fails with kTransportBodyTooLarge, so that a hostile reply is never held whole.
+    std::size_t maxBodyBytes = 0;
 
     void setValue(std::string value, std::string field) {
         headers.emplace_back(std::move(field), std::move(value));

@@ -244,7 +244,8 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<CurlHttpClient::Impl>
     std::optional<std::string> configure(Transfer& t) {
         t.easy = curl_easy_init();
         if (!t.easy) return "curl_easy_init failed";
-        t.maxBody = options.maxBodyBytes;
+        t.maxBody = t.request.maxBodyBytes ? std::min(options.maxBodyBytes, t.request.maxBodyBytes)
+                                           : options.maxBodyBytes;
         t.lastActivity = Clock::now();
         CURL* e = t.easy;
         curl_easy_setopt(e, CURLOPT_URL, t.request.url.c_str());
