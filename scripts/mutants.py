@@ -8,9 +8,12 @@ A mutant is killed when the build succeeds and a test fails (or times out); a mu
 compile is not counted. Prints per file and in total how many mutants the suite killed.
 
   python3 scripts/mutants.py [--count N] [--seed S] [--build DIR] [--only PATH_PREFIX] [--list]
+  python3 scripts/mutants.py --replay scripts/mutants-baseline.txt
 
 The sample depends only on the seed and on the sources, so two suites are compared on the same
-mutants by running both over the same library sources with the same seed.
+mutants by running both over the same library sources with the same seed. Once the sources have
+moved on, --replay applies the mutants of an earlier --list again: each original line is found
+by its text, nearest to where it was, and mutants whose line is gone are reported, not counted.
 """
 import argparse
 import os
@@ -149,6 +152,30 @@ def suite_fails(build_dir, test_timeout):
     return False
 
 
+LISTED = re.compile(r"^(\S+):(\d+): ([^:]+): (.*?)  ->  (.*)$")
+
+
+def replayed(listing, originals):
+    """The mutants of an earlier --list, placed on today's lines."""
+    sample = []
+    with open(listing, encoding="utf-8") as f:
+        for entry in f:
+            m = LISTED.match(entry.rstrip("\n"))
+            if not m:
+                continue
+            path, line, kind, before, after = m.group(1), int(m.group(2)), m.group(3), m.group(4), m.group(5)
+            lines = originals.get(path)
+            if lines is None and os.path.exists(os.path.join(ROOT, path)):
+                lines = originals[path] = sites_in(path)[0]
+            matches = [i for i, l in enumerate(lines or []) if l.strip() == before]
+            if not matches:
+                print(f"gone     {path}:{line} {kind} (the line is not in today's sources)")
+                continue
+            no = min(matches, key=lambda i: abs(i - (line - 1)))
+            sample.append((path, no, kind, lines[no].replace(before, after, 1)))
+    return sample
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--count", type=int, default=60, help="mutants to try (default 60)")
@@ -158,6 +185,7 @@ def main():
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 2)
     parser.add_argument("--test-timeout", type=int, default=300)
     parser.add_argument("--list", action="store_true", help="print the sample and exit")
+    parser.add_argument("--replay", default="", help="apply the mutants of an earlier --list")
     args = parser.parse_args()
 
     all_sites = []
@@ -171,6 +199,8 @@ def main():
     rng = random.Random(args.seed)
     sample = rng.sample(all_sites, min(args.count, len(all_sites)))
     sample.sort(key=lambda s: (s[0], s[1]))
+    if args.replay:
+        sample = replayed(args.replay, originals)
     print(f"{len(all_sites)} mutation sites in {len(originals)} files; trying {len(sample)} "
           f"(seed {args.seed})", flush=True)
     if args.list:
