@@ -67,6 +67,11 @@ Outbox::~Outbox() {
 
 void Outbox::submit(std::vector<platform::OutboxEntry> entries,
                     platform::HttpCompletion firstOutcome) {
+    // Counted from now on, before the worker has written them: they left their engine.
+    for (const auto& e : entries) {
+        (e.kind == platform::OutboxKind::trip ? trips_ : records_) +=
+            e.kind == platform::OutboxKind::trip ? 1 : e.records;
+    }
     {
         std::lock_guard lock(mutex_);
         incoming_.push_back(Submission{std::move(entries), std::move(firstOutcome)});
@@ -136,8 +141,6 @@ void Outbox::write(std::vector<Submission> batch) {
         const std::size_t n = submission.entries.size();
         for (std::size_t i = 0; i < n; ++i) {
             auto& e = all[at++];
-            (e.kind == platform::OutboxKind::trip ? trips_ : records_) +=
-                e.kind == platform::OutboxKind::trip ? 1 : e.records;
             entries_.push_back(Pending{std::move(e), 0, now,
                                        i + 1 == n ? std::move(submission.firstOutcome) : nullptr});
         }

@@ -352,6 +352,7 @@ int main(int argc, char** argv) {
         sim.queue->runUntilIdle();
         if (outbox) {
             outbox->wake();
+            outbox->waitUntilIdle();
             const auto left = outbox->pending();
             if (left.records == 0 && left.trips == 0) break;
         } else if (std::chrono::steady_clock::now() > deadline - 55s) {
