@@ -68,6 +68,11 @@ int digits(std::string_view s, std::size_t at, std::size_t n, bool& ok) {
 
 }  // namespace
 
+namespace {
+constexpr int kFirstYear = 1678;
+constexpr int kLastYear = 2261;
+}  // namespace
+
 std::optional<LocalDateTime> parseServiceDateTime(std::string_view s) {
     // 0123456789012345678
     // yyyy-MM-ddTHH:mm:ss
@@ -78,8 +83,11 @@ std::optional<LocalDateTime> parseServiceDateTime(std::string_view s) {
     bool ok = true;
     LocalDateTime l{digits(s, 0, 4, ok),  digits(s, 5, 2, ok),  digits(s, 8, 2, ok),
                     digits(s, 11, 2, ok), digits(s, 14, 2, ok), digits(s, 17, 2, ok)};
-    if (!ok || l.year < 1 || l.month < 1 || l.month > 12 || l.day < 1 ||
-        l.day > daysInMonth(l.year, l.month) || l.hour > 23 || l.minute > 59 || l.second > 59) {
+    // Records keep times in nanoseconds since 1970, which reach from 1677 to 2262: a date
+    // beyond would overflow, so it is not a date a record can hold.
+    if (!ok || l.year < kFirstYear || l.year > kLastYear || l.month < 1 || l.month > 12 ||
+        l.day < 1 || l.day > daysInMonth(l.year, l.month) || l.hour > 23 || l.minute > 59 ||
+        l.second > 59) {
         return std::nullopt;
     }
     return l;

@@ -26,7 +26,8 @@ struct LocalDateTime {
 };
 
 /// Reads the service's "yyyy-MM-dd'T'HH:mm:ss" strictly: exactly that form, no fraction, no
-/// zone, and a real calendar date (a 30 February fails).
+/// zone, a real calendar date (a 30 February fails) and a year from 1678 to 2261, the span a
+/// record's time (nanoseconds since 1970) can hold.
 std::optional<LocalDateTime> parseServiceDateTime(std::string_view text);
 
 /// Turns wall-clock times of the process's time zone into instants, as mktime does (a time in

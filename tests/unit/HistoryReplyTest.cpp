@@ -100,6 +100,7 @@ TEST_F(HistoryReplyTest, BadRepliesAreRejectedWholeWithAReason) {
         {R"([{"DrivingGuid":5}])", "[0].DrivingGuid: expected a text"},
         {R"([{"StartDateTime":"2018-03-05 14:07:00"}])", "[0].StartDateTime: expected a date"},
         {R"([{"EndDateTime":"2018-02-29T10:00:00"}])", "[0].EndDateTime: expected a date"},
+        {R"([{"StartDateTime":"4036-03-05T14:07:00"}])", "[0].StartDateTime: expected a date"},
     };
     for (const auto& c : cases) {
         auto reply = read(c.body);
@@ -306,7 +307,10 @@ TEST(ServiceDate, ServiceDatesAreReadStrictly) {
     } cases[] = {
         {"2018-03-05T14:07:00", LocalDateTime{2018, 3, 5, 14, 7, 0}},
         {"2020-02-29T23:59:59", LocalDateTime{2020, 2, 29, 23, 59, 59}},
-        {"0001-01-01T00:00:00", LocalDateTime{1, 1, 1, 0, 0, 0}},
+        {"1678-01-01T00:00:00", LocalDateTime{1678, 1, 1, 0, 0, 0}},
+        {"2261-12-31T23:59:59", LocalDateTime{2261, 12, 31, 23, 59, 59}},
+        {"1677-12-31T23:59:59", std::nullopt},  // beyond what a record's time can hold
+        {"4036-03-05T14:07:00", std::nullopt},
         {"2019-02-29T00:00:00", std::nullopt},
         {"2018-13-01T00:00:00", std::nullopt},
         {"2018-03-05T14:60:00", std::nullopt},
