@@ -1,76 +1,60 @@
 #pragma once
-// Recorded drives and their replay through the engine on the simulated platform.
+// Recorded drives: the text files the tool replays, and their reading and writing.
 //
-// A drive is a text file, one event a line, in time order ('#' starts a comment):
+// Version 2 (what the tool writes) starts with the line "kestrelvue-drive 2"; then one event a
+// line, in time order ('#' starts a comment):
 //   fix    T LAT LON SPEED_MPS COURSE_DEG ACCURACY_M
-//   motion T PITCH ROLL YAW RX RY RZ AX AY AZ GX GY GZ
+//   motion T PITCH ROLL YAW RX RY RZ AX AY AZ GX GY GZ ORIENTATION
 // T is seconds since the start of the drive. Attitude in radians, rotation rate in rad/s,
-// accelerations in g.
+// accelerations in g; ORIENTATION is what the platform reported for the device (0 unknown,
+// 1 portrait, 2 upside down, 3 landscape left, 4 landscape right, 5 face up, 6 face down).
+// A file without the header line is version 1: the same lines without ORIENTATION, read as
+// face up.
 
-#include <kestrelvue/Trip.h>
+#include <kestrelvue/platform/Device.h>
 #include <kestrelvue/platform/Location.h>
 #include <kestrelvue/platform/MotionManager.h>
 
-#include <chrono>
 #include <cstdint>
-#include <functional>
 #include <iosfwd>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace kestrelvue::tools {
 
+inline constexpr int kDriveFormatVersion = 2;
+
 struct DriveEvent {
-    double t = 0;  // seconds since the start of the drive
+    /// Nanoseconds since the start of the drive: the text's seconds rounded to the nearest one,
+    /// so that replays of the same file land on the same instants.
+    std::int64_t t = 0;
     std::optional<platform::Location> fix;
     std::optional<platform::DeviceMotion> motion;
+    platform::DeviceOrientation orientation = platform::DeviceOrientation::faceUp;
+
+    double seconds() const { return static_cast<double>(t) * 1e-9; }
 };
 
 struct Drive {
     std::vector<DriveEvent> events;
-    double duration() const { return events.empty() ? 0.0 : events.back().t; }
+    double duration() const { return events.empty() ? 0.0 : events.back().seconds(); }
 };
 
 struct DriveParseResult {
     std::optional<Drive> drive;
     std::string error;  // "line N: what is wrong"
+    int version = 0;
 };
 
-/// Reads a drive. Rejects unknown kinds, missing or non-finite numbers, and time going backwards.
+/// Reads a drive, every line checked before any is used: unknown kinds, missing, extra or
+/// non-finite numbers, coordinates off the globe, an unknown orientation, time going backwards
+/// or beyond a week, and a drive without fixes or without samples are refused, naming the line.
 DriveParseResult parseDrive(std::istream& in);
+/// Writes version 2.
 void writeDrive(std::ostream& out, const Drive& drive);
 
-/// A synthetic drive of `seconds` around Istanbul: fixes every second, samples every half second,
-/// the device lying flat, with a few hard brakes, sharp corners and bumps along the way.
-Drive simulateDrive(double seconds, std::uint32_t seed);
-
-struct ReplayOptions {
-    std::string baseURL;
-    std::int64_t userID = 1;
-    /// Samples per motion upload; nullopt keeps the engine's default.
-    std::optional<std::int64_t> bulkMotionDataSize;
-    /// Bound on the real time spent waiting for the service.
-    std::chrono::milliseconds serviceTimeout{30'000};
-    /// Progress lines for a person watching.
-    std::function<void(const std::string&)> progress;
-    /// Also report the engine's notifications (uploads, completion steps) as progress lines.
-    bool verbose = false;
-    /// When set, the durable outbox's directory: what the service does not confirm stays there
-    /// for `kestrelvue outbox DIR`.
-    std::string outboxDirectory;
-};
-
-struct ReplayResult {
-    bool thresholdsArrived = false;
-    bool finished = false;  // tripDidFinish with a record
-    std::shared_ptr<Trip> trip;
-    std::string failure;  // the last tripDidFail, "code title: message"
-    std::size_t fixes = 0, samples = 0;
-};
-
-/// Starts a trip, feeds the drive in virtual time, stops it and waits for the upload's outcome.
-ReplayResult replay(const Drive& drive, const ReplayOptions& options);
+/// Seconds as the drive's nanoseconds, rounded to the nearest.
+std::int64_t driveTime(double seconds);
 
 }  // namespace kestrelvue::tools

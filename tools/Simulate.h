@@ -1,0 +1,100 @@
+#pragma once
+// Synthetic drives with ground truth: what was done, when, and how hard, so that a replay can
+// be checked against it.
+
+#include <cstdint>
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Drive.h"
+
+namespace kestrelvue::tools {
+
+/// The kinds of risky driving the engine reports.
+enum class Kind : int { braking, acceleration, cornering, elevating, laneChange, fuel };
+inline constexpr int kKindCount = 6;
+inline constexpr Kind kKinds[kKindCount] = {Kind::braking,   Kind::acceleration, Kind::cornering,
+                                            Kind::elevating, Kind::laneChange,   Kind::fuel};
+/// "braking", "acceleration", "cornering", "elevating", "lane-change", "fuel".
+const char* kindName(Kind kind);
+std::optional<Kind> kindNamed(const std::string& name);
+
+/// What the simulated driver did. The first eight are injected on purpose; the rest are the
+/// ordinary driving around them.
+enum class Manoeuvre : int {
+    brake,
+    accelerate,
+    cornerLeft,
+    cornerRight,
+    bump,
+    laneLeft,
+    laneRight,
+    fuel,
+    stop,
+    pullAway,
+    turnLeft,
+    turnRight,
+};
+const char* manoeuvreName(Manoeuvre m);  // "brake", ..., "pull-away", "turn-right"
+bool isInjected(Manoeuvre m);
+/// The kind an injected manoeuvre must be detected as.
+Kind kindOf(Manoeuvre m);
+/// Whether a detection of `kind` during `m` is explained by it (a hard pull-away is also
+/// fuel-inefficient, a stop may brake harder than the mildest band).
+bool mayCause(Manoeuvre m, Kind kind);
+
+struct TruthEvent {
+    double t = 0;         // seconds since the start of the drive
+    double duration = 0;  // seconds
+    Manoeuvre what = Manoeuvre::brake;
+    double magnitude = 0;  // g, or rad/s for bumps and lane changes
+};
+
+struct SimulationOptions {
+    std::string profile = "city";  // "city" or "motorway"
+    double seconds = 600;
+    std::uint32_t seed = 1;
+    /// Kinds to inject; every kind by default.
+    std::vector<Kind> events{kKinds, kKinds + kKindCount};
+    /// Seconds between injected events, on average.
+    double eventSpacing = 45;
+    /// Motion samples per second in the file (the fixes come once a second).
+    double rate = 10;
+    /// No fixes from `fixGapStart` for `fixGapSeconds` (a tunnel, a garage).
+    double fixGapStart = 0, fixGapSeconds = 0;
+};
+
+struct Simulation {
+    Drive drive;
+    std::vector<TruthEvent> truth;
+};
+
+/// A drive around Istanbul on the phone lying face up. The same options give the same drive,
+/// and drives that differ only in `rate` agree on every instant they share.
+Simulation simulate(const SimulationOptions& options);
+
+void writeTruth(std::ostream& out, const std::vector<TruthEvent>& truth);
+/// Reads what writeTruth wrote; on a bad line, nullopt and "line N: what is wrong".
+std::optional<std::vector<TruthEvent>> parseTruth(std::istream& in, std::string& error);
+
+/// One evaluated sample charged for a kind.
+struct Detection {
+    double t = 0;  // seconds since the start of the drive
+    Kind kind = Kind::braking;
+};
+
+struct KindScore {
+    int injected = 0, hits = 0, misses = 0, extra = 0;
+};
+struct TruthComparison {
+    KindScore kinds[kKindCount];
+};
+/// Injected events against detections, per kind. An injected event is hit when a detection of
+/// its kind falls within a second of it; detections a second or less apart are one episode;
+/// an episode that nothing in the truth explains is extra.
+TruthComparison compareWithTruth(const std::vector<TruthEvent>& truth,
+                                 const std::vector<Detection>& detections);
+
+}  // namespace kestrelvue::tools
