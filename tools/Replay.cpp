@@ -1,0 +1,458 @@
+#include "Replay.h"
+
+#include <kestrelvue/DrivingInsight.h>
+#include <kestrelvue/posix/CurlHttpClient.h>
+
+#include <algorithm>
+#include <cmath>
+#include <condition_variable>
+#include <cstdio>
+#include <ctime>
+#include <mutex>
+#include <set>
+
+#include "Outbox.h"
+#include "Requests.h"
+#include "engine/Outbox.h"
+#include "platform/sim/Sim.h"
+
+namespace kestrelvue::tools {
+namespace {
+
+using namespace std::chrono;
+
+struct Place {
+    const char* name;
+    const char* city;  // nullptr: the name is the town
+    double latitude, longitude;
+};
+
+// Istanbul's districts and a few towns: enough to name where a replayed drive starts and ends.
+constexpr Place kPlaces[] = {
+    {"Fatih", "İstanbul", 41.0186, 28.9497},       {"Beyoğlu", "İstanbul", 41.0370, 28.9770},
+    {"Beşiktaş", "İstanbul", 41.0430, 29.0070},    {"Şişli", "İstanbul", 41.0600, 28.9870},
+    {"Kadıköy", "İstanbul", 40.9900, 29.0290},     {"Üsküdar", "İstanbul", 41.0230, 29.0150},
+    {"Sarıyer", "İstanbul", 41.1680, 29.0570},     {"Bakırköy", "İstanbul", 40.9800, 28.8720},
+    {"Zeytinburnu", "İstanbul", 40.9940, 28.9040}, {"Eyüpsultan", "İstanbul", 41.0480, 28.9340},
+    {"Kağıthane", "İstanbul", 41.0790, 28.9720},   {"Ataşehir", "İstanbul", 40.9920, 29.1240},
+    {"Ümraniye", "İstanbul", 41.0160, 29.1240},    {"Maltepe", "İstanbul", 40.9350, 29.1310},
+    {"Kartal", "İstanbul", 40.8890, 29.1900},      {"Pendik", "İstanbul", 40.8760, 29.2330},
+    {"Bağcılar", "İstanbul", 41.0390, 28.8560},    {"Küçükçekmece", "İstanbul", 41.0000, 28.7800},
+    {"Beylikdüzü", "İstanbul", 40.9820, 28.6400},  {"Başakşehir", "İstanbul", 41.0930, 28.8020},
+    {"Beykoz", "İstanbul", 41.1340, 29.0920},      {"Ankara", nullptr, 39.9334, 32.8597},
+    {"İzmir", nullptr, 38.4237, 27.1428},          {"Bursa", nullptr, 40.1885, 29.0610},
+    {"Antalya", nullptr, 36.8969, 30.7133},        {"İzmit", nullptr, 40.7654, 29.9408},
+    {"Edirne", nullptr, 41.6818, 26.5623},         {"Eskişehir", nullptr, 39.7767, 30.5206},
+    {"Konya", nullptr, 37.8746, 32.4932},
+};
+
+double kilometresBetween(double lat1, double lon1, double lat2, double lon2) {
+    const double x = (lon2 - lon1) * std::cos((lat1 + lat2) / 2 * M_PI / 180.0);
+    return std::hypot(x, lat2 - lat1) * 111.32;
+}
+
+/// "yyyy-MM-dd HH:mm:ss:SSS" in the local zone, as the records carry it, to Unix milliseconds.
+/// The zone is asked once an hour of records (mktime reads the zone's file at every call).
+std::optional<std::int64_t> recordMillis(const std::string& text) {
+    int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, ms = 0;
+    if (std::sscanf(text.c_str(), "%d-%d-%d %d:%d:%d:%d", &year, &month, &day, &hour, &minute,
+                    &second, &ms) != 7)
+        return std::nullopt;
+    thread_local std::string cachedHour;
+    thread_local std::int64_t cachedHourMillis = 0;
+    const std::string hourKey = text.substr(0, 13);
+    if (hourKey != cachedHour) {
+        std::tm tm{};
+        tm.tm_year = year - 1900;
+        tm.tm_mon = month - 1;
+        tm.tm_mday = day;
+        tm.tm_hour = hour;
+        tm.tm_isdst = -1;
+        const std::time_t seconds = std::mktime(&tm);
+        if (seconds == -1) return std::nullopt;
+        cachedHour = hourKey;
+        cachedHourMillis = static_cast<std::int64_t>(seconds) * 1000;
+    }
+    return cachedHourMillis + (minute * 60 + second) * 1000 + ms;
+}
+
+/// The HTTP client the replay talks through: the real one, watched. It counts what the engine
+/// sends and what the service confirms, and reads the charges off the motion records.
+class WireTap final : public platform::HttpClient {
+public:
+    explicit WireTap(std::shared_ptr<platform::HttpClient> inner) : inner_(std::move(inner)) {}
+
+    void send(platform::HttpRequest request, platform::HttpCompletion completion) override {
+        std::string key;  // what a repeat of this upload has in common with it
+        std::vector<std::int64_t> items;
+        std::string guid;
+        if (request.body && request.url.find("/addMotionData") != std::string::npos) {
+            if (auto bulk = service::parseMotionBulk(*request.body)) {
+                guid = bulk.value->guid;
+                for (const service::PointRow& p : bulk.value->points) {
+                    items.push_back(p.itemId);
+                    noteCharges(guid, p);
+                }
+                key = "motion " + guid + " " + (items.empty() ? "" : std::to_string(items[0]));
+            }
+        } else if (request.body && request.url.find("/addDrivingScore") != std::string::npos) {
+            key = "trip " + *request.body;
+        }
+        {
+            std::lock_guard lock(mutex_);
+            ++inFlight_;
+            if (!key.empty() && !sent_.insert(key).second) ++retried_;
+            for (std::int64_t item : items) records_.insert({guid, item});
+        }
+        const std::string url = request.url;
+        inner_->send(std::move(request),
+                     [this, url, guid, items = std::move(items),
+                      completion = std::move(completion)](platform::HttpResult result) mutable {
+                         const long status = result.response ? result.response->statusCode : 0;
+                         {
+                             std::lock_guard lock(mutex_);
+                             if (status == 200 && !items.empty()) {
+                                 ++bulks_;
+                                 for (std::int64_t item : items) confirmed_.insert({guid, item});
+                             }
+                             if (status != 200) {
+                                 problem_ =
+                                     url + ": " +
+                                     (result.error ? result.error->description + " (" +
+                                                         std::to_string(result.error->code) + ")"
+                                                   : "HTTP " + std::to_string(status));
+                             }
+                         }
+                         completion(std::move(result));
+                         std::lock_guard lock(mutex_);
+                         --inFlight_;
+                         idle_.notify_all();
+                     });
+    }
+
+    void setStart(std::int64_t unixMillis) { startMillis_ = unixMillis; }
+
+    bool waitIdle(steady_clock::time_point deadline) {
+        std::unique_lock lock(mutex_);
+        return idle_.wait_until(lock, deadline, [&] { return inFlight_ == 0; });
+    }
+    std::string problem() const {
+        std::lock_guard lock(mutex_);
+        return problem_;
+    }
+    void collect(ReplayResult& out) const {
+        std::lock_guard lock(mutex_);
+        out.records = records_.size();
+        out.recordsConfirmed = confirmed_.size();
+        out.bulksUploaded = bulks_;
+        out.uploadsRetried = retried_;
+        out.detections = detections_;
+        std::sort(out.detections.begin(), out.detections.end(),
+                  [](const Detection& a, const Detection& b) { return a.t < b.t; });
+    }
+
+private:
+    void noteCharges(const std::string& guid, const service::PointRow& p) {
+        const auto at = recordMillis(p.recordTime);
+        std::lock_guard lock(mutex_);
+        if (!at || records_.count({guid, p.itemId})) return;  // a repeat: already counted
+        const double t = static_cast<double>(*at - startMillis_) / 1000.0;
+        // The records' kinds run cornering, speeding, braking, elevating, lane changing.
+        constexpr Kind kinds[5] = {Kind::cornering, Kind::acceleration, Kind::braking,
+                                   Kind::elevating, Kind::laneChange};
+        for (int i = 0; i < 5; ++i)
+            if (p.penalty[i] > 0 || p.penaltyPerKM[i] > 0) detections_.push_back({t, kinds[i]});
+        if (p.fuelPerKM > 0) detections_.push_back({t, Kind::fuel});
+    }
+
+    mutable std::mutex mutex_;
+    std::condition_variable idle_;
+    int inFlight_ = 0;
+    std::set<std::string> sent_;
+    std::set<std::pair<std::string, std::int64_t>> records_, confirmed_;
+    std::size_t bulks_ = 0, retried_ = 0;
+    std::vector<Detection> detections_;
+    std::string problem_;
+    std::int64_t startMillis_ = 0;
+    // Last, so it ends first: its completions still running at the end find the counts alive.
+    std::shared_ptr<platform::HttpClient> inner_;
+};
+
+/// Hears the engine's reports and lets the replay wait for them (bounded, in real time: the
+/// service answers on its own threads).
+class Listener final : public DrivingInsightDelegate {
+public:
+    void tripDidFinish(std::shared_ptr<Trip> trip) override {
+        std::lock_guard lock(mutex_);
+        done_ = true;
+        trip_ = std::move(trip);
+        cv_.notify_all();
+    }
+    void tripDidFail(std::int64_t code, const std::string& title, const std::string& message,
+                     std::shared_ptr<platform::Alert>) override {
+        std::lock_guard lock(mutex_);
+        code_ = code;
+        title_ = title;
+        message_ = message;
+        // A failure while driving (a motion bulk that did not go) is reported, not final.
+        if (stopped_) done_ = true;
+        cv_.notify_all();
+    }
+    void markStopped() {
+        std::lock_guard lock(mutex_);
+        stopped_ = true;
+    }
+    bool waitDone(milliseconds step) {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, step, [&] { return done_; });
+    }
+    void result(ReplayResult& out) {
+        std::lock_guard lock(mutex_);
+        out.trip = trip_;
+        out.finished = trip_ != nullptr;
+        out.failureCode = code_;
+        out.failureTitle = title_;
+        out.failureMessage = message_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    bool done_ = false, stopped_ = false;
+    std::shared_ptr<Trip> trip_;
+    std::int64_t code_ = 0;
+    std::string title_, message_;
+};
+
+/// Waits, in real time and at most `timeout`, for a notification the service's reply brings.
+class Awaited {
+public:
+    /// `first` runs on each notification before a waiter is woken, so that what it does is
+    /// done by the time the wait returns.
+    Awaited(NotificationCenter& center, const std::string& name,
+            std::function<void(const Notification&)> first = {})
+        : token_(center.addObserver(name, [this, first = std::move(first)](const Notification& n) {
+              if (first) first(n);
+              std::lock_guard lock(mutex_);
+              if (!note_) note_ = n;
+              cv_.notify_all();
+          })) {}
+    std::optional<Notification> wait(milliseconds timeout) {
+        std::unique_lock lock(mutex_);
+        cv_.wait_for(lock, timeout, [&] { return note_.has_value(); });
+        return note_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    std::optional<Notification> note_;
+    ObserverToken token_;  // last: ends before the members its handler touches
+};
+
+}  // namespace
+
+std::string ReplayResult::failure() const {
+    if (failureTitle.empty() && failureMessage.empty()) return {};
+    return std::to_string(failureCode) + " " + failureTitle + ": " + failureMessage;
+}
+
+std::vector<std::string> placeNear(double latitude, double longitude) {
+    const Place* nearest = nullptr;
+    double best = 1e9;
+    for (const Place& p : kPlaces) {
+        const double d = kilometresBetween(latitude, longitude, p.latitude, p.longitude);
+        if (d < best) best = d, nearest = &p;
+    }
+    if (nearest && best < (nearest->city ? 12.0 : 30.0)) {
+        if (nearest->city) return {nearest->name, nearest->city};
+        return {nearest->name};
+    }
+    char text[64];
+    std::snprintf(text, sizeof text, "%.5f, %.5f", latitude, longitude);
+    return {text};
+}
+
+ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
+    const auto wallStart = steady_clock::now();
+    ReplayResult result;
+    auto say = [&](const std::string& line) {
+        if (options.log) options.log(line);
+    };
+
+    // The simulated phone, as the tests build it; the replay adds a real HTTP client, random
+    // trip identifiers and named places, and starts the clock at the present second.
+    sim::Platform phone;
+    const auto start = time_point_cast<system_clock::duration>(floor<seconds>(system_clock::now()));
+    phone.clock->setNow(start);
+    phone.geocoder->setAnswerer([](const platform::Location& at) {
+        return sim::Geocoder::placemark(placeNear(at.coordinate.latitude, at.coordinate.longitude));
+    });
+    const auto& clock = phone.clock;
+    const auto& queue = phone.queue;
+    const auto& motion = phone.motion;
+
+    Environment env;
+    phone.installInto(env);
+    env.ids = std::make_shared<platform::RandomIdGenerator>();
+    auto tap = std::make_shared<WireTap>(std::make_shared<posix::CurlHttpClient>());
+    tap->setStart(duration_cast<milliseconds>(start.time_since_epoch()).count());
+    env.http = tap;
+    // The replay talks to a server it was pointed at; no default route is needed for that.
+    env.reachability =
+        std::make_shared<platform::FixedReachabilityProbe>(platform::kReachabilityFlagsReachable);
+    env.notifications = NotificationCenter::make();
+    Object info{{std::string(kBaseURLKey), options.baseURL},
+                {"CFBundleShortVersionString", "kestrelvue-replay"},
+                {"CFBundleDisplayName", "Kestrelvue"}};
+    if (options.bulkMotionDataSize) info.emplace("BulkMotionDataSize", *options.bulkMotionDataSize);
+    env.applicationInfo = std::move(info);
+    if (!options.outboxDirectory.empty()) useOutbox(env, options.outboxDirectory);
+
+    Awaited thresholds(*env.notifications, "thresholdsGot");
+    std::vector<ObserverToken> traces;
+    if (options.verbose) {
+        for (const char* name :
+             {"motionDataSynced", "motionDataSyncFailed", "getWeatherInfo",
+              "tripStoppedEndAnnotationSetted", "tripEndedSuccessfully", detail::kUploadsPending}) {
+            traces.push_back(env.notifications->addObserver(name, [say](const Notification& n) {
+                std::string line = "  [" + n.name + "]";
+                if (n.userInfo) {
+                    if (auto it = n.userInfo->find("error"); it != n.userInfo->end()) {
+                        if (const std::string* text = it->second.asString()) line += " " + *text;
+                    }
+                }
+                say(line);
+            }));
+        }
+    }
+
+    auto engine = DrivingInsight::makeDetached(env);
+    // Play the host: keep the temperature the weather request brings, so the engine stops asking.
+    // The temperature is set before the replay is woken, or the next fix would ask again.
+    Awaited weatherAnswered(*env.notifications, "getWeatherInfo",
+                            [engine = engine.get()](const Notification& n) {
+                                const Value* data = nullptr;
+                                if (n.userInfo) {
+                                    auto it = n.userInfo->find("Data");
+                                    if (it != n.userInfo->end()) data = &it->second;
+                                }
+                                const Value* t = data ? data->find("Temperature") : nullptr;
+                                if (auto celsius = t ? t->asNumber() : std::nullopt)
+                                    engine->setTemperature(*celsius);
+                            });
+    auto listener = std::make_shared<Listener>();
+    engine->setDrivingInsightDelegate(listener);
+    engine->setUserID(options.userID);
+
+    auto finish = [&] {
+        tap->collect(result);
+        if (auto outbox = detail::Outbox::existing(env)) {
+            const auto left = outbox->pending();
+            result.recordsWaiting = left.records;
+            result.tripsWaiting = left.trips;
+        }
+        result.wallSeconds = duration<double>(steady_clock::now() - wallStart).count();
+        return result;
+    };
+
+    // The bands come first: without them the drive would be charged nothing, and a service that
+    // does not answer is better found before the drive than after it.
+    const auto bands = thresholds.wait(options.serviceTimeout);
+    result.thresholdsArrived = bands && !bands->userInfo;
+    if (!result.thresholdsArrived) {
+        const std::string why =
+            tap->problem().empty() ? "no usable threshold reply" : tap->problem();
+        if (options.outboxDirectory.empty()) {
+            result.serviceUnreachable = true;
+            result.failureCode = 2;
+            result.failureTitle = "service unreachable";
+            result.failureMessage = "the service at " + options.baseURL + " did not answer: " + why;
+            return finish();
+        }
+        say("the service did not answer (" + why +
+            "); recording into the outbox, nothing will be charged");
+    } else {
+        say("bands received from " + options.baseURL);
+    }
+
+    if (!engine->startTrip()) {
+        listener->result(result);
+        if (result.failure().empty()) result.failureTitle = "the trip did not start";
+        return finish();
+    }
+    result.interval = motion->deviceMotionUpdateInterval();
+    const std::int64_t intervalNs =
+        std::max<std::int64_t>(1'000'000, std::llround(result.interval * 1e9));
+    const std::int64_t lastNs = drive.events.empty() ? 0 : drive.events.back().t;
+    ReplayProgress progress;
+    progress.total = static_cast<std::size_t>(lastNs / intervalNs) + 1;
+
+    // Motion goes in at the engine's interval whatever the recording's rate, holding the latest
+    // recorded sample between recorded ones; fixes go in when they were recorded. An event at
+    // the same instant as a delivery comes first.
+    const DriveEvent* latest = nullptr;
+    std::size_t next = 0;
+    for (std::int64_t tick = 0; tick <= lastNs; tick += intervalNs) {
+        for (; next < drive.events.size() && drive.events[next].t <= tick; ++next) {
+            const DriveEvent& e = drive.events[next];
+            if (e.motion) latest = &e;
+            if (!e.fix) continue;
+            clock->setNow(start + duration_cast<system_clock::duration>(nanoseconds(e.t)));
+            platform::Location fix = *e.fix;
+            fix.timestamp = clock->now();
+            engine->didUpdateLocations({fix});
+            queue->runUntilIdle();
+            if (result.fixes++ == 0) {
+                // In real time the weather reply lands long before the next fix; give the first
+                // one that chance, so the engine does not ask again at every fix.
+                weatherAnswered.wait(milliseconds(2000));
+            }
+        }
+        if (latest) {
+            clock->setNow(start + duration_cast<system_clock::duration>(nanoseconds(tick)));
+            phone.device->setOrientation(latest->orientation);
+            motion->push(*latest->motion);
+            ++result.samples;
+            queue->runUntilIdle();
+        }
+        ++progress.done;
+        if (options.progress && progress.done % 256 == 0) {
+            progress.driveSeconds = static_cast<double>(tick) * 1e-9;
+            options.progress(progress);
+        }
+    }
+    progress.done = progress.total;
+    progress.driveSeconds = static_cast<double>(lastNs) * 1e-9;
+    if (options.progress) options.progress(progress);
+
+    engine->stopTrip();
+    listener->markStopped();
+    say("trip stopped; uploading");
+    const auto deadline = steady_clock::now() + options.serviceTimeout;
+    while (steady_clock::now() < deadline) {
+        queue->runUntilIdle();  // geocoder answers arrive through the main queue
+        if (listener->waitDone(milliseconds(20))) break;
+    }
+    queue->runUntilIdle();
+    // The trip's outcome can come before its last motion bulk settles.
+    tap->waitIdle(deadline);
+    if (auto outbox = detail::Outbox::existing(env)) outbox->waitUntilIdle();
+    listener->result(result);
+    if (!result.finished && result.failure().empty()) {
+        result.failureTitle = "no answer from the service";
+        result.failureMessage = tap->problem();
+    }
+
+    if (result.finished && options.fetchRoute) {
+        Awaited drawn(*env.notifications, "drawPassedCoordinates");
+        result.trip->getPassedCoordinatesFromServer();
+        if (drawn.wait(options.serviceTimeout))
+            result.route = result.trip->route();
+        else
+            result.routeProblem = "the route did not come back: " + tap->problem();
+    }
+    return finish();
+}
+
+}  // namespace kestrelvue::tools

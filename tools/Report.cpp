@@ -1,0 +1,334 @@
+#include "Report.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <ostream>
+
+namespace kestrelvue::tools {
+namespace {
+
+std::string format(const char* pattern, double value) {
+    char text[64];
+    std::snprintf(text, sizeof text, pattern, value);
+    return text;
+}
+
+/// "1 h 02 min 05 s", from whole seconds.
+std::string durationText(double seconds) {
+    const long long s = std::llround(std::max(0.0, seconds));
+    char text[48];
+    if (s >= 3600)
+        std::snprintf(text, sizeof text, "%lld h %02lld min %02lld s", s / 3600, s / 60 % 60,
+                      s % 60);
+    else
+        std::snprintf(text, sizeof text, "%lld min %02lld s", s / 60, s % 60);
+    return text;
+}
+
+double tripSeconds(const Trip& t) {
+    return std::chrono::duration<double>(t.EndDateTime - t.StartDateTime).count();
+}
+
+/// Printable in JSON whatever the engine holds: JSON has no infinities.
+double finite(double v) {
+    return std::isfinite(v) ? v : 0.0;
+}
+
+struct Colour {
+    const char* fill;
+    const char* label;
+};
+// One colour per kind, in kKinds order, told apart also by people with red-green blindness.
+constexpr Colour kColours[kKindCount] = {{"#d62728", "braking"},     {"#ff7f0e", "acceleration"},
+                                         {"#9467bd", "cornering"},   {"#8c564b", "elevating"},
+                                         {"#1f77b4", "lane change"}, {"#2ca02c", "fuel"}};
+
+std::string escapeXml(const std::string& text) {
+    std::string out;
+    for (char c : text) {
+        switch (c) {
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out += c;
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+std::vector<KindLine> kindLines(const ReplayResult& result) {
+    std::vector<KindLine> lines;
+    for (Kind k : kKinds) lines.push_back({k});
+    if (result.trip) {
+        const Trip& t = *result.trip;
+        auto set = [&](Kind k, std::int64_t count, double penalty, double perKM) {
+            lines[static_cast<int>(k)] = {k, count, penalty, perKM};
+        };
+        set(Kind::braking, t.SharpBrakingCount, t.SharpBrakingPenalty, t.SharpBrakingPenaltyPerKM);
+        set(Kind::acceleration, t.SharpSpeedingCount, t.SharpSpeedingPenalty,
+            t.SharpSpeedingPenaltyPerKM);
+        set(Kind::cornering, t.SharpCorneringCount, t.SharpCorneringPenalty,
+            t.SharpCorneringPenaltyPerKM);
+        set(Kind::elevating, t.SharpElevatingCount, t.SharpElevatingPenalty,
+            t.SharpElevatingPenaltyPerKM);
+        set(Kind::laneChange, t.SharpLaneChangingCount, t.SharpLaneChangingPenalty,
+            t.SharpLaneChangingPenaltyPerKM);
+        set(Kind::fuel, 0, 0, t.FuelEfficiencyPenaltyPerKM);
+    }
+    for (const Detection& d : result.detections)
+        if (d.kind == Kind::fuel) ++lines[static_cast<int>(Kind::fuel)].count;
+    return lines;
+}
+
+int exitCodeOf(const ReplayResult& result) {
+    const bool allDelivered = result.recordsConfirmed + result.recordsWaiting >= result.records;
+    return result.finished && allDelivered ? 0 : 1;
+}
+
+void printReport(std::ostream& out, const ReplayResult& r, const std::string& server,
+                 const std::optional<TruthComparison>& truth) {
+    if (r.serviceUnreachable) {
+        out << "not played: " << r.failureMessage << "\n";
+        return;
+    }
+    if (r.trip) {
+        const Trip& t = *r.trip;
+        out << "Trip " << t.DrivingID << " uploaded to " << server << "\n"
+            << "  score      " << format("%.1f", t.Score) << "\n"
+            << "  distance   " << format("%.2f km", t.TotalDistance / 1000.0) << " in "
+            << durationText(tripSeconds(t)) << "  (the library's text: \""
+            << t.TimeElapsedTotalDistance_Formatted << "\")\n"
+            << "  from       " << t.StartLocation << "  (\"" << t.StartDateTime_Formatted << "\")\n"
+            << "  to         " << t.EndLocation << "\n\n";
+        out << "  kind           count    penalty     per km\n";
+        for (const KindLine& line : kindLines(r)) {
+            char text[128];
+            std::snprintf(text, sizeof text, "  %-12s %7lld %10s %10.3f\n", kindName(line.kind),
+                          static_cast<long long>(line.count),
+                          line.kind == Kind::fuel ? "-" : format("%.2f", line.penalty).c_str(),
+                          line.perKM);
+            out << text;
+        }
+        out << "\n";
+    } else {
+        out << "Trip not uploaded\n";
+    }
+    out << "  samples    " << r.samples << " delivered every " << format("%g", r.interval) << " s, "
+        << r.fixes << " fixes; " << r.records << " records made, " << r.recordsConfirmed
+        << " confirmed\n"
+        << "  uploads    " << r.bulksUploaded << " motion bulks, " << r.uploadsRetried
+        << " retried\n";
+    if (r.recordsWaiting || r.tripsWaiting)
+        out << "  outbox     " << r.recordsWaiting << " records and " << r.tripsWaiting
+            << " trips still waiting (kestrelvue outbox DIR sends them)\n";
+    else if (r.records > r.recordsConfirmed)
+        out << "  LOST       " << r.records - r.recordsConfirmed
+            << " records never reached the service\n";
+    if (!r.failure().empty()) out << "  failure    " << r.failure() << "\n";
+    if (truth) {
+        out << "\n  against the truth    injected   hits  misses  extra\n";
+        for (Kind k : kKinds) {
+            const KindScore& s = truth->kinds[static_cast<int>(k)];
+            char text[128];
+            std::snprintf(text, sizeof text, "  %-20s %8d %6d %7d %6d\n", kindName(k), s.injected,
+                          s.hits, s.misses, s.extra);
+            out << text;
+        }
+    }
+}
+
+void printJsonReport(std::ostream& out, const ReplayResult& r, const std::string& server,
+                     const std::optional<TruthComparison>& truth) {
+    nlohmann::ordered_json j;
+    j["server"] = server;
+    j["uploaded"] = r.finished;
+    if (r.trip) {
+        const Trip& t = *r.trip;
+        j["trip"] = t.DrivingID;
+        j["score"] = finite(t.Score);
+        j["distance_m"] = finite(t.TotalDistance);
+        j["duration_s"] = finite(tripSeconds(t));
+        j["library_text"] = t.TimeElapsedTotalDistance_Formatted;
+        j["start"] = {{"address", t.StartLocation},
+                      {"latitude", finite(t.StartLocationLat)},
+                      {"longitude", finite(t.StartLocationLong)},
+                      {"time", t.StartDateTime_Formatted}};
+        j["end"] = {{"address", t.EndLocation},
+                    {"latitude", finite(t.EndLocationLat)},
+                    {"longitude", finite(t.EndLocationLong)}};
+    }
+    nlohmann::ordered_json kinds = nlohmann::ordered_json::object();
+    for (const KindLine& line : kindLines(r))
+        kinds[kindName(line.kind)] = {{"count", line.count},
+                                      {"penalty", finite(line.penalty)},
+                                      {"penalty_per_km", finite(line.perKM)}};
+    j["kinds"] = kinds;
+    j["interval_s"] = r.interval;
+    j["fixes"] = r.fixes;
+    j["samples"] = r.samples;
+    j["records"] = r.records;
+    j["records_confirmed"] = r.recordsConfirmed;
+    j["bulks_uploaded"] = r.bulksUploaded;
+    j["uploads_retried"] = r.uploadsRetried;
+    j["outbox"] = {{"records", r.recordsWaiting}, {"trips", r.tripsWaiting}};
+    if (r.route)
+        j["route"] = {{"points", r.route->PassedCoordinates.size()},
+                      {"faults", r.route->Faults.size()},
+                      {"fuel_points", std::count_if(r.route->FuelDefficiencies.begin(),
+                                                    r.route->FuelDefficiencies.end(),
+                                                    [](const Trip::FuelInefficiencyStruct& f) {
+                                                        return f.FuelEfficiencyPenalty > 0;
+                                                    })}};
+    if (r.failure().empty())
+        j["failure"] = nullptr;
+    else
+        j["failure"] = {
+            {"code", r.failureCode}, {"title", r.failureTitle}, {"message", r.failureMessage}};
+    if (truth) {
+        nlohmann::ordered_json t = nlohmann::ordered_json::object();
+        for (Kind k : kKinds) {
+            const KindScore& s = truth->kinds[static_cast<int>(k)];
+            t[kindName(k)] = {{"injected", s.injected},
+                              {"hits", s.hits},
+                              {"misses", s.misses},
+                              {"extra", s.extra}};
+        }
+        j["truth"] = t;
+    }
+    j["wall_s"] = r.wallSeconds;
+    // Texts the library received from outside are not trusted to be UTF-8.
+    out << j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+}
+
+void writeMapSvg(std::ostream& out, const Trip& trip, const Trip::Route& route) {
+    constexpr double kWidth = 960, kHeight = 680, kMargin = 40;
+    std::vector<platform::Coordinate> all = route.PassedCoordinates;
+    for (const auto& f : route.Faults) all.push_back(f.Coordinate);
+    for (const auto& f : route.FuelDefficiencies) all.push_back(f.Coordinate);
+    all.push_back({trip.StartLocationLat, trip.StartLocationLong});
+    all.push_back({trip.EndLocationLat, trip.EndLocationLong});
+    all.erase(std::remove_if(all.begin(), all.end(),
+                             [](const platform::Coordinate& c) {
+                                 return !std::isfinite(c.latitude) || !std::isfinite(c.longitude) ||
+                                        (c.latitude == 0 && c.longitude == 0);
+                             }),
+              all.end());
+    double minLat = 90, maxLat = -90, minLon = 180, maxLon = -180;
+    for (const auto& c : all) {
+        minLat = std::min(minLat, c.latitude), maxLat = std::max(maxLat, c.latitude);
+        minLon = std::min(minLon, c.longitude), maxLon = std::max(maxLon, c.longitude);
+    }
+    if (all.empty()) minLat = maxLat = minLon = maxLon = 0;
+    // An equirectangular view around the middle latitude: true to scale at city sizes.
+    const double metresPerDegreeLat = 111'320.0;
+    const double metresPerDegreeLon =
+        metresPerDegreeLat * std::cos((minLat + maxLat) / 2 * M_PI / 180);
+    const double spanX = std::max((maxLon - minLon) * metresPerDegreeLon, 50.0);
+    const double spanY = std::max((maxLat - minLat) * metresPerDegreeLat, 50.0);
+    const double scale = std::min((kWidth - 2 * kMargin) / spanX, (kHeight - 2 * kMargin) / spanY);
+    const double offsetX = (kWidth - spanX * scale) / 2, offsetY = (kHeight - spanY * scale) / 2;
+    auto x = [&](const platform::Coordinate& c) {
+        return offsetX + (c.longitude - minLon) * metresPerDegreeLon * scale;
+    };
+    auto y = [&](const platform::Coordinate& c) {
+        return kHeight - offsetY - (c.latitude - minLat) * metresPerDegreeLat * scale;
+    };
+    char text[256];
+    out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+           "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"960\" height=\"680\" "
+           "viewBox=\"0 0 960 680\" font-family=\"sans-serif\" font-size=\"13\">\n"
+        << "<title>Trip " << escapeXml(trip.DrivingID) << "</title>\n"
+        << "<rect width=\"960\" height=\"680\" fill=\"#f7f7f4\"/>\n";
+    out << "<polyline class=\"route\" fill=\"none\" stroke=\"#555\" stroke-width=\"3\" "
+           "stroke-linejoin=\"round\" points=\"";
+    for (const auto& c : route.PassedCoordinates) {
+        std::snprintf(text, sizeof text, "%.1f,%.1f ", x(c), y(c));
+        out << text;
+    }
+    out << "\"/>\n";
+
+    int counts[kKindCount] = {};
+    auto marker = [&](const platform::Coordinate& c, Kind k) {
+        ++counts[static_cast<int>(k)];
+        std::snprintf(text, sizeof text,
+                      "<circle class=\"fault %s\" cx=\"%.1f\" cy=\"%.1f\" r=\"6\" fill=\"%s\" "
+                      "fill-opacity=\"0.85\" stroke=\"#fff\"/>\n",
+                      kindName(k), x(c), y(c), kColours[static_cast<int>(k)].fill);
+        out << text;
+    };
+    for (const auto& f : route.Faults) {
+        // A point charged for several kinds shows the first; the legend counts points.
+        const double p[5] = {f.BrakingPenalty, f.SpeedingPenalty, f.CorneringPenalty,
+                             f.ElevatingPenalty, f.LaneChangingPenalty};
+        int kind = 0;
+        while (kind < 5 && !(p[kind] > 0)) ++kind;
+        marker(f.Coordinate, kind < 5 ? kKinds[kind] : Kind::braking);
+    }
+    // Every point carries its fuel charge; only those charged are marked.
+    for (const auto& f : route.FuelDefficiencies)
+        if (f.FuelEfficiencyPenalty > 0) marker(f.Coordinate, Kind::fuel);
+
+    auto pin = [&](const platform::Coordinate& c, const char* cls, const char* fill,
+                   const std::string& label) {
+        std::snprintf(text, sizeof text,
+                      "<g class=\"%s\"><path d=\"M%.1f %.1f l-9 -22 a10 10 0 1 1 18 0 z\" "
+                      "fill=\"%s\" stroke=\"#222\"/>",
+                      cls, x(c), y(c), fill);
+        out << text;
+        // Labels near the right edge run leftwards, so that they stay on the map.
+        const bool leftwards = x(c) > kWidth * 0.65;
+        std::snprintf(text, sizeof text,
+                      "<text x=\"%.1f\" y=\"%.1f\" font-weight=\"bold\" text-anchor=\"%s\">",
+                      leftwards ? x(c) - 12 : x(c) + 12, y(c) - 22, leftwards ? "end" : "start");
+        out << text << escapeXml(label) << "</text></g>\n";
+    };
+    pin({trip.StartLocationLat, trip.StartLocationLong}, "start", "#2e7d32",
+        "Start: " + trip.StartLocation);
+    pin({trip.EndLocationLat, trip.EndLocationLong}, "end", "#c62828", "End: " + trip.EndLocation);
+
+    // The legend, top left.
+    out << "<g class=\"legend\"><rect x=\"12\" y=\"12\" width=\"230\" height=\""
+        << 44 + 20 * kKindCount << "\" fill=\"#fff\" fill-opacity=\"0.9\" stroke=\"#aaa\"/>\n";
+    std::snprintf(text, sizeof text,
+                  "<text x=\"24\" y=\"34\" font-weight=\"bold\">Score %.1f, %.1f km</text>\n",
+                  trip.Score, trip.TotalDistance / 1000.0);
+    out << text;
+    for (int k = 0; k < kKindCount; ++k) {
+        std::snprintf(text, sizeof text,
+                      "<circle cx=\"30\" cy=\"%d\" r=\"6\" fill=\"%s\"/><text x=\"44\" "
+                      "y=\"%d\">%s: %d</text>\n",
+                      54 + 20 * k, kColours[k].fill, 58 + 20 * k, kColours[k].label, counts[k]);
+        out << text;
+    }
+    out << "</g>\n";
+
+    // A scale bar of a round length near a fifth of the width.
+    const double target = (kWidth / 5) / scale;
+    double length = std::pow(10.0, std::floor(std::log10(target)));
+    for (double step : {2.0, 5.0})
+        if (length * step <= target) length = std::pow(10.0, std::floor(std::log10(target))) * step;
+    const double px = length * scale;
+    const std::string label =
+        length >= 1000 ? format("%g km", length / 1000) : format("%g m", length);
+    std::snprintf(text, sizeof text,
+                  "<g class=\"scale\"><path d=\"M20 650 v8 h%.1f v-8\" fill=\"none\" "
+                  "stroke=\"#222\" stroke-width=\"2\"/><text x=\"20\" y=\"642\">%s</text></g>\n",
+                  px, label.c_str());
+    out << text << "</svg>\n";
+}
+
+}  // namespace kestrelvue::tools
