@@ -3,7 +3,7 @@
 set -euo pipefail
 packages=(g++ cmake make pkg-config git python3 libcurl4-openssl-dev libsimdjson-dev nlohmann-json3-dev
           libcpp-httplib-dev libgeographiclib-dev libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev libssl-dev locales ccache
-          clang libclang-rt-14-dev clang-format clang-tidy)
+          clang libclang-rt-14-dev clang-format clang-tidy libcli11-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -1,153 +1,294 @@
-// kestrelvue: the command-line companion of the library.
-//
-//   kestrelvue serve    [--db FILE] [--host ADDRESS] [--port N] [--bands FILE] [--quiet]
-//   kestrelvue serve    token MOBILE [--db FILE]
-//   kestrelvue simulate [--seconds N] [--seed N]            > drive.kvd
-//   kestrelvue replay   DRIVE [--server URL] [--user ID] [--bulk N] [--db FILE]
+// kestrelvue: the command-line companion of the library. `kestrelvue --help` lists the
+// commands, `kestrelvue COMMAND --help` their options.
 //
 // replay feeds a recorded drive through the engine in virtual time and uploads it; without
 // --server it starts the reference service in-process first (in memory unless --db is given).
 
 #include <kestrelvue/service/ReferenceService.h>
+#include <unistd.h>
 
-#include <csignal>
+#include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <iostream>
-#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "Drive.h"
 #include "Outbox.h"
+#include "Replay.h"
+#include "Report.h"
+#include "Simulate.h"
 
 namespace {
 
-using Args = std::map<std::string, std::string>;
+using namespace kestrelvue;
 
-int usage(int code) {
-    std::fputs(
-        "usage:\n"
-        "  kestrelvue serve    [--db FILE] [--host ADDRESS] [--port N] [--bands FILE] [--quiet]\n"
-        "  kestrelvue serve    token MOBILE [--db FILE]\n"
-        "  kestrelvue simulate [--seconds N] [--seed N]\n"
-        "  kestrelvue replay   DRIVE [--server URL] [--user ID] [--bulk N] [--db FILE] [--verbose "
-        "1] [--outbox DIR]\n"
-        "  kestrelvue outbox   DIR [--server URL] [--wait SECONDS]\n",
-        code == 0 ? stdout : stderr);
-    return code;
-}
+// Exit codes: 0 done, 1 the work failed (a trip not uploaded, records lost, a file unreadable),
+// 2 the command line was wrong.
+constexpr int kFailed = 1, kUsage = 2;
 
-/// Splits "--name value" pairs; positional words go under "".
-bool parseArgs(int argc, char** argv, int from, Args& args) {
-    for (int i = from; i < argc; ++i) {
-        std::string word = argv[i];
-        if (word.rfind("--", 0) == 0) {
-            if (i + 1 >= argc) return false;
-            args[word.substr(2)] = argv[++i];
-        } else if (!args.count("")) {
-            args[""] = word;
-        } else {
-            return false;
+const CLI::Validator kHttpUrl(
+    [](std::string& url) -> std::string {
+        if (url.rfind("http://", 0) == 0 || url.rfind("https://", 0) == 0) return {};
+        return "expected an http:// or https:// URL, got '" + url + "'";
+    },
+    "URL");
+
+/// One line on a terminal, redrawn: samples done, how fast, how long still.
+class ProgressBar {
+public:
+    explicit ProgressBar(bool enabled) : enabled_(enabled) {}
+
+    void update(const tools::ReplayProgress& p) {
+        if (!enabled_ || p.total == 0) return;
+        const auto now = std::chrono::steady_clock::now();
+        if (p.done < p.total && now - lastDraw_ < std::chrono::milliseconds(100)) return;
+        lastDraw_ = now;
+        const double elapsed = std::chrono::duration<double>(now - start_).count();
+        const double rate = elapsed > 0 ? static_cast<double>(p.done) / elapsed : 0;
+        const double left = rate > 0 ? static_cast<double>(p.total - p.done) / rate : 0;
+        const double share = static_cast<double>(p.done) / static_cast<double>(p.total);
+        std::string bar(24, '-');
+        std::fill(bar.begin(), bar.begin() + static_cast<long>(share * 24), '#');
+        std::fprintf(stderr, "\r  [%s] %3.0f%%  %zu/%zu samples  %.0f/s  %.0f s left  ",
+                     bar.c_str(), share * 100, p.done, p.total, rate, left);
+        if (p.done >= p.total) std::fputc('\n', stderr);
+        std::fflush(stderr);
+    }
+
+private:
+    bool enabled_;
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now(), lastDraw_;
+};
+
+struct SimulateArgs {
+    tools::SimulationOptions options;
+    std::string events = "all", output, truth;
+    std::vector<double> fixGap;
+};
+
+int simulate(const SimulateArgs& args) {
+    tools::SimulationOptions options = args.options;
+    if (args.events != "all") {
+        options.events.clear();
+        std::stringstream list(args.events == "none" ? "" : args.events);
+        for (std::string name; std::getline(list, name, ',');) {
+            auto kind = tools::kindNamed(name);
+            if (!kind) {
+                std::fprintf(stderr,
+                             "kestrelvue simulate: --events: unknown kind '%s' (braking, "
+                             "acceleration, cornering, elevating, lane-change, fuel, all, none)\n",
+                             name.c_str());
+                return kUsage;
+            }
+            options.events.push_back(*kind);
         }
     }
-    return true;
-}
-
-bool toInt(const Args& args, const std::string& key, long long& out) {
-    auto it = args.find(key);
-    if (it == args.end()) return true;
-    char* end = nullptr;
-    out = std::strtoll(it->second.c_str(), &end, 10);
-    return end && *end == '\0' && !it->second.empty();
-}
-
-int simulate(const Args& args) {
-    long long seconds = 600, seed = 1;
-    if (!toInt(args, "seconds", seconds) || !toInt(args, "seed", seed) || seconds <= 0) {
-        return usage(2);
+    if (args.fixGap.size() == 2) {
+        options.fixGapStart = args.fixGap[0];
+        options.fixGapSeconds = args.fixGap[1];
     }
-    kestrelvue::tools::writeDrive(
-        std::cout, kestrelvue::tools::simulateDrive(double(seconds), std::uint32_t(seed)));
+    const tools::Simulation simulation = tools::simulate(options);
+    auto writeTo = [](const std::string& path, auto&& write) {
+        if (path.empty() || path == "-") {
+            write(std::cout);
+            return true;
+        }
+        std::ofstream file(path);
+        write(file);
+        file.close();
+        if (!file) std::fprintf(stderr, "kestrelvue simulate: cannot write %s\n", path.c_str());
+        return static_cast<bool>(file);
+    };
+    if (!writeTo(args.output, [&](std::ostream& o) { tools::writeDrive(o, simulation.drive); }))
+        return kFailed;
+    if (!args.truth.empty() &&
+        !writeTo(args.truth, [&](std::ostream& o) { tools::writeTruth(o, simulation.truth); }))
+        return kFailed;
     return 0;
 }
 
-int replay(const Args& args) {
-    if (!args.count("")) return usage(2);
-    std::ifstream file(args.at(""));
-    if (!file) {
-        std::fprintf(stderr, "kestrelvue: cannot read %s\n", args.at("").c_str());
-        return 1;
-    }
-    auto parsed = kestrelvue::tools::parseDrive(file);
-    if (!parsed.drive) {
-        std::fprintf(stderr, "kestrelvue: %s: %s\n", args.at("").c_str(), parsed.error.c_str());
-        return 1;
-    }
-    kestrelvue::tools::ReplayOptions options;
-    long long user = 1, bulk = -1;
-    if (!toInt(args, "user", user) || !toInt(args, "bulk", bulk)) return usage(2);
-    options.userID = user;
-    if (bulk >= 0) options.bulkMotionDataSize = bulk;
-    options.verbose = args.count("verbose") && args.at("verbose") != "0";
-    if (args.count("outbox")) options.outboxDirectory = args.at("outbox");
-    options.progress = [](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); };
+struct ReplayArgs {
+    std::string drive, server, db, outbox, truth, map;
+    std::int64_t user = 1, bulk = 0;
+    double timeout = 90;
+    bool json = false, verbose = false;
+};
 
-    std::unique_ptr<kestrelvue::service::ReferenceService> service;
-    if (args.count("server")) {
-        options.baseURL = args.at("server");
-    } else {
-        kestrelvue::service::ServiceOptions serviceOptions;
-        if (args.count("db")) serviceOptions.databasePath = args.at("db");
-        service = std::make_unique<kestrelvue::service::ReferenceService>(serviceOptions);
-        if (!service->start()) {
-            std::fprintf(stderr, "kestrelvue: %s\n", service->error().c_str());
-            return 1;
+int replay(const ReplayArgs& args) {
+    std::ifstream file(args.drive);
+    auto parsed = tools::parseDrive(file);
+    if (!parsed.drive) {
+        std::fprintf(stderr, "kestrelvue replay: %s: %s\n", args.drive.c_str(),
+                     parsed.error.c_str());
+        return kFailed;
+    }
+    std::optional<std::vector<tools::TruthEvent>> truth;
+    if (!args.truth.empty()) {
+        std::ifstream truthFile(args.truth);
+        std::string error;
+        truth = tools::parseTruth(truthFile, error);
+        if (!truth) {
+            std::fprintf(stderr, "kestrelvue replay: %s: %s\n", args.truth.c_str(), error.c_str());
+            return kFailed;
         }
-        options.baseURL = service->baseURL();
+    }
+
+    tools::ReplayOptions options;
+    options.userID = args.user;
+    if (args.bulk > 0) options.bulkMotionDataSize = args.bulk;
+    options.verbose = args.verbose;
+    options.outboxDirectory = args.outbox;
+    options.fetchRoute = !args.map.empty();
+    options.serviceTimeout =
+        std::chrono::milliseconds(static_cast<std::int64_t>(args.timeout * 1000));
+    options.log = [](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); };
+    ProgressBar bar(::isatty(STDERR_FILENO) != 0);
+    options.progress = [&bar](const tools::ReplayProgress& p) { bar.update(p); };
+
+    std::unique_ptr<service::ReferenceService> embedded;
+    if (!args.server.empty()) {
+        options.baseURL = args.server;
+    } else {
+        service::ServiceOptions serviceOptions;
+        if (!args.db.empty()) serviceOptions.databasePath = args.db;
+        embedded = std::make_unique<service::ReferenceService>(serviceOptions);
+        if (!embedded->start()) {
+            std::fprintf(stderr, "kestrelvue replay: %s\n", embedded->error().c_str());
+            return kFailed;
+        }
+        options.baseURL = embedded->baseURL();
         std::fprintf(stderr, "reference service on %s\n", options.baseURL.c_str());
     }
 
-    auto result = kestrelvue::tools::replay(*parsed.drive, options);
-    std::printf("fixes %zu, samples %zu\n", result.fixes, result.samples);
-    if (!result.finished) {
-        std::printf("trip failed: %s\n", result.failure.c_str());
-        return 1;
+    const tools::ReplayResult result = tools::replay(*parsed.drive, options);
+    std::optional<tools::TruthComparison> comparison;
+    if (truth) comparison = tools::compareWithTruth(*truth, result.detections);
+    if (args.json)
+        tools::printJsonReport(std::cout, result, options.baseURL, comparison);
+    else
+        tools::printReport(std::cout, result, options.baseURL, comparison);
+
+    int code = tools::exitCodeOf(result);
+    if (!args.map.empty() && result.finished) {
+        if (!result.route) {
+            std::fprintf(stderr, "kestrelvue replay: no map: %s\n", result.routeProblem.c_str());
+            code = kFailed;
+        } else {
+            std::ofstream svg(args.map);
+            tools::writeMapSvg(svg, *result.trip, *result.route);
+            svg.close();
+            if (!svg) {
+                std::fprintf(stderr, "kestrelvue replay: cannot write %s\n", args.map.c_str());
+                code = kFailed;
+            } else {
+                std::fprintf(stderr, "map written to %s\n", args.map.c_str());
+            }
+        }
     }
-    const auto& t = *result.trip;
-    std::printf("trip %s uploaded\n", t.DrivingID.c_str());
-    std::printf("  %s, %s\n", t.StartDateTime_Formatted.c_str(),
-                t.TimeElapsedTotalDistance_Formatted.c_str());
-    std::printf("  from %s\n  to   %s\n", t.StartLocation.c_str(), t.EndLocation.c_str());
-    std::printf("  score %.1f\n", t.Score);
-    std::printf(
-        "  events: cornering %lld, speeding %lld, braking %lld, elevating %lld, lane %lld\n",
-        (long long)t.SharpCorneringCount, (long long)t.SharpSpeedingCount,
-        (long long)t.SharpBrakingCount, (long long)t.SharpElevatingCount,
-        (long long)t.SharpLaneChangingCount);
-    if (!result.failure.empty()) std::printf("  reported on the way: %s\n", result.failure.c_str());
-    return 0;
+    return code;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) return usage(2);
-    std::string command = argv[1];
-    if (command == "--help" || command == "help") return usage(0);
-    // The service reads its own command line (also `serve token MOBILE`).
-    if (command == "serve") return kestrelvue::service::runServeCommand(argc - 1, argv + 1);
-    Args args;
-    if (!parseArgs(argc, argv, 2, args)) return usage(2);
-    if (command == "simulate") return simulate(args);
-    if (command == "replay") return replay(args);
-    if (command == "outbox") {
-        long long wait = 30;
-        if (!args.count("") || !toInt(args, "wait", wait)) return usage(2);
-        return kestrelvue::tools::deliverOutbox(args[""],
-                                                args.count("server") ? args["server"] : "",
-                                                std::chrono::seconds(wait), std::cout);
+    // The service reads its own command line (also `serve token MOBILE`), the same as
+    // kestrelvue-service does.
+    if (argc > 1 && std::string(argv[1]) == "serve")
+        return service::runServeCommand(argc - 1, argv + 1);
+
+    CLI::App app{
+        "kestrelvue: replays recorded drives through the KestrelvueCore engine, makes "
+        "synthetic ones, and runs the reference service.",
+        "kestrelvue"};
+    app.set_version_flag("--version", std::string("kestrelvue ") + KESTRELVUE_VERSION);
+    app.require_subcommand(1);
+    app.add_subcommand("serve",
+                       "run the reference service until interrupted (kestrelvue serve --help)");
+
+    SimulateArgs sim;
+    auto* simulateCommand =
+        app.add_subcommand("simulate", "write a synthetic drive (and what was injected into it)");
+    simulateCommand->add_option("--profile", sim.options.profile, "city (stops, turns) or motorway")
+        ->check(CLI::IsMember({"city", "motorway"}))
+        ->capture_default_str();
+    simulateCommand->add_option("--seconds", sim.options.seconds, "length of the drive")
+        ->check(CLI::Range(1.0, 7 * 24 * 3600.0))
+        ->capture_default_str();
+    simulateCommand->add_option("--seed", sim.options.seed, "random seed")->capture_default_str();
+    simulateCommand
+        ->add_option("--events", sim.events,
+                     "kinds to inject, comma-separated: braking, acceleration, cornering, "
+                     "elevating, lane-change, fuel; or all, none")
+        ->capture_default_str();
+    simulateCommand
+        ->add_option("--spacing", sim.options.eventSpacing, "seconds between injected events")
+        ->check(CLI::Range(5.0, 3600.0))
+        ->capture_default_str();
+    simulateCommand->add_option("--rate", sim.options.rate, "motion samples per second")
+        ->check(CLI::Range(1.0, 100.0))
+        ->capture_default_str();
+    simulateCommand
+        ->add_option("--fix-gap", sim.fixGap, "no fixes from START for SECONDS (a tunnel)")
+        ->expected(2)
+        ->type_name("START SECONDS");
+    simulateCommand->add_option("-o,--output", sim.output, "drive file (default: standard output)");
+    simulateCommand->add_option("--truth", sim.truth, "also write what was injected, and when");
+
+    ReplayArgs rep;
+    auto* replayCommand = app.add_subcommand(
+        "replay", "play a recorded drive through the engine, upload it and report");
+    replayCommand->add_option("drive", rep.drive, "drive file")
+        ->required()
+        ->check(CLI::ExistingFile);
+    auto* server = replayCommand
+                       ->add_option("--server", rep.server,
+                                    "base URL of a running service (default: start one in-process)")
+                       ->check(kHttpUrl);
+    replayCommand->add_option("--db", rep.db, "database of the in-process service")
+        ->excludes(server);
+    replayCommand->add_option("--user", rep.user, "user identifier the trip is recorded for")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    replayCommand
+        ->add_option("--bulk", rep.bulk, "motion samples per upload (default: the engine's)")
+        ->check(CLI::Range(1, 100000));
+    replayCommand->add_option("--outbox", rep.outbox,
+                              "keep what the service does not confirm in this directory");
+    replayCommand->add_option("--truth", rep.truth, "compare the detections with a truth file")
+        ->check(CLI::ExistingFile);
+    replayCommand->add_option("--map", rep.map, "write the route and its fault points as SVG");
+    replayCommand->add_flag("--json", rep.json, "print the report as one JSON object");
+    replayCommand->add_flag("--verbose", rep.verbose, "also print the engine's notifications");
+    replayCommand
+        ->add_option("--timeout", rep.timeout, "seconds to wait for the service at each step")
+        ->check(CLI::Range(1.0, 3600.0))
+        ->capture_default_str();
+
+    std::string outboxDirectory, outboxServer;
+    int wait = 30;
+    auto* outboxCommand = app.add_subcommand(
+        "outbox", "send what an outbox directory still holds, print what is left");
+    outboxCommand->add_option("dir", outboxDirectory, "outbox directory")
+        ->required()
+        ->check(CLI::ExistingDirectory);
+    outboxCommand->add_option("--server", outboxServer, "base URL of the service")->check(kHttpUrl);
+    outboxCommand->add_option("--wait", wait, "seconds to keep trying")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? 0 : kUsage;
     }
-    return usage(2);
+    if (simulateCommand->parsed()) return simulate(sim);
+    if (replayCommand->parsed()) return replay(rep);
+    if (outboxCommand->parsed())
+        return tools::deliverOutbox(outboxDirectory, outboxServer, std::chrono::seconds(wait),
+                                    std::cout);
+    return kUsage;
 }
