@@ -1,4 +1,4 @@
-// The reference service over real HTTP, and a recorded drive replayed through the engine into it.
+// The reference service over real HTTP.
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -15,8 +15,6 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
-
-#include "Drive.h"
 
 using namespace kestrelvue;
 
@@ -288,60 +286,4 @@ TEST_F(ReferenceServiceTest, IdleConnectionsAndASlowSenderDoNotBlockOthers) {
 #endif
     EXPECT_LT(waited, bound);
     for (int fd : idle) ::close(fd);
-}
-
-TEST(DriveFile, RoundTripsAndRejectsDamagedLinesWithTheirNumber) {
-    tools::Drive drive = tools::simulateDrive(20, 5);
-    std::stringstream text;
-    tools::writeDrive(text, drive);
-    auto parsed = tools::parseDrive(text);
-    ASSERT_TRUE(parsed.drive) << parsed.error;
-    EXPECT_EQ(parsed.drive->events.size(), drive.events.size());
-
-    struct Case {
-        const char* text;
-        const char* error;
-    } cases[] = {
-        {"fix 0 41 29 1 0\n", "line 1: a fix needs"},
-        {"fix 0 41 29 1 0 5\nmotion 1 0 0 0 0 0 0 0 0 0 0 0 nan\n", "line 2: a motion sample"},
-        {"fix 2 41 29 1 0 5\nfix 1 41 29 1 0 5\n", "line 2: time goes backwards"},
-        {"# only a comment\n", "the drive has no events"},
-        {"jump 0\n", "line 1: unknown event 'jump'"},
-    };
-    for (const Case& c : cases) {
-        std::stringstream in(c.text);
-        auto result = tools::parseDrive(in);
-        EXPECT_FALSE(result.drive) << c.text;
-        EXPECT_EQ(result.error.rfind(c.error, 0), 0u) << result.error;
-    }
-}
-
-TEST_F(ReferenceServiceTest, ARecordedDriveReplaysEndToEndIntoTheService) {
-    tools::ReplayOptions options;
-    options.baseURL = service_.baseURL();
-    options.userID = 31;
-    options.bulkMotionDataSize = 50;  // several bulks while driving and a flush after the stop
-    tools::ReplayResult result = tools::replay(tools::simulateDrive(120, 3), options);
-
-    ASSERT_TRUE(result.thresholdsArrived);
-    ASSERT_TRUE(result.finished) << result.failure;
-    EXPECT_TRUE(result.failure.empty()) << result.failure;
-    const Trip& trip = *result.trip;
-    EXPECT_EQ(trip.UserID, 31);
-    EXPECT_GT(trip.TotalDistance, 1000.0);
-    EXPECT_GT(trip.SharpBrakingCount, 0);  // the simulated hard brakes are charged
-    EXPECT_LT(trip.Score, 100.0);
-
-    // Every evaluated sample reached the service exactly once, in order, as the trip's route.
-    Value points = getJson("/api/Driving/getPassedCoordinates/" + trip.DrivingID);
-    ASSERT_TRUE(points.isList());
-    EXPECT_EQ(points.asList()->size(), result.samples);
-
-    Value history = getJson("/api/Driving/getDriving/31");
-    ASSERT_TRUE(history.isList());
-    ASSERT_EQ(history.asList()->size(), 1u);
-    const Value& stored = history.asList()->at(0);
-    EXPECT_EQ(*stored.find("DrivingGuid")->asString(), trip.DrivingID);
-    EXPECT_DOUBLE_EQ(*stored.find("Score")->asNumber(), trip.Score);
-    EXPECT_EQ(*stored.find("SharpBrakingCount")->asInt(), trip.SharpBrakingCount);
 }

@@ -1,0 +1,116 @@
+// The kestrelvue tool's replay, end to end through its own code into the in-process service.
+
+#include <gtest/gtest.h>
+#include <kestrelvue/service/ReferenceService.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "Drive.h"
+#include "Replay.h"
+#include "Simulate.h"
+
+using namespace kestrelvue;
+
+namespace {
+
+class ToolTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(service_.start()) << service_.error(); }
+
+    tools::ReplayResult play(const tools::Drive& drive) {
+        tools::ReplayOptions options;
+        options.baseURL = service_.baseURL();
+        options.bulkMotionDataSize = 200;  // bulks while driving and a flush after the stop
+        tools::ReplayResult result = tools::replay(drive, options);
+        EXPECT_TRUE(result.finished) << result.failure();
+        EXPECT_EQ(result.recordsConfirmed, result.records);
+        return result;
+    }
+
+    static tools::Drive example(const std::string& name) {
+        std::ifstream file(std::string(KESTRELVUE_SOURCE_DIR) + "/examples/drives/" + name);
+        auto parsed = tools::parseDrive(file);
+        EXPECT_TRUE(parsed.drive) << name << ": " << parsed.error;
+        return parsed.drive.value_or(tools::Drive{});
+    }
+
+    service::ReferenceService service_{service::ServiceOptions{}};
+};
+
+TEST_F(ToolTest, InjectedEventsAreDetectedAndNothingElse) {
+    tools::SimulationOptions options;
+    options.seconds = 420;
+    options.seed = 21;
+    options.eventSpacing = 12;
+    const tools::Simulation sim = tools::simulate(options);
+    const tools::ReplayResult result = play(sim.drive);
+    const tools::TruthComparison truth = tools::compareWithTruth(sim.truth, result.detections);
+    // Every injected kind is found at least once; at most one event a kind is missed or extra.
+    for (tools::Kind kind : tools::kKinds) {
+        const tools::KindScore& s = truth.kinds[static_cast<int>(kind)];
+        SCOPED_TRACE(tools::kindName(kind));
+        EXPECT_GT(s.injected, 0);
+        EXPECT_LE(s.misses, 1);
+        EXPECT_LE(s.extra, 1);
+    }
+}
+
+TEST_F(ToolTest, ExampleDrivesScoreAsTheirNamesSay) {
+    EXPECT_GE(play(example("city-calm.kvd")).trip->Score, 90.0);
+    EXPECT_LE(play(example("city-aggressive.kvd")).trip->Score, 75.0);
+}
+
+TEST_F(ToolTest, RecordingRateDoesNotChangeWhatIsDetected) {
+    tools::SimulationOptions options;
+    options.seconds = 240;
+    options.seed = 5;
+    options.eventSpacing = 15;
+    options.rate = 2;
+    const tools::ReplayResult slow = play(tools::simulate(options).drive);
+    options.rate = 100;
+    const tools::ReplayResult fast = play(tools::simulate(options).drive);
+
+    EXPECT_EQ(slow.samples, fast.samples);  // delivered at the engine's interval either way
+    ASSERT_EQ(slow.detections.size(), fast.detections.size());
+    for (std::size_t i = 0; i < slow.detections.size(); ++i) {
+        EXPECT_EQ(slow.detections[i].kind, fast.detections[i].kind) << i;
+        EXPECT_DOUBLE_EQ(slow.detections[i].t, fast.detections[i].t) << i;
+    }
+    EXPECT_DOUBLE_EQ(slow.trip->Score, fast.trip->Score);
+}
+
+TEST(DriveFile, WritesWhatItReadsAndNamesTheLineItRefuses) {
+    tools::SimulationOptions options;
+    options.seconds = 20;
+    const tools::Drive drive = tools::simulate(options).drive;
+    std::stringstream text;
+    tools::writeDrive(text, drive);
+    auto parsed = tools::parseDrive(text);
+    ASSERT_TRUE(parsed.drive) << parsed.error;
+    ASSERT_EQ(parsed.drive->events.size(), drive.events.size());
+    EXPECT_EQ(parsed.drive->events.back().t, drive.events.back().t);
+
+    const std::string v1 = "fix 0 41 29 1 0 5\nmotion 0.5 0 0 0 0 0 0 0 0 0 0 0 -1\n";
+    struct Case {
+        std::string text;
+        const char* error;  // "" when the drive is good
+    } cases[] = {
+        {v1, ""},                                                  // no header: version 1, face up
+        {"kestrelvue-drive 2\n" + v1, "line 3: a motion sample"},  // its orientation missing
+        {"kestrelvue-drive 3\n", "line 1: unsupported drive format"},
+        {"fix 0 95 29 1 0 5\n", "line 1: latitude must lie"},
+        {"fix 0 41 29 1 0\n", "line 1: a fix needs"},
+        {"fix 2 41 29 1 0 5\nfix 1 41 29 1 0 5\n", "line 2: time goes backwards"},
+        {"fix 0 41 29 1 0 5\nmotion 1 0 0 0 0 0 0 0 0 0 0 0 nan\n", "line 2: a motion sample"},
+        {"jump 0\n", "line 1: unknown event 'jump'"},
+    };
+    for (const Case& c : cases) {
+        std::stringstream in(c.text);
+        const auto result = tools::parseDrive(in);
+        EXPECT_EQ(result.drive.has_value(), *c.error == '\0') << c.text << result.error;
+        EXPECT_EQ(result.error.rfind(c.error, 0), 0u) << c.text << result.error;
+    }
+}
+
+}  // namespace

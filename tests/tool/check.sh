@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# The kestrelvue command line as a person uses it: a simulated drive replayed with --json and
+# --map, the JSON and the SVG read back, and mistakes refused with the documented exit codes.
+set -euo pipefail
+tool=$1
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+"$tool" simulate --seconds 240 --seed 4 --spacing 15 -o drive.kvd --truth truth.txt
+"$tool" replay drive.kvd --truth truth.txt --json --map map.svg >report.json 2>log.txt
+python3 - <<'PY'
+import json, xml.etree.ElementTree as ET
+r = json.load(open("report.json"))
+for key in ("score", "distance_m", "duration_s", "start", "end", "kinds", "samples",
+            "bulks_uploaded", "uploads_retried", "failure", "truth", "route"):
+    assert key in r, key
+assert r["uploaded"] and r["failure"] is None and r["records"] == r["records_confirmed"], r
+assert set(r["kinds"]) == {"braking", "acceleration", "cornering", "elevating", "lane-change",
+                           "fuel"}, r["kinds"]
+svg = ET.parse("map.svg").getroot()
+ns = "{http://www.w3.org/2000/svg}"
+classes = [e.get("class", "") for e in svg.iter()]
+markers = sum(1 for c in classes if c.startswith("fault "))
+assert markers == r["route"]["faults"] + r["route"]["fuel_points"] > 0, (markers, r["route"])
+for part in ("route", "start", "end", "legend", "scale"):
+    assert part in classes, part
+PY
+
+expect() {  # expect CODE TEXT COMMAND...: exit code CODE, and TEXT in what it printed
+  local code=$1 text=$2
+  shift 2
+  set +e
+  "$@" >err.txt 2>&1
+  local got=$?
+  set -e
+  if [ "$got" != "$code" ] || ! grep -q -- "$text" err.txt; then
+    echo "FAIL: $* exited $got (expected $code with '$text'):" >&2
+    cat err.txt >&2
+    exit 1
+  fi
+}
+expect 2 "sever" "$tool" replay drive.kvd --sever http://127.0.0.1:1
+expect 2 "bulk" "$tool" replay drive.kvd --bulk 0
+printf 'fix 0 41 29 1 0 5\nfix 1 95 29 1 0 5\n' >bad.kvd
+expect 1 "line 2: latitude" "$tool" replay bad.kvd
+expect 1 "did not answer" "$tool" replay drive.kvd --server http://127.0.0.1:1 --timeout 5
+echo "tool check: passed"
