@@ -1,9 +1,13 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, when any is missing.
+#   --tool   only what the library and the kestrelvue tool need (the demo)
 set -euo pipefail
-packages=(g++ cmake make pkg-config git python3 libcurl4-openssl-dev libsimdjson-dev nlohmann-json3-dev
-          libcpp-httplib-dev libgeographiclib-dev libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev libssl-dev locales ccache
-          clang libclang-rt-14-dev clang-format clang-tidy libcli11-dev)
+packages=(g++ cmake make pkg-config libcurl4-openssl-dev libsimdjson-dev nlohmann-json3-dev
+          libcpp-httplib-dev libgeographiclib-dev libsqlite3-dev libssl-dev libcli11-dev)
+if [ "${1:-}" != --tool ]; then
+  packages+=(git python3 libgtest-dev libgmock-dev libbenchmark-dev locales ccache clang
+             libclang-rt-14-dev clang-format clang-tidy)
+fi
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
@@ -14,6 +18,8 @@ if ((${#missing[@]})); then
   $sudo apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}"
 fi
+
+[ "${1:-}" = --tool ] && exit 0
 
 # The number formatting tests run under a locale whose decimal separator is a comma, to prove the
 # library's texts do not follow the process locale.
