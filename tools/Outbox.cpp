@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "engine/Outbox.h"
+#include "net/Outbox.h"
 
 namespace kestrelvue::tools {
 

@@ -13,7 +13,7 @@
 
 #include "Outbox.h"
 #include "Requests.h"
-#include "engine/Outbox.h"
+#include "net/Outbox.h"
 #include "platform/sim/Sim.h"
 
 namespace kestrelvue::tools {

@@ -79,8 +79,8 @@ public:
     RestfulCall& restfulCall() const { return *restfulCall_; }
     const Environment& environment() const { return env_; }
 
-    /// The delegate that trip uploads report to: that of the live engine made over `environment`,
-    /// else the shared engine's when `environment` is the current one; null otherwise.
+    /// The delegate that trip uploads report to: that of the first live engine made over
+    /// `environment` (the shared engine's for the current one, once it exists); null otherwise.
     static std::shared_ptr<DrivingInsightDelegate> delegateFor(const Environment& environment);
 
     // ---- Host-settable fields -------------------------------------------------------------
@@ -224,11 +224,6 @@ private:
     /// With the outbox on: hands a stopped trip's records to it as bulks under the trip's own
     /// identifier and completes the trip at once (its record follows the bulks).
     void handOverStoppedTrip();
-
-    // TripUpload.cpp: trips find their engine's delegate through this registry of live engines
-    // (the constructor registers, the destructor unregisters).
-    static void registerEngine(DrivingInsight* engine);
-    static void unregisterEngine(DrivingInsight* engine);
 
     mutable std::mutex mutex_;
     const Environment& env_;

@@ -4,18 +4,13 @@
 #include <kestrelvue/FaultItem.h>
 #include <kestrelvue/platform/Clock.h>
 #include <kestrelvue/platform/Location.h>
+#include <kestrelvue/platform/Vector3.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
 namespace kestrelvue {
-
-/// A motion quantity: three 64-bit floats.
-struct KESTRELVUE_EXPORT Vector3 {
-    double x = 0, y = 0, z = 0;
-    bool operator==(const Vector3&) const = default;
-};
 
 /// One evaluated motion sample as it is kept in the buffer and sent to the service. A plain value
 /// (trivially copyable), so appending one to the buffer never allocates beyond the buffer itself.

@@ -2,6 +2,7 @@
 // The dynamic value carried in notification user information and produced by the JSON reader.
 
 #include <kestrelvue/Export.h>
+#include <kestrelvue/platform/TransportError.h>
 
 #include <cstdint>
 #include <map>
@@ -13,15 +14,6 @@
 #include <vector>
 
 namespace kestrelvue {
-
-/// A transport failure reported by the HTTP client. Deliberately not a text: handlers that read
-/// "error" as a text do not see it as one.
-struct KESTRELVUE_EXPORT TransportError {
-    std::string domain;
-    std::int64_t code = 0;
-    std::string description;
-    bool operator==(const TransportError&) const = default;
-};
 
 class Value;
 using List = std::vector<Value>;

@@ -1,5 +1,4 @@
 #include <httplib.h>
-#include <kestrelvue/Json.h>
 #include <kestrelvue/service/ReferenceService.h>
 #include <malloc.h>
 #include <sys/socket.h>
@@ -17,6 +16,7 @@
 #include "DefaultBands.h"
 #include "Requests.h"
 #include "Storage.h"
+#include "core/Json.h"
 
 namespace kestrelvue::service {
 namespace {

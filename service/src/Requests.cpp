@@ -1,9 +1,9 @@
 #include "Requests.h"
 
-#include <kestrelvue/Json.h>
-
 #include <charconv>
 #include <cmath>
+
+#include "core/Json.h"
 
 namespace kestrelvue::service {
 namespace {

@@ -1,4 +1,5 @@
-#include <kestrelvue/Json.h>
+#include "core/Json.h"
+
 #include <simdjson.h>
 
 #include <charconv>

@@ -9,8 +9,9 @@
 
 #include <utility>
 
-#include "engine/Outbox.h"
+#include "net/Outbox.h"
 #include "platform/sim/Sim.h"
+#include "records/TripReporter.h"
 
 namespace kestrelvue {
 
@@ -20,6 +21,11 @@ DrivingInsight& DrivingInsight::sharedInstance() {
     static DrivingInsight* const instance =
         new DrivingInsight(Environment::current(), &RestfulCall::sharedInstance());
     return *instance;
+}
+
+std::shared_ptr<DrivingInsightDelegate> DrivingInsight::delegateFor(
+    const Environment& environment) {
+    return detail::tripReporterFor(environment);
 }
 
 std::unique_ptr<DrivingInsight> DrivingInsight::makeDetached(const Environment& environment) {
@@ -105,11 +111,11 @@ DrivingInsight::DrivingInsight(const Environment& environment, RestfulCall* shar
     getThresholdsFromServer();
 
     // From now on trips made over this environment report their uploads to this engine.
-    registerEngine(this);
+    detail::registerTripReporter(env_, this, [this] { return drivingInsightDelegate(); });
 }
 
 DrivingInsight::~DrivingInsight() {
-    unregisterEngine(this);
+    detail::unregisterTripReporter(env_, this);
     *alive_ = false;
     center_.removeObserver(this);
     std::shared_ptr<platform::MotionManager> motion;

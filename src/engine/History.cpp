@@ -2,11 +2,11 @@
 
 #include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/Limits.h>
-#include <kestrelvue/Url.h>
 
 #include <string>
 #include <utility>
 
+#include "net/Url.h"
 #include "records/HistoryReply.h"
 
 namespace kestrelvue {

@@ -2,14 +2,14 @@
 // outcome handlers.
 
 #include <kestrelvue/DrivingInsight.h>
-#include <kestrelvue/Json.h>
-#include <kestrelvue/Url.h>
 
 #include <algorithm>
 #include <utility>
 
+#include "core/Json.h"
 #include "engine/MotionUploadBody.h"
-#include "engine/Outbox.h"
+#include "net/Outbox.h"
+#include "net/Url.h"
 
 namespace kestrelvue {
 

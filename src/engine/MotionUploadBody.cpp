@@ -2,7 +2,7 @@
 
 #include "engine/MotionUploadBody.h"
 
-#include <kestrelvue/Json.h>
+#include "core/Json.h"
 
 namespace kestrelvue {
 namespace detail {

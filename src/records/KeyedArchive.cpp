@@ -5,7 +5,7 @@
 // so the reader decodes every object once, flat, and then follows indices with range checks:
 // there is no recursion for a hostile archive to exhaust, and cycles cannot loop.
 
-#include <kestrelvue/KeyedArchive.h>
+#include "records/KeyedArchive.h"
 
 #include <bit>
 #include <cstring>

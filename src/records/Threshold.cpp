@@ -1,5 +1,6 @@
-#include <kestrelvue/KeyedArchive.h>
 #include <kestrelvue/Threshold.h>
+
+#include "records/KeyedArchive.h"
 
 namespace kestrelvue {
 

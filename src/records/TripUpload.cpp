@@ -1,17 +1,16 @@
 // Trip::saveToServer: one POST of the record, reported to the engine's delegate.
 
-#include <kestrelvue/DrivingInsight.h>
-#include <kestrelvue/Json.h>
+#include <kestrelvue/Environment.h>
 #include <kestrelvue/Trip.h>
-#include <kestrelvue/Url.h>
 
 #include <chrono>
 #include <cstdio>
-#include <map>
-#include <mutex>
 #include <string>
 
-#include "engine/Outbox.h"
+#include "core/Json.h"
+#include "net/Outbox.h"
+#include "net/Url.h"
+#include "records/TripReporter.h"
 
 namespace kestrelvue {
 namespace {
@@ -35,47 +34,11 @@ std::string formatUtc(platform::TimePoint t) {
 
 void reportFailure(const Environment& env, std::int64_t code, const std::string& title,
                    const std::string& message) {
-    if (auto delegate = DrivingInsight::delegateFor(env))
+    if (auto delegate = detail::tripReporterFor(env))
         delegate->tripDidFail(code, title, message, nullptr);
 }
 
-// Engines by the environment they were made over. Looked up on HTTP worker threads while
-// engines come and go on the host's.
-std::mutex gRegistryMutex;
-std::multimap<const Environment*, DrivingInsight*>& registry() {
-    static auto* engines = new std::multimap<const Environment*, DrivingInsight*>;
-    return *engines;
-}
-
 }  // namespace
-
-void DrivingInsight::registerEngine(DrivingInsight* engine) {
-    std::lock_guard lock(gRegistryMutex);
-    registry().emplace(&engine->env_, engine);
-}
-
-void DrivingInsight::unregisterEngine(DrivingInsight* engine) {
-    std::lock_guard lock(gRegistryMutex);
-    auto [first, last] = registry().equal_range(&engine->env_);
-    for (auto it = first; it != last; ++it) {
-        if (it->second == engine) {
-            registry().erase(it);
-            return;
-        }
-    }
-}
-
-std::shared_ptr<DrivingInsightDelegate> DrivingInsight::delegateFor(
-    const Environment& environment) {
-    {
-        // The delegate is copied while the registry lock keeps the engine from being destroyed.
-        std::lock_guard lock(gRegistryMutex);
-        auto it = registry().find(&environment);
-        if (it != registry().end()) return it->second->drivingInsightDelegate();
-    }
-    if (&environment == &Environment::current()) return sharedInstance().drivingInsightDelegate();
-    return nullptr;
-}
 
 void Trip::saveToServer() {
     const Environment& env = env_;
@@ -139,7 +102,7 @@ void Trip::saveToServer() {
         if (!result.response) {
             reportFailure(env, 1017, kConnectionTitle, kNotSentMessage);
         } else if (result.response->statusCode == 200) {
-            if (auto delegate = DrivingInsight::delegateFor(env)) delegate->tripDidFinish(self);
+            if (auto delegate = detail::tripReporterFor(env)) delegate->tripDidFinish(self);
         } else {
             reportFailure(env, 1015, kConnectionTitle,
                           std::string(kNotSentMessage) +

@@ -3,7 +3,6 @@
 // stable copies; ratios against the memcpy baseline are printed at the end.
 
 #include <benchmark/benchmark.h>
-#include <kestrelvue/Json.h>
 #include <kestrelvue/MotionData.h>
 
 #include <chrono>
@@ -14,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "core/Json.h"
 #include "engine/MotionUploadBody.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <memory>
 
 #include "FuzzInput.h"
-#include "service/CallReply.h"
+#include "net/CallReply.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "FuzzInput.h"
-#include "service/CallReply.h"
+#include "net/CallReply.h"
 
 using namespace kestrelvue;
 

@@ -2,12 +2,12 @@
 // refusal with a reason, never a crash, and the readers must agree with the JSON reader about
 // what is JSON at all.
 #include <kestrelvue/Environment.h>
-#include <kestrelvue/Json.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
+#include "core/Json.h"
 #include "records/HistoryReply.h"
 #include "records/ServiceReplies.h"
 

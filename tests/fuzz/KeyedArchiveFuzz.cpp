@@ -1,11 +1,12 @@
 // Band archives from outside: any bytes must give a band or a refusal, never a crash or a read
 // past the data.
-#include <kestrelvue/KeyedArchive.h>
 #include <kestrelvue/Threshold.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+
+#include "records/KeyedArchive.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view bytes(reinterpret_cast<const char*>(data), size);

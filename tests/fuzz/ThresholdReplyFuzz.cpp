@@ -1,13 +1,13 @@
 // Threshold replies from outside: any body the call layer could hand over must either apply
 // whole or be refused whole, and always end in exactly one "thresholdsGot".
 #include <kestrelvue/DrivingInsight.h>
-#include <kestrelvue/Json.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string_view>
 
+#include "core/Json.h"
 #include "platform/sim/Sim.h"
 
 namespace {

@@ -1,11 +1,11 @@
 // The URL parser: any text is accepted or refused, never a crash; what it accepts is an http or
 // https address with a host, a path that starts with "/", and a port in range, and the text
 // parses again to the same parts.
-#include <kestrelvue/Url.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+
+#include "net/Url.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);

@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 #include <kestrelvue/Environment.h>
-#include <kestrelvue/Json.h>
 #include <kestrelvue/RestfulCall.h>
 #include <kestrelvue/User.h>
 
+#include "core/Json.h"
 #include "support/RecordingUserDelegate.h"
 #include "support/TestDoubles.h"
 #include "support/TestEnvironment.h"

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <set>
 
-#include "engine/Outbox.h"
+#include "net/Outbox.h"
 #include "support/UploadFixture.h"
 
 namespace kestrelvue::uploadtest {

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <kestrelvue/Json.h>
 #include <kestrelvue/Trip.h>
 #include <kestrelvue/service/ReferenceService.h>
 #include <netinet/in.h>
@@ -15,6 +14,8 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+
+#include "core/Json.h"
 
 using namespace kestrelvue;
 

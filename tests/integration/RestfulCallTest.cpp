@@ -1,13 +1,13 @@
 // The call layer against a real loopback server: what each reply turns into, what the server
 // received, and which failures are reported before the call returns.
 #include <gtest/gtest.h>
-#include <kestrelvue/Json.h>
 #include <kestrelvue/RestfulCall.h>
 
 #include <cmath>
 #include <limits>
 #include <thread>
 
+#include "core/Json.h"
 #include "support/TestEnvironment.h"
 
 using namespace kestrelvue;

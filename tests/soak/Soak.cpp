@@ -12,7 +12,6 @@
 
 #include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/Environment.h>
-#include <kestrelvue/Json.h>
 #include <kestrelvue/posix/CurlHttpClient.h>
 #include <kestrelvue/posix/SqliteOutboxStore.h>
 #include <kestrelvue/service/ReferenceService.h>
@@ -34,7 +33,8 @@
 #include <thread>
 #include <tuple>
 
-#include "engine/Outbox.h"
+#include "core/Json.h"
+#include "net/Outbox.h"
 #include "platform/sim/Sim.h"
 
 using namespace kestrelvue;

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 #include <kestrelvue/DrivingInsight.h>
-#include <kestrelvue/Json.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -16,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/Json.h"
 #include "platform/sim/Sim.h"
 #include "support/EngineHarness.h"
 #include "support/TestEnvironment.h"

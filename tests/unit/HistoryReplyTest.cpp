@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <kestrelvue/Environment.h>
-#include <kestrelvue/Json.h>
 #include <kestrelvue/Limits.h>
 #include <kestrelvue/Trip.h>
 
@@ -14,6 +13,7 @@
 #include <random>
 #include <string>
 
+#include "core/Json.h"
 #include "records/HistoryReply.h"
 #include "records/ServiceDate.h"
 #include "support/Time.h"

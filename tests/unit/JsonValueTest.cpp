@@ -1,9 +1,10 @@
 #include <gtest/gtest.h>
-#include <kestrelvue/Json.h>
 #include <kestrelvue/Value.h>
 
 #include <cmath>
 #include <limits>
+
+#include "core/Json.h"
 
 using namespace kestrelvue;
 

@@ -1,8 +1,9 @@
 #include <gtest/gtest.h>
-#include <kestrelvue/Json.h>
 #include <kestrelvue/LeaderboardItem.h>
 
 #include <limits>
+
+#include "core/Json.h"
 
 namespace kestrelvue {
 namespace {

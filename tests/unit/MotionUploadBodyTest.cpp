@@ -1,10 +1,10 @@
 // The hand-written motion upload body must be JSON that reads back to exactly what was given.
 
 #include <gtest/gtest.h>
-#include <kestrelvue/Json.h>
 
 #include <string>
 
+#include "core/Json.h"
 #include "engine/MotionUploadBody.h"
 
 namespace kestrelvue {

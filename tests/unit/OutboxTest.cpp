@@ -8,7 +8,7 @@
 #include <fstream>
 #include <mutex>
 
-#include "engine/Outbox.h"
+#include "net/Outbox.h"
 #include "platform/sim/Sim.h"
 #include "support/TestEnvironment.h"
 

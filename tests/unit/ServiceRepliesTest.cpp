@@ -1,8 +1,8 @@
 // Readers of the route and summary replies.
 
 #include <gtest/gtest.h>
-#include <kestrelvue/Json.h>
 
+#include "core/Json.h"
 #include "records/ServiceReplies.h"
 
 using namespace kestrelvue;

@@ -1,8 +1,6 @@
 // Band lookups, the band archive, and the handler of the threshold reply.
 
 #include <gtest/gtest.h>
-#include <kestrelvue/Json.h>
-#include <kestrelvue/KeyedArchive.h>
 
 #include <cmath>
 #include <cstdio>
@@ -10,6 +8,8 @@
 #include <random>
 #include <sstream>
 
+#include "core/Json.h"
+#include "records/KeyedArchive.h"
 #include "support/EngineHarness.h"
 
 namespace kestrelvue {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
-#include <kestrelvue/Url.h>
+
+#include "net/Url.h"
 
 using kestrelvue::parseUrl;
 

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 #include <kestrelvue/Environment.h>
-#include <kestrelvue/Json.h>
 #include <kestrelvue/RestfulCall.h>
 #include <kestrelvue/User.h>
 
@@ -13,6 +12,7 @@
 #include <mutex>
 #include <thread>
 
+#include "core/Json.h"
 #include "support/RecordingUserDelegate.h"
 
 namespace kestrelvue {

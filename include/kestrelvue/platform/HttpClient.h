@@ -2,7 +2,7 @@
 // The HTTP seam. The core never sees the transport; Linux uses libcurl (posix::CurlHttpClient).
 
 #include <kestrelvue/Export.h>
-#include <kestrelvue/Value.h>
+#include <kestrelvue/platform/TransportError.h>
 
 #include <chrono>
 #include <cstddef>

@@ -2,8 +2,8 @@
 // The device-motion seam.
 
 #include <kestrelvue/Export.h>
-#include <kestrelvue/MotionDataItem.h>
 #include <kestrelvue/platform/Executor.h>
+#include <kestrelvue/platform/Vector3.h>
 
 #include <cstdint>
 #include <functional>

@@ -1,7 +1,6 @@
 #pragma once
 // The one place where JSON is read and written.
 
-#include <kestrelvue/Export.h>
 #include <kestrelvue/Value.h>
 
 #include <cstddef>
@@ -12,7 +11,7 @@
 
 namespace kestrelvue::json {
 
-struct KESTRELVUE_EXPORT ParseResult {
+struct ParseResult {
     std::optional<Value> value;  // present on success
     std::string error;           // the parser's message on failure
     explicit operator bool() const { return value.has_value(); }
@@ -27,16 +26,16 @@ struct ParseLimits {
 /// Parses `text` as JSON. The root must be a list or an object; a bare number, text or literal at
 /// the root is a failure, as are invalid UTF-8, trailing content and text beyond `limits`.
 /// Integers that fit in 64 bits become Int, all other numbers Double.
-KESTRELVUE_EXPORT ParseResult parse(std::string_view text, const ParseLimits& limits = {});
+ParseResult parse(std::string_view text, const ParseLimits& limits = {});
 
 /// Compact JSON for `value`. Fails (nullopt) for a non-finite number or a transport error value,
 /// so invalid JSON never reaches the wire. Texts are written as given; `escapeTo` appends one
 /// escaped, quoted text to `out` for writers that build bodies by hand.
-KESTRELVUE_EXPORT std::optional<std::string> write(const Value& value);
-KESTRELVUE_EXPORT bool writeTo(std::string& out, const Value& value);
-KESTRELVUE_EXPORT void escapeTo(std::string& out, std::string_view text);
+std::optional<std::string> write(const Value& value);
+bool writeTo(std::string& out, const Value& value);
+void escapeTo(std::string& out, std::string_view text);
 
 /// True when `text` is well-formed UTF-8.
-KESTRELVUE_EXPORT bool isValidUtf8(std::string_view text);
+bool isValidUtf8(std::string_view text);
 
 }  // namespace kestrelvue::json

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/linux/ReplyHeaders.h"
+#include "platform/posix/ReplyHeaders.h"
 
 namespace kestrelvue::posix {
 namespace {

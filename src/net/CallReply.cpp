@@ -1,11 +1,12 @@
-#include "service/CallReply.h"
+#include "net/CallReply.h"
 
-#include <kestrelvue/Json.h>
 #include <kestrelvue/Limits.h>
 
 #include <charconv>
 #include <string>
 #include <string_view>
+
+#include "core/Json.h"
 
 namespace kestrelvue::detail {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/linux/ReplyHeaders.h"
+#include "platform/posix/ReplyHeaders.h"
 
 #include <algorithm>
 #include <cctype>

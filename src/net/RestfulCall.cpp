@@ -1,10 +1,10 @@
 #include <kestrelvue/Environment.h>
-#include <kestrelvue/Json.h>
 #include <kestrelvue/Limits.h>
 #include <kestrelvue/RestfulCall.h>
-#include <kestrelvue/Url.h>
 
-#include "service/CallReply.h"
+#include "core/Json.h"
+#include "net/CallReply.h"
+#include "net/Url.h"
 
 namespace kestrelvue {
 

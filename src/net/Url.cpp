@@ -1,4 +1,4 @@
-#include <kestrelvue/Url.h>
+#include "net/Url.h"
 
 #include <algorithm>
 #include <cctype>

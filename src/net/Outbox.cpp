@@ -1,11 +1,12 @@
-#include "engine/Outbox.h"
+#include "net/Outbox.h"
 
-#include <kestrelvue/Url.h>
 #include <kestrelvue/platform/ReachabilityProbe.h>
 
 #include <algorithm>
 #include <map>
 #include <utility>
+
+#include "net/Url.h"
 
 namespace kestrelvue::detail {
 namespace {

@@ -4,8 +4,6 @@
 // "$objects" (["$null", the object's keyed values with "$class", the class description]).
 // Hosts exchange archived records with phone applications through it.
 
-#include <kestrelvue/Export.h>
-
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -17,7 +15,7 @@
 namespace kestrelvue {
 
 /// Collects one object's keyed values and writes its archive.
-class KESTRELVUE_EXPORT KeyedArchiver {
+class KeyedArchiver {
 public:
     /// `classChain` is the class and its ancestors, most derived first; empty means
     /// {className, "NSObject"}.
@@ -40,7 +38,7 @@ private:
 
 /// Reads one object's archive. Opening checks the whole container; a damaged, truncated or
 /// hostile archive is refused with a message and never read past its end.
-class KESTRELVUE_EXPORT KeyedUnarchiver {
+class KeyedUnarchiver {
 public:
     struct OpenResult;
     static OpenResult open(std::string_view data);
@@ -67,7 +65,7 @@ private:
     std::map<std::string, Entry, std::less<>> entries_;
 };
 
-struct KESTRELVUE_EXPORT KeyedUnarchiver::OpenResult {
+struct KeyedUnarchiver::OpenResult {
     std::optional<KeyedUnarchiver> unarchiver;
     std::string error;  // why the archive was refused
     explicit operator bool() const { return unarchiver.has_value(); }

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <kestrelvue/Export.h>
-
 #include <optional>
 #include <string>
 #include <string_view>
@@ -9,7 +7,7 @@
 namespace kestrelvue {
 
 /// A parsed absolute URL. Only http and https are accepted.
-struct KESTRELVUE_EXPORT Url {
+struct Url {
     std::string scheme;  // lower-case
     std::string host;
     std::optional<int> port;
@@ -19,6 +17,6 @@ struct KESTRELVUE_EXPORT Url {
 
 /// Parses like the platform's URL(string:): a text with a blank, a control character, a
 /// non-ASCII byte or another character not allowed in a URL fails.
-KESTRELVUE_EXPORT std::optional<Url> parseUrl(std::string_view text);
+std::optional<Url> parseUrl(std::string_view text);
 
 }  // namespace kestrelvue
