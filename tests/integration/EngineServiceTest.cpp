@@ -62,37 +62,6 @@ TEST_F(EngineService, ThresholdsArriveAfterCreation) {
     EXPECT_EQ(h.motion->deviceMotionUpdateInterval(), 0.25);
 }
 
-TEST_F(EngineService, ThresholdFailuresLeaveTheStartValues) {
-    struct Case {
-        const char* name;
-        ScriptedReply reply;
-    };
-    const Case cases[] = {
-        {"status 500", ScriptedReply::json("[]", 500)},
-        {"a member of another type",
-         ScriptedReply::json(
-             R"([{"_enmThresholdName":"SharpCorneringLevel","_limitStart":1,"_limitEnd":2,"_impact":3,"_perKilometer":true},
-                 {"_enmThresholdName":"SharpBrakingLevel","_limitStart":"0.3","_limitEnd":0.5,"_impact":2,"_perKilometer":false}])")},
-        {"connection dropped", ScriptedReply::dropped(ScriptedReply::Drop::beforeReply)},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        server.reply("/api/Driving/getThresholds", c.reply);
-        NotificationRecorder got(h.center, {"thresholdsGot"});
-        auto engine = h.makeEngine();
-        ASSERT_TRUE(got.waitFor(1));
-        EXPECT_TRUE(got.settled(1));
-        const test::RecordedNotification posted = got.at(0);
-        const std::string* error = posted.errorText();
-        ASSERT_NE(error, nullptr);
-        EXPECT_EQ(*error, kFailure);
-        auto s = DrivingInsightTestAccess::settings(*engine);
-        EXPECT_TRUE(s.cornering.empty());
-        EXPECT_TRUE(s.braking.empty());
-        EXPECT_EQ(s.updateInterval, 0.5);
-    }
-}
-
 TEST_F(EngineService, WeatherRequestsReachTheServiceAndItsReplyTheHost) {
     server.reply("/api/Driving/getThresholds", ScriptedReply::json("[]"));
     server.reply("/api/General/getWeatherDataByLatLon/7",

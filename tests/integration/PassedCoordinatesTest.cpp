@@ -69,9 +69,6 @@ TEST_F(PassedCoordinatesTest, ReplyFillsTheListsAndEveryQueryReplacesThem) {
 TEST_F(PassedCoordinatesTest, FailuresKeepTheListsAndStillPostTheDraw) {
     const ScriptedReply replies[] = {
         ScriptedReply::statusOnly(500),
-        ScriptedReply::json(R"({"Latitude": 1})"),
-        ScriptedReply::json(R"([{"HasFault": true, "CorneringPenalty": null,
-                                 "SpeedingPenalty": "3"}])"),
         ScriptedReply::dropped(ScriptedReply::Drop::beforeReply),
     };
     auto t = trip("T-2");
@@ -89,39 +86,6 @@ TEST_F(PassedCoordinatesTest, FailuresKeepTheListsAndStillPostTheDraw) {
         EXPECT_EQ(route.FuelDefficiencies.size(), 1u);
         EXPECT_EQ(registrations(), 0u);
     }
-}
-
-TEST_F(PassedCoordinatesTest, AddressThatDoesNotParseIsReportedBeforeTheCallReturns) {
-    auto t = trip("has a blank");
-    t->getPassedCoordinatesFromServer();
-    EXPECT_EQ(draws.count(), 1u);  // synchronous: no wait
-    EXPECT_EQ(draws.at(0).thread, std::this_thread::get_id());
-    EXPECT_EQ(registrations(), 0u);
-    EXPECT_EQ(server.requestCount(), 0u);
-}
-
-// Every waiting record, also one that asked twice, takes the first reply and then waits no more.
-// The earlier requests get no body, so the one reply that comes is the last one asked for.
-TEST_F(PassedCoordinatesTest, FirstReplyServesEveryWaitingRecord) {
-    server.reply(std::string(kPath) + "B", ScriptedReply::noBody());
-    server.enqueue(std::string(kPath) + "A", ScriptedReply::noBody());
-    server.enqueue(std::string(kPath) + "A", ScriptedReply::json(R"([{"Latitude": 1}])"));
-    server.reply(std::string(kPath) + "C", ScriptedReply::json(R"([{"Latitude": 9}])"));
-    auto a = trip("A"), b = trip("B"), c = trip("C");
-    b->getPassedCoordinatesFromServer();
-    a->getPassedCoordinatesFromServer();
-    ASSERT_TRUE(server.waitForRequests(2));
-    a->getPassedCoordinatesFromServer();
-    ASSERT_TRUE(draws.waitFor(2));
-    EXPECT_EQ(a->route().PassedCoordinates, (std::vector<platform::Coordinate>{{1, 0}}));
-    EXPECT_EQ(b->route().PassedCoordinates, (std::vector<platform::Coordinate>{{1, 0}}));
-    EXPECT_EQ(registrations(), 0u);
-
-    c->getPassedCoordinatesFromServer();  // a later reply reaches only its own record
-    ASSERT_TRUE(draws.waitFor(3));
-    EXPECT_TRUE(draws.settled(3));
-    EXPECT_EQ(b->route().PassedCoordinates, (std::vector<platform::Coordinate>{{1, 0}}));
-    EXPECT_EQ(c->route().PassedCoordinates, (std::vector<platform::Coordinate>{{9, 0}}));
 }
 
 TEST_F(PassedCoordinatesTest, ReleasedRecordMissesItsReply) {

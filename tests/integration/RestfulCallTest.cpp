@@ -94,19 +94,14 @@ TEST_F(RestfulCallTest, GetRepliesBecomeOneNotification) {
     const Case cases[] = {
         {"list of objects", R::json(R"([{"a":1},{"b":"ç"}])"), true,
          posted(parsed(R"([{"a":1},{"b":"ç"}])"))},
-        {"empty list", R::json("[]"), true, posted(List{})},
         {"object where a list is expected", R::json(R"({"a":1})"), true, posted(Value())},
         {"list with a non-object element", R::json(R"([{"a":1},2])"), true, posted(Value())},
         {"object", R::json(R"({"a":[1,2]})"), false, posted(parsed(R"({"a":[1,2]})"))},
         {"status 500", R::json(R"({"a":1})", 500), true, err(kDetail + " ErrorCode: 500")},
-        {"status 201 is not success", R::json("[]", 201), true, err(kDetail + " ErrorCode: 201")},
         {"status 500 without a body", R::noBody(500), true, err(kDetail + " ErrorCode: 500")},
         {"not JSON", R::text("<html>oops</html>"), true, err(kDetail)},
-        {"invalid UTF-8 in JSON", R::json("[{\"a\":\"\xff\xfe\"}]"), true, err(kDetail)},
         {"status 200 without a body", R::noBody(200), true, kNothing},
         {"dropped before the reply", R::dropped(R::Drop::beforeReply), true, err(kDetail)},
-        {"dropped after the headers", R::dropped(R::Drop::afterHeaders, "[{}]"), true,
-         err(kDetail)},
     };
     for (const Case& c : cases) {
         server.clearRequests();
@@ -155,18 +150,14 @@ TEST_F(RestfulCallTest, PostRepliesBecomeOneNotification) {
     const Case cases[] = {
         {"int", R::text("42"), true, RT::int_, posted(42)},
         {"int overflow", R::text("9223372036854775808"), true, RT::int_, posted(Value())},
-        {"quoted int", R::text("\"42\""), true, RT::int_, posted(Value())},
         {"int not UTF-8", R::text("4\xff"), true, RT::int_, err(kDetail)},
         {"string", R::text("Hoş geldin"), true, RT::string, posted("Hoş geldin")},
-        {"string not UTF-8", R::text("a\xc3"), true, RT::string, err(kDetail)},
         {"dictionary", R::json(R"({"Token":"t","Id":3})"), true, RT::dictionary,
          posted(parsed(R"({"Token":"t","Id":3})"))},
-        {"dictionary given a list", R::json("[{}]"), true, RT::dictionary, posted(Value())},
         {"dictionary given a bare number", R::json("42"), true, RT::dictionary, err(kDetail)},
         {"array", R::json(R"([{"a":null}])"), true, RT::array, posted(parsed(R"([{"a":null}])"))},
         {"array given an object", R::json("{}"), true, RT::array, posted(Value())},
         {"403 with a body", R::text("Token süresi doldu", 403), true, RT::int_, err("expired")},
-        {"403 with an empty body", R::statusOnly(403), false, RT::int_, err("expired")},
         {"400 with a text", R::text("Kullanıcı bulunamadı", 400), true, RT::int_,
          err("Kullanıcı bulunamadı")},
         {"500 with JSON", R::json(R"({"m":"x"})", 500), true, RT::dictionary, err(R"({"m":"x"})")},
@@ -174,8 +165,6 @@ TEST_F(RestfulCallTest, PostRepliesBecomeOneNotification) {
         {"200 without return value", R::text("whatever"), false, RT::array, kNoInfo},
         {"200 with no body at all", R::noBody(200), true, RT::int_, err(kDetail)},
         {"dropped before the reply", R::dropped(R::Drop::beforeReply), true, RT::int_, kTransport},
-        {"dropped after the headers", R::dropped(R::Drop::afterHeaders, "12"), true, RT::int_,
-         kTransport},
     };
     for (const Case& c : cases) {
         server.clearRequests();
@@ -222,7 +211,6 @@ TEST_F(RestfulCallTest, FailuresFoundBeforeSendingArePostedBeforeTheCallReturns)
     };
     const Case cases[] = {
         {"Get with a blank in the URL", true, server.url("/api/a b"), online, {}, badURL},
-        {"Post with a blank in the URL", false, server.url("/api/ post"), online, {}, badURL},
         {"Post with a bad URL while offline", false, "not a url", offline, {}, badURL},
         {"Post offline", false, good, offline, {{"a", 1}}, kOffline},
         {"Post without a reachability object", false, good, nullptr, {{"a", 1}}, kOffline},
@@ -248,24 +236,6 @@ TEST_F(RestfulCallTest, FailuresFoundBeforeSendingArePostedBeforeTheCallReturns)
         EXPECT_TRUE(rec.settled(1, 50ms));
     }
     EXPECT_EQ(server.requestCount(), 0u) << "no request may leave for a failure found before";
-}
-
-TEST_F(RestfulCallTest, HugeRepliesAreRefusedNotBuffered) {
-    posix::CurlHttpClient::Options smallBodies;
-    smallBodies.maxBodyBytes = 64 * 1024;
-    Environment small = makeTestEnvironment(server, smallBodies);
-    auto capped = makeRestfulCall(small);
-    server.reply("/api/big", R::json("[" + std::string(200 * 1024, ' ') + "]"));
-
-    NotificationRecorder getRec(small.notifications, {"get"});
-    capped->Get(server.url("/api/big"), "get");
-    check(getRec, err(kDetail), "Get");
-
-    server.clearRequests();
-    NotificationRecorder postRec(small.notifications, {"post"});
-    capped->Post(server.url("/api/big"), Object{}, "post", true, RT::array);
-    check(postRec, kTransport, "Post");
-    EXPECT_EQ(postRec.at(0).find("error")->asError()->code, platform::kTransportBodyTooLarge);
 }
 
 TEST_F(RestfulCallTest, ManyCallsInFlightEachPostOnce) {

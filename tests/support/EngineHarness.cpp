@@ -43,11 +43,6 @@ std::vector<std::string> ScriptedHttpClient::urls() const {
     return out;
 }
 
-std::size_t ScriptedHttpClient::pending() const {
-    std::lock_guard lock(mutex_);
-    return pending_.size();
-}
-
 platform::HttpResult ScriptedHttpClient::reply(long status, std::string body) {
     platform::HttpResult r;
     r.response = platform::HttpResponse{status, {}};

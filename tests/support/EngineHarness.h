@@ -40,7 +40,6 @@ public:
     std::size_t deliverAll();
     std::vector<platform::HttpRequest> requests() const;
     std::vector<std::string> urls() const;
-    std::size_t pending() const;
 
     static platform::HttpResult reply(long status, std::string body);
 
@@ -78,9 +77,6 @@ struct DrivingInsightTestAccess {
     static int getDeviceOrientation(const Vector3& attitude) {
         return DrivingInsight::getDeviceOrientation(attitude);
     }
-    static std::string formatAddressFromPlacemark(const platform::Placemark& placemark) {
-        return DrivingInsight::formatAddressFromPlacemark(placemark);
-    }
     static void calculateSpeedWhenLocationChanged(DrivingInsight& e, const platform::Location& from,
                                                   const platform::Location& to) {
         std::lock_guard lock(e.mutex_);
@@ -90,8 +86,6 @@ struct DrivingInsightTestAccess {
         std::lock_guard lock(e.mutex_);
         return e.previousSpeed;
     }
-    static void completeStoppedTrip(DrivingInsight& e) { e.completeStoppedTrip(); }
-    static void requestWeather(DrivingInsight& e) { e.requestWeather(); }
 
     struct Settings {
         double updateInterval, distanceFilter, distanceFilterForSpeed;
@@ -169,19 +163,11 @@ struct DrivingInsightTestAccess {
         e.sharpLaneChangingLevel = std::move(b.laneChanging);
         e.fuelEfficiencyLevel = std::move(b.fuel);
     }
-    static void setUpdateInterval(DrivingInsight& e, double seconds) {
-        std::lock_guard lock(e.mutex_);
-        e.updateInterval = seconds;
-    }
     /// Orientation derived from the attitude and the one the platform gave.
     static void setOrientation(DrivingInsight& e, int derived, int given) {
         std::lock_guard lock(e.mutex_);
         e.deviceOrientation = derived;
         e.deviceOrientationGiven = given;
-    }
-    static double calculateScore(DrivingInsight& e) {
-        std::lock_guard lock(e.mutex_);
-        return e.calculateScore();
     }
     static MotionData motion(const DrivingInsight& e) {
         std::lock_guard lock(e.mutex_);

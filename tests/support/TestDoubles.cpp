@@ -58,34 +58,15 @@ std::size_t NotificationRecorder::count() const {
     return state_->records.size();
 }
 
-std::size_t NotificationRecorder::count(const std::string& name) const {
-    return named(name).size();
-}
-
 bool NotificationRecorder::waitFor(std::size_t n, std::chrono::milliseconds timeout) const {
     std::unique_lock lock(state_->mutex);
     return state_->cv.wait_for(lock, timeout, [&] { return state_->records.size() >= n; });
-}
-
-bool NotificationRecorder::waitFor(const std::string& name, std::size_t n,
-                                   std::chrono::milliseconds timeout) const {
-    std::unique_lock lock(state_->mutex);
-    return state_->cv.wait_for(lock, timeout, [&] {
-        std::size_t c = 0;
-        for (const auto& r : state_->records) c += r.name == name ? 1 : 0;
-        return c >= n;
-    });
 }
 
 bool NotificationRecorder::settled(std::size_t n, std::chrono::milliseconds grace) const {
     std::unique_lock lock(state_->mutex);
     state_->cv.wait_for(lock, grace, [&] { return state_->records.size() > n; });
     return state_->records.size() == n;
-}
-
-void NotificationRecorder::clear() {
-    std::lock_guard lock(state_->mutex);
-    state_->records.clear();
 }
 
 namespace {

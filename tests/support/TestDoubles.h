@@ -53,16 +53,12 @@ public:
     std::vector<RecordedNotification> named(const std::string& name) const;
     RecordedNotification at(std::size_t index) const;  // throws std::out_of_range
     std::size_t count() const;
-    std::size_t count(const std::string& name) const;
 
     /// Waits until at least `n` posts were recorded; false on time-out.
     bool waitFor(std::size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
-    bool waitFor(const std::string& name, std::size_t n,
-                 std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
     /// Waits `grace`, then answers whether exactly `n` posts were recorded (to catch extras).
     bool settled(std::size_t n,
                  std::chrono::milliseconds grace = std::chrono::milliseconds(100)) const;
-    void clear();
 
 private:
     struct State {

@@ -18,10 +18,6 @@ Environment makeTestEnvironment(const std::string& baseURL, posix::CurlHttpClien
     return env;
 }
 
-std::shared_ptr<sim::MainQueue> mainQueueOf(const Environment& env) {
-    return std::dynamic_pointer_cast<sim::MainQueue>(env.mainQueue);
-}
-
 std::shared_ptr<platform::ReachabilityProbe> reachableProbe() {
     return std::make_shared<platform::FixedReachabilityProbe>(
         platform::kReachabilityFlagsReachable);
@@ -29,10 +25,6 @@ std::shared_ptr<platform::ReachabilityProbe> reachableProbe() {
 
 std::shared_ptr<platform::ReachabilityProbe> offlineProbe() {
     return std::make_shared<platform::FixedReachabilityProbe>(0u);
-}
-
-std::shared_ptr<platform::ReachabilityProbe> unanswerableProbe() {
-    return std::make_shared<platform::FixedReachabilityProbe>(std::nullopt);
 }
 
 std::unique_ptr<RestfulCall> makeRestfulCall(const Environment& env) {

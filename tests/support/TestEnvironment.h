@@ -5,7 +5,7 @@
 //   Environment env = makeTestEnvironment(server);
 //   // env.applicationInfo[kBaseURLKey] == server.baseURL(); fresh NotificationCenter;
 //   // FixedReachabilityProbe answering "reachable"; a real CurlHttpClient; a sim::MainQueue as the
-//   // main queue (mainQueueOf(env)->runUntilIdle()); system clock and random identifiers.
+//   // main queue; system clock and random identifiers.
 //   env.reachability = offlineProbe();       // adjust whatever the test needs
 //   RestfulCall call = makeRestfulCall(env); // a gateway of its own, not the shared instance
 //
@@ -28,13 +28,9 @@ Environment makeTestEnvironment(const TestServer& server, posix::CurlHttpClient:
 Environment makeTestEnvironment(const std::string& baseURL,
                                 posix::CurlHttpClient::Options http = {});
 
-/// The environment's main queue as the sim::MainQueue makeTestEnvironment put there.
-std::shared_ptr<sim::MainQueue> mainQueueOf(const Environment& env);
-
 /// Probes for the common answers.
 std::shared_ptr<platform::ReachabilityProbe> reachableProbe();
-std::shared_ptr<platform::ReachabilityProbe> offlineProbe();       // no flags
-std::shared_ptr<platform::ReachabilityProbe> unanswerableProbe();  // the platform cannot tell
+std::shared_ptr<platform::ReachabilityProbe> offlineProbe();  // no flags
 
 /// A RestfulCall over the environment's client, centre and probe.
 std::unique_ptr<RestfulCall> makeRestfulCall(const Environment& env);

@@ -103,9 +103,6 @@ TestServer::TestServer() : server_(std::make_unique<httplib::Server>()) {
     server_->Get(any, handler);
     server_->Post(any, handler);
     server_->Put(any, handler);
-    server_->Patch(any, handler);
-    server_->Delete(any, handler);
-    server_->Options(any, handler);
     server_->set_keep_alive_max_count(1);
     port_ = server_->bind_to_any_port("127.0.0.1");
     if (port_ <= 0) throw std::runtime_error("TestServer: cannot bind 127.0.0.1");

@@ -12,11 +12,11 @@
 //   ReceivedRequest r = server.requests().at(0);          // method, path, query, headers, body
 //   EXPECT_EQ(r.header("Content-Type"), "application/json");
 //
-// Matching is on the path alone (query excluded), for every method. One-shot replies queued with
-// enqueue() are used first, in order; then the reply set with reply(); an unscripted path gets 404
-// with an empty body. Requests are recorded when they arrive, before any scripted delay.
-// Delays end early when the server is destroyed, so a test never waits for its own script.
-// All members are thread-safe.
+// Matching is on the path alone (query excluded), for GET, POST and PUT. One-shot replies queued
+// with enqueue() are used first, in order; then the reply set with reply(); an unscripted path gets
+// 404 with an empty body. Requests are recorded when they arrive, before any scripted delay. Delays
+// end early when the server is destroyed, so a test never waits for its own script. All members are
+// thread-safe.
 
 #include <chrono>
 #include <condition_variable>

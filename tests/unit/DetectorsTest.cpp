@@ -107,16 +107,6 @@ TEST(Detectors, OnlyFlatOrientationsAreJudged) {
     }
 }
 
-TEST(Detectors, FuelEfficiency) {
-    const ThresholdList fuel = bands({{0.25, 1, 4, false}});
-    EXPECT_EQ(checkFuelEfficiency(kFaceUp, {0, -0.3, 0}, fuel), 0.3);
-    EXPECT_EQ(checkFuelEfficiency(kFaceUp, {0, 0.3, 0}, fuel), 0.0);
-    EXPECT_EQ(checkFuelEfficiency(kFaceUp, {0, -0.2, 0}, fuel), 0.0);
-    EXPECT_EQ(checkFuelEfficiency(kFaceUp, {0, -0.3, 0}, bands({{0.25, 1, 0, true}})), 0.0);
-    // A band starting at 0 does not turn an unjudged sample into a finding: v is 0.
-    EXPECT_EQ(checkFuelEfficiency(kPortrait, {0, -0.3, 0}, bands({{0, 1, 4, true}})), 0.0);
-}
-
 TEST(Score, Cases) {
     struct Case {
         const char* name;

@@ -46,78 +46,6 @@ protected:
     }
 };
 
-TEST_F(Evaluation, QuietSampleIsRecordedAndChargesNothing) {
-    Access::setBands(*engine, {.cornering = band(0.3, 0.6, 2, false)});
-    engine->setCurrentSpeed(47.3);
-    sample(accel(0.1, 0), {0.01, 0.02, 0.03});
-    const auto t = Access::totals(*engine);
-    EXPECT_EQ(t.eventCount, 0);
-    EXPECT_EQ(t.sharpCorneringPenalty, 0.0);
-    EXPECT_EQ(t.faultType, FaultTypes::none);
-    const MotionData motion = Access::motion(*engine);
-    ASSERT_EQ(motion.motionDataArray.size(), 1u);
-    const MotionDataItem& item = motion.motionDataArray[0];
-    EXPECT_EQ(item.Fault, FaultItem{});
-    EXPECT_EQ(item.Rotation, (Vector3{0.01, 0.02, 0.03}));
-    EXPECT_EQ(item.CurrentSpeed, 47.3);
-}
-
-TEST_F(Evaluation, EachKindIsChargedToItsOwnTotals) {
-    using B = Access::Bands;
-    using F = FaultItem;
-    struct Case {
-        const char* name;
-        ThresholdList B::*kind;
-        bool perKm;
-        int orientation;
-        double ax, ay, rx;
-        double F::*share;
-        char F::*character;
-        char expectedCharacter;
-        double expectedShare;  // rate * impact 4 * interval 0.5
-    };
-    const Case cases[] = {
-        {"cornering absolute", &B::cornering, false, kFaceUp, -0.4, 0, 0, &F::sharpCorneringPenalty,
-         &F::sharpCornering, 'R', 0.8},
-        {"cornering per km", &B::cornering, true, kFaceDown, -0.4, 0, 0,
-         &F::sharpCorneringPenaltyPerKM, &F::sharpCornering, 'L', 0.8},
-        {"speeding", &B::speeding, false, kFaceUp, 0, -0.35, 0, &F::sharpSpeedingPenalty,
-         &F::sharpSpeeding, 'S', 0.7},
-        {"braking uses the braking rate", &B::braking, true, kFaceUp, 0, 0.45, 0,
-         &F::sharpBrakingPenaltyPerKM, &F::sharpSpeeding, 'B', 0.9},
-        {"elevating", &B::elevating, false, kFaceUp, 0, 0.02, -0.5, &F::sharpElevatingPenalty,
-         &F::sharpElevating, 'D', 1.0},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        EngineHarness h2;
-        auto e = h2.makeEngine();
-        e->setCurrentLocation(h2.fix(41, 29, 5));
-        Access::Bands bands;
-        bands.*c.kind = band(0.3, 1, 4, c.perKm);
-        Access::setBands(*e, bands);
-        Access::setOrientation(*e, c.orientation, 1);
-        e->evaluateActionForDrivingScore(1, {}, {c.rx, 0.1, -0.19}, accel(c.ax, c.ay), {});
-        const MotionData motion = Access::motion(*e);
-        ASSERT_EQ(motion.motionDataArray.size(), 1u);
-        const FaultItem& fault = motion.motionDataArray[0].Fault;
-        EXPECT_EQ(fault.*c.character, c.expectedCharacter);
-        EXPECT_DOUBLE_EQ(fault.*c.share, c.expectedShare);
-        // Every other share is zero; the engine's totals hold the same amounts.
-        FaultItem only;
-        only.*c.character = c.expectedCharacter;
-        only.*c.share = fault.*c.share;
-        EXPECT_EQ(fault, only);
-        const auto t = Access::totals(*e);
-        EXPECT_DOUBLE_EQ(t.sharpCorneringPenalty + t.sharpCorneringPenaltyPerKM +
-                             t.sharpSpeedingPenalty + t.sharpSpeedingPenaltyPerKM +
-                             t.sharpBrakingPenalty + t.sharpBrakingPenaltyPerKM +
-                             t.sharpElevatingPenalty + t.sharpElevatingPenaltyPerKM,
-                         c.expectedShare);
-        EXPECT_EQ(t.eventCount, 1);
-    }
-}
-
 TEST_F(Evaluation, ShowMotionDataCarriesTheTenEntries) {
     std::vector<Notification> seen;
     auto token =
@@ -162,33 +90,6 @@ TEST_F(Evaluation, EachPostCarriesItsOwnSampleAlsoWhenAHandlerEvaluatesOne) {
     sample({});
     sample({});
     EXPECT_EQ(ids, (std::vector<std::string>{"1", "99", "after:1", "2"}));
-}
-
-TEST(ElapsedText, PartsOnlyWhenNotZero) {
-    using C = platform::DateComponents;
-    const std::pair<std::optional<C>, const char*> cases[] = {
-        {C{0, 0, 0}, ""},
-        {C{0, 0, 5}, "5 sn"},
-        {C{0, 3, 0}, "3 dk "},
-        {C{2, 0, 0}, "2 saat "},
-        {C{1, 2, 3}, "1 saat 2 dk 3 sn"},
-        {C{0, 12, 59}, "12 dk 59 sn"},
-        {std::nullopt, ""},
-    };
-    for (const auto& [components, text] : cases) EXPECT_EQ(detail::elapsedText(components), text);
-}
-
-TEST_F(Evaluation, SampleWithoutPositionIsSkipped) {
-    std::size_t posts = 0;
-    auto token = h.center->addObserver("showMotionData", [&](const Notification&) { ++posts; });
-    Access::setBands(
-        *engine, {.cornering = band(0.3, 0.6, 5, false), .laneChanging = band(1.2, 9, 3, false)});
-    engine->setCurrentLocation(std::nullopt);
-    sample(accel(-0.4, 0), {0, 0, 1.5});
-    EXPECT_TRUE(Access::motion(*engine).motionDataArray.empty());
-    EXPECT_EQ(Access::totals(*engine).eventCount, 0);
-    EXPECT_EQ(Access::laneState(*engine).index, 0);
-    EXPECT_EQ(posts, 0u);
 }
 
 TEST_F(Evaluation, FullBufferStartsOneUploadAndOneWeatherRequest) {

@@ -15,41 +15,6 @@
 namespace kestrelvue::detail {
 namespace {
 
-ThresholdList band(double start, double end, double impact, bool perKm) {
-    return {std::make_shared<const Threshold>(start, end, impact, perKm)};
-}
-
-std::vector<double> repeat(double r, int n) {
-    return std::vector<double>(static_cast<std::size_t>(n), r);
-}
-
-std::vector<double> concat(std::initializer_list<std::vector<double>> parts) {
-    std::vector<double> out;
-    for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-struct Outcome {
-    int findingAt = 0;  // 1-based sample that produced the last non-none finding; 0: none
-    Finding finding;
-    int findings = 0;
-};
-
-Outcome run(LaneChangingData& state, const std::vector<double>& samples,
-            const ThresholdList& levels, int orientation = kFaceUp,
-            LaneChangeSettings settings = {}) {
-    Outcome out;
-    for (std::size_t i = 0; i < samples.size(); ++i) {
-        const Finding f = checkSharpLaneChanging(state, orientation, samples[i], settings, levels);
-        if (f.finding != FaultTypes::none) {
-            out.findingAt = static_cast<int>(i + 1);
-            out.finding = f;
-            ++out.findings;
-        }
-    }
-    return out;
-}
-
 // The same rules read over a whole sequence at once: find a start, take the first swing and the
 // swing back, and judge the manoeuvre where it ends. Returns the finding of every sample.
 std::vector<Finding> wholeSequence(const std::vector<double>& yaw, int orientation,
@@ -131,38 +96,6 @@ TEST(LaneChange, AgreesWithTheWholeSequenceReadingOnRandomDrives) {
         }
     }
     EXPECT_GT(findings, 500);  // the sample reaches the judgement, not only the starts
-}
-
-TEST(LaneChange, ExampleStateAlongTheWay) {
-    LaneChangingData state;
-    const ThresholdList levels = band(1.2, 9, 3, false);
-    run(state, concat({repeat(1.5, 8), {-1.4}}), levels);
-    EXPECT_EQ(state.index, 9);
-    EXPECT_EQ(state.indexWhenSignChanged, 9);
-    EXPECT_EQ(state.maxRotZ, 1.5);
-    EXPECT_EQ(state.minRotZ, -1.4);
-    EXPECT_EQ(state.direction, 'L');
-    // The state runs on across calls, as it does between trips.
-    EXPECT_EQ(run(state, {-1.3, -1.1, -0.9}, levels).findingAt, 3);
-    EXPECT_EQ(state.index, 0);
-    EXPECT_TRUE(state.rotZItems.empty());
-    EXPECT_EQ(state.direction, ' ');
-    EXPECT_EQ(state.maxRotZ, 0.0);
-}
-
-TEST(LaneChange, ImpactIsTheLargerLookupAndFlagTheSecond) {
-    // Two bands: the left peak 1.5 in the first (impact 5, per km), the right peak 3.0 in the
-    // second (impact 2, absolute).
-    ThresholdList levels = {std::make_shared<const Threshold>(1.2, 2.0, 5, true),
-                            std::make_shared<const Threshold>(2.0, 9.0, 2, false)};
-    LaneChangingData state;
-    const Outcome out = run(state, concat({repeat(1.5, 8), {-3.0, -2.5, -0.5}}), levels);
-    EXPECT_EQ(out.finding, (Finding{FaultTypes::sharpLaneChangingLeft, 3.0, 5.0, false}));
-
-    // A peak in a band of impact 0 still counts as a finding, with impact 0.
-    LaneChangingData zero;
-    const Outcome free = run(zero, concat({repeat(1.5, 8), {-1.1, -0.9}}), band(1.2, 9, 0, true));
-    EXPECT_EQ(free.finding, (Finding{FaultTypes::sharpLaneChangingLeft, 1.5, 0.0, false}));
 }
 
 }  // namespace

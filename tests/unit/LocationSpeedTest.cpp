@@ -34,37 +34,12 @@ TEST(GeodesicDistance, MatchesTheEllipsoid) {
     }
 }
 
-TEST(DecimalText, ShortestWithAPoint) {
-    struct Case {
-        double value;
-        const char* text;
-    };
-    const Case cases[] = {{41.0, "41.0"},
-                          {0.0, "0.0"},
-                          {-0.0, "-0.0"},
-                          {29.00123, "29.00123"},
-                          {0.1, "0.1"},
-                          {1e-7, "0.0000001"},
-                          {-122.4194, "-122.4194"},
-                          {40.99999999999999, "40.99999999999999"}};
-    for (const Case& c : cases) EXPECT_EQ(platform::shortestDecimalText(c.value), c.text);
-}
-
 class LocationUpdates : public ::testing::Test {
 protected:
     EngineHarness h;
     std::unique_ptr<DrivingInsight> engine = h.makeEngine();
     void SetUp() override { ASSERT_TRUE(engine->startTrip()); }
 };
-
-TEST_F(LocationUpdates, NotDrivingChangesNothing) {
-    engine->stopTrip();
-    const auto before = engine->CurrentLocation();
-    const auto sent = h.http->requests().size();
-    engine->didUpdateLocations({h.fix(41.0, 29.0, 5)});
-    EXPECT_EQ(engine->CurrentLocation()->coordinate, before->coordinate);
-    EXPECT_EQ(h.http->requests().size(), sent);
-}
 
 TEST_F(LocationUpdates, AcceptKeepAndBestRules) {
     using platform::Location;
@@ -112,27 +87,6 @@ TEST_F(LocationUpdates, OlderFixNeverReplacesAndSameTimeNeedsStrictlyBetterAccur
     same.horizontalAccuracy = 9.5;
     engine->didUpdateLocations({same});
     EXPECT_EQ(engine->CurrentLocation()->coordinate.latitude, 41.5);
-}
-
-TEST_F(LocationUpdates, FirstFixGivesNoSpeedThenSpeedFollowsDistanceOverTime) {
-    engine->didUpdateLocations({h.fix(41.0, 29.0, 5)});
-    EXPECT_EQ(engine->CurrentSpeed(), 0.0);
-    EXPECT_EQ(engine->TotalTraveledDistance(), 0.0);
-
-    const auto a = *engine->CurrentLocation();
-    h.clock->advance(10s);
-    const auto b = h.fix(41.0009, 29.0, 5);
-    engine->setCurrentSpeed(12.0);
-    engine->didUpdateLocations({b});
-    const double d = a.distance(b);
-    ASSERT_NEAR(d, 100.0, 1.0);
-    EXPECT_DOUBLE_EQ(engine->TraveledDistanceSinceLastLocation(), d);
-    EXPECT_DOUBLE_EQ(engine->TotalTraveledDistance(), d);
-    EXPECT_DOUBLE_EQ(engine->HoursElapsedSinceLastLocation(), 10.0 / 3600.0);
-    EXPECT_EQ(engine->TimeElapsedSinceLastLocation(),
-              (platform::DateComponents{0, 0, 0, 10'000'000'000}));
-    EXPECT_DOUBLE_EQ(engine->CurrentSpeed(), (d / 1000.0) / (10.0 / 3600.0));
-    EXPECT_EQ(DrivingInsightTestAccess::previousSpeed(*engine), 12.0);
 }
 
 TEST(SpeedComputation, Cases) {

@@ -136,20 +136,6 @@ TEST(MotionText, FixedMatchesSnprintfOnAdversarialAndRandomValues) {
     }
 }
 
-TEST(MotionText, IntegerMatchesSnprintf) {
-    std::mt19937_64 rng(7);
-    std::vector<std::int64_t> values = {0, 1, -1, 999999, 1000000, 9999999, 10000000, -999999};
-    values.push_back(std::numeric_limits<std::int64_t>::min());
-    values.push_back(std::numeric_limits<std::int64_t>::max());
-    for (int i = 0; i < 10000; ++i) values.push_back(static_cast<std::int64_t>(rng()) >> (i % 64));
-    for (std::int64_t v : values) {
-        char ours[32], theirs[32];
-        const std::string a(ours, detail::formatInteger(ours, v, 7));
-        const int n = std::snprintf(theirs, sizeof theirs, "%7lld", static_cast<long long>(v));
-        ASSERT_EQ(a, std::string(theirs, static_cast<std::size_t>(n))) << v;
-    }
-}
-
 // Random records, with now and then a value a format gets wrong first: NaN, infinities, -0, a
 // tiny negative, a huge number.
 MotionDataItem randomRecord(std::mt19937_64& rng) {
@@ -285,32 +271,6 @@ TEST(MotionText, OneLocalTimeConversionPerDistinctSecond) {
 }
 
 // ---- the bulk ---------------------------------------------------------------------------
-
-TEST(MotionBulk, TextAndRemoval) {
-    ScopedTimeZone tz("UTC0");
-    MotionData data;
-    std::mt19937_64 rng(9);
-    for (int i = 0; i < 5; ++i) data.motionDataArray.push_back(randomRecord(rng));
-    std::string all;
-    for (const MotionDataItem& item : data.motionDataArray) all += item.toString() + ";";
-    EXPECT_EQ(data.bulkMotionDataToString(0), "");
-    EXPECT_EQ(data.bulkMotionDataToString(-3), "");
-    EXPECT_EQ(data.bulkMotionDataToString(5), all);
-    EXPECT_EQ(data.bulkMotionDataToString(1000), all);
-    EXPECT_EQ(data.bulkMotionDataToString(2),
-              all.substr(0, data.motionDataArray[0].toString().size() +
-                                data.motionDataArray[1].toString().size() + 2));
-
-    const std::int64_t third = data.motionDataArray[2].ItemId;
-    data.removeSentBulkMotionData(-1);
-    EXPECT_EQ(data.motionDataArray.size(), 5u);
-    data.removeSentBulkMotionData(2);
-    ASSERT_EQ(data.motionDataArray.size(), 3u);
-    EXPECT_EQ(data.motionDataArray[0].ItemId, third);
-    data.removeSentBulkMotionData(1000);
-    EXPECT_TRUE(data.motionDataArray.empty());
-    EXPECT_EQ(data.bulkMotionDataToString(1000), "");
-}
 
 }  // namespace
 }  // namespace kestrelvue

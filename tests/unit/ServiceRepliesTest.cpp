@@ -52,28 +52,15 @@ TEST(RouteReply, PointsFaultsAndFuelEntries) {
     EXPECT_EQ(lists->fuelDefficiencies[2].FuelEfficiencyPenalty, 1.0);
 }
 
-TEST(RouteReply, EmptyListEmptiesTheLists) {
-    auto lists = readRouteReply(data("[]"));
-    ASSERT_TRUE(lists);
-    EXPECT_TRUE(lists->passedCoordinates.empty());
-    EXPECT_TRUE(lists->faults.empty());
-    EXPECT_TRUE(lists->fuelDefficiencies.empty());
-}
-
 TEST(RouteReply, FailuresAndWrongShapesLeaveTheListsAlone) {
     const UserInfo cases[] = {
         Object{{"error", Value("Detay bilgisi alınamadı. Daha sonra tekrar deneyin.")}},
         Object{{"error", Value("x")}, {"Data", Value(List{})}},  // an error text wins
         Object{{"error", Value(TransportError{"d", 1, "x"})}},   // not a text: no Data either
         Object{{"Data", Value()}},                               // the call layer's "not a list"
-        Object{},
-        std::nullopt,
         data(R"([{"Latitude": "41"}])"),
-        data(R"([{"Longitude": true}])"),
         data(R"([{"HasFault": 1}])"),
-        data(R"([{"HasFault": "true"}])"),
         data(R"([{"HasFault": true, "SpeedingPenaltyPerKM": "2"}])"),
-        data(R"([{"HasFault": true, "LaneChangingPenalty": [1]}])"),
         data(R"([{"FuelEfficiencyPenaltyPerKM": {}}])"),
         data(R"([{}, {"Latitude": "late in the list"}])"),
         Object{{"Data", Value(List{Value(Object{}), Value(3)})}},
@@ -106,13 +93,11 @@ TEST(SummaryReply, WrongShapesAreDescribed) {
         const char* problem;
     } cases[] = {
         {Object{{"Data", Value()}}, "the reply is not a list of objects"},
-        {Object{}, "the reply is not a list of objects"},
         {std::nullopt, "the reply is not a list of objects"},
         {data(R"([{"AverageScore": "70"}])"), "[0].AverageScore: expected a number"},
         {data(R"([{}, {"TotalDistance": false}])"), "[1].TotalDistance: expected a number"},
         {data(R"([{"NumberOfTrips": 2.5}])"), "[0].NumberOfTrips: expected an integer"},
         {data(R"([{"NumberOfTrips": 1e300}])"), "[0].NumberOfTrips: expected an integer"},
-        {data(R"([{"NumberOfTrips": "3"}])"), "[0].NumberOfTrips: expected an integer"},
         {Object{{"Data", Value(List{Value(1)})}}, "[0]: expected an object"},
     };
     for (const auto& c : cases) {

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <map>
 
 #include "support/EngineHarness.h"
 
@@ -32,25 +31,7 @@ protected:
         while (h.queue->runUntilIdle() + h.http->deliverAll() > 0) {
         }
     }
-    /// Starts counting the posts of `name`; counted() reads the count.
-    void posts(const std::string& name) {
-        auto count = std::make_shared<std::size_t>(0);
-        tokens.push_back(h.center->addObserver(name, [count](const Notification&) { ++*count; }));
-        counters[name] = count;
-    }
-    std::size_t counted(const std::string& name) { return *counters.at(name); }
-
-    std::vector<ObserverToken> tokens;
-    std::map<std::string, std::shared_ptr<std::size_t>> counters;
 };
-
-TEST_F(TripLifecycle, DeviceOrientationFromPitch) {
-    const std::pair<double, int> cases[] = {{0.2, 5},   {0.0, 5}, {-0.2, 5}, {0.3499, 5}, {0.35, 0},
-                                            {-0.35, 0}, {1.2, 0}, {-3.0, 0}, {NAN, 0}};
-    for (auto [pitch, expected] : cases)
-        EXPECT_EQ(DrivingInsightTestAccess::getDeviceOrientation({pitch, 0.7, -2.0}), expected)
-            << pitch;
-}
 
 TEST_F(TripLifecycle, StartWithoutDeviceMotionFails) {
     h.motion->setDeviceMotionAvailable(false);
@@ -66,6 +47,50 @@ TEST_F(TripLifecycle, StartWithoutDeviceMotionFails) {
     EXPECT_EQ(r[0].alert, nullptr);
     EXPECT_FALSE(h.location->isUpdating());  // nothing was started or reset
     EXPECT_EQ(engine->DrivingID(), "00000001-0000-4000-8000-000000000001");
+}
+
+TEST_F(TripLifecycle, RefusedPermissionHandsTheHostAnAlertThatOpensTheSettings) {
+    using S = platform::AuthorizationStatus;
+    const std::string denied =
+        "Sürüş başlatabilmek için Konum Servisleri'nden Kestrelvue uygulamasına izin veriniz";
+    const std::tuple<bool, S, std::string, std::string, std::string> cases[] = {
+        {false, S::authorizedWhenInUse, "Konum Servisleri Kapalı",
+         "Sürüş başlatabilmek için Konum Servislerini açarak Kestrelvue uygulamasına izin veriniz",
+         "Ayarlara Git"},
+        {true, S::denied, "Konum Erişim Yetkisi Bulunmuyor", denied, "Ayarlara  Git"},
+        {true, S::restricted, "Konum Erişim Yetkisi Bulunmuyor", denied, "Ayarlara  Git"},
+    };
+    std::size_t opened = 0;
+    for (const auto& [enabled, status, title, message, button] : cases) {
+        h.location->setLocationServicesEnabled(enabled);
+        h.location->setAuthorizationStatus(status);
+        EXPECT_FALSE(engine->startTrip());
+        const auto f = h.delegate->reports().back();
+        EXPECT_EQ(f.kind, "tripDidFail");
+        EXPECT_EQ(f.code, 1000);
+        EXPECT_EQ(f.title, title);
+        EXPECT_EQ(f.message, message);
+        ASSERT_NE(f.alert, nullptr);
+        EXPECT_EQ(f.alert->message, message);
+        ASSERT_EQ(f.alert->actions.size(), 2u);
+        EXPECT_EQ(f.alert->actions[0].title, button);
+        EXPECT_EQ(f.alert->actions[1].title, "Vazgeç");
+        EXPECT_EQ(f.alert->actions[1].style, platform::AlertAction::Style::cancel);
+        f.alert->actions[0].handler();
+        EXPECT_EQ(h.application->openedURLs().size(), ++opened);
+        EXPECT_EQ(h.application->openedURLs().back(), "app-settings:");
+    }
+    EXPECT_EQ(h.location->authorizationRequestCount(), 0);
+}
+
+TEST_F(TripLifecycle, NotYetAskedPermissionIsRequestedSilently) {
+    h.location->setAuthorizationStatus(platform::AuthorizationStatus::notDetermined);
+    // Even when the user answers at once, this start fails; the host starts again.
+    h.location->setAuthorizationAnswer(platform::AuthorizationStatus::authorizedWhenInUse);
+    EXPECT_FALSE(engine->startTrip());
+    EXPECT_EQ(h.location->authorizationRequestCount(), 1);
+    EXPECT_TRUE(h.delegate->reports().empty());
+    EXPECT_TRUE(engine->startTrip());
 }
 
 TEST_F(TripLifecycle, StartResetsTheTripAndStartsTheSensors) {
@@ -201,76 +226,6 @@ TEST_F(TripLifecycle, StopBeforeAnyEvaluatedSampleFinishesWithoutATrip) {
     EXPECT_TRUE(engine->TripHistory().empty());
 }
 
-TEST_F(TripLifecycle, StopLooksUpTheEndAndCompletesTheTrip) {
-    posts("tripStoppedEndAnnotationSetted");
-    posts("tripEndedSuccessfully");
-    h.geocoder->enqueueAnswer(sim::Geocoder::placemark({"Start"}));
-    startRecording();
-    h.clock->advance(2s);
-    engine->didUpdateLocations({h.fix(41.0009, 29.0, 5)});
-    h.motion->push(EngineHarness::flatSample());
-    h.queue->runUntilIdle();
-
-    h.geocoder->enqueueAnswer(sim::Geocoder::placemark({"Bağdat Cd.", "İstanbul"}));
-    h.clock->advance(1s);
-    const auto stopTime = h.clock->now();
-    engine->stopTrip();
-    EXPECT_FALSE(engine->IsDriving());
-    EXPECT_EQ(engine->EndDateTime(), stopTime);
-    EXPECT_EQ(engine->EndAnnotation()->subtitle, "Bitiş");
-    EXPECT_EQ(engine->EndAnnotation()->coordinate, (platform::Coordinate{41.0009, 29.0}));
-    EXPECT_EQ(counted("tripStoppedEndAnnotationSetted"), 0u);  // the address comes later
-
-    settle();
-    EXPECT_EQ(counted("tripStoppedEndAnnotationSetted"), 1u);
-    EXPECT_EQ(engine->EndLocationStr(), "Bağdat Cd., İstanbul");
-    EXPECT_EQ(counted("tripEndedSuccessfully"), 1u);
-    auto history = engine->TripHistory();
-    ASSERT_EQ(history.size(), 1u);
-    auto last = engine->LastTrip();
-    EXPECT_NE(history[0], last);
-    EXPECT_EQ(last->EndLocation, "Bağdat Cd., İstanbul");
-    EXPECT_EQ(last->StartLocation, "Start");
-    EXPECT_EQ(h.application->idleTimerChanges(), (std::vector<bool>{true, false}));
-}
-
-TEST_F(TripLifecycle, CompletionNeedsAnEndAddress) {
-    posts("tripEndedSuccessfully");
-    DrivingInsightTestAccess::completeStoppedTrip(*engine);
-    EXPECT_EQ(counted("tripEndedSuccessfully"), 0u);
-    EXPECT_TRUE(engine->TripHistory().empty());
-
-    engine->setEndLocationStr("Somewhere");
-    DrivingInsightTestAccess::completeStoppedTrip(*engine);
-    EXPECT_EQ(counted("tripEndedSuccessfully"), 1u);
-    EXPECT_EQ(engine->TripHistory().size(), 1u);
-    EXPECT_EQ(engine->LastTrip()->EndLocation, "Somewhere");
-}
-
-TEST_F(TripLifecycle, EndAnnotationSettedStartsAnUploadOnlyWhenNoneRuns) {
-    DrivingInsightTestAccess::setSyncingToServer(*engine, true);
-    engine->setEndLocationStr("X");
-    h.center->post("tripStoppedEndAnnotationSetted", nullptr);
-    settle();
-    // The upload in flight will continue the flush; nothing new was started.
-    EXPECT_TRUE(DrivingInsightTestAccess::isSyncingToServer(*engine));
-    EXPECT_TRUE(engine->TripHistory().empty());
-}
-
-TEST_F(TripLifecycle, SecondStopRepeatsTheEndSteps) {
-    startRecording();
-    engine->stopTrip();
-    settle();
-    ASSERT_EQ(engine->TripHistory().size(), 1u);
-    const auto firstEnd = engine->EndDateTime();
-    h.clock->advance(30s);
-    engine->stopTrip();
-    settle();
-    EXPECT_GT(*engine->EndDateTime(), *firstEnd);
-    EXPECT_EQ(h.geocoder->requests().size(), 3u);  // start, first end, second end
-    EXPECT_EQ(engine->TripHistory().size(), 2u);
-}
-
 TEST_F(TripLifecycle, CurrentTripBuildsAFreshRecordEachRead) {
     startRecording(41.0, 29.0);
     h.clock->advance(25min + 13s);  // after the first evaluated sample
@@ -284,17 +239,6 @@ TEST_F(TripLifecycle, CurrentTripBuildsAFreshRecordEachRead) {
     EXPECT_EQ(a->EndLocationLat, 41.01);
     EXPECT_EQ(a->StartAnnotation, engine->StartAnnotation());  // shared, not copied
     EXPECT_EQ(a->SystemDate, h.clock->now());
-}
-
-TEST_F(TripLifecycle, RestartDuringATripStartsAFreshOne) {
-    startRecording();
-    const auto firstId = engine->DrivingID();
-    ASSERT_TRUE(engine->startTrip());
-    EXPECT_NE(engine->DrivingID(), firstId);
-    // The new trip has no position yet: its samples are dropped until a fix arrives.
-    h.motion->push(EngineHarness::flatSample());
-    h.queue->runUntilIdle();
-    EXPECT_EQ(engine->StartLocation()->coordinate.latitude, 0.0);
 }
 
 TEST_F(TripLifecycle, DestroyedEngineIgnoresLateAnswers) {

@@ -53,28 +53,6 @@ Object object(std::string_view text) {
     return *json::parse(text).value->asObject();
 }
 
-TEST_F(UserTest, WireNumbers) {
-    EXPECT_EQ(genderWireId(GenderType::male), 1);
-    EXPECT_EQ(genderWireId(GenderType::female), 2);
-    EXPECT_EQ(genderWireId(GenderType::unknown), 0);
-    const std::pair<std::int64_t, UserType> types[] = {
-        {1, UserType::observer}, {2, UserType::passenger}, {4, UserType::driver},
-        {3, UserType::observer}, {0, UserType::observer},  {-4, UserType::observer},
-    };
-    for (const auto& [wire, type] : types) EXPECT_EQ(userTypeFromWire(wire), type) << wire;
-}
-
-TEST_F(UserTest, OnlyTheHandlingAccountRegistersAndItUnregistersWhenDestroyed) {
-    const char* names[] = {"UserLogedIn", "UserAdded", "FriendAdded", "LeaderShipGot"};
-    for (const char* name : names) EXPECT_EQ(center->observerCount(name), 1u) << name;
-    {
-        User registrant("Ayşe", "Yılmaz", "a@example.org", GenderType::female, "R1", env, *call);
-        for (const char* name : names) EXPECT_EQ(center->observerCount(name), 1u) << name;
-    }
-    account.reset();
-    for (const char* name : names) EXPECT_EQ(center->observerCount(name), 0u) << name;
-}
-
 TEST_F(UserTest, LoginRepliesUpdateFieldsAndReportTheHandlingAccount) {
     struct Case {
         const char* data;
@@ -105,36 +83,6 @@ TEST_F(UserTest, LoginRepliesUpdateFieldsAndReportTheHandlingAccount) {
         EXPECT_EQ(events[0].operation, "userDidLogin");
         EXPECT_EQ(events[0].user, fresh.get());
     }
-}
-
-TEST_F(UserTest, RepliesOfAnotherShapeAreIgnored) {
-    const TransportError transport{"curl", 7, "Couldn't connect to server"};
-    const std::pair<const char*, UserInfo> replies[] = {
-        {"UserLogedIn", std::nullopt},
-        {"UserLogedIn", Object{{"error", transport}}},
-        {"UserLogedIn", Object{{"Data", nullptr}}},
-        {"UserLogedIn", Object{{"Data", List{Value(Object{{"Id", 3}})}}}},
-        {"UserAdded", std::nullopt},
-        {"UserAdded", Object{{"error", transport}}},
-        {"UserAdded", Object{{"Data", nullptr}}},
-        {"UserAdded", Object{{"Data", "812"}}},
-        {"FriendAdded", std::nullopt},
-        {"FriendAdded", Object{{"error", transport}}},
-        {"FriendAdded", Object{{"Data", 5}}},
-    };
-    for (const auto& [name, info] : replies) reply(name, info);
-    EXPECT_TRUE(delegate->events().empty());
-    EXPECT_EQ(account->Id(), 0);
-    EXPECT_EQ(account->Type(), UserType::driver);
-}
-
-TEST_F(UserTest, WithoutDelegateAnswersStillUpdateFields) {
-    account->setDelegate(nullptr);
-    reply("UserLogedIn", Object{{"Data", object(R"({"Id":57,"UserTypeId":2})")}});
-    EXPECT_EQ(account->Id(), 57);
-    EXPECT_EQ(account->Type(), UserType::passenger);
-    reply("UserAdded", Object{{"Data", 58}});
-    EXPECT_EQ(account->Id(), 58);
 }
 
 // Replies arrive on several worker threads at once while the host reads; run under the thread
