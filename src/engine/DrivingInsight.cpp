@@ -1,6 +1,5 @@
 // Construction, the shared instance and the accessors of the engine.
 
-#include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/platform/Application.h>
 #include <kestrelvue/platform/Device.h>
 #include <kestrelvue/platform/Geocoder.h>
@@ -9,6 +8,7 @@
 
 #include <utility>
 
+#include "engine/EngineImpl.h"
 #include "net/Outbox.h"
 #include "platform/sim/Sim.h"
 #include "records/TripReporter.h"
@@ -33,7 +33,14 @@ std::unique_ptr<DrivingInsight> DrivingInsight::makeDetached(const Environment& 
 }
 
 DrivingInsight::DrivingInsight(const Environment& environment, RestfulCall* sharedCall)
-    : getDrivingDataURL(environment.serviceURL("/api/Driving/getDriving")),
+    : impl_(std::make_unique<Impl>(*this, environment, sharedCall)) {}
+
+DrivingInsight::~DrivingInsight() = default;
+
+DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
+                           RestfulCall* sharedCall)
+    : self_(self),
+      getDrivingDataURL(environment.serviceURL("/api/Driving/getDriving")),
       addMotionDataURL(environment.serviceURL("/api/Driving/addMotionData")),
       getThresholdsURL(environment.serviceURL("/api/Driving/getThresholds")),
       getWeatherInfoURL(environment.serviceURL("/api/General/getWeatherDataByLatLon")),
@@ -114,7 +121,7 @@ DrivingInsight::DrivingInsight(const Environment& environment, RestfulCall* shar
     detail::registerTripReporter(env_, this, [this] { return drivingInsightDelegate(); });
 }
 
-DrivingInsight::~DrivingInsight() {
+DrivingInsight::Impl::~Impl() {
     detail::unregisterTripReporter(env_, this);
     *alive_ = false;
     center_.removeObserver(this);
@@ -127,72 +134,73 @@ DrivingInsight::~DrivingInsight() {
     if (motion && motion->isDeviceMotionActive()) motion->stopDeviceMotionUpdates();
 }
 
-std::shared_ptr<DrivingInsightDelegate> DrivingInsight::delegateSnapshot() const {
+std::shared_ptr<DrivingInsightDelegate> DrivingInsight::Impl::delegateSnapshot() const {
     std::lock_guard lock(mutex_);
     return drivingInsightDelegate_;
 }
 
 // ---- Host-settable fields ---------------------------------------------------------------------
 
-std::int64_t DrivingInsight::bulkMotionDataSize() const {
+std::int64_t DrivingInsight::Impl::bulkMotionDataSize() const {
     std::lock_guard lock(mutex_);
     return bulkMotionDataSize_;
 }
-void DrivingInsight::setBulkMotionDataSize(std::int64_t value) {
+void DrivingInsight::Impl::setBulkMotionDataSize(std::int64_t value) {
     std::lock_guard lock(mutex_);
     bulkMotionDataSize_ = value;
 }
-std::string DrivingInsight::bundleDisplayName() const {
+std::string DrivingInsight::Impl::bundleDisplayName() const {
     std::lock_guard lock(mutex_);
     return bundleDisplayName_;
 }
-void DrivingInsight::setBundleDisplayName(std::string value) {
+void DrivingInsight::Impl::setBundleDisplayName(std::string value) {
     std::lock_guard lock(mutex_);
     bundleDisplayName_ = std::move(value);
 }
-std::shared_ptr<platform::MotionManager> DrivingInsight::MotionManager() const {
+std::shared_ptr<platform::MotionManager> DrivingInsight::Impl::MotionManager() const {
     std::lock_guard lock(mutex_);
     return motionManager_;
 }
-void DrivingInsight::setMotionManager(std::shared_ptr<platform::MotionManager> value) {
+void DrivingInsight::Impl::setMotionManager(std::shared_ptr<platform::MotionManager> value) {
     std::lock_guard lock(mutex_);
     motionManager_ = std::move(value);
 }
-std::shared_ptr<platform::LocationManager> DrivingInsight::LocationManager() const {
+std::shared_ptr<platform::LocationManager> DrivingInsight::Impl::LocationManager() const {
     std::lock_guard lock(mutex_);
     return locationManager_;
 }
-void DrivingInsight::setLocationManager(std::shared_ptr<platform::LocationManager> value) {
+void DrivingInsight::Impl::setLocationManager(std::shared_ptr<platform::LocationManager> value) {
     std::lock_guard lock(mutex_);
     locationManager_ = std::move(value);
 }
-std::shared_ptr<HistoryDataDelegate> DrivingInsight::historyDataDelegate() const {
+std::shared_ptr<HistoryDataDelegate> DrivingInsight::Impl::historyDataDelegate() const {
     std::lock_guard lock(mutex_);
     return historyDataDelegate_;
 }
-void DrivingInsight::setHistoryDataDelegate(std::shared_ptr<HistoryDataDelegate> value) {
+void DrivingInsight::Impl::setHistoryDataDelegate(std::shared_ptr<HistoryDataDelegate> value) {
     std::lock_guard lock(mutex_);
     historyDataDelegate_ = std::move(value);
 }
-std::shared_ptr<DrivingInsightDelegate> DrivingInsight::drivingInsightDelegate() const {
+std::shared_ptr<DrivingInsightDelegate> DrivingInsight::Impl::drivingInsightDelegate() const {
     return delegateSnapshot();
 }
-void DrivingInsight::setDrivingInsightDelegate(std::shared_ptr<DrivingInsightDelegate> value) {
+void DrivingInsight::Impl::setDrivingInsightDelegate(
+    std::shared_ptr<DrivingInsightDelegate> value) {
     std::lock_guard lock(mutex_);
     drivingInsightDelegate_ = std::move(value);
 }
 
 // ---- Accessors --------------------------------------------------------------------------------
 
-#define KV_GETTER(Type, Name, field)    \
-    Type DrivingInsight::Name() const { \
-        std::lock_guard lock(mutex_);   \
-        return field;                   \
+#define KV_GETTER(Type, Name, field)          \
+    Type DrivingInsight::Impl::Name() const { \
+        std::lock_guard lock(mutex_);         \
+        return field;                         \
     }
-#define KV_SETTER(Type, Name, field)        \
-    void DrivingInsight::Name(Type value) { \
-        std::lock_guard lock(mutex_);       \
-        (field) = std::move(value);         \
+#define KV_SETTER(Type, Name, field)              \
+    void DrivingInsight::Impl::Name(Type value) { \
+        std::lock_guard lock(mutex_);             \
+        (field) = std::move(value);               \
     }
 
 KV_GETTER(std::int64_t, UserID, userID)
@@ -246,29 +254,330 @@ KV_SETTER(std::optional<double>, setTemperature, temperature)
 #undef KV_GETTER
 #undef KV_SETTER
 
-void DrivingInsight::setSummaryDataRecord(const kestrelvue::SummaryData& value) {
+void DrivingInsight::Impl::setSummaryDataRecord(const kestrelvue::SummaryData& value) {
     std::lock_guard lock(mutex_);
     summaryData = value;
 }
 
-void DrivingInsight::setCurrentLocation(std::optional<platform::Location> value) {
+void DrivingInsight::Impl::setCurrentLocation(std::optional<platform::Location> value) {
     std::lock_guard lock(mutex_);
     setCurrentLocationLocked(value);
 }
 
-void DrivingInsight::setTraveledDistanceSinceLastLocation(double value) {
+void DrivingInsight::Impl::setTraveledDistanceSinceLastLocation(double value) {
     std::lock_guard lock(mutex_);
     setTraveledDistanceSinceLastLocationLocked(value);
 }
 
-void DrivingInsight::setCurrentSpeed(double value) {
+void DrivingInsight::Impl::setCurrentSpeed(double value) {
     std::lock_guard lock(mutex_);
     setCurrentSpeedLocked(value);
 }
 
-std::shared_ptr<Trip> DrivingInsight::CurrentTrip() const {
+std::shared_ptr<Trip> DrivingInsight::Impl::CurrentTrip() const {
     std::lock_guard lock(mutex_);
     return makeCurrentTripLocked();
+}
+
+// ---- The public engine forwards to its implementation ----------------------------------------
+
+const std::string& DrivingInsight::getDrivingDataURL() const {
+    return impl_->getDrivingDataURL;
+}
+const std::string& DrivingInsight::addMotionDataURL() const {
+    return impl_->addMotionDataURL;
+}
+const std::string& DrivingInsight::getThresholdsURL() const {
+    return impl_->getThresholdsURL;
+}
+const std::string& DrivingInsight::getWeatherInfoURL() const {
+    return impl_->getWeatherInfoURL;
+}
+const std::string& DrivingInsight::getSummaryURL() const {
+    return impl_->getSummaryURL;
+}
+RestfulCall& DrivingInsight::restfulCall() const {
+    return *impl_->restfulCall_;
+}
+const Environment& DrivingInsight::environment() const {
+    return impl_->env_;
+}
+
+std::int64_t DrivingInsight::bulkMotionDataSize() const {
+    return impl_->bulkMotionDataSize();
+}
+
+void DrivingInsight::setBulkMotionDataSize(std::int64_t value) {
+    impl_->setBulkMotionDataSize(value);
+}
+
+std::string DrivingInsight::bundleDisplayName() const {
+    return impl_->bundleDisplayName();
+}
+
+void DrivingInsight::setBundleDisplayName(std::string value) {
+    impl_->setBundleDisplayName(std::move(value));
+}
+
+std::shared_ptr<platform::MotionManager> DrivingInsight::MotionManager() const {
+    return impl_->MotionManager();
+}
+
+void DrivingInsight::setMotionManager(std::shared_ptr<platform::MotionManager> value) {
+    impl_->setMotionManager(std::move(value));
+}
+
+std::shared_ptr<platform::LocationManager> DrivingInsight::LocationManager() const {
+    return impl_->LocationManager();
+}
+
+void DrivingInsight::setLocationManager(std::shared_ptr<platform::LocationManager> value) {
+    impl_->setLocationManager(std::move(value));
+}
+
+std::shared_ptr<HistoryDataDelegate> DrivingInsight::historyDataDelegate() const {
+    return impl_->historyDataDelegate();
+}
+
+void DrivingInsight::setHistoryDataDelegate(std::shared_ptr<HistoryDataDelegate> value) {
+    impl_->setHistoryDataDelegate(std::move(value));
+}
+
+std::shared_ptr<DrivingInsightDelegate> DrivingInsight::drivingInsightDelegate() const {
+    return impl_->drivingInsightDelegate();
+}
+
+void DrivingInsight::setDrivingInsightDelegate(std::shared_ptr<DrivingInsightDelegate> value) {
+    impl_->setDrivingInsightDelegate(std::move(value));
+}
+
+std::int64_t DrivingInsight::UserID() const {
+    return impl_->UserID();
+}
+
+void DrivingInsight::setUserID(std::int64_t value) {
+    impl_->setUserID(value);
+}
+
+std::string DrivingInsight::DrivingID() const {
+    return impl_->DrivingID();
+}
+
+bool DrivingInsight::IsDriving() const {
+    return impl_->IsDriving();
+}
+
+std::shared_ptr<Trip> DrivingInsight::LastTrip() const {
+    return impl_->LastTrip();
+}
+
+std::vector<std::shared_ptr<Trip>> DrivingInsight::TripHistory() const {
+    return impl_->TripHistory();
+}
+
+void DrivingInsight::setTripHistory(std::vector<std::shared_ptr<Trip>> value) {
+    impl_->setTripHistory(std::move(value));
+}
+
+kestrelvue::SummaryData DrivingInsight::getSummaryDataRecord() const {
+    return impl_->getSummaryDataRecord();
+}
+
+void DrivingInsight::setSummaryDataRecord(const kestrelvue::SummaryData& value) {
+    impl_->setSummaryDataRecord(value);
+}
+
+ThresholdList DrivingInsight::FuelEfficiencyLevel() const {
+    return impl_->FuelEfficiencyLevel();
+}
+
+void DrivingInsight::setFuelEfficiencyLevel(ThresholdList value) {
+    impl_->setFuelEfficiencyLevel(std::move(value));
+}
+
+std::optional<platform::TimePoint> DrivingInsight::StartDateTime() const {
+    return impl_->StartDateTime();
+}
+
+void DrivingInsight::setStartDateTime(std::optional<platform::TimePoint> value) {
+    impl_->setStartDateTime(std::move(value));
+}
+
+std::optional<platform::TimePoint> DrivingInsight::EndDateTime() const {
+    return impl_->EndDateTime();
+}
+
+void DrivingInsight::setEndDateTime(std::optional<platform::TimePoint> value) {
+    impl_->setEndDateTime(std::move(value));
+}
+
+std::optional<platform::Location> DrivingInsight::StartLocation() const {
+    return impl_->StartLocation();
+}
+
+void DrivingInsight::setStartLocation(std::optional<platform::Location> value) {
+    impl_->setStartLocation(std::move(value));
+}
+
+std::optional<platform::Location> DrivingInsight::EndLocation() const {
+    return impl_->EndLocation();
+}
+
+void DrivingInsight::setEndLocation(std::optional<platform::Location> value) {
+    impl_->setEndLocation(std::move(value));
+}
+
+std::string DrivingInsight::StartLocationStr() const {
+    return impl_->StartLocationStr();
+}
+
+void DrivingInsight::setStartLocationStr(std::string value) {
+    impl_->setStartLocationStr(std::move(value));
+}
+
+std::string DrivingInsight::EndLocationStr() const {
+    return impl_->EndLocationStr();
+}
+
+void DrivingInsight::setEndLocationStr(std::string value) {
+    impl_->setEndLocationStr(std::move(value));
+}
+
+std::optional<platform::Location> DrivingInsight::CurrentLocation() const {
+    return impl_->CurrentLocation();
+}
+
+void DrivingInsight::setCurrentLocation(std::optional<platform::Location> value) {
+    impl_->setCurrentLocation(std::move(value));
+}
+
+platform::MapPinRef DrivingInsight::StartAnnotation() const {
+    return impl_->StartAnnotation();
+}
+
+void DrivingInsight::setStartAnnotation(platform::MapPinRef value) {
+    impl_->setStartAnnotation(std::move(value));
+}
+
+platform::MapPinRef DrivingInsight::EndAnnotation() const {
+    return impl_->EndAnnotation();
+}
+
+void DrivingInsight::setEndAnnotation(platform::MapPinRef value) {
+    impl_->setEndAnnotation(std::move(value));
+}
+
+std::vector<platform::Coordinate> DrivingInsight::PassedCoordinates() const {
+    return impl_->PassedCoordinates();
+}
+
+void DrivingInsight::setPassedCoordinates(std::vector<platform::Coordinate> value) {
+    impl_->setPassedCoordinates(std::move(value));
+}
+
+std::optional<platform::DateComponents> DrivingInsight::TimeElapsedSinceStart() const {
+    return impl_->TimeElapsedSinceStart();
+}
+
+void DrivingInsight::setTimeElapsedSinceStart(std::optional<platform::DateComponents> value) {
+    impl_->setTimeElapsedSinceStart(std::move(value));
+}
+
+std::optional<platform::DateComponents> DrivingInsight::TimeElapsedSinceLastLocation() const {
+    return impl_->TimeElapsedSinceLastLocation();
+}
+
+void DrivingInsight::setTimeElapsedSinceLastLocation(
+    std::optional<platform::DateComponents> value) {
+    impl_->setTimeElapsedSinceLastLocation(std::move(value));
+}
+
+double DrivingInsight::HoursElapsedSinceStart() const {
+    return impl_->HoursElapsedSinceStart();
+}
+
+void DrivingInsight::setHoursElapsedSinceStart(double value) {
+    impl_->setHoursElapsedSinceStart(value);
+}
+
+double DrivingInsight::HoursElapsedSinceLastLocation() const {
+    return impl_->HoursElapsedSinceLastLocation();
+}
+
+void DrivingInsight::setHoursElapsedSinceLastLocation(double value) {
+    impl_->setHoursElapsedSinceLastLocation(value);
+}
+
+double DrivingInsight::TotalTraveledDistance() const {
+    return impl_->TotalTraveledDistance();
+}
+
+void DrivingInsight::setTotalTraveledDistance(double value) {
+    impl_->setTotalTraveledDistance(value);
+}
+
+double DrivingInsight::TraveledDistanceSinceLastLocation() const {
+    return impl_->TraveledDistanceSinceLastLocation();
+}
+
+void DrivingInsight::setTraveledDistanceSinceLastLocation(double value) {
+    impl_->setTraveledDistanceSinceLastLocation(value);
+}
+
+double DrivingInsight::CurrentSpeed() const {
+    return impl_->CurrentSpeed();
+}
+
+void DrivingInsight::setCurrentSpeed(double value) {
+    impl_->setCurrentSpeed(value);
+}
+
+double DrivingInsight::Score() const {
+    return impl_->Score();
+}
+
+void DrivingInsight::setScore(double value) {
+    impl_->setScore(value);
+}
+
+std::optional<double> DrivingInsight::Temperature() const {
+    return impl_->Temperature();
+}
+
+void DrivingInsight::setTemperature(std::optional<double> value) {
+    impl_->setTemperature(std::move(value));
+}
+
+std::shared_ptr<Trip> DrivingInsight::CurrentTrip() const {
+    return impl_->CurrentTrip();
+}
+
+bool DrivingInsight::startTrip() {
+    return impl_->startTrip();
+}
+
+void DrivingInsight::stopTrip() {
+    impl_->stopTrip();
+}
+
+void DrivingInsight::didUpdateLocations(const std::vector<platform::Location>& locations) {
+    impl_->didUpdateLocations(locations);
+}
+
+void DrivingInsight::evaluateActionForDrivingScore(std::int64_t motionId, const Vector3& attitude,
+                                                   const Vector3& rotationRate,
+                                                   const Vector3& userAcceleration,
+                                                   const Vector3& gravity) {
+    impl_->evaluateActionForDrivingScore(motionId, attitude, rotationRate, userAcceleration,
+                                         gravity);
+}
+
+void DrivingInsight::getTripHistory() {
+    impl_->getTripHistory();
+}
+
+void DrivingInsight::getSummaryData(std::int64_t for_) {
+    impl_->getSummaryData(for_);
 }
 
 }  // namespace kestrelvue

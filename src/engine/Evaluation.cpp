@@ -1,12 +1,11 @@
 // Judging, charging, recording and publishing one motion sample.
 
-#include <kestrelvue/DrivingInsight.h>
-
 #include <charconv>
 #include <cmath>
 #include <string>
 
 #include "engine/Detectors.h"
+#include "engine/EngineImpl.h"
 
 namespace kestrelvue {
 
@@ -122,7 +121,7 @@ void postShowMotionData(const void* engine, NotificationCenter& center,
 
 }  // namespace
 
-void DrivingInsight::setFaultType(FaultTypes value) {
+void DrivingInsight::Impl::setFaultType(FaultTypes value) {
     faultType = value;
     switch (value) {
         case FaultTypes::sharpCorneringRight:
@@ -149,10 +148,11 @@ void DrivingInsight::setFaultType(FaultTypes value) {
     ++eventCount;
 }
 
-void DrivingInsight::evaluateActionForDrivingScore(std::int64_t motionId, const Vector3& attitude,
-                                                   const Vector3& rotationRate,
-                                                   const Vector3& userAcceleration,
-                                                   const Vector3& gravity) {
+void DrivingInsight::Impl::evaluateActionForDrivingScore(std::int64_t motionId,
+                                                         const Vector3& attitude,
+                                                         const Vector3& rotationRate,
+                                                         const Vector3& userAcceleration,
+                                                         const Vector3& gravity) {
     // Decide under the lock, report after it: observers and the upload may call back in.
     const bool observed = showMotionDataObserved_.observed(center_);
     ShowMotionData show;  // filled only when observed
@@ -256,7 +256,7 @@ void DrivingInsight::evaluateActionForDrivingScore(std::int64_t motionId, const 
 
     if (geocodeStart) geocodeStartAddress(*geocodeStart);
 
-    if (observed) postShowMotionData(this, center_, show);
+    if (observed) postShowMotionData(&self_, center_, show);
 
     if (startUpload) {
         sendMotionDataToServer();

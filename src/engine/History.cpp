@@ -1,17 +1,17 @@
 // The trip history: the engine's own GET, its completion, and the reports to the host.
 
-#include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/Limits.h>
 
 #include <string>
 #include <utility>
 
+#include "engine/EngineImpl.h"
 #include "net/Url.h"
 #include "records/HistoryReply.h"
 
 namespace kestrelvue {
 
-void DrivingInsight::getTripHistory() {
+void DrivingInsight::Impl::getTripHistory() {
     std::string address;
     {
         std::lock_guard lock(mutex_);
@@ -35,7 +35,7 @@ void DrivingInsight::getTripHistory() {
     });
 }
 
-void DrivingInsight::historyReplyArrived(platform::HttpResult result) {
+void DrivingInsight::Impl::historyReplyArrived(platform::HttpResult result) {
     static constexpr const char* kConnectionTitle = "Sistem Bağlantı Hatası";
     if (result.error && result.error->code == platform::kTransportBodyTooLarge) {
         // Refused for its size like a body the reader refuses: the same report.
@@ -79,8 +79,8 @@ void DrivingInsight::historyReplyArrived(platform::HttpResult result) {
     if (delegate) delegate->historyDataDidReceive(history);
 }
 
-void DrivingInsight::reportHistoryFailure(std::int64_t code, const std::string& title,
-                                          const std::string& message) {
+void DrivingInsight::Impl::reportHistoryFailure(std::int64_t code, const std::string& title,
+                                                const std::string& message) {
     std::shared_ptr<HistoryDataDelegate> delegate;
     {
         std::lock_guard lock(mutex_);

@@ -1,6 +1,5 @@
 // Starting, sampling, stopping and completing a trip.
 
-#include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/platform/Application.h>
 #include <kestrelvue/platform/Device.h>
 #include <kestrelvue/platform/Geocoder.h>
@@ -9,6 +8,8 @@
 
 #include <string>
 #include <utility>
+
+#include "engine/EngineImpl.h"
 
 namespace kestrelvue {
 
@@ -30,14 +31,14 @@ std::string elapsedText(const std::optional<platform::DateComponents>& c) {
 
 }  // namespace
 
-int DrivingInsight::getDeviceOrientation(const Vector3& attitude) {
+int DrivingInsight::Impl::getDeviceOrientation(const Vector3& attitude) {
     const double pitch = attitude.x;
     return (-kFlatPitch < pitch && pitch < kFlatPitch)
                ? static_cast<int>(platform::DeviceOrientation::faceUp)
                : static_cast<int>(platform::DeviceOrientation::unknown);
 }
 
-std::string DrivingInsight::formatAddressFromPlacemark(const platform::Placemark& placemark) {
+std::string DrivingInsight::Impl::formatAddressFromPlacemark(const platform::Placemark& placemark) {
     std::string text;
     for (std::size_t i = 0; i < placemark.formattedAddressLines.size(); ++i) {
         if (i) text += ", ";
@@ -46,7 +47,7 @@ std::string DrivingInsight::formatAddressFromPlacemark(const platform::Placemark
     return text;
 }
 
-bool DrivingInsight::startTrip() {
+bool DrivingInsight::Impl::startTrip() {
     auto counter = std::make_shared<std::int64_t>(0);
     if (env_.application) env_.application->setIdleTimerDisabled(true);
 
@@ -121,8 +122,8 @@ bool DrivingInsight::startTrip() {
     return true;
 }
 
-void DrivingInsight::handleMotionSample(const std::shared_ptr<std::int64_t>& counter,
-                                        const std::optional<platform::DeviceMotion>& motion) {
+void DrivingInsight::Impl::handleMotionSample(const std::shared_ptr<std::int64_t>& counter,
+                                              const std::optional<platform::DeviceMotion>& motion) {
     if (!motion) return;
     const int given = env_.device ? static_cast<int>(env_.device->orientation()) : 0;
     std::int64_t motionId = 0;
@@ -160,7 +161,7 @@ void DrivingInsight::handleMotionSample(const std::shared_ptr<std::int64_t>& cou
                                   motion->userAcceleration, motion->gravity);
 }
 
-void DrivingInsight::stopTrip() {
+void DrivingInsight::Impl::stopTrip() {
     std::shared_ptr<platform::MotionManager> motion;
     std::shared_ptr<platform::LocationManager> location;
     std::optional<platform::Location> end;
@@ -188,7 +189,7 @@ void DrivingInsight::stopTrip() {
         if (!env_.geocoder) {
             // Without a geocoder the lookup fails at once.
             setEndLocationStr("???");
-            center_.post("tripStoppedEndAnnotationSetted", this);
+            center_.post("tripStoppedEndAnnotationSetted", &self_);
             return;
         }
         std::weak_ptr<bool> alive = alive_;
@@ -207,7 +208,7 @@ void DrivingInsight::stopTrip() {
                         // reaches the history and the service.
                         endLocationStr = "???";
                 }
-                center_.post("tripStoppedEndAnnotationSetted", this);
+                center_.post("tripStoppedEndAnnotationSetted", &self_);
             });
         return;
     }
@@ -221,10 +222,10 @@ void DrivingInsight::stopTrip() {
         endAnnotation->coordinate = platform::Coordinate{0, 0};
         endLocationStr = "???";
     }
-    center_.post("tripStoppedEndAnnotationSetted", this);
+    center_.post("tripStoppedEndAnnotationSetted", &self_);
 }
 
-void DrivingInsight::geocodeStartAddress(const platform::Location& location) {
+void DrivingInsight::Impl::geocodeStartAddress(const platform::Location& location) {
     if (!env_.geocoder) {
         setStartLocationStr("???");
         return;
@@ -242,7 +243,7 @@ void DrivingInsight::geocodeStartAddress(const platform::Location& location) {
         });
 }
 
-void DrivingInsight::requestWeather() {
+void DrivingInsight::Impl::requestWeather() {
     std::string url;
     {
         std::lock_guard lock(mutex_);
@@ -255,7 +256,7 @@ void DrivingInsight::requestWeather() {
     restfulCall_->Get(url, "getWeatherInfo", false);
 }
 
-void DrivingInsight::tripStoppedEndAnnotationSetted(const Notification&) {
+void DrivingInsight::Impl::tripStoppedEndAnnotationSetted(const Notification&) {
     if (outbox_) {
         handOverStoppedTrip();
         return;
@@ -272,7 +273,7 @@ void DrivingInsight::tripStoppedEndAnnotationSetted(const Notification&) {
     if (send) sendMotionDataToServer();
 }
 
-void DrivingInsight::completeStoppedTrip() {
+void DrivingInsight::Impl::completeStoppedTrip() {
     {
         std::lock_guard lock(mutex_);
         if (endLocationStr.empty()) return;
@@ -280,14 +281,14 @@ void DrivingInsight::completeStoppedTrip() {
         lastTrip = makeCurrentTripLocked();
         tripHistory.push_back(makeCurrentTripLocked());
     }
-    center_.post("tripEndedSuccessfully", this);
+    center_.post("tripEndedSuccessfully", &self_);
 }
 
-void DrivingInsight::tripEndedSuccessfully(const Notification&) {
+void DrivingInsight::Impl::tripEndedSuccessfully(const Notification&) {
     CurrentTrip()->saveToServer();
 }
 
-std::shared_ptr<Trip> DrivingInsight::makeCurrentTripLocked() const {
+std::shared_ptr<Trip> DrivingInsight::Impl::makeCurrentTripLocked() const {
     auto trip = std::make_shared<Trip>(env_);
     trip->UserID = userID;
     trip->DrivingID = drivingID;

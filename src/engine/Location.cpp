@@ -1,9 +1,9 @@
 // Location fixes: which one the engine keeps, and the distance and speed between two of them.
 
-#include <kestrelvue/DrivingInsight.h>
-
 #include <chrono>
 #include <cmath>
+
+#include "engine/EngineImpl.h"
 
 namespace kestrelvue {
 
@@ -17,7 +17,7 @@ bool isOnEarth(const platform::Coordinate& c) {
 }
 }  // namespace
 
-void DrivingInsight::didUpdateLocations(const std::vector<platform::Location>& locations) {
+void DrivingInsight::Impl::didUpdateLocations(const std::vector<platform::Location>& locations) {
     const platform::TimePoint now = env_.clock->now();
     bool askWeather = false;
     {
@@ -45,23 +45,23 @@ void DrivingInsight::didUpdateLocations(const std::vector<platform::Location>& l
     if (askWeather) requestWeather();
 }
 
-void DrivingInsight::setCurrentLocationLocked(std::optional<platform::Location> value) {
+void DrivingInsight::Impl::setCurrentLocationLocked(std::optional<platform::Location> value) {
     if (currentLocation && value) calculateSpeedWhenLocationChanged(*currentLocation, *value);
     currentLocation = value;
 }
 
-void DrivingInsight::setTraveledDistanceSinceLastLocationLocked(double value) {
+void DrivingInsight::Impl::setTraveledDistanceSinceLastLocationLocked(double value) {
     traveledDistanceSinceLastLocation = value;
     totalTraveledDistance += value;
 }
 
-void DrivingInsight::setCurrentSpeedLocked(double value) {
+void DrivingInsight::Impl::setCurrentSpeedLocked(double value) {
     previousSpeed = currentSpeed;
     currentSpeed = value;
 }
 
-void DrivingInsight::calculateSpeedWhenLocationChanged(const platform::Location& from,
-                                                       const platform::Location& to) {
+void DrivingInsight::Impl::calculateSpeedWhenLocationChanged(const platform::Location& from,
+                                                             const platform::Location& to) {
     // Latitude 0.0 is the placeholder of a trip that has no position yet.
     if (from.coordinate.latitude == 0.0) return;
     if (!(from.horizontalAccuracy < distanceFilterForSpeed) ||

@@ -1,12 +1,11 @@
 // The motion buffer's upload: one bulk per request, continued, retried and reported by the two
 // outcome handlers.
 
-#include <kestrelvue/DrivingInsight.h>
-
 #include <algorithm>
 #include <utility>
 
 #include "core/Json.h"
+#include "engine/EngineImpl.h"
 #include "engine/MotionUploadBody.h"
 #include "net/Outbox.h"
 #include "net/Url.h"
@@ -36,9 +35,9 @@ UserInfo errorInfo(std::string text) {
 
 }  // namespace
 
-void DrivingInsight::sendMotionDataToServer() {
+void DrivingInsight::Impl::sendMotionDataToServer() {
     if (!parseUrl(addMotionDataURL)) {
-        center_.post(kMotionDataSyncFailed, this, errorInfo("Error Code:1004 Bad URL"));
+        center_.post(kMotionDataSyncFailed, &self_, errorInfo("Error Code:1004 Bad URL"));
         return;
     }
 
@@ -77,7 +76,7 @@ void DrivingInsight::sendMotionDataToServer() {
 
     auto body = detail::writeMotionDataBody(user, driving, motionStr, appVersionOf(env_));
     if (!body) {
-        center_.post(kMotionDataSyncFailed, this,
+        center_.post(kMotionDataSyncFailed, &self_,
                      errorInfo("Error Code:1005 JSON Serialization Fail"));
         return;
     }
@@ -93,7 +92,7 @@ void DrivingInsight::sendMotionDataToServer() {
     // the engine has removed its observers) and never touches the engine itself.
     std::shared_ptr<NotificationCenter> center = center_.weak_from_this().lock();
     NotificationCenter* centerPtr = center ? center.get() : &center_;
-    const void* sender = this;
+    const void* sender = &self_;
     auto completion = [center, centerPtr, sender](platform::HttpResult result) {
         if (!result.response) {
             centerPtr->post(kMotionDataSyncFailed, sender,
@@ -126,7 +125,7 @@ void DrivingInsight::sendMotionDataToServer() {
     env_.http->send(std::move(request), std::move(completion));
 }
 
-void DrivingInsight::handOverStoppedTrip() {
+void DrivingInsight::Impl::handOverStoppedTrip() {
     // Records of an upload still in flight stay: its outcome removes them.
     std::vector<MotionDataItem> records;
     std::int64_t user = 0;
@@ -163,7 +162,7 @@ void DrivingInsight::handOverStoppedTrip() {
     completeStoppedTrip();
 }
 
-void DrivingInsight::MotionDataSynced(const Notification&) {
+void DrivingInsight::Impl::MotionDataSynced(const Notification&) {
     enum class Next { nothing, sendNextBulk, completeTrip };
     Next next = Next::nothing;
     {
@@ -197,7 +196,7 @@ void DrivingInsight::MotionDataSynced(const Notification&) {
     if (next == Next::completeTrip) completeStoppedTrip();
 }
 
-void DrivingInsight::MotionDataSyncFailed(const Notification& notification) {
+void DrivingInsight::Impl::MotionDataSyncFailed(const Notification& notification) {
     // A notification without an "error" text is a failure with an empty text.
     std::string error;
     if (notification.userInfo) {

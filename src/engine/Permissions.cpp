@@ -1,6 +1,5 @@
 // The location permission check that a trip start asks, with the alerts handed to the host.
 
-#include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/platform/Alert.h>
 #include <kestrelvue/platform/Application.h>
 #include <kestrelvue/platform/LocationManager.h>
@@ -8,6 +7,8 @@
 #include <memory>
 #include <string>
 #include <utility>
+
+#include "engine/EngineImpl.h"
 
 namespace kestrelvue {
 namespace {
@@ -36,7 +37,7 @@ std::shared_ptr<platform::Alert> makePermissionAlert(
 
 }  // namespace
 
-bool DrivingInsight::checkLocationPermisionWhenInUse() {
+bool DrivingInsight::Impl::checkLocationPermisionWhenInUse() {
     std::shared_ptr<platform::LocationManager> manager;
     std::string displayName;
     {

@@ -1,8 +1,7 @@
-#include <kestrelvue/DrivingInsight.h>
-
 #include <cmath>
 
 #include "engine/Detectors.h"
+#include "engine/EngineImpl.h"
 
 namespace kestrelvue::detail {
 
@@ -39,7 +38,7 @@ double calculateScore(PenaltyTotals& t, double totalTraveledDistance, double met
 
 namespace kestrelvue {
 
-double DrivingInsight::calculateScore() {
+double DrivingInsight::Impl::calculateScore() {
     detail::PenaltyTotals totals{
         sharpCorneringPenalty,         sharpCorneringPenaltyPerKM, sharpSpeedingPenalty,
         sharpSpeedingPenaltyPerKM,     sharpBrakingPenalty,        sharpBrakingPenaltyPerKM,

@@ -1,10 +1,9 @@
 // Summary figures: the request through the call layer and the handler of its reply.
 
-#include <kestrelvue/DrivingInsight.h>
-
 #include <string>
 #include <variant>
 
+#include "engine/EngineImpl.h"
 #include "records/ServiceReplies.h"
 
 namespace kestrelvue {
@@ -12,7 +11,7 @@ namespace {
 constexpr const char* kSummaryReplyName = "summaryDataReady";
 }
 
-void DrivingInsight::getSummaryData(std::int64_t for_) {
+void DrivingInsight::Impl::getSummaryData(std::int64_t for_) {
     // One registration per request; the first reply handled ends them all, so overlapping
     // requests share one answer and later replies reach nobody.
     center_.addObserver(this, kSummaryReplyName,
@@ -22,7 +21,7 @@ void DrivingInsight::getSummaryData(std::int64_t for_) {
     restfulCall_->Get(getSummaryURL + "/" + std::to_string(for_), kSummaryReplyName);
 }
 
-void DrivingInsight::summaryDataReady(const Notification& notification) {
+void DrivingInsight::Impl::summaryDataReady(const Notification& notification) {
     center_.removeObserver(this, kSummaryReplyName);
 
     bool failed = false;

@@ -6,12 +6,12 @@
 // with a name the engine does not know, are ignored whatever else they hold, so the service can
 // add kinds without breaking older engines.
 
-#include <kestrelvue/DrivingInsight.h>
-
 #include <cmath>
 #include <optional>
 #include <string_view>
 #include <variant>
+
+#include "engine/EngineImpl.h"
 
 namespace kestrelvue {
 
@@ -117,18 +117,18 @@ std::optional<std::vector<Element>> readReply(const UserInfo& userInfo) {
 
 }  // namespace
 
-void DrivingInsight::getThresholdsFromServer() {
+void DrivingInsight::Impl::getThresholdsFromServer() {
     restfulCall_->Get(getThresholdsURL, getThresholdsObserverName, true);
 }
 
-void DrivingInsight::getThresholds(const Notification& notification) {
+void DrivingInsight::Impl::getThresholds(const Notification& notification) {
     std::optional<std::vector<Element>> elements;
     const bool failed = notification.userInfo && notification.userInfo->count("error") &&
                         notification.userInfo->find("error")->second.isString();
     if (!failed) elements = readReply(notification.userInfo);
 
     if (!elements) {
-        center_.post(kThresholdsGot, this, Object{{"error", Value(kThresholdsFailedText)}});
+        center_.post(kThresholdsGot, &self_, Object{{"error", Value(kThresholdsFailedText)}});
         return;
     }
     {
@@ -179,7 +179,7 @@ void DrivingInsight::getThresholds(const Notification& notification) {
             }
         }
     }
-    center_.post(kThresholdsGot, this);
+    center_.post(kThresholdsGot, &self_);
 }
 
 }  // namespace kestrelvue

@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/EngineImpl.h"
 #include "platform/sim/Sim.h"
 #include "support/TestDoubles.h"
 
@@ -75,16 +76,16 @@ namespace kestrelvue {
 /// Reaches the engine's private operations and settings for tests.
 struct DrivingInsightTestAccess {
     static int getDeviceOrientation(const Vector3& attitude) {
-        return DrivingInsight::getDeviceOrientation(attitude);
+        return DrivingInsight::Impl::getDeviceOrientation(attitude);
     }
     static void calculateSpeedWhenLocationChanged(DrivingInsight& e, const platform::Location& from,
                                                   const platform::Location& to) {
-        std::lock_guard lock(e.mutex_);
-        e.calculateSpeedWhenLocationChanged(from, to);
+        std::lock_guard lock(e.impl_->mutex_);
+        e.impl_->calculateSpeedWhenLocationChanged(from, to);
     }
     static double previousSpeed(DrivingInsight& e) {
-        std::lock_guard lock(e.mutex_);
-        return e.previousSpeed;
+        std::lock_guard lock(e.impl_->mutex_);
+        return e.impl_->previousSpeed;
     }
 
     struct Settings {
@@ -93,39 +94,39 @@ struct DrivingInsightTestAccess {
         ThresholdList cornering, speeding, braking, elevating, laneChanging, fuel;
     };
     static Settings settings(DrivingInsight& e) {
-        std::lock_guard lock(e.mutex_);
-        return Settings{e.updateInterval,
-                        e.distanceFilter,
-                        e.distanceFilterForSpeed,
-                        {e.sharpLaneChangingDuration1, e.sharpLaneChangingDuration2,
-                         e.sharpLaneChangingDuration3, e.sharpLaneChangingDuration4},
-                        e.sharpCorneringLevel,
-                        e.sharpSpeedingLevel,
-                        e.sharpBrakingLevel,
-                        e.sharpElevatingLevel,
-                        e.sharpLaneChangingLevel,
-                        e.fuelEfficiencyLevel};
+        std::lock_guard lock(e.impl_->mutex_);
+        return Settings{e.impl_->updateInterval,
+                        e.impl_->distanceFilter,
+                        e.impl_->distanceFilterForSpeed,
+                        {e.impl_->sharpLaneChangingDuration1, e.impl_->sharpLaneChangingDuration2,
+                         e.impl_->sharpLaneChangingDuration3, e.impl_->sharpLaneChangingDuration4},
+                        e.impl_->sharpCorneringLevel,
+                        e.impl_->sharpSpeedingLevel,
+                        e.impl_->sharpBrakingLevel,
+                        e.impl_->sharpElevatingLevel,
+                        e.impl_->sharpLaneChangingLevel,
+                        e.impl_->fuelEfficiencyLevel};
     }
     static int deviceOrientation(DrivingInsight& e) {
-        std::lock_guard lock(e.mutex_);
-        return e.deviceOrientation;
+        std::lock_guard lock(e.impl_->mutex_);
+        return e.impl_->deviceOrientation;
     }
     static int deviceOrientationGiven(DrivingInsight& e) {
-        std::lock_guard lock(e.mutex_);
-        return e.deviceOrientationGiven;
+        std::lock_guard lock(e.impl_->mutex_);
+        return e.impl_->deviceOrientationGiven;
     }
     /// A copy of the motion buffer's records, oldest first.
     static std::vector<MotionDataItem> motionRecords(DrivingInsight& e) {
-        std::lock_guard lock(e.mutex_);
-        return e.tripMotion.motionDataArray;
+        std::lock_guard lock(e.impl_->mutex_);
+        return e.impl_->tripMotion.motionDataArray;
     }
     static bool isSyncingToServer(DrivingInsight& e) {
-        std::lock_guard lock(e.mutex_);
-        return e.tripMotion.isSyncingToServer;
+        std::lock_guard lock(e.impl_->mutex_);
+        return e.impl_->tripMotion.isSyncingToServer;
     }
     static void setSyncingToServer(DrivingInsight& e, bool value) {
-        std::lock_guard lock(e.mutex_);
-        e.tripMotion.isSyncingToServer = value;
+        std::lock_guard lock(e.impl_->mutex_);
+        e.impl_->tripMotion.isSyncingToServer = value;
     }
 
     // Sample evaluation and score.
@@ -139,51 +140,51 @@ struct DrivingInsightTestAccess {
         FaultTypes faultType;
     };
     static Totals totals(const DrivingInsight& e) {
-        std::lock_guard lock(e.mutex_);
-        return {e.sharpCorneringCount,        e.sharpSpeedingCount,
-                e.sharpBrakingCount,          e.sharpElevatingCount,
-                e.sharpLaneChangingCount,     e.eventCount,
-                e.sharpCorneringPenalty,      e.sharpSpeedingPenalty,
-                e.sharpBrakingPenalty,        e.sharpElevatingPenalty,
-                e.sharpLaneChangingPenalty,   e.sharpCorneringPenaltyPerKM,
-                e.sharpSpeedingPenaltyPerKM,  e.sharpBrakingPenaltyPerKM,
-                e.sharpElevatingPenaltyPerKM, e.sharpLaneChangingPenaltyPerKM,
-                e.fuelEfficiencyPenaltyPerKM, e.faultType};
+        std::lock_guard lock(e.impl_->mutex_);
+        return {e.impl_->sharpCorneringCount,        e.impl_->sharpSpeedingCount,
+                e.impl_->sharpBrakingCount,          e.impl_->sharpElevatingCount,
+                e.impl_->sharpLaneChangingCount,     e.impl_->eventCount,
+                e.impl_->sharpCorneringPenalty,      e.impl_->sharpSpeedingPenalty,
+                e.impl_->sharpBrakingPenalty,        e.impl_->sharpElevatingPenalty,
+                e.impl_->sharpLaneChangingPenalty,   e.impl_->sharpCorneringPenaltyPerKM,
+                e.impl_->sharpSpeedingPenaltyPerKM,  e.impl_->sharpBrakingPenaltyPerKM,
+                e.impl_->sharpElevatingPenaltyPerKM, e.impl_->sharpLaneChangingPenaltyPerKM,
+                e.impl_->fuelEfficiencyPenaltyPerKM, e.impl_->faultType};
     }
     struct Bands {
         ThresholdList cornering = {}, speeding = {}, braking = {}, elevating = {},
                       laneChanging = {}, fuel = {};
     };
     static void setBands(DrivingInsight& e, Bands b) {
-        std::lock_guard lock(e.mutex_);
-        e.sharpCorneringLevel = std::move(b.cornering);
-        e.sharpSpeedingLevel = std::move(b.speeding);
-        e.sharpBrakingLevel = std::move(b.braking);
-        e.sharpElevatingLevel = std::move(b.elevating);
-        e.sharpLaneChangingLevel = std::move(b.laneChanging);
-        e.fuelEfficiencyLevel = std::move(b.fuel);
+        std::lock_guard lock(e.impl_->mutex_);
+        e.impl_->sharpCorneringLevel = std::move(b.cornering);
+        e.impl_->sharpSpeedingLevel = std::move(b.speeding);
+        e.impl_->sharpBrakingLevel = std::move(b.braking);
+        e.impl_->sharpElevatingLevel = std::move(b.elevating);
+        e.impl_->sharpLaneChangingLevel = std::move(b.laneChanging);
+        e.impl_->fuelEfficiencyLevel = std::move(b.fuel);
     }
     /// Orientation derived from the attitude and the one the platform gave.
     static void setOrientation(DrivingInsight& e, int derived, int given) {
-        std::lock_guard lock(e.mutex_);
-        e.deviceOrientation = derived;
-        e.deviceOrientationGiven = given;
+        std::lock_guard lock(e.impl_->mutex_);
+        e.impl_->deviceOrientation = derived;
+        e.impl_->deviceOrientationGiven = given;
     }
     static MotionData motion(const DrivingInsight& e) {
-        std::lock_guard lock(e.mutex_);
-        return e.tripMotion;
+        std::lock_guard lock(e.impl_->mutex_);
+        return e.impl_->tripMotion;
     }
     static void reserveMotion(DrivingInsight& e, std::size_t records) {
-        std::lock_guard lock(e.mutex_);
-        e.tripMotion.motionDataArray.reserve(records);
+        std::lock_guard lock(e.impl_->mutex_);
+        e.impl_->tripMotion.motionDataArray.reserve(records);
     }
     static void clearMotion(DrivingInsight& e) {
-        std::lock_guard lock(e.mutex_);
-        e.tripMotion.motionDataArray.clear();
+        std::lock_guard lock(e.impl_->mutex_);
+        e.impl_->tripMotion.motionDataArray.clear();
     }
     static LaneChangingData laneState(const DrivingInsight& e) {
-        std::lock_guard lock(e.mutex_);
-        return e.laneChangingItems;
+        std::lock_guard lock(e.impl_->mutex_);
+        return e.impl_->laneChangingItems;
     }
 };
 

@@ -97,7 +97,7 @@ TEST_F(Evaluation, FullBufferStartsOneUploadAndOneWeatherRequest) {
     engine->setBulkMotionDataSize(3);
     Access::setSyncingToServer(*engine, true);  // an upload is already running
     const std::string weather =
-        engine->getWeatherInfoURL + "/77?latitude=41.0082&longitude=28.9784";
+        engine->getWeatherInfoURL() + "/77?latitude=41.0082&longitude=28.9784";
     const auto weatherRequests = [&] {
         std::size_t n = 0;
         for (const std::string& url : h.http->urls()) n += url == weather;

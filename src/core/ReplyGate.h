@@ -10,15 +10,13 @@
 // completion never touches a destroyed owner. A completion must not destroy the owner itself
 // while it holds a pass (it would wait for itself).
 
-#include <kestrelvue/Export.h>
-
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
 
 namespace kestrelvue {
 
-class KESTRELVUE_EXPORT ReplyGate {
+class ReplyGate {
     struct State {
         std::shared_mutex mutex;
         bool open = true;

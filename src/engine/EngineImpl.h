@@ -1,0 +1,250 @@
+#pragma once
+// The engine's implementation: every piece of state DrivingInsight has, and the operations on
+// it. The public class forwards to it, so that a new field changes nothing hosts compile against.
+//
+// Threading: host calls, motion samples and geocoder answers arrive on the host's main thread;
+// service replies and the handlers they trigger run on HTTP worker threads. All state below is
+// guarded by mutex_; delegates are called and notifications posted only after it is released.
+
+#include <kestrelvue/DrivingInsight.h>
+
+#include "core/ReplyGate.h"
+
+namespace kestrelvue {
+
+struct DrivingInsight::Impl {
+    /// `sharedCall` is the process's gateway; null makes the engine its own over `environment`.
+    Impl(DrivingInsight& self, const Environment& environment, RestfulCall* sharedCall);
+    ~Impl();
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+    /// The public engine: the sender of the engine's notifications.
+    DrivingInsight& self_;
+
+    // Service addresses.
+    const std::string getDrivingDataURL;
+    const std::string addMotionDataURL;
+    const std::string getThresholdsURL;
+    const std::string getWeatherInfoURL;
+    const std::string getSummaryURL;
+
+    // ---- Host-settable fields -------------------------------------------------------------
+    std::int64_t bulkMotionDataSize() const;
+    void setBulkMotionDataSize(std::int64_t value);
+    std::string bundleDisplayName() const;
+    void setBundleDisplayName(std::string value);
+    std::shared_ptr<platform::MotionManager> MotionManager() const;
+    void setMotionManager(std::shared_ptr<platform::MotionManager> value);
+    std::shared_ptr<platform::LocationManager> LocationManager() const;
+    void setLocationManager(std::shared_ptr<platform::LocationManager> value);
+    std::shared_ptr<HistoryDataDelegate> historyDataDelegate() const;
+    void setHistoryDataDelegate(std::shared_ptr<HistoryDataDelegate> value);
+    std::shared_ptr<DrivingInsightDelegate> drivingInsightDelegate() const;
+    void setDrivingInsightDelegate(std::shared_ptr<DrivingInsightDelegate> value);
+
+    // ---- Accessors ------------------------------------------------------------------------
+    std::int64_t UserID() const;
+    void setUserID(std::int64_t value);
+    std::string DrivingID() const;
+    bool IsDriving() const;
+    std::shared_ptr<Trip> LastTrip() const;
+    std::vector<std::shared_ptr<Trip>> TripHistory() const;
+    void setTripHistory(std::vector<std::shared_ptr<Trip>> value);
+    kestrelvue::SummaryData getSummaryDataRecord() const;  // the `SummaryData` accessor
+    void setSummaryDataRecord(const kestrelvue::SummaryData& value);
+    ThresholdList FuelEfficiencyLevel() const;
+    void setFuelEfficiencyLevel(ThresholdList value);
+    std::optional<platform::TimePoint> StartDateTime() const;
+    void setStartDateTime(std::optional<platform::TimePoint> value);
+    std::optional<platform::TimePoint> EndDateTime() const;
+    void setEndDateTime(std::optional<platform::TimePoint> value);
+    std::optional<platform::Location> StartLocation() const;
+    void setStartLocation(std::optional<platform::Location> value);
+    std::optional<platform::Location> EndLocation() const;
+    void setEndLocation(std::optional<platform::Location> value);
+    std::string StartLocationStr() const;
+    void setStartLocationStr(std::string value);
+    std::string EndLocationStr() const;
+    void setEndLocationStr(std::string value);
+    std::optional<platform::Location> CurrentLocation() const;
+    /// Computes speed and distance from the old fix to `value`, then stores it.
+    void setCurrentLocation(std::optional<platform::Location> value);
+    platform::MapPinRef StartAnnotation() const;
+    void setStartAnnotation(platform::MapPinRef value);
+    platform::MapPinRef EndAnnotation() const;
+    void setEndAnnotation(platform::MapPinRef value);
+    std::vector<platform::Coordinate> PassedCoordinates() const;
+    void setPassedCoordinates(std::vector<platform::Coordinate> value);
+    std::optional<platform::DateComponents> TimeElapsedSinceStart() const;
+    void setTimeElapsedSinceStart(std::optional<platform::DateComponents> value);
+    std::optional<platform::DateComponents> TimeElapsedSinceLastLocation() const;
+    void setTimeElapsedSinceLastLocation(std::optional<platform::DateComponents> value);
+    double HoursElapsedSinceStart() const;
+    void setHoursElapsedSinceStart(double value);
+    double HoursElapsedSinceLastLocation() const;
+    void setHoursElapsedSinceLastLocation(double value);
+    double TotalTraveledDistance() const;
+    void setTotalTraveledDistance(double value);
+    double TraveledDistanceSinceLastLocation() const;
+    /// Stores the value, then adds it to the total travelled distance.
+    void setTraveledDistanceSinceLastLocation(double value);
+    double CurrentSpeed() const;
+    /// Copies the old speed into previousSpeed, then stores the new one.
+    void setCurrentSpeed(double value);
+    double Score() const;
+    void setScore(double value);
+    std::optional<double> Temperature() const;
+    void setTemperature(std::optional<double> value);
+    /// A fresh record built from the engine's fields at this moment.
+    std::shared_ptr<Trip> CurrentTrip() const;
+
+    // ---- Operations -----------------------------------------------------------------------
+    bool startTrip();
+    void stopTrip();
+    void didUpdateLocations(const std::vector<platform::Location>& locations);
+    void evaluateActionForDrivingScore(std::int64_t motionId, const Vector3& attitude,
+                                       const Vector3& rotationRate, const Vector3& userAcceleration,
+                                       const Vector3& gravity);
+    void getTripHistory();
+    void getSummaryData(std::int64_t for_);
+
+    // ---- Private operations ---------------------------------------------------------------
+    // Each is defined in the source file of its concern. "Locked" means: call with mutex_ held;
+    // all others take the lock themselves and must be called without it.
+
+    // Lifecycle.cpp
+    /// 5 (face up) when -0.35 < pitch < 0.35, else 0 (unknown).
+    static int getDeviceOrientation(const Vector3& attitude);
+    /// The placemark's formatted address lines joined with ", ".
+    static std::string formatAddressFromPlacemark(const platform::Placemark& placemark);
+    /// One device-motion delivery of the trip whose sample counter is `counter`.
+    void handleMotionSample(const std::shared_ptr<std::int64_t>& counter,
+                            const std::optional<platform::DeviceMotion>& motion);
+    /// Reverse-geocodes the trip's start position into startLocationStr ("???" on error).
+    void geocodeStartAddress(const platform::Location& location);
+    /// GET of the weather at currentLocation under the observer name "getWeatherInfo".
+    void requestWeather();
+    void tripStoppedEndAnnotationSetted(const Notification& notification);
+    void tripEndedSuccessfully(const Notification& notification);
+    /// The completion step after the last motion upload of a stopped trip: score, lastTrip,
+    /// history entry, "tripEndedSuccessfully". Does nothing while endLocationStr is empty.
+    void completeStoppedTrip();
+    /// CurrentTrip(), Locked.
+    std::shared_ptr<Trip> makeCurrentTripLocked() const;
+    /// Copies the delegate under the lock; call the copy after releasing it.
+    std::shared_ptr<DrivingInsightDelegate> delegateSnapshot() const;
+
+    // Location.cpp
+    /// Speed and distance from `from` to `to` (Locked).
+    void calculateSpeedWhenLocationChanged(const platform::Location& from,
+                                           const platform::Location& to);
+    void setCurrentLocationLocked(std::optional<platform::Location> value);
+    void setTraveledDistanceSinceLastLocationLocked(double value);
+    void setCurrentSpeedLocked(double value);
+
+    // Thresholds.cpp
+    void getThresholdsFromServer();
+    void getThresholds(const Notification& notification);
+
+    // Scoring (detection): the trip score from the totals (Locked).
+    double calculateScore();
+    /// The last finding given to setFaultType (Locked).
+    FaultTypes FaultType() const { return faultType; }
+    /// Stores the finding and counts it in its kind's counter and in eventCount; `none` is
+    /// stored, not counted (Locked).
+    void setFaultType(FaultTypes value);
+
+    // Permissions.cpp (upload): true when a trip may start; makes its own report otherwise.
+    bool checkLocationPermisionWhenInUse();
+
+    // Motion upload (upload): sends one bulk; the caller has set tripMotion.isSyncingToServer.
+    void sendMotionDataToServer();
+    void MotionDataSynced(const Notification& notification);
+    void MotionDataSyncFailed(const Notification& notification);
+    /// With the outbox on: hands a stopped trip's records to it as bulks under the trip's own
+    /// identifier and completes the trip at once (its record follows the bulks).
+    void handOverStoppedTrip();
+
+    mutable std::mutex mutex_;
+    const Environment& env_;
+    NotificationCenter& center_;
+    /// Whether "showMotionData" has observers, cached per registration change.
+    ObservedName showMotionDataObserved_{"showMotionData"};
+    RestfulCall* restfulCall_;
+    /// The gateway of a detached engine (the shared engine uses RestfulCall::sharedInstance()).
+    std::unique_ptr<RestfulCall> ownRestfulCall_;
+    /// Callbacks queued on the main queue or held by the sensors check it before touching the
+    /// engine, which may have been destroyed meanwhile (detached engines).
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+
+    std::int64_t bulkMotionDataSize_ = 1000;
+    std::shared_ptr<platform::MotionManager> motionManager_;
+    std::shared_ptr<platform::LocationManager> locationManager_;
+    std::shared_ptr<HistoryDataDelegate> historyDataDelegate_;
+    std::shared_ptr<DrivingInsightDelegate> drivingInsightDelegate_;
+    std::string bundleDisplayName_ = "Kestrelvue";
+    double tolerance = 0.1;
+    double updateInterval = 0.5;
+    ThresholdList sharpCorneringLevel, sharpSpeedingLevel, sharpBrakingLevel, sharpElevatingLevel,
+        sharpLaneChangingLevel, fuelEfficiencyLevel;
+    std::int64_t sharpLaneChangingDuration1 = 3;
+    std::int64_t sharpLaneChangingDuration2 = 10;
+    std::int64_t sharpLaneChangingDuration3 = 4;
+    std::int64_t sharpLaneChangingDuration4 = 15;
+    double distanceFilter = 50.0;
+    double distanceFilterForSpeed = 30.0;
+    std::optional<double> temperature;
+    std::int64_t userID = 0;
+    std::string drivingID;
+    kestrelvue::SummaryData summaryData;
+    kestrelvue::MotionData tripMotion;
+    // How many records the upload in flight carries: its confirmation removes exactly these.
+    std::optional<std::size_t> motionBulkInFlight_;
+    /// The durable outbox when the host turned it on (Environment::outboxDirectory), else null.
+    std::shared_ptr<detail::Outbox> outbox_;
+    std::vector<std::shared_ptr<Trip>> tripHistory;
+    std::shared_ptr<Trip> lastTrip;
+    bool isDriving = false;
+    int deviceOrientationGiven = 0;
+    int deviceOrientation = 0;
+    FaultTypes faultType = FaultTypes::none;
+    std::int64_t eventCount = 0;
+    std::optional<platform::TimePoint> startDateTime;
+    std::optional<platform::TimePoint> endDateTime;
+    std::optional<platform::Location> startLocation;
+    std::string startLocationStr;
+    std::optional<platform::Location> currentLocation;
+    std::optional<platform::Location> endLocation;
+    std::string endLocationStr;
+    platform::MapPinRef startAnnotation, endAnnotation;
+    std::vector<platform::Coordinate> passedCoordinates;
+    std::optional<platform::DateComponents> timeElapsedSinceStart;
+    std::optional<platform::DateComponents> timeElapsedSinceLastLocation;
+    double currentSpeed = 0;
+    double previousSpeed = 0;
+    double hoursElapsedSinceStart = 0;
+    double hoursElapsedSinceLastLocation = 0;
+    double totalTraveledDistance = 0;
+    double traveledDistanceSinceLastLocation = 0;
+    std::int64_t sharpCorneringCount = 0, sharpSpeedingCount = 0, sharpBrakingCount = 0,
+                 sharpElevatingCount = 0, sharpLaneChangingCount = 0;
+    double sharpCorneringPenalty = 0, sharpSpeedingPenalty = 0, sharpBrakingPenalty = 0,
+           sharpElevatingPenalty = 0, sharpLaneChangingPenalty = 0;
+    double sharpCorneringPenaltyPerKM = 0, sharpSpeedingPenaltyPerKM = 0,
+           sharpBrakingPenaltyPerKM = 0, sharpElevatingPenaltyPerKM = 0,
+           sharpLaneChangingPenaltyPerKM = 0, fuelEfficiencyPenaltyPerKM = 0;
+    kestrelvue::LaneChangingData laneChangingItems;
+    double score = 0;
+
+    // History.cpp, Summary.cpp
+    void historyReplyArrived(platform::HttpResult result);
+    void reportHistoryFailure(std::int64_t code, const std::string& title,
+                              const std::string& message);
+    void summaryDataReady(const Notification& notification);
+    /// Last member, so it closes first: the history completion and the summary handler reach
+    /// the engine only through it, and the engine's end waits for one that is running.
+    ReplyGate replyGate_;
+};
+
+}  // namespace kestrelvue
