@@ -63,23 +63,8 @@ struct LaneChangeSettings {
 Finding checkSharpLaneChanging(LaneChangingData& state, int orientation, double rotationZ,
                                const LaneChangeSettings& settings, const ThresholdList& levels);
 
-/// The eleven penalty totals of a trip, in the order the score adds them.
-struct PenaltyTotals {
-    double sharpCorneringPenalty = 0, sharpCorneringPenaltyPerKM = 0;
-    double sharpSpeedingPenalty = 0, sharpSpeedingPenaltyPerKM = 0;
-    double sharpBrakingPenalty = 0, sharpBrakingPenaltyPerKM = 0;
-    double sharpElevatingPenalty = 0, sharpElevatingPenaltyPerKM = 0;
-    double sharpLaneChangingPenalty = 0, sharpLaneChangingPenaltyPerKM = 0;
-    double fuelEfficiencyPenaltyPerKM = 0;
-};
-
-/// Divides the per-kilometre totals by the trip's kilometres when it is longer than 1000 m, then
-/// returns 100 minus all totals, not below 0.
-double calculateScore(PenaltyTotals& totals, double totalTraveledDistance,
-                      double metresPerKilometre);
-
 /// The elapsed trip time as the host shows it: "1 saat 5 dk 3 sn", each part only when it is
 /// not zero; empty when the time is unknown.
-std::string elapsedText(const std::optional<platform::DateComponents>& elapsed);
+std::string elapsedWordsText(const std::optional<platform::DateComponents>& elapsed);
 
 }  // namespace kestrelvue::detail

@@ -62,19 +62,19 @@ DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
     }
 
     // 1. Start values. Nobody else can see the engine yet, so no lock is needed.
-    drivingID = env_.ids->makeUuid();
+    trip.drivingID = env_.ids->makeUuid();
     summaryData = kestrelvue::SummaryData{};
     lastTrip = std::make_shared<Trip>(env_);
-    startDateTime = env_.clock->now();
-    endDateTime = env_.clock->now();
-    startAnnotation = std::make_shared<platform::MapPin>();
-    endAnnotation = std::make_shared<platform::MapPin>();
+    trip.startDateTime = env_.clock->now();
+    trip.endDateTime = env_.clock->now();
+    trip.startAnnotation = std::make_shared<platform::MapPin>();
+    trip.endAnnotation = std::make_shared<platform::MapPin>();
     {
         auto first = env_.clock->now();
-        timeElapsedSinceStart =
+        trip.timeElapsedSinceStart =
             platform::DateComponents::hourMinuteSecond(first, env_.clock->now());
         first = env_.clock->now();
-        timeElapsedSinceLastLocation =
+        trip.odometer.timeElapsedSinceLastLocation =
             platform::DateComponents::hourMinuteSecond(first, env_.clock->now());
     }
 
@@ -205,51 +205,54 @@ void DrivingInsight::Impl::setDrivingInsightDelegate(
 
 KV_GETTER(std::int64_t, UserID, userID)
 KV_SETTER(std::int64_t, setUserID, userID)
-KV_GETTER(std::string, DrivingID, drivingID)
+KV_GETTER(std::string, DrivingID, trip.drivingID)
 KV_GETTER(bool, IsDriving, isDriving)
 KV_GETTER(std::shared_ptr<Trip>, LastTrip, lastTrip)
 KV_GETTER(std::vector<std::shared_ptr<Trip>>, TripHistory, tripHistory)
 KV_SETTER(std::vector<std::shared_ptr<Trip>>, setTripHistory, tripHistory)
 KV_GETTER(kestrelvue::SummaryData, getSummaryDataRecord, summaryData)
-KV_GETTER(ThresholdList, FuelEfficiencyLevel, fuelEfficiencyLevel)
-KV_SETTER(ThresholdList, setFuelEfficiencyLevel, fuelEfficiencyLevel)
-KV_GETTER(std::optional<platform::TimePoint>, StartDateTime, startDateTime)
-KV_SETTER(std::optional<platform::TimePoint>, setStartDateTime, startDateTime)
-KV_GETTER(std::optional<platform::TimePoint>, EndDateTime, endDateTime)
-KV_SETTER(std::optional<platform::TimePoint>, setEndDateTime, endDateTime)
-KV_GETTER(std::optional<platform::Location>, StartLocation, startLocation)
-KV_SETTER(std::optional<platform::Location>, setStartLocation, startLocation)
-KV_GETTER(std::optional<platform::Location>, EndLocation, endLocation)
-KV_SETTER(std::optional<platform::Location>, setEndLocation, endLocation)
-KV_GETTER(std::string, StartLocationStr, startLocationStr)
-KV_SETTER(std::string, setStartLocationStr, startLocationStr)
-KV_GETTER(std::string, EndLocationStr, endLocationStr)
-KV_SETTER(std::string, setEndLocationStr, endLocationStr)
-KV_GETTER(std::optional<platform::Location>, CurrentLocation, currentLocation)
-KV_GETTER(platform::MapPinRef, StartAnnotation, startAnnotation)
-KV_SETTER(platform::MapPinRef, setStartAnnotation, startAnnotation)
-KV_GETTER(platform::MapPinRef, EndAnnotation, endAnnotation)
-KV_SETTER(platform::MapPinRef, setEndAnnotation, endAnnotation)
-KV_GETTER(std::vector<platform::Coordinate>, PassedCoordinates, passedCoordinates)
-KV_SETTER(std::vector<platform::Coordinate>, setPassedCoordinates, passedCoordinates)
-KV_GETTER(std::optional<platform::DateComponents>, TimeElapsedSinceStart, timeElapsedSinceStart)
-KV_SETTER(std::optional<platform::DateComponents>, setTimeElapsedSinceStart, timeElapsedSinceStart)
+KV_GETTER(ThresholdList, FuelEfficiencyLevel, settings.fuelEfficiencyLevel)
+KV_SETTER(ThresholdList, setFuelEfficiencyLevel, settings.fuelEfficiencyLevel)
+KV_GETTER(std::optional<platform::TimePoint>, StartDateTime, trip.startDateTime)
+KV_SETTER(std::optional<platform::TimePoint>, setStartDateTime, trip.startDateTime)
+KV_GETTER(std::optional<platform::TimePoint>, EndDateTime, trip.endDateTime)
+KV_SETTER(std::optional<platform::TimePoint>, setEndDateTime, trip.endDateTime)
+KV_GETTER(std::optional<platform::Location>, StartLocation, trip.startLocation)
+KV_SETTER(std::optional<platform::Location>, setStartLocation, trip.startLocation)
+KV_GETTER(std::optional<platform::Location>, EndLocation, trip.endLocation)
+KV_SETTER(std::optional<platform::Location>, setEndLocation, trip.endLocation)
+KV_GETTER(std::string, StartLocationStr, trip.startLocationStr)
+KV_SETTER(std::string, setStartLocationStr, trip.startLocationStr)
+KV_GETTER(std::string, EndLocationStr, trip.endLocationStr)
+KV_SETTER(std::string, setEndLocationStr, trip.endLocationStr)
+KV_GETTER(std::optional<platform::Location>, CurrentLocation, trip.odometer.currentLocation)
+KV_GETTER(platform::MapPinRef, StartAnnotation, trip.startAnnotation)
+KV_SETTER(platform::MapPinRef, setStartAnnotation, trip.startAnnotation)
+KV_GETTER(platform::MapPinRef, EndAnnotation, trip.endAnnotation)
+KV_SETTER(platform::MapPinRef, setEndAnnotation, trip.endAnnotation)
+KV_GETTER(std::vector<platform::Coordinate>, PassedCoordinates, trip.passedCoordinates)
+KV_SETTER(std::vector<platform::Coordinate>, setPassedCoordinates, trip.passedCoordinates)
+KV_GETTER(std::optional<platform::DateComponents>, TimeElapsedSinceStart,
+          trip.timeElapsedSinceStart)
+KV_SETTER(std::optional<platform::DateComponents>, setTimeElapsedSinceStart,
+          trip.timeElapsedSinceStart)
 KV_GETTER(std::optional<platform::DateComponents>, TimeElapsedSinceLastLocation,
-          timeElapsedSinceLastLocation)
+          trip.odometer.timeElapsedSinceLastLocation)
 KV_SETTER(std::optional<platform::DateComponents>, setTimeElapsedSinceLastLocation,
-          timeElapsedSinceLastLocation)
-KV_GETTER(double, HoursElapsedSinceStart, hoursElapsedSinceStart)
-KV_SETTER(double, setHoursElapsedSinceStart, hoursElapsedSinceStart)
-KV_GETTER(double, HoursElapsedSinceLastLocation, hoursElapsedSinceLastLocation)
-KV_SETTER(double, setHoursElapsedSinceLastLocation, hoursElapsedSinceLastLocation)
-KV_GETTER(double, TotalTraveledDistance, totalTraveledDistance)
-KV_SETTER(double, setTotalTraveledDistance, totalTraveledDistance)
-KV_GETTER(double, TraveledDistanceSinceLastLocation, traveledDistanceSinceLastLocation)
-KV_GETTER(double, CurrentSpeed, currentSpeed)
-KV_GETTER(double, Score, score)
-KV_SETTER(double, setScore, score)
-KV_GETTER(std::optional<double>, Temperature, temperature)
-KV_SETTER(std::optional<double>, setTemperature, temperature)
+          trip.odometer.timeElapsedSinceLastLocation)
+KV_GETTER(double, HoursElapsedSinceStart, trip.hoursElapsedSinceStart)
+KV_SETTER(double, setHoursElapsedSinceStart, trip.hoursElapsedSinceStart)
+KV_GETTER(double, HoursElapsedSinceLastLocation, trip.odometer.hoursElapsedSinceLastLocation)
+KV_SETTER(double, setHoursElapsedSinceLastLocation, trip.odometer.hoursElapsedSinceLastLocation)
+KV_GETTER(double, TotalTraveledDistance, trip.odometer.totalTraveledDistance)
+KV_SETTER(double, setTotalTraveledDistance, trip.odometer.totalTraveledDistance)
+KV_GETTER(double, TraveledDistanceSinceLastLocation,
+          trip.odometer.traveledDistanceSinceLastLocation)
+KV_GETTER(double, CurrentSpeed, trip.odometer.currentSpeed)
+KV_GETTER(double, Score, trip.score)
+KV_SETTER(double, setScore, trip.score)
+KV_GETTER(std::optional<double>, Temperature, trip.temperature)
+KV_SETTER(std::optional<double>, setTemperature, trip.temperature)
 
 #undef KV_GETTER
 #undef KV_SETTER
@@ -261,22 +264,22 @@ void DrivingInsight::Impl::setSummaryDataRecord(const kestrelvue::SummaryData& v
 
 void DrivingInsight::Impl::setCurrentLocation(std::optional<platform::Location> value) {
     std::lock_guard lock(mutex_);
-    setCurrentLocationLocked(value);
+    trip.odometer.moveTo(std::move(value), settings.distanceFilterForSpeed);
 }
 
 void DrivingInsight::Impl::setTraveledDistanceSinceLastLocation(double value) {
     std::lock_guard lock(mutex_);
-    setTraveledDistanceSinceLastLocationLocked(value);
+    trip.odometer.addLeg(value);
 }
 
 void DrivingInsight::Impl::setCurrentSpeed(double value) {
     std::lock_guard lock(mutex_);
-    setCurrentSpeedLocked(value);
+    trip.odometer.setSpeed(value);
 }
 
 std::shared_ptr<Trip> DrivingInsight::Impl::CurrentTrip() const {
     std::lock_guard lock(mutex_);
-    return makeCurrentTripLocked();
+    return trip.record(env_, userID, env_.clock->now());
 }
 
 // ---- The public engine forwards to its implementation ----------------------------------------

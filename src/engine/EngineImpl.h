@@ -9,6 +9,7 @@
 #include <kestrelvue/DrivingInsight.h>
 
 #include "core/ReplyGate.h"
+#include "engine/EngineState.h"
 
 namespace kestrelvue {
 
@@ -130,18 +131,8 @@ struct DrivingInsight::Impl {
     /// The completion step after the last motion upload of a stopped trip: score, lastTrip,
     /// history entry, "tripEndedSuccessfully". Does nothing while endLocationStr is empty.
     void completeStoppedTrip();
-    /// CurrentTrip(), Locked.
-    std::shared_ptr<Trip> makeCurrentTripLocked() const;
     /// Copies the delegate under the lock; call the copy after releasing it.
     std::shared_ptr<DrivingInsightDelegate> delegateSnapshot() const;
-
-    // Location.cpp
-    /// Speed and distance from `from` to `to` (Locked).
-    void calculateSpeedWhenLocationChanged(const platform::Location& from,
-                                           const platform::Location& to);
-    void setCurrentLocationLocked(std::optional<platform::Location> value);
-    void setTraveledDistanceSinceLastLocationLocked(double value);
-    void setCurrentSpeedLocked(double value);
 
     // Thresholds.cpp
     void getThresholdsFromServer();
@@ -160,6 +151,8 @@ struct DrivingInsight::Impl {
 
     // Motion upload (upload): sends one bulk; the caller has set tripMotion.isSyncingToServer.
     void sendMotionDataToServer();
+    /// Where the trip stands for an upload's outcome (Locked).
+    detail::UploadPhase uploadPhaseLocked() const;
     void MotionDataSynced(const Notification& notification);
     void MotionDataSyncFailed(const Notification& notification);
     /// With the outbox on: hands a stopped trip's records to it as bulks under the trip's own
@@ -184,58 +177,24 @@ struct DrivingInsight::Impl {
     std::shared_ptr<HistoryDataDelegate> historyDataDelegate_;
     std::shared_ptr<DrivingInsightDelegate> drivingInsightDelegate_;
     std::string bundleDisplayName_ = "Kestrelvue";
-    double tolerance = 0.1;
-    double updateInterval = 0.5;
-    ThresholdList sharpCorneringLevel, sharpSpeedingLevel, sharpBrakingLevel, sharpElevatingLevel,
-        sharpLaneChangingLevel, fuelEfficiencyLevel;
-    std::int64_t sharpLaneChangingDuration1 = 3;
-    std::int64_t sharpLaneChangingDuration2 = 10;
-    std::int64_t sharpLaneChangingDuration3 = 4;
-    std::int64_t sharpLaneChangingDuration4 = 15;
-    double distanceFilter = 50.0;
-    double distanceFilterForSpeed = 30.0;
-    std::optional<double> temperature;
     std::int64_t userID = 0;
-    std::string drivingID;
     kestrelvue::SummaryData summaryData;
-    kestrelvue::MotionData tripMotion;
-    // How many records the upload in flight carries: its confirmation removes exactly these.
-    std::optional<std::size_t> motionBulkInFlight_;
-    /// The durable outbox when the host turned it on (Environment::outboxDirectory), else null.
-    std::shared_ptr<detail::Outbox> outbox_;
     std::vector<std::shared_ptr<Trip>> tripHistory;
     std::shared_ptr<Trip> lastTrip;
+    /// The durable outbox when the host turned it on (Environment::outboxDirectory), else null.
+    std::shared_ptr<detail::Outbox> outbox_;
+
+    detail::Settings settings;
+    /// The trip being recorded, or the last one until the next starts.
+    detail::TripState trip;
+    detail::MotionUploader uploader;
     bool isDriving = false;
+    // Evaluation state that carries over from one trip into the next.
     int deviceOrientationGiven = 0;
     int deviceOrientation = 0;
     FaultTypes faultType = FaultTypes::none;
     std::int64_t eventCount = 0;
-    std::optional<platform::TimePoint> startDateTime;
-    std::optional<platform::TimePoint> endDateTime;
-    std::optional<platform::Location> startLocation;
-    std::string startLocationStr;
-    std::optional<platform::Location> currentLocation;
-    std::optional<platform::Location> endLocation;
-    std::string endLocationStr;
-    platform::MapPinRef startAnnotation, endAnnotation;
-    std::vector<platform::Coordinate> passedCoordinates;
-    std::optional<platform::DateComponents> timeElapsedSinceStart;
-    std::optional<platform::DateComponents> timeElapsedSinceLastLocation;
-    double currentSpeed = 0;
-    double previousSpeed = 0;
-    double hoursElapsedSinceStart = 0;
-    double hoursElapsedSinceLastLocation = 0;
-    double totalTraveledDistance = 0;
-    double traveledDistanceSinceLastLocation = 0;
-    std::int64_t sharpCorneringCount = 0, sharpSpeedingCount = 0, sharpBrakingCount = 0,
-                 sharpElevatingCount = 0, sharpLaneChangingCount = 0;
-    double sharpCorneringPenalty = 0, sharpSpeedingPenalty = 0, sharpBrakingPenalty = 0,
-           sharpElevatingPenalty = 0, sharpLaneChangingPenalty = 0;
-    double sharpCorneringPenaltyPerKM = 0, sharpSpeedingPenaltyPerKM = 0,
-           sharpBrakingPenaltyPerKM = 0, sharpElevatingPenaltyPerKM = 0,
-           sharpLaneChangingPenaltyPerKM = 0, fuelEfficiencyPenaltyPerKM = 0;
     kestrelvue::LaneChangingData laneChangingItems;
-    double score = 0;
 
     // History.cpp, Summary.cpp
     void historyReplyArrived(platform::HttpResult result);

@@ -1,5 +1,6 @@
 // Judging, charging, recording and publishing one motion sample.
 
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <string>
@@ -31,7 +32,7 @@ void appendInteger(std::string& out, long long v) {
 }  // namespace
 
 // "1 saat 5 dk 3 sn": each part only when it is not zero; nothing for an unknown time.
-std::string detail::elapsedText(const std::optional<platform::DateComponents>& elapsed) {
+std::string detail::elapsedWordsText(const std::optional<platform::DateComponents>& elapsed) {
     std::string text;
     if (!elapsed) return text;
     if (elapsed->hour != 0) {
@@ -51,17 +52,22 @@ std::string detail::elapsedText(const std::optional<platform::DateComponents>& e
 
 namespace {
 
-// rate × impact × interval to the absolute or the per-kilometre side, in the totals and in the
-// sample's record alike.
-void charge(double rate, double impact, bool perKm, double interval, double& total,
-            double& totalPerKm, double& share, double& sharePerKm) {
-    const double amount = rate * impact * interval;
+/// What one sample is charged for one kind: its direction and the amount, on the absolute or
+/// the per-kilometre side.
+struct SampleCharge {
+    char direction = ' ';
+    double penalty = 0, perKM = 0;
+};
+
+// The amount (rate x impact x interval) to the absolute or the per-kilometre side, in the trip's
+// totals and in the sample's record alike.
+void charge(double amount, bool perKm, detail::KindTotals& total, SampleCharge& share) {
     if (perKm) {
-        totalPerKm += amount;
-        sharePerKm = amount;
+        total.penaltyPerKM += amount;
+        share.perKM = amount;
     } else {
-        total += amount;
-        share = amount;
+        total.penalty += amount;
+        share.penalty = amount;
     }
 }
 
@@ -79,7 +85,7 @@ void fill(Value* const (&entries)[10], const ShowMotionData& show) {
     *entries[5] = std::to_string(show.motionId);
     *entries[6] = show.orientation;
     *entries[7] = show.speedingRate;
-    *entries[8] = detail::elapsedText(show.elapsed);
+    *entries[8] = detail::elapsedWordsText(show.elapsed);
     *entries[9] = show.totalDistance;
 }
 
@@ -123,29 +129,10 @@ void postShowMotionData(const void* engine, NotificationCenter& center,
 
 void DrivingInsight::Impl::setFaultType(FaultTypes value) {
     faultType = value;
-    switch (value) {
-        case FaultTypes::sharpCorneringRight:
-        case FaultTypes::sharpCorneringLeft:
-            ++sharpCorneringCount;
-            break;
-        case FaultTypes::sharpElevatingUp:
-        case FaultTypes::sharpElevatingDown:
-            ++sharpElevatingCount;
-            break;
-        case FaultTypes::sharpSpeeding:
-            ++sharpSpeedingCount;
-            break;
-        case FaultTypes::sharpBraking:
-            ++sharpBrakingCount;
-            break;
-        case FaultTypes::sharpLaneChangingRight:
-        case FaultTypes::sharpLaneChangingLeft:
-            ++sharpLaneChangingCount;
-            break;
-        case FaultTypes::none:
-            return;
+    if (const auto kind = detail::kindOf(value)) {
+        ++trip.totals[*kind].count;
+        ++eventCount;
     }
-    ++eventCount;
 }
 
 void DrivingInsight::Impl::evaluateActionForDrivingScore(std::int64_t motionId,
@@ -162,76 +149,77 @@ void DrivingInsight::Impl::evaluateActionForDrivingScore(std::int64_t motionId,
         std::lock_guard<std::mutex> lock(mutex_);
         // Without a position there is nothing to record or to send: the sample is skipped
         // whole (no detector runs, the lane-change state does not move).
-        if (!currentLocation) return;
-        const platform::Location& here = *currentLocation;
-        const double speedAtSample = currentSpeed;
-        endLocation = here;
+        if (!trip.odometer.currentLocation) return;
+        const platform::Location& here = *trip.odometer.currentLocation;
+        const double speedAtSample = trip.odometer.currentSpeed;
+        trip.endLocation = here;
         if (motionId == 1) {
-            startLocation = here;
-            if (!startAnnotation) startAnnotation = std::make_shared<platform::MapPin>();
-            startAnnotation->coordinate = here.coordinate;
-            startAnnotation->subtitle = "Başlangıç";
-            startDateTime = env_.clock->now();
+            trip.startLocation = here;
+            if (!trip.startAnnotation) trip.startAnnotation = std::make_shared<platform::MapPin>();
+            trip.startAnnotation->coordinate = here.coordinate;
+            trip.startAnnotation->subtitle = "Başlangıç";
+            trip.startDateTime = env_.clock->now();
             geocodeStart = here;
         }
 
         const int orientation = deviceOrientation;
-        const double ui = updateInterval;
-        // The sample's fault record, kept in scalars and assembled once at the end: cheaper than
-        // initialising a record and overwriting it.
-        char dirC = ' ', dirS = ' ', dirE = ' ', dirL = ' ';
-        double penC = 0, penS = 0, penB = 0, penE = 0, penL = 0;
-        double kmC = 0, kmS = 0, kmB = 0, kmE = 0, kmL = 0, kmF = 0;
+        const double ui = settings.updateInterval;
 
-        const detail::Finding cornering =
-            detail::checkSharpCornering(orientation, userAcceleration, sharpCorneringLevel);
-        setFaultType(cornering.finding);
-        dirC = directionCharacter(FaultType());
-        if (dirC != ' ')
-            charge(cornering.rate, cornering.impact, cornering.isPerKM, ui, sharpCorneringPenalty,
-                   sharpCorneringPenaltyPerKM, penC, kmC);
-
-        const detail::Finding elevating = detail::checkSharpElevating(
-            orientation, rotationRate, userAcceleration, sharpElevatingLevel);
-        setFaultType(elevating.finding);
-        dirE = directionCharacter(FaultType());
-        if (dirE != ' ')
-            charge(elevating.rate, elevating.impact, elevating.isPerKM, ui, sharpElevatingPenalty,
-                   sharpElevatingPenaltyPerKM, penE, kmE);
-
+        // Every detector looks at the sample; each finding is counted and, with a direction,
+        // charged to its kind. The last finding stays as the engine's fault type.
+        const detail::Finding cornering = detail::checkSharpCornering(
+            orientation, userAcceleration, settings.level(detail::EventKind::cornering));
+        const detail::Finding elevating =
+            detail::checkSharpElevating(orientation, rotationRate, userAcceleration,
+                                        settings.level(detail::EventKind::elevating));
         const detail::SpeedingFinding speeding = detail::checkSharpSpeeding(
-            orientation, userAcceleration, sharpSpeedingLevel, sharpBrakingLevel);
-        setFaultType(speeding.finding);
-        dirS = directionCharacter(FaultType());
-        if (dirS == 'S')
-            charge(speeding.speedingRate, speeding.impact, speeding.isPerKM, ui,
-                   sharpSpeedingPenalty, sharpSpeedingPenaltyPerKM, penS, kmS);
-        else if (dirS == 'B')
-            charge(speeding.brakingRate, speeding.impact, speeding.isPerKM, ui, sharpBrakingPenalty,
-                   sharpBrakingPenaltyPerKM, penB, kmB);
+            orientation, userAcceleration, settings.level(detail::EventKind::speeding),
+            settings.level(detail::EventKind::braking));
+        const double fuelRate = detail::checkFuelEfficiency(orientation, userAcceleration,
+                                                            settings.fuelEfficiencyLevel);
+        const detail::Finding lane = detail::checkSharpLaneChanging(
+            laneChangingItems, orientation, rotationRate.z, settings.laneChange(),
+            settings.level(detail::EventKind::laneChanging));
 
-        const double fuelRate =
-            detail::checkFuelEfficiency(orientation, userAcceleration, fuelEfficiencyLevel);
+        const detail::Finding findings[] = {
+            cornering,
+            elevating,
+            {speeding.finding,
+             speeding.finding == FaultTypes::sharpBraking ? speeding.brakingRate
+                                                          : speeding.speedingRate,
+             speeding.impact, speeding.isPerKM},
+            lane,
+        };
+        std::array<SampleCharge, detail::kEventKindCount> charges{};
+        for (const detail::Finding& f : findings) {
+            setFaultType(f.finding);
+            const char direction = directionCharacter(f.finding);
+            const auto kind = detail::kindOf(f.finding);
+            if (direction == ' ' || !kind) continue;
+            SampleCharge& c = charges[static_cast<std::size_t>(*kind)];
+            c.direction = direction;
+            charge(f.rate * f.impact * ui, f.isPerKM, trip.totals[*kind], c);
+        }
+        double kmF = 0;
         if (fuelRate > 0) {
             kmF = fuelRate * ui;
-            fuelEfficiencyPenaltyPerKM += kmF;
+            trip.totals.fuelEfficiencyPenaltyPerKM += kmF;
         }
+        auto at = [&](detail::EventKind kind) -> const SampleCharge& {
+            return charges[static_cast<std::size_t>(kind)];
+        };
+        using K = detail::EventKind;
+        // Speeding and braking share one direction slot: a sample is one or the other.
+        const char dirS =
+            at(K::speeding).direction != ' ' ? at(K::speeding).direction : at(K::braking).direction;
 
-        const detail::LaneChangeSettings laneSettings{
-            sharpLaneChangingDuration1, sharpLaneChangingDuration2, sharpLaneChangingDuration3,
-            sharpLaneChangingDuration4, ui};
-        const detail::Finding lane = detail::checkSharpLaneChanging(
-            laneChangingItems, orientation, rotationRate.z, laneSettings, sharpLaneChangingLevel);
-        setFaultType(lane.finding);
-        dirL = directionCharacter(FaultType());
-        if (dirL != ' ')
-            charge(lane.rate, lane.impact, lane.isPerKM, ui, sharpLaneChangingPenalty,
-                   sharpLaneChangingPenaltyPerKM, penL, kmL);
-
-        tripMotion.motionDataArray.emplace_back(
+        uploader.buffer.motionDataArray.emplace_back(
             motionId, userAcceleration, rotationRate, attitude, gravity, here,
-            FaultItem{dirC, penC, dirS, penS, penB, dirE, penE, dirL, penL, kmC, kmS, kmB, kmE, kmL,
-                      kmF},
+            FaultItem{at(K::cornering).direction, at(K::cornering).penalty, dirS,
+                      at(K::speeding).penalty, at(K::braking).penalty, at(K::elevating).direction,
+                      at(K::elevating).penalty, at(K::laneChanging).direction,
+                      at(K::laneChanging).penalty, at(K::cornering).perKM, at(K::speeding).perKM,
+                      at(K::braking).perKM, at(K::elevating).perKM, at(K::laneChanging).perKM, kmF},
             env_.clock->now(), deviceOrientationGiven, orientation, speedAtSample);
 
         if (observed) {
@@ -239,19 +227,15 @@ void DrivingInsight::Impl::evaluateActionForDrivingScore(std::int64_t motionId,
                     speeding.speedingRate,
                     speeding.brakingRate,
                     elevating.rate,
-                    currentSpeed,
+                    trip.odometer.currentSpeed,
                     here.speed * birSaatKacSaniye / birKilometreKacMetre,
-                    totalTraveledDistance / birKilometreKacMetre,
-                    timeElapsedSinceStart,
+                    trip.odometer.totalTraveledDistance / birKilometreKacMetre,
+                    trip.timeElapsedSinceStart,
                     orientation,
                     motionId};
         }
 
-        if (!tripMotion.isSyncingToServer &&
-            static_cast<std::int64_t>(tripMotion.motionDataArray.size()) >= bulkMotionDataSize_) {
-            tripMotion.isSyncingToServer = true;
-            startUpload = true;
-        }
+        startUpload = uploader.startWhenFull(bulkMotionDataSize_);
     }
 
     if (geocodeStart) geocodeStartAddress(*geocodeStart);

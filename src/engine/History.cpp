@@ -69,9 +69,9 @@ void DrivingInsight::Impl::historyReplyArrived(platform::HttpResult result) {
     {
         std::lock_guard lock(mutex_);
         tripHistory.reserve(tripHistory.size() + reply.trips.size());
-        for (auto& trip : reply.trips) {
-            lastTrip = trip;
-            tripHistory.push_back(std::move(trip));
+        for (auto& record : reply.trips) {
+            lastTrip = record;
+            tripHistory.push_back(std::move(record));
         }
         history = tripHistory;
         delegate = historyDataDelegate_;

@@ -23,12 +23,6 @@ bool hasPosition(const std::optional<platform::Location>& location) {
     return location && location->coordinate.latitude != 0.0;
 }
 
-/// Hours, minutes and seconds in decimal without padding, joined by ":" (0:25:13).
-std::string elapsedText(const std::optional<platform::DateComponents>& c) {
-    platform::DateComponents v = c.value_or(platform::DateComponents{});
-    return std::to_string(v.hour) + ":" + std::to_string(v.minute) + ":" + std::to_string(v.second);
-}
-
 }  // namespace
 
 int DrivingInsight::Impl::getDeviceOrientation(const Vector3& attitude) {
@@ -66,39 +60,13 @@ bool DrivingInsight::Impl::startTrip() {
     double interval;
     {
         std::lock_guard lock(mutex_);
-        const platform::TimePoint now = env_.clock->now();
-        drivingID = env_.ids->makeUuid();
-        startDateTime = now;
-        startLocation = platform::Location{};
-        startLocationStr.clear();
-        endLocation = platform::Location{};
-        endLocationStr.clear();
-        startAnnotation = std::make_shared<platform::MapPin>();
-        endAnnotation = std::make_shared<platform::MapPin>();
-        platform::Location placeholder;
-        placeholder.horizontalAccuracy = 1000;
-        placeholder.verticalAccuracy = 1000;
-        placeholder.timestamp = now;
-        currentLocation = placeholder;
-        passedCoordinates.clear();
-        timeElapsedSinceStart =
-            platform::DateComponents::hourMinuteSecond(*startDateTime, env_.clock->now());
-        timeElapsedSinceLastLocation =
-            platform::DateComponents::hourMinuteSecond(*startDateTime, env_.clock->now());
-        hoursElapsedSinceStart = hoursElapsedSinceLastLocation = 0;
-        totalTraveledDistance = previousSpeed = currentSpeed = 0;
-        traveledDistanceSinceLastLocation = 0;
-        sharpCorneringCount = sharpSpeedingCount = sharpBrakingCount = sharpElevatingCount =
-            sharpLaneChangingCount = 0;
-        sharpCorneringPenalty = sharpSpeedingPenalty = sharpBrakingPenalty = sharpElevatingPenalty =
-            sharpLaneChangingPenalty = 0;
-        sharpCorneringPenaltyPerKM = sharpSpeedingPenaltyPerKM = sharpBrakingPenaltyPerKM =
-            sharpElevatingPenaltyPerKM = sharpLaneChangingPenaltyPerKM =
-                fuelEfficiencyPenaltyPerKM = 0;
-        score = 0;
-        temperature.reset();
+        // A fresh trip; only the last trip's end time stays until this one ends.
+        detail::TripState next =
+            detail::TripState::starting(env_.ids->makeUuid(), env_.clock->now());
+        next.endDateTime = trip.endDateTime;
+        trip = std::move(next);
         location = locationManager_;
-        interval = updateInterval;
+        interval = settings.updateInterval;
     }
 
     if (location && location->locationServicesEnabled()) {
@@ -132,19 +100,19 @@ void DrivingInsight::Impl::handleMotionSample(const std::shared_ptr<std::int64_t
         std::lock_guard lock(mutex_);
         if (!isDriving) return;
         const platform::TimePoint now = env_.clock->now();
-        const platform::TimePoint start = startDateTime.value_or(now);
-        if (!hasPosition(currentLocation)) {
+        const platform::TimePoint start = trip.startDateTime.value_or(now);
+        if (!hasPosition(trip.odometer.currentLocation)) {
             if (platform::DateComponents::secondOnly(start, now).second < kNoPositionTimeoutSeconds)
                 return;  // no position yet: the sample is dropped
             timedOut = true;
         } else {
             deviceOrientation = getDeviceOrientation(motion->attitude);
             deviceOrientationGiven = given;
-            timeElapsedSinceStart = platform::DateComponents::hourMinuteSecond(start, now);
-            hoursElapsedSinceStart =
-                static_cast<double>(timeElapsedSinceStart->hour) +
-                static_cast<double>(timeElapsedSinceStart->minute) / birSaatKacDakika +
-                static_cast<double>(timeElapsedSinceStart->second) / birSaatKacSaniye;
+            trip.timeElapsedSinceStart = platform::DateComponents::hourMinuteSecond(start, now);
+            trip.hoursElapsedSinceStart =
+                static_cast<double>(trip.timeElapsedSinceStart->hour) +
+                static_cast<double>(trip.timeElapsedSinceStart->minute) / birSaatKacDakika +
+                static_cast<double>(trip.timeElapsedSinceStart->second) / birSaatKacSaniye;
             motionId = ++*counter;
         }
     }
@@ -169,11 +137,11 @@ void DrivingInsight::Impl::stopTrip() {
     {
         std::lock_guard lock(mutex_);
         isDriving = false;
-        endDateTime = env_.clock->now();
+        trip.endDateTime = env_.clock->now();
         motion = motionManager_;
         location = locationManager_;
-        end = endLocation;
-        startKnown = hasPosition(startLocation);
+        end = trip.endLocation;
+        startKnown = hasPosition(trip.startLocation);
     }
     if (env_.application) env_.application->setIdleTimerDisabled(false);
     if (location) location->stopUpdatingLocation();
@@ -182,9 +150,9 @@ void DrivingInsight::Impl::stopTrip() {
     if (hasPosition(end)) {
         {
             std::lock_guard lock(mutex_);
-            if (!endAnnotation) endAnnotation = std::make_shared<platform::MapPin>();
-            endAnnotation->coordinate = end->coordinate;
-            endAnnotation->subtitle = "Bitiş";
+            if (!trip.endAnnotation) trip.endAnnotation = std::make_shared<platform::MapPin>();
+            trip.endAnnotation->coordinate = end->coordinate;
+            trip.endAnnotation->subtitle = "Bitiş";
         }
         if (!env_.geocoder) {
             // Without a geocoder the lookup fails at once.
@@ -200,13 +168,13 @@ void DrivingInsight::Impl::stopTrip() {
                 {
                     std::lock_guard lock(mutex_);
                     if (error)
-                        endLocationStr = "???";
+                        trip.endLocationStr = "???";
                     else if (placemarks && !placemarks->empty())
-                        endLocationStr = formatAddressFromPlacemark(placemarks->front());
-                    else if (endLocationStr.empty())
+                        trip.endLocationStr = formatAddressFromPlacemark(placemarks->front());
+                    else if (trip.endLocationStr.empty())
                         // Neither an address nor an error: the trip still completes, so it
                         // reaches the history and the service.
-                        endLocationStr = "???";
+                        trip.endLocationStr = "???";
                 }
                 center_.post("tripStoppedEndAnnotationSetted", &self_);
             });
@@ -218,9 +186,9 @@ void DrivingInsight::Impl::stopTrip() {
     }
     {
         std::lock_guard lock(mutex_);
-        if (!endAnnotation) endAnnotation = std::make_shared<platform::MapPin>();
-        endAnnotation->coordinate = platform::Coordinate{0, 0};
-        endLocationStr = "???";
+        if (!trip.endAnnotation) trip.endAnnotation = std::make_shared<platform::MapPin>();
+        trip.endAnnotation->coordinate = platform::Coordinate{0, 0};
+        trip.endLocationStr = "???";
     }
     center_.post("tripStoppedEndAnnotationSetted", &self_);
 }
@@ -237,9 +205,9 @@ void DrivingInsight::Impl::geocodeStartAddress(const platform::Location& locatio
             if (!alive.lock()) return;
             std::lock_guard lock(mutex_);
             if (error)
-                startLocationStr = "???";
+                trip.startLocationStr = "???";
             else if (placemarks && !placemarks->empty())
-                startLocationStr = formatAddressFromPlacemark(placemarks->front());
+                trip.startLocationStr = formatAddressFromPlacemark(placemarks->front());
         });
 }
 
@@ -247,8 +215,9 @@ void DrivingInsight::Impl::requestWeather() {
     std::string url;
     {
         std::lock_guard lock(mutex_);
-        const platform::Coordinate at =
-            currentLocation ? currentLocation->coordinate : platform::Coordinate{};
+        const platform::Coordinate at = trip.odometer.currentLocation
+                                            ? trip.odometer.currentLocation->coordinate
+                                            : platform::Coordinate{};
         url = getWeatherInfoURL + "/" + std::to_string(userID) +
               "?latitude=" + platform::shortestDecimalText(at.latitude) +
               "&longitude=" + platform::shortestDecimalText(at.longitude);
@@ -264,8 +233,8 @@ void DrivingInsight::Impl::tripStoppedEndAnnotationSetted(const Notification&) {
     bool send = false;
     {
         std::lock_guard lock(mutex_);
-        if (!tripMotion.isSyncingToServer) {
-            tripMotion.isSyncingToServer = true;
+        if (!uploader.buffer.isSyncingToServer) {
+            uploader.buffer.isSyncingToServer = true;
             send = true;
         }
     }
@@ -276,62 +245,17 @@ void DrivingInsight::Impl::tripStoppedEndAnnotationSetted(const Notification&) {
 void DrivingInsight::Impl::completeStoppedTrip() {
     {
         std::lock_guard lock(mutex_);
-        if (endLocationStr.empty()) return;
-        score = calculateScore();
-        lastTrip = makeCurrentTripLocked();
-        tripHistory.push_back(makeCurrentTripLocked());
+        if (trip.endLocationStr.empty()) return;
+        trip.score = calculateScore();
+        const platform::TimePoint now = env_.clock->now();
+        lastTrip = trip.record(env_, userID, now);
+        tripHistory.push_back(trip.record(env_, userID, now));
     }
     center_.post("tripEndedSuccessfully", &self_);
 }
 
 void DrivingInsight::Impl::tripEndedSuccessfully(const Notification&) {
     CurrentTrip()->saveToServer();
-}
-
-std::shared_ptr<Trip> DrivingInsight::Impl::makeCurrentTripLocked() const {
-    auto trip = std::make_shared<Trip>(env_);
-    trip->UserID = userID;
-    trip->DrivingID = drivingID;
-    if (startDateTime) trip->StartDateTime = *startDateTime;
-    trip->StartDateTime_Formatted = Trip::formatDateTime(trip->StartDateTime);
-    trip->StartLocation = startLocationStr;
-    if (startLocation) {
-        trip->StartLocationLat = startLocation->coordinate.latitude;
-        trip->StartLocationLong = startLocation->coordinate.longitude;
-    }
-    if (endDateTime) trip->EndDateTime = *endDateTime;
-    trip->EndLocation = endLocationStr;
-    if (endLocation) {
-        trip->EndLocationLat = endLocation->coordinate.latitude;
-        trip->EndLocationLong = endLocation->coordinate.longitude;
-    }
-    trip->StartAnnotation = startAnnotation;
-    trip->EndAnnotation = endAnnotation;
-    trip->Score = score;
-    trip->SharpCorneringCount = sharpCorneringCount;
-    trip->SharpSpeedingCount = sharpSpeedingCount;
-    trip->SharpBrakingCount = sharpBrakingCount;
-    trip->SharpElevatingCount = sharpElevatingCount;
-    trip->SharpLaneChangingCount = sharpLaneChangingCount;
-    trip->SharpCorneringPenalty = sharpCorneringPenalty;
-    trip->SharpSpeedingPenalty = sharpSpeedingPenalty;
-    trip->SharpBrakingPenalty = sharpBrakingPenalty;
-    trip->SharpElevatingPenalty = sharpElevatingPenalty;
-    trip->SharpLaneChangingPenalty = sharpLaneChangingPenalty;
-    trip->SharpCorneringPenaltyPerKM = sharpCorneringPenaltyPerKM;
-    trip->SharpSpeedingPenaltyPerKM = sharpSpeedingPenaltyPerKM;
-    trip->SharpBrakingPenaltyPerKM = sharpBrakingPenaltyPerKM;
-    trip->SharpElevatingPenaltyPerKM = sharpElevatingPenaltyPerKM;
-    trip->SharpLaneChangingPenaltyPerKM = sharpLaneChangingPenaltyPerKM;
-    trip->FuelEfficiencyPenaltyPerKM = fuelEfficiencyPenaltyPerKM;
-    trip->PassedCoordinates = passedCoordinates;
-    trip->TimeElapsed = elapsedText(timeElapsedSinceStart);
-    trip->TotalDistance = totalTraveledDistance;
-    trip->TimeElapsedTotalDistance_Formatted =
-        Trip::formatTimeElapsedTotalDistance(trip->TimeElapsed, trip->TotalDistance);
-    trip->SentToServer = false;
-    trip->SystemDate = env_.clock->now();
-    return trip;
 }
 
 }  // namespace kestrelvue

@@ -44,31 +44,27 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
     // Copy the bulk's records under the lock and format them after releasing it, so the host's
     // appends never wait for a bulk being written. The records stay in the buffer until the
     // service confirms them.
-    auto bulkCount = [this] {
-        return std::min<std::size_t>(
-            tripMotion.motionDataArray.size(),
-            static_cast<std::size_t>(std::max<std::int64_t>(bulkMotionDataSize_, 0)));
-    };
     MotionData bulk;
     {
         // Allocate outside the lock; only the copy itself runs under it.
         std::size_t expected = 0;
         {
             std::lock_guard lock(mutex_);
-            expected = bulkCount();
+            expected = std::min<std::size_t>(
+                uploader.buffer.motionDataArray.size(),
+                static_cast<std::size_t>(std::max<std::int64_t>(bulkMotionDataSize_, 0)));
         }
         bulk.motionDataArray.reserve(expected);
     }
     std::int64_t user = 0;
     std::string driving;
+    std::size_t carried = 0;
     {
         std::lock_guard lock(mutex_);
-        const auto& items = tripMotion.motionDataArray;
-        const std::size_t count = bulkCount();
-        bulk.motionDataArray.assign(items.begin(), items.begin() + count);
-        motionBulkInFlight_ = count;
+        uploader.takeBulk(bulkMotionDataSize_, bulk.motionDataArray);
+        carried = bulk.motionDataArray.size();
         user = userID;
-        driving = drivingID;
+        driving = trip.drivingID;
     }
     const std::string motionStr =
         bulk.bulkMotionDataToString(static_cast<std::int64_t>(bulk.motionDataArray.size()));
@@ -110,7 +106,7 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
         // Written to the store first; the outbox reports this first try as the client would.
         platform::OutboxEntry entry;
         entry.kind = platform::OutboxKind::motion;
-        entry.records = static_cast<std::int64_t>(motionBulkInFlight_.value_or(0));
+        entry.records = static_cast<std::int64_t>(carried);
         entry.url = std::move(request.url);
         entry.body = std::move(*request.body);
         std::vector<platform::OutboxEntry> entries;
@@ -133,12 +129,9 @@ void DrivingInsight::Impl::handOverStoppedTrip() {
     std::size_t bulkSize = 0;
     {
         std::lock_guard lock(mutex_);
-        auto& items = tripMotion.motionDataArray;
-        const std::size_t keep = std::min(motionBulkInFlight_.value_or(0), items.size());
-        records.assign(items.begin() + static_cast<std::ptrdiff_t>(keep), items.end());
-        items.erase(items.begin() + static_cast<std::ptrdiff_t>(keep), items.end());
+        records = uploader.takeAllButInFlight();
         user = userID;
-        driving = drivingID;
+        driving = trip.drivingID;
         bulkSize = static_cast<std::size_t>(std::max<std::int64_t>(bulkMotionDataSize_, 1));
     }
     std::vector<platform::OutboxEntry> entries;
@@ -162,35 +155,16 @@ void DrivingInsight::Impl::handOverStoppedTrip() {
     completeStoppedTrip();
 }
 
+detail::UploadPhase DrivingInsight::Impl::uploadPhaseLocked() const {
+    return {outbox_ != nullptr, isDriving, !trip.endLocationStr.empty()};
+}
+
 void DrivingInsight::Impl::MotionDataSynced(const Notification&) {
-    enum class Next { nothing, sendNextBulk, completeTrip };
+    using Next = detail::MotionUploader::AfterSuccess;
     Next next = Next::nothing;
     {
         std::lock_guard lock(mutex_);
-        // Only the records the confirmed bulk carried: anything appended while it was in flight
-        // has not been sent yet. A confirmation with no bulk in flight removes nothing.
-        const std::size_t carried = motionBulkInFlight_.value_or(0);
-        motionBulkInFlight_.reset();
-        tripMotion.removeSentBulkMotionData(static_cast<std::int64_t>(carried));
-        tripMotion.isSyncingToServer = false;
-        tripMotion.serverSyncTryCount = 0;
-        if (outbox_) {
-            // A stopped trip was handed over whole when it stopped.
-        } else if (isDriving) {
-            // The next upload starts when the buffer is full again.
-        } else if (!tripMotion.motionDataArray.empty()) {
-            // Flush the stopped trip bulk by bulk, but only while bulks make progress: a bulk
-            // size of 0 (or a confirmation with no bulk in flight) would otherwise send empty
-            // bulks for ever. The trip then stays incomplete with its records kept.
-            if (carried > 0) {
-                tripMotion.isSyncingToServer = true;
-                next = Next::sendNextBulk;
-            }
-        } else if (!endLocationStr.empty()) {
-            next = Next::completeTrip;
-        }
-        // Otherwise the end address is still being looked up; its notification starts the
-        // upload whose success completes the trip.
+        next = uploader.confirmed(uploadPhaseLocked());
     }
     if (next == Next::sendNextBulk) sendMotionDataToServer();
     if (next == Next::completeTrip) completeStoppedTrip();
@@ -206,41 +180,20 @@ void DrivingInsight::Impl::MotionDataSyncFailed(const Notification& notification
         }
     }
 
-    bool retry = false;
-    bool tell = false;
-    std::string report;
+    using Next = detail::MotionUploader::AfterFailure;
+    Next next = Next::nothing;
     std::shared_ptr<DrivingInsightDelegate> delegate;
     {
         std::lock_guard lock(mutex_);
-        const std::size_t carried = motionBulkInFlight_.value_or(0);
-        motionBulkInFlight_.reset();
-        tripMotion.isSyncingToServer = false;
-        if (outbox_) {
-            // The bulk is safe in the store under its own trip and goes out from there: kept
-            // here it would go again, under whichever trip is current by then.
-            tripMotion.removeSentBulkMotionData(static_cast<std::int64_t>(carried));
-        }
-        if (outbox_ && !isDriving) {
-            // A stopped trip was handed over whole when it stopped.
-        } else if (isDriving) {
-            // The records stay and go with the next upload that a full buffer starts.
-            report = std::string(kNotSentPrefix) + "Error Code:1008 - " + error;
-            tell = true;
-        } else if (endLocationStr.empty()) {
-            // The end address is not known yet; its notification starts another upload.
-        } else if (tripMotion.serverSyncTryCount < 3) {
-            tripMotion.isSyncingToServer = true;
-            tripMotion.serverSyncTryCount += 1;
-            retry = true;
-        } else {
-            // Retries used up: the trip stays incomplete and its records stay in the buffer.
-            report = kNotSentPrefix + error;
-            tell = true;
-        }
-        if (tell) delegate = drivingInsightDelegate_;
+        next = uploader.failed(uploadPhaseLocked());
+        if (next == Next::report || next == Next::giveUp) delegate = drivingInsightDelegate_;
     }
-    if (retry) sendMotionDataToServer();
-    if (delegate) delegate->tripDidFail(1000, kConnectionTitle, report, nullptr);
+    if (next == Next::retry) sendMotionDataToServer();
+    if (!delegate) return;
+    const std::string report = next == Next::report
+                                   ? std::string(kNotSentPrefix) + "Error Code:1008 - " + error
+                                   : kNotSentPrefix + error;
+    delegate->tripDidFail(1000, kConnectionTitle, report, nullptr);
 }
 
 }  // namespace kestrelvue

@@ -79,7 +79,9 @@ void evaluate(benchmark::State& state, bool observed, Upload upload = Upload::no
     std::int64_t id = 0;
     std::uint64_t allocations = 0;
     const std::uint64_t bufferCap = 100000;
-    DrivingInsightTestAccess::reserveMotion(*engine, bufferCap);
+    DrivingInsightTestAccess::change(*engine, [&](auto& engineState) {
+        engineState.uploader.buffer.motionDataArray.reserve(bufferCap);
+    });
     for (auto _ : state) {
         const auto& s = samples[static_cast<std::size_t>(id) & 4095];
         const std::uint64_t before = gAllocations.load(std::memory_order_relaxed);
@@ -88,7 +90,10 @@ void evaluate(benchmark::State& state, bool observed, Upload upload = Upload::no
         allocations += gAllocations.load(std::memory_order_relaxed) - before;
         if (static_cast<std::uint64_t>(id) % bufferCap == 0) {
             state.PauseTiming();
-            DrivingInsightTestAccess::clearMotion(*engine);  // capacity stays: no regrowth
+            // Capacity stays: no regrowth.
+            DrivingInsightTestAccess::change(*engine, [](auto& engineState) {
+                engineState.uploader.buffer.motionDataArray.clear();
+            });
             state.ResumeTiming();
         }
     }

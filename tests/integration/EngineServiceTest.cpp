@@ -51,8 +51,9 @@ TEST_F(EngineService, ThresholdsArriveAfterCreation) {
     EXPECT_EQ(requests[0].body, "");
 
     auto s = DrivingInsightTestAccess::settings(*engine);
-    ASSERT_EQ(s.braking.size(), 2u);
-    EXPECT_EQ(s.braking[1]->Impact, 5.0);
+    const ThresholdList& braking = s.level(detail::EventKind::braking);
+    ASSERT_EQ(braking.size(), 2u);
+    EXPECT_EQ(braking[1]->Impact, 5.0);
     EXPECT_EQ(s.distanceFilter, 75.0);
     EXPECT_EQ(s.distanceFilterForSpeed, 25.0);
     EXPECT_EQ(s.updateInterval, 0.25);

@@ -73,118 +73,49 @@ struct EngineHarness : sim::Platform {
 
 namespace kestrelvue {
 
-/// Reaches the engine's private operations and settings for tests.
+/// Reaches the engine's state for tests: its parts, read or changed under the engine's lock.
 struct DrivingInsightTestAccess {
+    template <class Read>
+    static auto read(const DrivingInsight& e, Read&& what) {
+        std::lock_guard lock(e.impl_->mutex_);
+        return what(static_cast<const DrivingInsight::Impl&>(*e.impl_));
+    }
+    template <class Change>
+    static void change(DrivingInsight& e, Change&& how) {
+        std::lock_guard lock(e.impl_->mutex_);
+        how(*e.impl_);
+    }
     static int getDeviceOrientation(const Vector3& attitude) {
         return DrivingInsight::Impl::getDeviceOrientation(attitude);
     }
-    static void calculateSpeedWhenLocationChanged(DrivingInsight& e, const platform::Location& from,
-                                                  const platform::Location& to) {
-        std::lock_guard lock(e.impl_->mutex_);
-        e.impl_->calculateSpeedWhenLocationChanged(from, to);
-    }
-    static double previousSpeed(DrivingInsight& e) {
-        std::lock_guard lock(e.impl_->mutex_);
-        return e.impl_->previousSpeed;
-    }
-
-    struct Settings {
-        double updateInterval, distanceFilter, distanceFilterForSpeed;
-        std::int64_t durations[4];
-        ThresholdList cornering, speeding, braking, elevating, laneChanging, fuel;
-    };
-    static Settings settings(DrivingInsight& e) {
-        std::lock_guard lock(e.impl_->mutex_);
-        return Settings{e.impl_->updateInterval,
-                        e.impl_->distanceFilter,
-                        e.impl_->distanceFilterForSpeed,
-                        {e.impl_->sharpLaneChangingDuration1, e.impl_->sharpLaneChangingDuration2,
-                         e.impl_->sharpLaneChangingDuration3, e.impl_->sharpLaneChangingDuration4},
-                        e.impl_->sharpCorneringLevel,
-                        e.impl_->sharpSpeedingLevel,
-                        e.impl_->sharpBrakingLevel,
-                        e.impl_->sharpElevatingLevel,
-                        e.impl_->sharpLaneChangingLevel,
-                        e.impl_->fuelEfficiencyLevel};
-    }
-    static int deviceOrientation(DrivingInsight& e) {
-        std::lock_guard lock(e.impl_->mutex_);
-        return e.impl_->deviceOrientation;
-    }
-    static int deviceOrientationGiven(DrivingInsight& e) {
-        std::lock_guard lock(e.impl_->mutex_);
-        return e.impl_->deviceOrientationGiven;
+    static detail::Settings settings(const DrivingInsight& e) {
+        return read(e, [](const auto& s) { return s.settings; });
     }
     /// A copy of the motion buffer's records, oldest first.
-    static std::vector<MotionDataItem> motionRecords(DrivingInsight& e) {
-        std::lock_guard lock(e.impl_->mutex_);
-        return e.impl_->tripMotion.motionDataArray;
-    }
-    static bool isSyncingToServer(DrivingInsight& e) {
-        std::lock_guard lock(e.impl_->mutex_);
-        return e.impl_->tripMotion.isSyncingToServer;
-    }
-    static void setSyncingToServer(DrivingInsight& e, bool value) {
-        std::lock_guard lock(e.impl_->mutex_);
-        e.impl_->tripMotion.isSyncingToServer = value;
-    }
-
-    // Sample evaluation and score.
-    struct Totals {
-        std::int64_t sharpCorneringCount, sharpSpeedingCount, sharpBrakingCount,
-            sharpElevatingCount, sharpLaneChangingCount, eventCount;
-        double sharpCorneringPenalty, sharpSpeedingPenalty, sharpBrakingPenalty,
-            sharpElevatingPenalty, sharpLaneChangingPenalty;
-        double sharpCorneringPenaltyPerKM, sharpSpeedingPenaltyPerKM, sharpBrakingPenaltyPerKM,
-            sharpElevatingPenaltyPerKM, sharpLaneChangingPenaltyPerKM, fuelEfficiencyPenaltyPerKM;
-        FaultTypes faultType;
-    };
-    static Totals totals(const DrivingInsight& e) {
-        std::lock_guard lock(e.impl_->mutex_);
-        return {e.impl_->sharpCorneringCount,        e.impl_->sharpSpeedingCount,
-                e.impl_->sharpBrakingCount,          e.impl_->sharpElevatingCount,
-                e.impl_->sharpLaneChangingCount,     e.impl_->eventCount,
-                e.impl_->sharpCorneringPenalty,      e.impl_->sharpSpeedingPenalty,
-                e.impl_->sharpBrakingPenalty,        e.impl_->sharpElevatingPenalty,
-                e.impl_->sharpLaneChangingPenalty,   e.impl_->sharpCorneringPenaltyPerKM,
-                e.impl_->sharpSpeedingPenaltyPerKM,  e.impl_->sharpBrakingPenaltyPerKM,
-                e.impl_->sharpElevatingPenaltyPerKM, e.impl_->sharpLaneChangingPenaltyPerKM,
-                e.impl_->fuelEfficiencyPenaltyPerKM, e.impl_->faultType};
+    static std::vector<MotionDataItem> motionRecords(const DrivingInsight& e) {
+        return read(e, [](const auto& s) { return s.uploader.buffer.motionDataArray; });
     }
     struct Bands {
         ThresholdList cornering = {}, speeding = {}, braking = {}, elevating = {},
                       laneChanging = {}, fuel = {};
     };
     static void setBands(DrivingInsight& e, Bands b) {
-        std::lock_guard lock(e.impl_->mutex_);
-        e.impl_->sharpCorneringLevel = std::move(b.cornering);
-        e.impl_->sharpSpeedingLevel = std::move(b.speeding);
-        e.impl_->sharpBrakingLevel = std::move(b.braking);
-        e.impl_->sharpElevatingLevel = std::move(b.elevating);
-        e.impl_->sharpLaneChangingLevel = std::move(b.laneChanging);
-        e.impl_->fuelEfficiencyLevel = std::move(b.fuel);
+        change(e, [&](auto& s) {
+            using K = detail::EventKind;
+            s.settings.level(K::cornering) = std::move(b.cornering);
+            s.settings.level(K::speeding) = std::move(b.speeding);
+            s.settings.level(K::braking) = std::move(b.braking);
+            s.settings.level(K::elevating) = std::move(b.elevating);
+            s.settings.level(K::laneChanging) = std::move(b.laneChanging);
+            s.settings.fuelEfficiencyLevel = std::move(b.fuel);
+        });
     }
     /// Orientation derived from the attitude and the one the platform gave.
     static void setOrientation(DrivingInsight& e, int derived, int given) {
-        std::lock_guard lock(e.impl_->mutex_);
-        e.impl_->deviceOrientation = derived;
-        e.impl_->deviceOrientationGiven = given;
-    }
-    static MotionData motion(const DrivingInsight& e) {
-        std::lock_guard lock(e.impl_->mutex_);
-        return e.impl_->tripMotion;
-    }
-    static void reserveMotion(DrivingInsight& e, std::size_t records) {
-        std::lock_guard lock(e.impl_->mutex_);
-        e.impl_->tripMotion.motionDataArray.reserve(records);
-    }
-    static void clearMotion(DrivingInsight& e) {
-        std::lock_guard lock(e.impl_->mutex_);
-        e.impl_->tripMotion.motionDataArray.clear();
-    }
-    static LaneChangingData laneState(const DrivingInsight& e) {
-        std::lock_guard lock(e.impl_->mutex_);
-        return e.impl_->laneChangingItems;
+        change(e, [&](auto& s) {
+            s.deviceOrientation = derived;
+            s.deviceOrientationGiven = given;
+        });
     }
 };
 

@@ -107,55 +107,5 @@ TEST(Detectors, OnlyFlatOrientationsAreJudged) {
     }
 }
 
-TEST(Score, Cases) {
-    struct Case {
-        const char* name;
-        PenaltyTotals totals;
-        double distance;
-        double score;
-        double brakingPerKmAfter;
-    };
-    PenaltyTotals absolute;
-    absolute.sharpCorneringPenalty = 10;
-    absolute.sharpLaneChangingPenalty = 2.5;
-    PenaltyTotals braking6;
-    braking6.sharpBrakingPenaltyPerKM = 6.0;
-    PenaltyTotals huge;
-    huge.sharpSpeedingPenalty = 100;
-    huge.fuelEfficiencyPenaltyPerKM = 30;
-    const Case cases[] = {
-        {"nothing", {}, 5000, 100.0, 0.0},
-        {"absolute only", absolute, 25000, 87.5, 0.0},
-        {"per km divided by 3 km", braking6, 3000, 98.0, 2.0},
-        {"exactly 1000 m: no division", braking6, 1000, 94.0, 6.0},
-        {"short trip: no division", braking6, 10, 94.0, 6.0},
-        {"clamped at zero", huge, 500, 0.0, 0.0},
-    };
-    for (const Case& c : cases) {
-        PenaltyTotals t = c.totals;
-        EXPECT_EQ(calculateScore(t, c.distance, 1000.0), c.score) << c.name;
-        EXPECT_EQ(t.sharpBrakingPenaltyPerKM, c.brakingPerKmAfter) << c.name;
-        EXPECT_EQ(t.sharpCorneringPenalty, c.totals.sharpCorneringPenalty) << c.name;
-    }
-}
-
-TEST(Score, SumsLeftToRightInTheFixedOrder) {
-    // 1e16 + 1 + 1 - 1e16 gives 0 left to right but 2 in another order.
-    PenaltyTotals t;
-    t.sharpCorneringPenalty = 1e16;
-    t.sharpCorneringPenaltyPerKM = 1;
-    t.sharpSpeedingPenalty = 1;
-    t.sharpSpeedingPenaltyPerKM = -1e16;
-    EXPECT_EQ(calculateScore(t, 0, 1000.0), 100.0);
-    // All six per-km totals are divided, each by the same kilometres.
-    PenaltyTotals all;
-    all.sharpCorneringPenaltyPerKM = all.sharpSpeedingPenaltyPerKM = all.sharpBrakingPenaltyPerKM =
-        all.sharpElevatingPenaltyPerKM = all.sharpLaneChangingPenaltyPerKM =
-            all.fuelEfficiencyPenaltyPerKM = 4.0;
-    EXPECT_EQ(calculateScore(all, 2000, 1000.0), 88.0);
-    EXPECT_EQ(all.fuelEfficiencyPenaltyPerKM, 2.0);
-    EXPECT_EQ(all.sharpElevatingPenaltyPerKM, 2.0);
-}
-
 }  // namespace
 }  // namespace kestrelvue::detail

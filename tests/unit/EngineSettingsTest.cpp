@@ -40,7 +40,9 @@ TEST(EngineSettings, SettersWithSideEffects) {
     auto engine = h.makeEngine();
     engine->setCurrentSpeed(40);
     engine->setCurrentSpeed(55);
-    EXPECT_EQ(DrivingInsightTestAccess::previousSpeed(*engine), 40.0);
+    EXPECT_EQ(DrivingInsightTestAccess::read(
+                  *engine, [](const auto& s) { return s.trip.odometer.previousSpeed; }),
+              40.0);
     EXPECT_EQ(engine->CurrentSpeed(), 55.0);
 
     engine->setTotalTraveledDistance(1000);

@@ -95,7 +95,10 @@ TEST_F(Evaluation, EachPostCarriesItsOwnSampleAlsoWhenAHandlerEvaluatesOne) {
 TEST_F(Evaluation, FullBufferStartsOneUploadAndOneWeatherRequest) {
     engine->setUserID(77);
     engine->setBulkMotionDataSize(3);
-    Access::setSyncingToServer(*engine, true);  // an upload is already running
+    auto syncing = [&](bool value) {
+        Access::change(*engine, [&](auto& s) { s.uploader.buffer.isSyncingToServer = value; });
+    };
+    syncing(true);  // an upload is already running
     const std::string weather =
         engine->getWeatherInfoURL() + "/77?latitude=41.0082&longitude=28.9784";
     const auto weatherRequests = [&] {
@@ -105,8 +108,9 @@ TEST_F(Evaluation, FullBufferStartsOneUploadAndOneWeatherRequest) {
     };
     for (int i = 0; i < 4; ++i) sample({});
     EXPECT_EQ(weatherRequests(), 0u);
-    EXPECT_TRUE(Access::isSyncingToServer(*engine));
-    Access::setSyncingToServer(*engine, false);
+    EXPECT_TRUE(
+        Access::read(*engine, [](const auto& s) { return s.uploader.buffer.isSyncingToServer; }));
+    syncing(false);
     sample({});
     EXPECT_EQ(weatherRequests(), 1u);
 }
@@ -146,7 +150,8 @@ TEST(ScriptedDrive, CountsPenaltiesScoreAndBuffer) {
         h.queue->runUntilIdle();
     }
 
-    const MotionData motion = Access::motion(*engine);
+    const MotionData motion =
+        Access::read(*engine, [](const auto& s) { return s.uploader.buffer; });
     ASSERT_EQ(motion.motionDataArray.size(), steps.size());
     std::string characters;
     for (std::size_t i = 0; i < steps.size(); ++i) {
@@ -178,7 +183,7 @@ TEST(ScriptedDrive, CountsPenaltiesScoreAndBuffer) {
               100.0 - (trip->SharpCorneringPenalty + trip->SharpBrakingPenaltyPerKM +
                        trip->SharpLaneChangingPenalty + trip->FuelEfficiencyPenaltyPerKM));
     EXPECT_EQ(engine->Score(), trip->Score);
-    EXPECT_EQ(Access::totals(*engine).eventCount, 3);
+    EXPECT_EQ(Access::read(*engine, [](const auto& s) { return s.eventCount; }), 3);
 }
 
 TEST(ScriptedDrive, LaneChangeRunsOnIntoTheNextTrip) {
@@ -191,15 +196,17 @@ TEST(ScriptedDrive, LaneChangeRunsOnIntoTheNextTrip) {
     for (int i = 1; i <= 8; ++i) engine->evaluateActionForDrivingScore(i, {}, {0, 0, 1.5}, {}, {});
     engine->stopTrip();
     ASSERT_TRUE(engine->startTrip());  // a new trip does not reset the manoeuvre
-    EXPECT_EQ(Access::laneState(*engine).index, 8);
+    EXPECT_EQ(Access::read(*engine, [](const auto& s) { return s.laneChangingItems.index; }), 8);
     engine->setCurrentLocation(h.fix(41, 29, 5));
     Access::setOrientation(*engine, kFaceUp, 1);
     std::int64_t id = 0;
     for (double r : {-1.4, -1.3, -1.1, -0.9})
         engine->evaluateActionForDrivingScore(++id, {}, {0, 0, r}, {}, {});
-    const auto t = Access::totals(*engine);
-    EXPECT_EQ(t.sharpLaneChangingCount, 1);
-    EXPECT_EQ(t.faultType, FaultTypes::sharpLaneChangingLeft);
+    const auto [count, fault] = Access::read(*engine, [](const auto& s) {
+        return std::pair(s.trip.totals[detail::EventKind::laneChanging].count, s.faultType);
+    });
+    EXPECT_EQ(count, 1);
+    EXPECT_EQ(fault, FaultTypes::sharpLaneChangingLeft);
 }
 
 }  // namespace

@@ -1,0 +1,204 @@
+#pragma once
+// The engine's state as plain values, each with its own rules: the penalty totals by kind, the
+// per-trip state, the odometer, the settings and bands, and the motion uploader. The engine owns
+// one of each behind its lock; tests build and compare them directly.
+
+#include <kestrelvue/Environment.h>
+#include <kestrelvue/FaultItem.h>
+#include <kestrelvue/MotionData.h>
+#include <kestrelvue/Threshold.h>
+#include <kestrelvue/Trip.h>
+#include <kestrelvue/platform/Location.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "engine/Detectors.h"
+
+namespace kestrelvue::detail {
+
+/// The kinds of risky driving that carry a count and penalties, in the order the score adds them
+/// up. (Fuel inefficiency has only a per-kilometre penalty and is kept beside them.)
+enum class EventKind : std::size_t { cornering, speeding, braking, elevating, laneChanging };
+inline constexpr std::size_t kEventKindCount = 5;
+inline constexpr std::array<EventKind, kEventKindCount> kEventKinds = {
+    EventKind::cornering, EventKind::speeding, EventKind::braking, EventKind::elevating,
+    EventKind::laneChanging};
+
+/// The kind a finding counts for; nullopt for `none`.
+std::optional<EventKind> kindOf(FaultTypes finding);
+
+struct KindTotals {
+    std::int64_t count = 0;
+    double penalty = 0;
+    double penaltyPerKM = 0;
+    bool operator==(const KindTotals&) const = default;
+};
+
+/// A trip's counts and penalties, each kind written once.
+struct PenaltyTotals {
+    std::array<KindTotals, kEventKindCount> kinds{};
+    double fuelEfficiencyPenaltyPerKM = 0;
+
+    KindTotals& operator[](EventKind kind) { return kinds[static_cast<std::size_t>(kind)]; }
+    const KindTotals& operator[](EventKind kind) const {
+        return kinds[static_cast<std::size_t>(kind)];
+    }
+    bool operator==(const PenaltyTotals&) const = default;
+};
+
+/// Divides the per-kilometre totals by the trip's kilometres when it is longer than 1000 m, then
+/// returns 100 minus all totals (each kind's penalty, then its per-km penalty, in kind order, then
+/// fuel), not below 0.
+double calculateScore(PenaltyTotals& totals, double totalTraveledDistance,
+                      double metresPerKilometre);
+
+/// The trip record's elapsed time: hours, minutes and seconds without padding, joined by ":"
+/// ("0:25:13"); "0:0:0" when unknown.
+std::string elapsedClockText(const std::optional<platform::DateComponents>& elapsed);
+
+/// Position, speed and distance, moved on by the fixes the engine accepts.
+struct Odometer {
+    /// The fix the engine stands on (a placeholder at latitude 0 until the trip's first one).
+    std::optional<platform::Location> currentLocation;
+    std::optional<platform::DateComponents> timeElapsedSinceLastLocation;
+    double hoursElapsedSinceLastLocation = 0;
+    double currentSpeed = 0;  // km/h
+    double previousSpeed = 0;
+    double totalTraveledDistance = 0;  // m
+    double traveledDistanceSinceLastLocation = 0;
+
+    /// Of a batch of fixes, the most accurate one that is accurate enough (< distanceFilter), on
+    /// the earth, newer than the current fix (or as old and more accurate) and not older than a
+    /// second; null when none is.
+    const platform::Location* select(const std::vector<platform::Location>& fixes,
+                                     platform::TimePoint now, double distanceFilter) const;
+    /// Stands on `fix`, measuring the way from the current fix first.
+    void moveTo(std::optional<platform::Location> fix, double distanceFilterForSpeed);
+    /// Distance and speed from `from` to `to`, when both are accurate enough for speed and the
+    /// start is a real position; speed capped at 300 km/h.
+    void measure(const platform::Location& from, const platform::Location& to,
+                 double distanceFilterForSpeed);
+    /// Stores the leg, then adds it to the total.
+    void addLeg(double metres);
+    /// Keeps the old speed as the previous one, then stores the new one.
+    void setSpeed(double kmh);
+
+    bool operator==(const Odometer&) const = default;
+};
+
+/// Everything that belongs to one trip.
+struct TripState {
+    std::string drivingID;
+    std::optional<platform::TimePoint> startDateTime;
+    std::optional<platform::TimePoint> endDateTime;
+    std::optional<platform::Location> startLocation;
+    std::optional<platform::Location> endLocation;
+    std::string startLocationStr;
+    std::string endLocationStr;
+    platform::MapPinRef startAnnotation, endAnnotation;
+    std::vector<platform::Coordinate> passedCoordinates;
+    std::optional<platform::DateComponents> timeElapsedSinceStart;
+    double hoursElapsedSinceStart = 0;
+    Odometer odometer;
+    PenaltyTotals totals;
+    double score = 0;
+    std::optional<double> temperature;
+
+    /// A trip starting at `now`: fresh identity and pins, empty places, a placeholder fix 1 km
+    /// inaccurate, nothing charged.
+    static TripState starting(std::string drivingID, platform::TimePoint now);
+
+    /// The record the host and the service see, made at `now` for `userID`.
+    std::shared_ptr<Trip> record(const Environment& environment, std::int64_t userID,
+                                 platform::TimePoint now) const;
+};
+
+/// The scalar settings and the penalty bands the service sends.
+struct Settings {
+    double tolerance = 0.1;
+    double updateInterval = 0.5;  // seconds between motion samples
+    std::array<ThresholdList, kEventKindCount> levels;
+    ThresholdList fuelEfficiencyLevel;
+    std::int64_t sharpLaneChangingDuration1 = 3;
+    std::int64_t sharpLaneChangingDuration2 = 10;
+    std::int64_t sharpLaneChangingDuration3 = 4;
+    std::int64_t sharpLaneChangingDuration4 = 15;
+    double distanceFilter = 50.0;          // m: fixes less accurate than this are ignored
+    double distanceFilterForSpeed = 30.0;  // m: ... and not used for speed
+
+    ThresholdList& level(EventKind kind) { return levels[static_cast<std::size_t>(kind)]; }
+    const ThresholdList& level(EventKind kind) const {
+        return levels[static_cast<std::size_t>(kind)];
+    }
+    LaneChangeSettings laneChange() const {
+        return {sharpLaneChangingDuration1, sharpLaneChangingDuration2, sharpLaneChangingDuration3,
+                sharpLaneChangingDuration4, updateInterval};
+    }
+
+    /// A threshold reply, checked: what it sets, in reply order.
+    struct Reply {
+        enum class Target {
+            updateInterval,
+            distanceFilter,
+            duration1,
+            duration2,
+            duration3,
+            duration4,
+            band,
+            fuel,
+        };
+        struct Element {
+            Target target;
+            EventKind kind;  // for bands
+            double limitStart, limitEnd, impact;
+            bool perKilometer;
+        };
+        std::vector<Element> elements;
+
+        /// Nullopt when the reply is malformed: not a "Data" list of objects, or an element the
+        /// engine knows with a missing or wrong member. Unnamed and unknown elements are ignored.
+        static std::optional<Reply> read(const UserInfo& userInfo);
+    };
+    /// Applies a checked reply whole: scalars replaced, bands appended.
+    void apply(const Reply& reply);
+};
+
+/// Where the trip stands when an upload's outcome arrives.
+struct UploadPhase {
+    bool outbox = false;    // the durable outbox took the stopped trip whole
+    bool driving = false;   // the trip is still being recorded
+    bool endKnown = false;  // the stopped trip's end address is known
+};
+
+/// The motion records waiting to go, the bulk on its way, and what to do when it is answered.
+struct MotionUploader {
+    MotionData buffer;
+    /// How many records the upload in flight carries: its confirmation removes exactly these.
+    std::optional<std::size_t> bulkInFlight;
+
+    /// After a record was added: whether a full bulk can go now (none on its way). Marks it
+    /// going when so.
+    bool startWhenFull(std::int64_t bulkSize);
+    /// Copies the next bulk (the oldest `bulkSize` records, all there are when fewer) into
+    /// `into` and marks it in flight; the records stay until confirmed.
+    void takeBulk(std::int64_t bulkSize, std::vector<MotionDataItem>& into);
+    /// Hands over what is not in flight (the outbox takes a stopped trip whole).
+    std::vector<MotionDataItem> takeAllButInFlight();
+
+    enum class AfterSuccess { nothing, sendNextBulk, completeTrip };
+    /// The bulk in flight was confirmed: its records leave the buffer.
+    AfterSuccess confirmed(const UploadPhase& phase);
+
+    enum class AfterFailure { nothing, retry, report, giveUp };
+    /// The bulk in flight failed. Its records stay, unless the outbox keeps them; a stopped
+    /// trip's bulk is tried again three times before the host is told.
+    AfterFailure failed(const UploadPhase& phase);
+};
+
+}  // namespace kestrelvue::detail
