@@ -101,26 +101,4 @@ private:
     std::atomic<std::uint64_t> generation_{0};  // bumped under mutex_ after each change
 };
 
-/// Whether anybody observes one name, recounted only when the centre's registrations changed,
-/// so a per-sample check costs one atomic read. One instance per name and caller; any thread.
-class KESTRELVUE_EXPORT ObservedName {
-public:
-    explicit ObservedName(std::string name) : name_(std::move(name)) {}
-    bool observed(const NotificationCenter& center) const {
-        const std::uint64_t generation = center.generation();
-        std::uint64_t cached = cache_.load(std::memory_order_relaxed);
-        if ((cached >> 1) != generation + 1) {
-            // Generation first, count second: a change in between only forces another recount.
-            cached = ((generation + 1) << 1) | (center.observerCount(name_) > 0 ? 1u : 0u);
-            cache_.store(cached, std::memory_order_relaxed);
-        }
-        return (cached & 1u) != 0;
-    }
-    const std::string& name() const { return name_; }
-
-private:
-    std::string name_;
-    mutable std::atomic<std::uint64_t> cache_{0};  // (generation + 1) << 1 | observed
-};
-
 }  // namespace kestrelvue

@@ -8,10 +8,16 @@
 
 #include <kestrelvue/DrivingInsight.h>
 
+#include "core/FrequentNotification.h"
 #include "core/ReplyGate.h"
 #include "engine/EngineState.h"
 
 namespace kestrelvue {
+
+/// The keys of "showMotionData", in ascending order.
+inline constexpr std::array<const char*, 10> kShowMotionDataKeys = {
+    "brakingRate", "calculatedSpeed", "corneringRate", "elevatingRate",         "locationSpeed",
+    "motionID",    "orientation",     "speedingRate",  "timeElapsedSinceStart", "totalDistance"};
 
 struct DrivingInsight::Impl {
     /// `sharedCall` is the process's gateway; null makes the engine its own over `environment`.
@@ -162,8 +168,9 @@ struct DrivingInsight::Impl {
     mutable std::mutex mutex_;
     const Environment& env_;
     NotificationCenter& center_;
-    /// Whether "showMotionData" has observers, cached per registration change.
-    ObservedName showMotionDataObserved_{"showMotionData"};
+    /// "showMotionData": whether anybody observes it, and its reused notification.
+    detail::FrequentNotification<kShowMotionDataKeys.size()> showMotionData_{"showMotionData",
+                                                                             kShowMotionDataKeys};
     RestfulCall* restfulCall_;
     /// The gateway of a detached engine (the shared engine uses RestfulCall::sharedInstance()).
     std::unique_ptr<RestfulCall> ownRestfulCall_;

@@ -12,8 +12,6 @@ namespace kestrelvue {
 
 namespace {
 
-const std::string kShowMotionData = "showMotionData";
-
 // What the host sees of a sample; captured under the lock, turned into a dictionary after it,
 // and only when somebody listens.
 struct ShowMotionData {
@@ -71,12 +69,8 @@ void charge(double amount, bool perKm, detail::KindTotals& total, SampleCharge& 
     }
 }
 
-// The ten entries in key order, so each insertion lands at the end of the map.
-constexpr const char* kShowMotionDataKeys[10] = {
-    "brakingRate", "calculatedSpeed", "corneringRate", "elevatingRate",         "locationSpeed",
-    "motionID",    "orientation",     "speedingRate",  "timeElapsedSinceStart", "totalDistance"};
-
-void fill(Value* const (&entries)[10], const ShowMotionData& show) {
+void fill(const std::array<Value*, kShowMotionDataKeys.size()>& entries,
+          const ShowMotionData& show) {
     *entries[0] = show.brakingRate;
     *entries[1] = show.calculatedSpeed;
     *entries[2] = show.corneringRate;
@@ -87,42 +81,6 @@ void fill(Value* const (&entries)[10], const ShowMotionData& show) {
     *entries[7] = show.speedingRate;
     *entries[8] = detail::elapsedWordsText(show.elapsed);
     *entries[9] = show.totalDistance;
-}
-
-// One notification per thread, built once and refilled for every sample: the dictionary's nodes
-// and keys are reused, so publishing a sample allocates nothing of its own. Handlers get it by
-// reference for the length of their call, as with any post.
-struct ShowMotionDataNotification {
-    Notification note;
-    Value* entries[10];
-    bool busy = false;
-
-    ShowMotionDataNotification() {
-        note.name = kShowMotionData;
-        note.userInfo.emplace();
-        for (std::size_t k = 0; k < 10; ++k)
-            entries[k] =
-                &note.userInfo->emplace_hint(note.userInfo->end(), kShowMotionDataKeys[k], Value())
-                     ->second;
-    }
-};
-
-void postShowMotionData(const void* engine, NotificationCenter& center,
-                        const ShowMotionData& show) {
-    thread_local ShowMotionDataNotification cached;
-    if (cached.busy) {
-        // A handler evaluated a sample from inside its own call: give it a fresh notification.
-        ShowMotionDataNotification fresh;
-        fresh.note.object = engine;
-        fill(fresh.entries, show);
-        center.post(fresh.note);
-        return;
-    }
-    cached.busy = true;
-    cached.note.object = engine;
-    fill(cached.entries, show);
-    center.post(cached.note);
-    cached.busy = false;
 }
 
 }  // namespace
@@ -141,7 +99,7 @@ void DrivingInsight::Impl::evaluateActionForDrivingScore(std::int64_t motionId,
                                                          const Vector3& userAcceleration,
                                                          const Vector3& gravity) {
     // Decide under the lock, report after it: observers and the upload may call back in.
-    const bool observed = showMotionDataObserved_.observed(center_);
+    const bool observed = showMotionData_.observed(center_);
     ShowMotionData show;  // filled only when observed
     std::optional<platform::Location> geocodeStart;
     bool startUpload = false;
@@ -240,7 +198,7 @@ void DrivingInsight::Impl::evaluateActionForDrivingScore(std::int64_t motionId,
 
     if (geocodeStart) geocodeStartAddress(*geocodeStart);
 
-    if (observed) postShowMotionData(&self_, center_, show);
+    if (observed) showMotionData_.post(center_, &self_, [&](const auto& e) { fill(e, show); });
 
     if (startUpload) {
         sendMotionDataToServer();

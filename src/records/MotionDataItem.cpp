@@ -108,19 +108,22 @@ const char* orientationText(int code) {
 
 namespace {
 
-char* f73(char* p, double v) {
+/// "%7.3f,": a motion quantity, an angle or a penalty.
+char* quantityField(char* p, double v) {
     p = detail::formatFixed(p, v, 7, 3, false);
     *p = ',';
     return p + 1;
 }
 
-char* f106(char* p, double v) {
+/// "%10.6f,": a coordinate or a speed to the micro-unit.
+char* preciseField(char* p, double v) {
     p = detail::formatFixed(p, v, 10, 6, false);
     *p = ',';
     return p + 1;
 }
 
-char* fBlank(char* p, double v, int width) {
+/// "% *.0f,": a whole number right-aligned in `width`, a space where a plus sign would be.
+char* wholeField(char* p, double v, int width) {
     p = detail::formatFixed(p, v, width, 0, true);
     *p = ',';
     return p + 1;
@@ -149,20 +152,20 @@ char* stamp(char* p, platform::TimePoint t) {
 
 char* MotionDataItem::writeTo(char* p) const {
     for (const Vector3* v : {&Acceleration, &Rotation, &Attitude, &Gravity}) {
-        p = f73(p, v->x);
-        p = f73(p, v->y);
-        p = f73(p, v->z);
+        p = quantityField(p, v->x);
+        p = quantityField(p, v->y);
+        p = quantityField(p, v->z);
     }
     p = character(p, Fault.sharpCornering);
     p = character(p, Fault.sharpSpeeding);
     p = character(p, Fault.sharpElevating);
     p = character(p, Fault.sharpLaneChanging);
-    p = f106(p, Location.coordinate.latitude);
-    p = f106(p, Location.coordinate.longitude);
+    p = preciseField(p, Location.coordinate.latitude);
+    p = preciseField(p, Location.coordinate.longitude);
     p = text(p, orientationText(OrientationGiven));
-    p = fBlank(p, Location.speed * _birSaatKacSaniye / _birKilometreKacMetre, 4);
+    p = wholeField(p, Location.speed * _birSaatKacSaniye / _birKilometreKacMetre, 4);
     p = stamp(p, Location.timestamp);
-    p = fBlank(p, CurrentSpeed, 4);
+    p = wholeField(p, CurrentSpeed, 4);
     p = detail::formatInteger(p, ItemId, 7);
     *p++ = ',';
     p = stamp(p, DateTime);
@@ -172,11 +175,11 @@ char* MotionDataItem::writeTo(char* p) const {
           Fault.sharpCorneringPenaltyPerKM, Fault.sharpSpeedingPenaltyPerKM,
           Fault.sharpBrakingPenaltyPerKM, Fault.sharpElevatingPenaltyPerKM,
           Fault.sharpLaneChangingPenaltyPerKM, Fault.fuelEfficiencyPenaltyPerKM}) {
-        p = f73(p, penalty);
+        p = quantityField(p, penalty);
     }
-    p = f73(p, Location.course);
-    p = fBlank(p, Location.horizontalAccuracy, 5);
-    p = f106(p, Location.speed);
+    p = quantityField(p, Location.course);
+    p = wholeField(p, Location.horizontalAccuracy, 5);
+    p = preciseField(p, Location.speed);
     return text(p, orientationText(Orientation));
 }
 
