@@ -82,7 +82,8 @@ class WireTap final : public platform::HttpClient {
 public:
     explicit WireTap(std::shared_ptr<platform::HttpClient> inner) : inner_(std::move(inner)) {}
 
-    void send(platform::HttpRequest request, platform::HttpCompletion completion) override {
+    platform::AsyncRequest send(platform::HttpRequest request,
+                                platform::HttpCompletion completion) override {
         std::string key;  // what a repeat of this upload has in common with it
         std::vector<std::int64_t> items;
         std::string guid;
@@ -105,29 +106,28 @@ public:
             for (std::int64_t item : items) records_.insert({guid, item});
         }
         const std::string url = request.url;
-        inner_->send(std::move(request),
-                     [this, url, guid, items = std::move(items),
-                      completion = std::move(completion)](platform::HttpResult result) mutable {
-                         const long status = result.response ? result.response->statusCode : 0;
-                         {
-                             std::lock_guard lock(mutex_);
-                             if (status == 200 && !items.empty()) {
-                                 ++bulks_;
-                                 for (std::int64_t item : items) confirmed_.insert({guid, item});
-                             }
-                             if (status != 200) {
-                                 problem_ =
-                                     url + ": " +
-                                     (result.error ? result.error->description + " (" +
-                                                         std::to_string(result.error->code) + ")"
-                                                   : "HTTP " + std::to_string(status));
-                             }
-                         }
-                         completion(std::move(result));
-                         std::lock_guard lock(mutex_);
-                         --inFlight_;
-                         idle_.notify_all();
-                     });
+        return inner_->send(std::move(request), [this, url, guid, items = std::move(items),
+                                                 completion = std::move(completion)](
+                                                    platform::HttpResult result) mutable {
+            const long status = result.response ? result.response->statusCode : 0;
+            {
+                std::lock_guard lock(mutex_);
+                if (status == 200 && !items.empty()) {
+                    ++bulks_;
+                    for (std::int64_t item : items) confirmed_.insert({guid, item});
+                }
+                if (status != 200) {
+                    problem_ = url + ": " +
+                               (result.error ? result.error->description + " (" +
+                                                   std::to_string(result.error->code) + ")"
+                                             : "HTTP " + std::to_string(status));
+                }
+            }
+            completion(std::move(result));
+            std::lock_guard lock(mutex_);
+            --inFlight_;
+            idle_.notify_all();
+        });
     }
 
     void setStart(std::int64_t unixMillis) { startMillis_ = unixMillis; }

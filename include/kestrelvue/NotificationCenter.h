@@ -10,12 +10,14 @@
 #include <kestrelvue/Value.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace kestrelvue {
@@ -29,7 +31,8 @@ struct KESTRELVUE_EXPORT Notification {
 
 class NotificationCenter;
 
-/// Removes its observer registration when destroyed. Move-only.
+/// Removes its observer registration when destroyed, with the guarantee removeObserver() gives.
+/// Move-only.
 class KESTRELVUE_EXPORT ObserverToken {
 public:
     ObserverToken() = default;
@@ -67,7 +70,11 @@ public:
     [[nodiscard]] ObserverToken addObserver(std::string name, Handler handler,
                                             const void* sender = nullptr);
 
-    /// Removes every registration of `observer`, or only those for `name` when given.
+    /// Removes every registration of `observer`, or only those for `name` when given. When it
+    /// returns, their handlers are not called again, and a call running on another thread has
+    /// returned, unless the removal is made from inside a handler of this centre (then it does not
+    /// wait, so that two handlers removing each other cannot deadlock). Do not remove while
+    /// holding a lock the handlers take.
     void removeObserver(const void* observer, std::optional<std::string> name = std::nullopt);
 
     void post(const std::string& name, const void* object = nullptr, UserInfo userInfo = {});
@@ -85,15 +92,22 @@ public:
 
 private:
     friend class ObserverToken;
+    /// One registration's state, guarded by mutex_.
+    struct Registration {
+        bool alive = true;
+        std::vector<std::thread::id> running;  // threads calling its handler now
+    };
     struct Entry {
         std::uint64_t id;
         const void* observer;
         std::string name;
         const void* sender;
         std::shared_ptr<const Handler> handler;
-        std::shared_ptr<bool> alive;  // guarded by mutex_
+        std::shared_ptr<Registration> registration;
     };
+    void removeWhere(const std::function<bool(const Entry&)>& match);
     void removeById(std::uint64_t id);
+    std::condition_variable idle_;  // a handler call ended
 
     mutable std::mutex mutex_;
     std::vector<Entry> entries_;

@@ -167,8 +167,6 @@ public:
     void leadershipGot(const Notification& notification);
 
 private:
-    struct HandlerGate;
-
     User(std::string firstName, std::string lastName, std::string email, GenderType gender,
          std::string referenceId, const Environment& environment, RestfulCall& restfulCall,
          bool handlesAnswers);
@@ -176,7 +174,7 @@ private:
 
     RestfulCall* restfulCall_;
     NotificationCenter* center_;
-    std::shared_ptr<HandlerGate> gate_;  // set only on a handling account
+    bool handlesAnswers_ = false;
 
     mutable std::mutex mutex_;
     std::int64_t id_ = 0;

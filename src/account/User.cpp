@@ -2,8 +2,6 @@
 #include <kestrelvue/RestfulCall.h>
 #include <kestrelvue/User.h>
 
-#include <condition_variable>
-
 #include "account/WireValues.h"
 
 namespace kestrelvue {
@@ -22,31 +20,6 @@ const std::string* errorText(const UserInfo& info) {
 }
 
 }  // namespace
-
-// Lets the destructor wait for handlers that the notification centre has already started on a
-// worker thread: the centre keeps each handler (and so this gate) alive while it runs.
-struct User::HandlerGate {
-    std::mutex mutex;
-    std::condition_variable idle;
-    int running = 0;
-    bool closed = false;
-
-    bool enter() {
-        std::lock_guard lock(mutex);
-        if (closed) return false;
-        ++running;
-        return true;
-    }
-    void leave() {
-        std::lock_guard lock(mutex);
-        if (--running == 0) idle.notify_all();
-    }
-    void close() {
-        std::unique_lock lock(mutex);
-        closed = true;
-        idle.wait(lock, [this] { return running == 0; });
-    }
-};
 
 User& User::sharedInstance() {
     // Never destroyed: answers may still arrive on worker threads while the process exits.
@@ -89,7 +62,7 @@ User::User(std::string firstName, std::string lastName, std::string email, Gende
 }
 
 void User::registerHandlers() {
-    gate_ = std::make_shared<HandlerGate>();
+    handlesAnswers_ = true;
     using Handler = void (User::*)(const Notification&);
     const std::pair<const std::string*, Handler> handlers[] = {
         {&loginObserverName, &User::userLogedIn},
@@ -100,19 +73,15 @@ void User::registerHandlers() {
     for (const auto& entry : handlers) {
         // Copied out of the pair: clang rejects capturing a structured binding.
         Handler method = entry.second;
-        center_->addObserver(this, *entry.first,
-                             [this, gate = gate_, method](const Notification& notification) {
-                                 if (!gate->enter()) return;
-                                 (this->*method)(notification);
-                                 gate->leave();
-                             });
+        center_->addObserver(this, *entry.first, [this, method](const Notification& notification) {
+            (this->*method)(notification);
+        });
     }
 }
 
 User::~User() {
-    if (!gate_) return;
-    center_->removeObserver(this);
-    gate_->close();
+    // Returns once no handler of this account runs on another thread.
+    if (handlesAnswers_) center_->removeObserver(this);
 }
 
 // ---- Fields -------------------------------------------------------------------------------

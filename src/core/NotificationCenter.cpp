@@ -40,12 +40,17 @@ std::shared_ptr<NotificationCenter> NotificationCenter::make() {
     return std::make_shared<NotificationCenter>();
 }
 
+namespace {
+// The centres whose handlers this thread is calling now, innermost last.
+thread_local std::vector<const NotificationCenter*> tDelivering;
+}  // namespace
+
 void NotificationCenter::addObserver(const void* observer, std::string name, Handler handler,
                                      const void* sender) {
     std::lock_guard lock(mutex_);
     entries_.push_back(Entry{nextId_++, observer, std::move(name), sender,
                              std::make_shared<const Handler>(std::move(handler)),
-                             std::make_shared<bool>(true)});
+                             std::make_shared<Registration>()});
     generation_.fetch_add(1, std::memory_order_release);
 }
 
@@ -57,30 +62,41 @@ ObserverToken NotificationCenter::addObserver(std::string name, Handler handler,
         id = nextId_++;
         entries_.push_back(Entry{id, nullptr, std::move(name), sender,
                                  std::make_shared<const Handler>(std::move(handler)),
-                                 std::make_shared<bool>(true)});
+                                 std::make_shared<Registration>()});
         generation_.fetch_add(1, std::memory_order_release);
     }
     return ObserverToken(weak_from_this(), id);
 }
 
 void NotificationCenter::removeObserver(const void* observer, std::optional<std::string> name) {
-    std::lock_guard lock(mutex_);
-    std::erase_if(entries_, [&](Entry& e) {
-        bool match = e.observer == observer && observer != nullptr && (!name || e.name == *name);
-        if (match) *e.alive = false;
-        return match;
-    });
-    generation_.fetch_add(1, std::memory_order_release);
+    if (observer == nullptr) return;
+    removeWhere(
+        [&](const Entry& e) { return e.observer == observer && (!name || e.name == *name); });
 }
 
 void NotificationCenter::removeById(std::uint64_t id) {
-    std::lock_guard lock(mutex_);
-    std::erase_if(entries_, [&](Entry& e) {
-        if (e.id != id) return false;
-        *e.alive = false;
+    removeWhere([&](const Entry& e) { return e.id == id; });
+}
+
+void NotificationCenter::removeWhere(const std::function<bool(const Entry&)>& match) {
+    std::unique_lock lock(mutex_);
+    std::vector<std::shared_ptr<Registration>> removed;
+    std::erase_if(entries_, [&](const Entry& e) {
+        if (!match(e)) return false;
+        e.registration->alive = false;
+        removed.push_back(e.registration);
         return true;
     });
     generation_.fetch_add(1, std::memory_order_release);
+    if (std::find(tDelivering.begin(), tDelivering.end(), this) != tDelivering.end()) return;
+    // Wait for calls of the removed handlers that other threads are making now.
+    const auto self = std::this_thread::get_id();
+    idle_.wait(lock, [&] {
+        for (const auto& r : removed)
+            for (const auto& id : r->running)
+                if (id != self) return false;
+        return true;
+    });
 }
 
 void NotificationCenter::post(const std::string& name, const void* object, UserInfo userInfo) {
@@ -90,7 +106,7 @@ void NotificationCenter::post(const std::string& name, const void* object, UserI
 void NotificationCenter::post(const Notification& notification) {
     struct Target {
         std::shared_ptr<const Handler> handler;
-        std::shared_ptr<bool> alive;
+        std::shared_ptr<Registration> registration;
     };
     std::vector<Target> targets;
     {
@@ -98,18 +114,27 @@ void NotificationCenter::post(const Notification& notification) {
         for (const Entry& e : entries_) {
             if (e.name == notification.name &&
                 (e.sender == nullptr || e.sender == notification.object)) {
-                targets.push_back({e.handler, e.alive});
+                targets.push_back({e.handler, e.registration});
             }
         }
     }
+    if (targets.empty()) return;
+    const auto self = std::this_thread::get_id();
+    tDelivering.push_back(this);
     for (const Target& t : targets) {
         {
             // Skip observers removed by an earlier handler of this same post.
             std::lock_guard lock(mutex_);
-            if (!*t.alive) continue;
+            if (!t.registration->alive) continue;
+            t.registration->running.push_back(self);
         }
         (*t.handler)(notification);
+        std::lock_guard lock(mutex_);
+        auto& running = t.registration->running;
+        running.erase(std::find(running.begin(), running.end(), self));
+        idle_.notify_all();
     }
+    tDelivering.pop_back();
 }
 
 std::size_t NotificationCenter::observerCount(const std::string& name) const {

@@ -123,14 +123,14 @@ DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
 
 DrivingInsight::Impl::~Impl() {
     detail::unregisterTripReporter(env_, this);
-    *alive_ = false;
     center_.removeObserver(this);
     std::shared_ptr<platform::MotionManager> motion;
     {
         std::lock_guard lock(mutex_);
         motion = motionManager_;
     }
-    // The sensor's handler refers to this engine; make sure it cannot run after us.
+    // The session's handle (a member) keeps samples from reaching the engine once it ends; the
+    // sensor is stopped as well, as it would be at the end of a trip.
     if (motion && motion->isDeviceMotionActive()) motion->stopDeviceMotionUpdates();
 }
 

@@ -9,7 +9,6 @@
 #include <kestrelvue/DrivingInsight.h>
 
 #include "core/FrequentNotification.h"
-#include "core/ReplyGate.h"
 #include "engine/EngineState.h"
 
 namespace kestrelvue {
@@ -174,9 +173,6 @@ struct DrivingInsight::Impl {
     RestfulCall* restfulCall_;
     /// The gateway of a detached engine (the shared engine uses RestfulCall::sharedInstance()).
     std::unique_ptr<RestfulCall> ownRestfulCall_;
-    /// Callbacks queued on the main queue or held by the sensors check it before touching the
-    /// engine, which may have been destroyed meanwhile (detached engines).
-    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 
     std::int64_t bulkMotionDataSize_ = 1000;
     std::shared_ptr<platform::MotionManager> motionManager_;
@@ -208,9 +204,14 @@ struct DrivingInsight::Impl {
     void reportHistoryFailure(std::int64_t code, const std::string& title,
                               const std::string& message);
     void summaryDataReady(const Notification& notification);
-    /// Last member, so it closes first: the history completion and the summary handler reach
-    /// the engine only through it, and the engine's end waits for one that is running.
-    ReplyGate replyGate_;
+    /// Keeps a geocoder lookup until it is answered or the engine ends.
+    void keepLookup(platform::AsyncRequest lookup);
+
+    // Work whose completion reaches this engine. Last, so that they end first: once they are
+    // gone no completion can run, and one that was running has returned.
+    std::vector<platform::AsyncRequest> historyRequests_;  // guarded by mutex_
+    std::vector<platform::AsyncRequest> lookups_;          // guarded by mutex_
+    platform::AsyncRequest motionSession_;                 // the host's thread only
 };
 
 }  // namespace kestrelvue

@@ -30,9 +30,13 @@ void DrivingInsight::Impl::getTripHistory() {
         std::lock_guard lock(mutex_);
         tripHistory.clear();
     }
-    env_.http->send(std::move(request), [this, key = replyGate_.key()](platform::HttpResult r) {
-        if (auto pass = key.enter()) historyReplyArrived(std::move(r));
-    });
+    platform::AsyncRequest pending = env_.http->send(
+        std::move(request), [this](platform::HttpResult r) { historyReplyArrived(std::move(r)); });
+    // Kept until the engine ends (answered ones are let go as new ones start): overlapping
+    // requests each deliver their reply.
+    std::lock_guard lock(mutex_);
+    std::erase_if(historyRequests_, [](const platform::AsyncRequest& r) { return r.finished(); });
+    historyRequests_.push_back(std::move(pending));
 }
 
 void DrivingInsight::Impl::historyReplyArrived(platform::HttpResult result) {

@@ -80,12 +80,12 @@ bool DrivingInsight::Impl::startTrip() {
         std::lock_guard lock(mutex_);
         isDriving = true;
     }
-    std::weak_ptr<bool> alive = alive_;
-    motion->startDeviceMotionUpdates(
+    // The session's handle ends with the engine: no sample reaches it afterwards.
+    motionSession_ = motion->startDeviceMotionUpdates(
         platform::AttitudeReferenceFrame::xArbitraryZVertical, env_.mainQueue,
-        [this, alive, counter](const std::optional<platform::DeviceMotion>& sample,
-                               const std::optional<platform::MotionError>&) {
-            if (alive.lock()) handleMotionSample(counter, sample);
+        [this, counter](const std::optional<platform::DeviceMotion>& sample,
+                        const std::optional<platform::MotionError>&) {
+            handleMotionSample(counter, sample);
         });
     return true;
 }
@@ -160,11 +160,9 @@ void DrivingInsight::Impl::stopTrip() {
             center_.post("tripStoppedEndAnnotationSetted", &self_);
             return;
         }
-        std::weak_ptr<bool> alive = alive_;
-        env_.geocoder->reverseGeocodeLocation(
-            *end, [this, alive](const std::optional<std::vector<platform::Placemark>>& placemarks,
-                                const std::optional<platform::GeocodeError>& error) {
-                if (!alive.lock()) return;
+        keepLookup(env_.geocoder->reverseGeocodeLocation(
+            *end, [this](const std::optional<std::vector<platform::Placemark>>& placemarks,
+                         const std::optional<platform::GeocodeError>& error) {
                 {
                     std::lock_guard lock(mutex_);
                     if (error)
@@ -177,7 +175,7 @@ void DrivingInsight::Impl::stopTrip() {
                         trip.endLocationStr = "???";
                 }
                 center_.post("tripStoppedEndAnnotationSetted", &self_);
-            });
+            }));
         return;
     }
     if (!startKnown) {
@@ -198,17 +196,22 @@ void DrivingInsight::Impl::geocodeStartAddress(const platform::Location& locatio
         setStartLocationStr("???");
         return;
     }
-    std::weak_ptr<bool> alive = alive_;
-    env_.geocoder->reverseGeocodeLocation(
-        location, [this, alive](const std::optional<std::vector<platform::Placemark>>& placemarks,
-                                const std::optional<platform::GeocodeError>& error) {
-            if (!alive.lock()) return;
+    keepLookup(env_.geocoder->reverseGeocodeLocation(
+        location, [this](const std::optional<std::vector<platform::Placemark>>& placemarks,
+                         const std::optional<platform::GeocodeError>& error) {
             std::lock_guard lock(mutex_);
             if (error)
                 trip.startLocationStr = "???";
             else if (placemarks && !placemarks->empty())
                 trip.startLocationStr = formatAddressFromPlacemark(placemarks->front());
-        });
+        }));
+}
+
+void DrivingInsight::Impl::keepLookup(platform::AsyncRequest lookup) {
+    // Answered lookups are let go as new ones start; the rest end with the engine.
+    std::lock_guard lock(mutex_);
+    std::erase_if(lookups_, [](const platform::AsyncRequest& r) { return r.finished(); });
+    lookups_.push_back(std::move(lookup));
 }
 
 void DrivingInsight::Impl::requestWeather() {

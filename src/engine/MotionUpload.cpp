@@ -84,22 +84,21 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
     request.setValue("application/json", "Accept");
     request.body = std::move(*body);
 
-    // The reply may outlive a detached engine: it posts through the centre (which drops it once
-    // the engine has removed its observers) and never touches the engine itself.
-    std::shared_ptr<NotificationCenter> center = center_.weak_from_this().lock();
-    NotificationCenter* centerPtr = center ? center.get() : &center_;
-    const void* sender = &self_;
-    auto completion = [center, centerPtr, sender](platform::HttpResult result) {
+    // The bulk is sent whatever becomes of this engine, so its reply never touches the engine:
+    // it holds the centre and posts the outcome there, where the engine's observers (gone with
+    // the engine) hear it.
+    auto completion = [center = center_.shared_from_this(),
+                       sender = static_cast<const void*>(&self_)](platform::HttpResult result) {
         if (!result.response) {
-            centerPtr->post(kMotionDataSyncFailed, sender,
-                            errorInfo("Error Code:1007 Bad HTTPURLResponse - " +
-                                      detail::describeOptionalError(result.error)));
+            center->post(kMotionDataSyncFailed, sender,
+                         errorInfo("Error Code:1007 Bad HTTPURLResponse - " +
+                                   detail::describeOptionalError(result.error)));
         } else if (result.response->statusCode == 200) {
-            centerPtr->post(kMotionDataSynced, sender);
+            center->post(kMotionDataSynced, sender);
         } else {
-            centerPtr->post(kMotionDataSyncFailed, sender,
-                            errorInfo("Error Code:1006 Response Code:" +
-                                      std::to_string(result.response->statusCode)));
+            center->post(kMotionDataSyncFailed, sender,
+                         errorInfo("Error Code:1006 Response Code:" +
+                                   std::to_string(result.response->statusCode)));
         }
     };
     if (outbox_) {
@@ -118,7 +117,7 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
         completion(platform::HttpResult{});
         return;
     }
-    env_.http->send(std::move(request), std::move(completion));
+    env_.http->send(std::move(request), std::move(completion)).detach();
 }
 
 void DrivingInsight::Impl::handOverStoppedTrip() {

@@ -15,9 +15,7 @@ void DrivingInsight::Impl::getSummaryData(std::int64_t for_) {
     // One registration per request; the first reply handled ends them all, so overlapping
     // requests share one answer and later replies reach nobody.
     center_.addObserver(this, kSummaryReplyName,
-                        [this, key = replyGate_.key()](const Notification& n) {
-                            if (auto pass = key.enter()) summaryDataReady(n);
-                        });
+                        [this](const Notification& n) { summaryDataReady(n); });
     restfulCall_->Get(getSummaryURL + "/" + std::to_string(for_), kSummaryReplyName);
 }
 

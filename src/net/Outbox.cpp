@@ -160,8 +160,9 @@ void Outbox::attempt(Pending& p) {
     request.setValue("application/json", "Accept");
     request.body = p.entry.body;
     auto state = std::make_shared<Try>();
+    platform::AsyncRequest pending;  // ends with this try, however it ends
     if (env_.http) {
-        env_.http->send(std::move(request), [state](platform::HttpResult r) {
+        pending = env_.http->send(std::move(request), [state](platform::HttpResult r) {
             std::lock_guard lock(state->mutex);
             state->result = std::move(r);
             state->cv.notify_all();

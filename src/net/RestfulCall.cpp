@@ -47,13 +47,17 @@ void RestfulCall::Get(const std::string& argURL, const std::string& argObserverN
     request.method = "GET";
     request.url = argURL;
     request.maxBodyBytes = kMaxCallReplyBytes;
-    // The completion holds the centre, not this object: a reply may outlive its gateway.
-    http_->send(std::move(request), [center = notifications_, name = argObserverName,
-                                     argAsArray](const platform::HttpResult& result) {
-        if (auto info = detail::shapeGetReply(result, argAsArray)) {
-            center->post(name, nullptr, std::move(*info));
-        }
-    });
+    // Every reply is posted, whatever becomes of this gateway: the completion holds the centre
+    // it posts to and nothing of this object.
+    http_
+        ->send(std::move(request),
+               [center = notifications_, name = argObserverName,
+                argAsArray](const platform::HttpResult& result) {
+                   if (auto info = detail::shapeGetReply(result, argAsArray)) {
+                       center->post(name, nullptr, std::move(*info));
+                   }
+               })
+        .detach();
 }
 
 void RestfulCall::Post(const std::string& to, const Object& jsondictionary,
@@ -81,11 +85,14 @@ void RestfulCall::Post(const std::string& to, const Object& jsondictionary,
     }
     request.body = std::move(body);
 
-    http_->send(std::move(request), [center = notifications_, name = observerName, useReturnValue,
-                                     returnType](const platform::HttpResult& result) {
-        UserInfo info = detail::shapePostReply(result, useReturnValue, returnType);
-        center->post(name, nullptr, std::move(info));
-    });
+    http_
+        ->send(std::move(request),
+               [center = notifications_, name = observerName, useReturnValue,
+                returnType](const platform::HttpResult& result) {
+                   UserInfo info = detail::shapePostReply(result, useReturnValue, returnType);
+                   center->post(name, nullptr, std::move(info));
+               })
+        .detach();
 }
 
 }  // namespace kestrelvue

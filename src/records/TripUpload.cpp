@@ -121,7 +121,8 @@ void Trip::saveToServer() {
         outbox->submit(std::move(entries), std::move(completion));
         return;
     }
-    env.http->send(std::move(request), std::move(completion));
+    // The record must reach the service even when nobody holds it any more.
+    env.http->send(std::move(request), std::move(completion)).detach();
 }
 
 }  // namespace kestrelvue

@@ -42,8 +42,10 @@ std::vector<platform::DeviceMotion> drive() {
 // Answers every upload with 200 at once.
 class InstantHttp final : public platform::HttpClient {
 public:
-    void send(platform::HttpRequest, platform::HttpCompletion completion) override {
+    platform::AsyncRequest send(platform::HttpRequest,
+                                platform::HttpCompletion completion) override {
         completion(test::ScriptedHttpClient::reply(200, ""));
+        return {};
     }
 };
 

@@ -16,7 +16,9 @@ using namespace kestrelvue;
 
 class NoHttp final : public platform::HttpClient {
 public:
-    void send(platform::HttpRequest, platform::HttpCompletion) override {}
+    platform::AsyncRequest send(platform::HttpRequest, platform::HttpCompletion) override {
+        return {};
+    }
 };
 
 struct CountingDelegate final : UserDelegate {

@@ -17,7 +17,9 @@ using namespace kestrelvue;
 // Requests go nowhere: the fuzzer posts the replies itself.
 class NoHttp final : public platform::HttpClient {
 public:
-    void send(platform::HttpRequest, platform::HttpCompletion) override {}
+    platform::AsyncRequest send(platform::HttpRequest, platform::HttpCompletion) override {
+        return {};
+    }
 };
 
 const Environment& environment() {

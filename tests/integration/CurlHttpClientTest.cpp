@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <kestrelvue/posix/CurlHttpClient.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -78,7 +79,7 @@ TEST(CurlHttpClient, ReportsStatusHeadersAndBodyOnAWorkerThread) {
     request.method = "PUT";
     request.body = "payload";
     request.setValue("text/plain", "Content-Type");
-    client.send(request, done.make());
+    client.send(request, done.make()).detach();
     ASSERT_TRUE(done.waitFor(1));
     HttpResult r = done.at(0);
     EXPECT_NE(done.threadOf(0), std::this_thread::get_id());
@@ -108,7 +109,7 @@ TEST(CurlHttpClient, TellsAnAbsentBodyFromAnEmptyOneAndFollowsRedirects) {
     Completions done;
     std::size_t sent = 0;
     for (const char* path : {"/empty", "/absent", "/text", "/start"}) {
-        client.send(get(server.url(path)), done.make());
+        client.send(get(server.url(path)), done.make()).detach();
         ASSERT_TRUE(done.waitFor(++sent)) << path;  // one at a time keeps the order
     }
     EXPECT_EQ(done.at(0).body, std::optional<std::string>(""));
@@ -154,7 +155,7 @@ TEST(CurlHttpClient, TransportFailuresCarryAnErrorAndNoResponse) {
     for (const Case& c : cases) {
         Completions done;
         auto start = std::chrono::steady_clock::now();
-        client.send(get(c.url, c.timeout, c.maxBody), done.make());
+        client.send(get(c.url, c.timeout, c.maxBody), done.make()).detach();
         ASSERT_TRUE(done.waitFor(1)) << c.url;
         HttpResult r = done.at(0);
         ASSERT_TRUE(r.error) << c.url;
@@ -177,10 +178,12 @@ TEST(CurlHttpClient, ManyRequestsInFlightAndSendFromACompletion) {
     Completions done;
     constexpr int kSlow = 12;
     auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < kSlow; ++i) client.send(get(server.url("/slow")), done.make());
+    for (int i = 0; i < kSlow; ++i) client.send(get(server.url("/slow")), done.make()).detach();
     // A completion may start the next request itself.
-    client.send(get(server.url("/fast")),
-                [&](HttpResult) { client.send(get(server.url("/fast")), done.make()); });
+    client
+        .send(get(server.url("/fast")),
+              [&](HttpResult) { client.send(get(server.url("/fast")), done.make()).detach(); })
+        .detach();
     ASSERT_TRUE(done.waitFor(kSlow + 1, 10s));
     // Twelve 300 ms replies in parallel, not one after another.
     EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
@@ -193,8 +196,8 @@ TEST(CurlHttpClient, DestructionCompletesUnfinishedRequestsAsCancelled) {
     Completions done;
     {
         posix::CurlHttpClient client;
-        client.send(get(server.url("/hang")), done.make());
-        client.send(get(server.url("/hang")), done.make());
+        client.send(get(server.url("/hang")), done.make()).detach();
+        client.send(get(server.url("/hang")), done.make()).detach();
         ASSERT_TRUE(server.waitForRequests(2));
     }
     ASSERT_EQ(done.count(), 2u) << "every completion ran before the destructor returned";
@@ -202,6 +205,22 @@ TEST(CurlHttpClient, DestructionCompletesUnfinishedRequestsAsCancelled) {
         ASSERT_TRUE(done.at(i).error);
         EXPECT_EQ(done.at(i).error->code, platform::kTransportCancelled);
     }
+}
+
+TEST(CurlHttpClient, ADroppedRequestNeverCompletes) {
+    TestServer server;
+    server.reply("/early", ScriptedReply::text("e").after(100ms));
+    server.reply("/late", ScriptedReply::text("l").after(400ms));
+    posix::CurlHttpClient client;
+    std::atomic<int> early{0};
+    {
+        auto dropped = client.send(get(server.url("/early")), [&](HttpResult) { ++early; });
+    }
+    Completions done;
+    client.send(get(server.url("/late")), done.make()).detach();
+    ASSERT_TRUE(done.waitFor(1));
+    ASSERT_TRUE(server.waitForRequests(2));
+    EXPECT_EQ(early.load(), 0) << "its reply came first, yet it reached nobody";
 }
 
 TEST(CurlHttpClient, TheLastOwnerMayLetGoInsideACompletion) {
@@ -212,12 +231,14 @@ TEST(CurlHttpClient, TheLastOwnerMayLetGoInsideACompletion) {
     std::condition_variable cv;
     bool finished = false;
     auto* raw = client.get();
-    raw->send(get(server.url("/r")), [&, keep = std::move(client)](HttpResult) mutable {
-        keep.reset();  // destroys the client on its own worker thread
-        std::lock_guard lock(m);
-        finished = true;
-        cv.notify_all();
-    });
+    raw->send(get(server.url("/r")),
+              [&, keep = std::move(client)](HttpResult) mutable {
+                  keep.reset();  // destroys the client on its own worker thread
+                  std::lock_guard lock(m);
+                  finished = true;
+                  cv.notify_all();
+              })
+        .detach();
     std::unique_lock lock(m);
     EXPECT_TRUE(cv.wait_for(lock, 5s, [&] { return finished; }));
 }

@@ -55,7 +55,7 @@ std::size_t keptRecords(const std::string& baseURL, const std::string& guid) {
     std::promise<std::size_t> kept;
     platform::HttpRequest request;
     request.url = baseURL + "/api/Driving/getPassedCoordinates/" + guid;
-    http.send(request, [&kept](platform::HttpResult r) {
+    auto pending = http.send(request, [&kept](platform::HttpResult r) {
         auto parsed = r.body ? json::parse(*r.body) : json::ParseResult{};
         kept.set_value(parsed && parsed.value->isList() ? parsed.value->asList()->size() : 0);
     });
@@ -105,8 +105,11 @@ public:
                std::shared_ptr<platform::Clock> clock)
         : inner_(std::move(inner)), rng_(seed), ledger_(ledger), clock_(std::move(clock)) {}
 
-    void send(platform::HttpRequest request, platform::HttpCompletion completion) override {
+    platform::AsyncRequest send(platform::HttpRequest request,
+                                platform::HttpCompletion completion) override {
         enum Fault { pass, status500, dropBefore, dropAfter, timeout, truncate };
+        auto [handle, guarded] = platform::AsyncRequest::guard(std::move(completion));
+        completion = std::move(guarded);
         Fault fault = pass;
         bool down = false;
         {
@@ -145,27 +148,31 @@ public:
             ++injected_;
             // Never on the caller's thread, as the client's contract says.
             later(std::move(completion), std::move(r));
-            return;
+            return std::move(handle);
         }
         auto copy = request;
-        inner_->send(
-            std::move(request), [this, fault, upload, copy = std::move(copy),
-                                 completion = std::move(completion)](platform::HttpResult r) {
-                const bool stored = upload && r.response && r.response->statusCode == 200;
-                if (stored) ledger_.note(copy);
-                if (fault == dropAfter || fault == timeout) {
-                    ++injected_;
-                    r = platform::HttpResult{};
-                    r.error = TransportError{platform::kTransportErrorDomain,
-                                             fault == timeout ? platform::kTransportTimedOut
-                                                              : platform::kTransportConnectionLost,
-                                             "fault layer"};
-                } else if (fault == truncate && r.body && !r.body->empty()) {
-                    ++injected_;
-                    r.body->resize(r.body->size() / 2);
-                }
-                completion(std::move(r));
-            });
+        inner_
+            ->send(std::move(request),
+                   [this, fault, upload, copy = std::move(copy),
+                    completion = std::move(completion)](platform::HttpResult r) {
+                       const bool stored = upload && r.response && r.response->statusCode == 200;
+                       if (stored) ledger_.note(copy);
+                       if (fault == dropAfter || fault == timeout) {
+                           ++injected_;
+                           r = platform::HttpResult{};
+                           r.error =
+                               TransportError{platform::kTransportErrorDomain,
+                                              fault == timeout ? platform::kTransportTimedOut
+                                                               : platform::kTransportConnectionLost,
+                                              "fault layer"};
+                       } else if (fault == truncate && r.body && !r.body->empty()) {
+                           ++injected_;
+                           r.body->resize(r.body->size() / 2);
+                       }
+                       completion(std::move(r));
+                   })
+            .detach();  // the guarded completion above is what the caller's handle ends
+        return std::move(handle);
     }
     int injected() const { return injected_.load(); }
 

@@ -2,10 +2,13 @@
 
 namespace kestrelvue::test {
 
-void ScriptedHttpClient::send(platform::HttpRequest request, platform::HttpCompletion completion) {
+platform::AsyncRequest ScriptedHttpClient::send(platform::HttpRequest request,
+                                                platform::HttpCompletion completion) {
+    auto [handle, guarded] = platform::AsyncRequest::guard(std::move(completion));
     std::lock_guard lock(mutex_);
     sent_.push_back(request);
-    pending_.emplace_back(std::move(request), std::move(completion));
+    pending_.emplace_back(std::move(request), std::move(guarded));
+    return std::move(handle);
 }
 
 void ScriptedHttpClient::setResponder(Responder responder) {

@@ -34,7 +34,8 @@ class ScriptedHttpClient final : public platform::HttpClient {
 public:
     using Responder = std::function<platform::HttpResult(const platform::HttpRequest&)>;
 
-    void send(platform::HttpRequest request, platform::HttpCompletion completion) override;
+    platform::AsyncRequest send(platform::HttpRequest request,
+                                platform::HttpCompletion completion) override;
 
     void setResponder(Responder responder);
     /// Answers pending requests, and those sent meanwhile, until none is left.

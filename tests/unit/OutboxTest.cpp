@@ -35,7 +35,8 @@ platform::OutboxEntry entry(platform::OutboxKind kind, std::int64_t records, std
 class StatusHttp final : public platform::HttpClient {
 public:
     explicit StatusHttp(std::shared_ptr<sim::VirtualClock> clock) : clock_(std::move(clock)) {}
-    void send(platform::HttpRequest, platform::HttpCompletion completion) override {
+    platform::AsyncRequest send(platform::HttpRequest,
+                                platform::HttpCompletion completion) override {
         long code = 0;
         {
             std::lock_guard lock(mutex);
@@ -46,6 +47,7 @@ public:
         r.response = platform::HttpResponse{code, {}};
         r.body = std::string();
         completion(std::move(r));
+        return {};
     }
     std::mutex mutex;
     long status = 500;

@@ -23,7 +23,10 @@ using test::RecordingUserDelegate;
 /// These tests post answers themselves; nothing is sent.
 class UnusedHttpClient : public platform::HttpClient {
 public:
-    void send(platform::HttpRequest, platform::HttpCompletion) override { ADD_FAILURE(); }
+    platform::AsyncRequest send(platform::HttpRequest, platform::HttpCompletion) override {
+        ADD_FAILURE();
+        return {};
+    }
 };
 
 class UserTest : public ::testing::Test {

@@ -2,6 +2,7 @@
 // The reverse-geocoding seam.
 
 #include <kestrelvue/Export.h>
+#include <kestrelvue/platform/AsyncRequest.h>
 #include <kestrelvue/platform/Location.h>
 
 #include <cstdint>
@@ -28,12 +29,15 @@ using GeocodeCompletion =
                        const std::optional<GeocodeError>& error)>;
 
 /// Threading contract: reverseGeocodeLocation() may be called from the host's thread and returns
-/// at once; the completion runs exactly once, later, on the host's main queue (never inside the
+/// at once; the completion runs at most once, later, on the host's main queue (never inside the
 /// call). Lookups are independent of each other.
+/// Lifetime: once the returned handle is destroyed or cancelled, the completion does not run (and
+/// one already running on another thread has returned); a detached lookup completes exactly once.
 class KESTRELVUE_EXPORT Geocoder {
 public:
     virtual ~Geocoder() = default;
-    virtual void reverseGeocodeLocation(const Location& location, GeocodeCompletion completion) = 0;
+    virtual AsyncRequest reverseGeocodeLocation(const Location& location,
+                                                GeocodeCompletion completion) = 0;
 };
 
 }  // namespace kestrelvue::platform

@@ -2,6 +2,7 @@
 // The HTTP seam. The core never sees the transport; Linux uses libcurl (posix::CurlHttpClient).
 
 #include <kestrelvue/Export.h>
+#include <kestrelvue/platform/AsyncRequest.h>
 #include <kestrelvue/platform/TransportError.h>
 
 #include <chrono>
@@ -68,12 +69,16 @@ enum TransportErrorCode : std::int64_t {
 };
 
 /// Threading contract: send() may be called from any thread and returns at once; the completion
-/// runs exactly once, later, on a worker thread of the client (never on the caller's thread and
+/// runs at most once, later, on a worker thread of the client (never on the caller's thread and
 /// never inside send()). Many requests may be in flight; their completions may run concurrently.
+/// Lifetime: the returned handle owns the completion. Once it is destroyed or cancelled, the
+/// completion does not run, and one running on another thread has returned (AsyncRequest::guard
+/// gives implementations exactly this). A request whose reply must be handled whatever happens to
+/// its sender is detached; its completion then runs exactly once.
 class KESTRELVUE_EXPORT HttpClient {
 public:
     virtual ~HttpClient() = default;
-    virtual void send(HttpRequest request, HttpCompletion completion) = 0;
+    virtual AsyncRequest send(HttpRequest request, HttpCompletion completion) = 0;
 };
 
 }  // namespace kestrelvue::platform

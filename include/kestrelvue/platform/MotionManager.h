@@ -2,6 +2,7 @@
 // The device-motion seam.
 
 #include <kestrelvue/Export.h>
+#include <kestrelvue/platform/AsyncRequest.h>
 #include <kestrelvue/platform/Executor.h>
 #include <kestrelvue/platform/Vector3.h>
 
@@ -43,6 +44,9 @@ using DeviceMotionHandler = std::function<void(const std::optional<DeviceMotion>
 /// the handler runs later, once per sample, as a task posted to `queue` (never inside a call of
 /// this interface). After stopDeviceMotionUpdates() returns, no further sample of that session
 /// reaches the handler, including samples already queued.
+/// Lifetime: the session returned by startDeviceMotionUpdates() owns the handler. Once it is
+/// destroyed or cancelled, the handler is not called again (and a call running on another thread
+/// has returned), whether or not the updates were stopped.
 class KESTRELVUE_EXPORT MotionManager {
 public:
     virtual ~MotionManager() = default;
@@ -58,9 +62,9 @@ public:
     virtual void setShowsDeviceMovementDisplay(bool value) = 0;
 
     /// Replaces any running session.
-    virtual void startDeviceMotionUpdates(AttitudeReferenceFrame frame,
-                                          std::shared_ptr<Executor> queue,
-                                          DeviceMotionHandler handler) = 0;
+    virtual AsyncRequest startDeviceMotionUpdates(AttitudeReferenceFrame frame,
+                                                  std::shared_ptr<Executor> queue,
+                                                  DeviceMotionHandler handler) = 0;
     virtual void stopDeviceMotionUpdates() = 0;
 };
 

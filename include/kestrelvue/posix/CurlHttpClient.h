@@ -40,7 +40,8 @@ public:
     CurlHttpClient(const CurlHttpClient&) = delete;
     CurlHttpClient& operator=(const CurlHttpClient&) = delete;
 
-    void send(platform::HttpRequest request, platform::HttpCompletion completion) override;
+    platform::AsyncRequest send(platform::HttpRequest request,
+                                platform::HttpCompletion completion) override;
 
 private:
     struct Impl;

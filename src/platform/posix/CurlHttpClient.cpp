@@ -421,8 +421,11 @@ CurlHttpClient::~CurlHttpClient() {
     impl_->shutdown();
 }
 
-void CurlHttpClient::send(platform::HttpRequest request, platform::HttpCompletion completion) {
-    impl_->send(std::move(request), std::move(completion));
+platform::AsyncRequest CurlHttpClient::send(platform::HttpRequest request,
+                                            platform::HttpCompletion completion) {
+    auto [handle, guarded] = platform::AsyncRequest::guard(std::move(completion));
+    impl_->send(std::move(request), std::move(guarded));
+    return std::move(handle);
 }
 
 }  // namespace kestrelvue::posix

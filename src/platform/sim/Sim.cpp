@@ -99,15 +99,17 @@ void MotionSource::setShowsDeviceMovementDisplay(bool value) {
     showsDisplay_ = value;
 }
 
-void MotionSource::startDeviceMotionUpdates(platform::AttitudeReferenceFrame frame,
-                                            std::shared_ptr<platform::Executor> queue,
-                                            platform::DeviceMotionHandler handler) {
+platform::AsyncRequest MotionSource::startDeviceMotionUpdates(
+    platform::AttitudeReferenceFrame frame, std::shared_ptr<platform::Executor> queue,
+    platform::DeviceMotionHandler handler) {
+    auto [session, guarded] = platform::AsyncRequest::guard(std::move(handler));
     std::lock_guard lock(mutex_);
     session_ = ++lastSession_;
     queue_ = std::move(queue);
-    handler_ = std::make_shared<platform::DeviceMotionHandler>(std::move(handler));
+    handler_ = std::make_shared<platform::DeviceMotionHandler>(std::move(guarded));
     frame_ = frame;
     ++starts_;
+    return std::move(session);
 }
 
 void MotionSource::stopDeviceMotionUpdates() {
@@ -259,8 +261,9 @@ int LocationManager::stopCount() const {
 Geocoder::Geocoder(std::shared_ptr<platform::Executor> mainQueue)
     : mainQueue_(std::move(mainQueue)) {}
 
-void Geocoder::reverseGeocodeLocation(const platform::Location& location,
-                                      platform::GeocodeCompletion completion) {
+platform::AsyncRequest Geocoder::reverseGeocodeLocation(const platform::Location& location,
+                                                        platform::GeocodeCompletion completion) {
+    auto [lookup, guarded] = platform::AsyncRequest::guard(std::move(completion));
     Answer answer;
     {
         std::lock_guard lock(mutex_);
@@ -275,9 +278,10 @@ void Geocoder::reverseGeocodeLocation(const platform::Location& location,
                                 platform::shortestDecimalText(location.coordinate.longitude)});
         }
     }
-    mainQueue_->post([completion = std::move(completion), answer = std::move(answer)] {
-        if (completion) completion(answer.placemarks, answer.error);
+    mainQueue_->post([completion = std::move(guarded), answer = std::move(answer)] {
+        completion(answer.placemarks, answer.error);
     });
+    return std::move(lookup);
 }
 
 void Geocoder::enqueueAnswer(Answer answer) {

@@ -80,9 +80,9 @@ public:
     void setDeviceMotionUpdateInterval(double seconds) override;
     bool showsDeviceMovementDisplay() const override;
     void setShowsDeviceMovementDisplay(bool value) override;
-    void startDeviceMotionUpdates(platform::AttitudeReferenceFrame frame,
-                                  std::shared_ptr<platform::Executor> queue,
-                                  platform::DeviceMotionHandler handler) override;
+    platform::AsyncRequest startDeviceMotionUpdates(platform::AttitudeReferenceFrame frame,
+                                                    std::shared_ptr<platform::Executor> queue,
+                                                    platform::DeviceMotionHandler handler) override;
     void stopDeviceMotionUpdates() override;
 
     void setDeviceMotionAvailable(bool value);
@@ -160,8 +160,8 @@ public:
 
     explicit Geocoder(std::shared_ptr<platform::Executor> mainQueue);
 
-    void reverseGeocodeLocation(const platform::Location& location,
-                                platform::GeocodeCompletion completion) override;
+    platform::AsyncRequest reverseGeocodeLocation(const platform::Location& location,
+                                                  platform::GeocodeCompletion completion) override;
 
     /// Answers used by the next lookups, first in first out.
     void enqueueAnswer(Answer answer);
