@@ -10,7 +10,6 @@
 
 #include "engine/EngineImpl.h"
 #include "net/Outbox.h"
-#include "platform/sim/Sim.h"
 #include "records/TripReporter.h"
 
 namespace kestrelvue {
@@ -95,12 +94,10 @@ DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
     deviceOrientation = 0;
     eventCount = 0;
 
-    // 4. The sensor managers; an environment without factories gets scriptable ones that never
-    // deliver anything unless driven.
+    // 4. The sensor managers the environment makes. Without one a trip cannot start: it reports
+    // device motion unsupported, or location services off.
     motionManager_ = env_.makeMotionManager ? env_.makeMotionManager() : nullptr;
-    if (!motionManager_) motionManager_ = std::make_shared<sim::MotionSource>();
     locationManager_ = env_.makeLocationManager ? env_.makeLocationManager() : nullptr;
-    if (!locationManager_) locationManager_ = std::make_shared<sim::LocationManager>();
 
     // 5. The five handlers, for any sender.
     center_.addObserver(this, "motionDataSynced",
