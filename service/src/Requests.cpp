@@ -73,8 +73,37 @@ std::string_view trimmed(std::string_view field) {
     return field;
 }
 
+/// A plain decimal ("-12.345", the motion text's every number) read as from_chars reads it, only
+/// faster: with at most 15 digits the digits are an exact integer and the power of ten is exact,
+/// so the one division rounds once, correctly. Anything else is left to from_chars.
+bool readPlainDecimal(std::string_view field, double& out) {
+    static constexpr double kPowersOfTen[16] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                                1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+    const bool negative = !field.empty() && field.front() == '-';
+    if (negative) field.remove_prefix(1);
+    std::uint64_t digitsValue = 0;
+    int digits = 0, decimals = -1;  // -1: no point yet
+    for (const char c : field) {
+        if (c >= '0' && c <= '9') {
+            if (++digits > 15) return false;
+            digitsValue = digitsValue * 10 + static_cast<std::uint64_t>(c - '0');
+            if (decimals >= 0) ++decimals;
+        } else if (c == '.' && decimals < 0 && digits > 0) {
+            decimals = 0;
+        } else {
+            return false;
+        }
+    }
+    if (digits == 0 || decimals == 0) return false;
+    const double value =
+        static_cast<double>(digitsValue) / kPowersOfTen[decimals < 0 ? 0 : decimals];
+    out = negative ? -value : value;
+    return true;
+}
+
 bool readReal(std::string_view field, double& out) {
     field = trimmed(field);
+    if (readPlainDecimal(field, out)) return true;
     auto [end, ec] = std::from_chars(field.data(), field.data() + field.size(), out);
     return ec == std::errc() && end == field.data() + field.size() && std::isfinite(out);
 }
