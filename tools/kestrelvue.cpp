@@ -167,6 +167,10 @@ int replay(const ReplayArgs& args) {
     } else {
         service::ServiceOptions serviceOptions;
         if (!args.db.empty()) serviceOptions.databasePath = args.db;
+        // Its only client is this replay, with a handful of requests open at once (a motion bulk,
+        // the weather, the trip, the outbox's one try); the default pool, sized for many phones,
+        // only costs threads to start, wake and stop.
+        serviceOptions.workerThreads = 8;
         embedded = std::make_unique<service::ReferenceService>(serviceOptions);
         if (!embedded->start()) {
             std::fprintf(stderr, "kestrelvue replay: %s\n", embedded->error().c_str());
