@@ -104,27 +104,33 @@ public:
         {
             std::lock_guard lock(mutex_);
             inFlight_ += motion ? 2 : 1;  // the reply, and the reading of a bulk
+            motionInFlight_ += motion;
             if (!key.empty() && !sent_.insert(key).second) ++retried_;
         }
         const std::string url = request.url;
-        inner_->send(std::move(request), [this, url, upload, completion = std::move(completion)](
-                                             platform::HttpResult result) mutable {
-            const long status = result.response ? result.response->statusCode : 0;
-            {
-                std::lock_guard lock(mutex_);
-                upload->answered = true;
-                upload->confirmed = status == 200;
-                if (upload->read) confirm(*upload);
-                if (status != 200) {
-                    problem_ = url + ": " +
-                               (result.error ? result.error->description + " (" +
-                                                   std::to_string(result.error->code) + ")"
-                                             : "HTTP " + std::to_string(status));
+        inner_->send(
+            std::move(request), [this, url, upload, motion, completion = std::move(completion)](
+                                    platform::HttpResult result) mutable {
+                const long status = result.response ? result.response->statusCode : 0;
+                {
+                    std::lock_guard lock(mutex_);
+                    upload->answered = true;
+                    upload->confirmed = status == 200;
+                    if (upload->read) confirm(*upload);
+                    if (status != 200) {
+                        problem_ = url + ": " +
+                                   (result.error ? result.error->description + " (" +
+                                                       std::to_string(result.error->code) + ")"
+                                                 : "HTTP " + std::to_string(status));
+                    }
                 }
-            }
-            completion(std::move(result));
-            done();
-        });
+                completion(std::move(result));
+                if (motion) {
+                    std::lock_guard lock(mutex_);
+                    --motionInFlight_;
+                }
+                done();
+            });
         if (!motion) return;
         if (auto bulk = service::parseMotionBulk(body)) {
             upload->guid = std::move(bulk.value->guid);
@@ -136,7 +142,10 @@ public:
             auto& sent = records_[upload->guid];
             for (const service::PointRow& p : bulk.value->points) {
                 // A repeat was counted when it was first sent.
-                if (sent.insert(p.itemId).second) noteCharges(p);
+                if (sent.insert(p.itemId).second) {
+                    ++recordsSent_;
+                    noteCharges(p);
+                }
             }
             upload->read = true;
             if (upload->answered) confirm(*upload);
@@ -149,6 +158,16 @@ public:
     bool waitIdle(steady_clock::time_point deadline) {
         std::unique_lock lock(mutex_);
         return idle_.wait_until(lock, deadline, [&] { return inFlight_ == 0; });
+    }
+    /// Holds the drive back, at most until `deadline`, while a motion bulk is on its way and
+    /// more than `ahead` of the `delivered` samples wait unsent behind it.
+    /// False when the deadline came first.
+    bool waitForUploads(std::size_t delivered, std::size_t ahead,
+                        steady_clock::time_point deadline) {
+        std::unique_lock lock(mutex_);
+        return idle_.wait_until(lock, deadline, [&] {
+            return motionInFlight_ == 0 || delivered <= recordsSent_ + ahead;
+        });
     }
     std::string problem() const {
         std::lock_guard lock(mutex_);
@@ -194,12 +213,14 @@ private:
     }
     void done() {
         std::lock_guard lock(mutex_);
-        if (--inFlight_ == 0) idle_.notify_all();
+        --inFlight_;
+        idle_.notify_all();
     }
 
     mutable std::mutex mutex_;
     std::condition_variable idle_;
-    int inFlight_ = 0;
+    int inFlight_ = 0, motionInFlight_ = 0;
+    std::size_t recordsSent_ = 0;
     std::unordered_set<std::string> sent_;
     ItemsByTrip records_, confirmed_;
     std::size_t bulks_ = 0, retried_ = 0;
@@ -417,6 +438,14 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
     const std::int64_t intervalNs =
         std::max<std::int64_t>(1'000'000, std::llround(result.interval * 1e9));
     const std::int64_t lastNs = drive.events.empty() ? 0 : drive.events.back().t;
+    // The engine sends a bulk at a time, the next when the last is answered, so playing the drive
+    // far ahead of the uploads only piles records up in its buffer (where each answered bulk is
+    // erased from the front), to be sent after the drive anyway: hold the drive back to two bulks
+    // ahead of what has gone out. A service that keeps up answers in milliseconds; one that takes
+    // seconds is not waited for again.
+    std::size_t pace =
+        static_cast<std::size_t>(std::max<std::int64_t>(engine->bulkMotionDataSize(), 0)) * 2;
+    const milliseconds paceWait = std::min<milliseconds>(options.serviceTimeout, seconds(2));
     ReplayProgress progress;
     progress.total = static_cast<std::size_t>(lastNs / intervalNs) + 1;
 
@@ -442,6 +471,9 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
             }
         }
         if (latest) {
+            if (pace > 0 &&
+                !tap->waitForUploads(result.samples, pace, steady_clock::now() + paceWait))
+                pace = 0;
             clock->setNow(start + duration_cast<system_clock::duration>(nanoseconds(tick)));
             phone.device->setOrientation(latest->orientation);
             motion->push(*latest->motion);
