@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <cstring>
 #include <memory>
 #include <mutex>
 
@@ -168,7 +167,8 @@ public:
     };
 
 private:
-    static constexpr std::size_t kKeepBytes = std::size_t{2} << 20, kKeepParsers = 4;
+    // A parser takes some 14 bytes per byte of text: two kept for bulks up to 1 MiB.
+    static constexpr std::size_t kKeepBytes = std::size_t{1} << 20, kKeepParsers = 2;
     static WarmParsers& pool() {
         static auto* parsers = new WarmParsers;  // never destroyed: any thread may still lend
         return *parsers;
@@ -220,7 +220,10 @@ Parsed<MotionBulk> parseMotionBulkAsValue(std::string_view body);
 Parsed<std::vector<PointRow>> parseMotionText(std::string_view text) {
     using Result = Parsed<std::vector<PointRow>>;
     std::vector<PointRow> points;
-    points.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), ';')));
+    // One allocation for a bulk; bounded by the shortest well-formed record (39 commas and a
+    // ';'), so that a text of bare ';' reserves no more than real records would.
+    points.reserve(std::min(static_cast<std::size_t>(std::count(text.begin(), text.end(), ';')),
+                            text.size() / (kFieldsPerRecord + 1)));
     std::string_view fields[kFieldsPerRecord];
     for (std::size_t number = 1; !text.empty(); ++number) {
         const std::size_t end = text.find(';');
