@@ -1,5 +1,7 @@
 #include "Drive.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -19,12 +21,15 @@ class Words {
 public:
     explicit Words(std::string_view text) : rest_(text) {}
 
+    // By hand: find_first_of and find_first_not_of search the set of separators once for every
+    // byte, which made them most of the time spent reading a drive.
     std::optional<std::string_view> next() {
-        const auto start = rest_.find_first_not_of(" \t\r");
-        if (start == std::string_view::npos) return std::nullopt;
-        rest_.remove_prefix(start);
-        const auto end = std::min(rest_.find_first_of(" \t\r"), rest_.size());
-        const std::string_view word = rest_.substr(0, end);
+        std::size_t start = 0;
+        while (start < rest_.size() && isSpace(rest_[start])) ++start;
+        if (start == rest_.size()) return std::nullopt;
+        std::size_t end = start;
+        while (end < rest_.size() && !isSpace(rest_[end])) ++end;
+        const std::string_view word = rest_.substr(start, end - start);
         rest_.remove_prefix(end);
         return word;
     }
@@ -45,8 +50,19 @@ public:
     }
 
 private:
+    static bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r'; }
     std::string_view rest_;
 };
+
+/// Asks for huge pages under a large buffer about to be filled: a long drive's events take tens of
+/// megabytes, and faulting them in 4 KiB at a time costs more than reading them.
+void preferHugePages(const void* data, std::size_t bytes) {
+    constexpr std::uintptr_t kHuge = std::uintptr_t{2} << 20;
+    const auto start = reinterpret_cast<std::uintptr_t>(data);
+    const std::uintptr_t begin = (start + kHuge - 1) & ~(kHuge - 1);
+    const std::uintptr_t end = (start + bytes) & ~(kHuge - 1);
+    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+}
 
 }  // namespace
 
@@ -62,6 +78,7 @@ DriveParseResult parseDrive(std::istream& in) {
         const auto size = static_cast<std::size_t>(in.tellg() - here);
         in.seekg(here);
         drive.events.reserve(std::min<std::size_t>(size / 70, std::size_t{1} << 24));
+        preferHugePages(drive.events.data(), drive.events.capacity() * sizeof(DriveEvent));
     }
     in.clear();
     std::string text;

@@ -9,7 +9,9 @@
 #include <cstdio>
 #include <ctime>
 #include <mutex>
-#include <set>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "Outbox.h"
 #include "Requests.h"
@@ -51,83 +53,106 @@ double kilometresBetween(double lat1, double lon1, double lat2, double lon2) {
     return std::hypot(x, lat2 - lat1) * 111.32;
 }
 
-/// "yyyy-MM-dd HH:mm:ss:SSS" in the local zone, as the records carry it, to Unix milliseconds.
-/// The zone is asked once an hour of records (mktime reads the zone's file at every call).
-std::optional<std::int64_t> recordMillis(const std::string& text) {
-    int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, ms = 0;
-    if (std::sscanf(text.c_str(), "%d-%d-%d %d:%d:%d:%d", &year, &month, &day, &hour, &minute,
-                    &second, &ms) != 7)
-        return std::nullopt;
-    thread_local std::string cachedHour;
+/// "yyyy-MM-dd HH:mm:ss:SSS" in the local zone, as the records carry it (the service's reader
+/// has checked the pattern), to Unix milliseconds. The zone is asked once an hour of records
+/// (mktime reads the zone's file at every call).
+std::optional<std::int64_t> recordMillis(std::string_view text) {
+    auto number = [&](std::size_t at, std::size_t digits) {
+        int value = 0;
+        for (std::size_t i = at; i < at + digits; ++i) value = value * 10 + (text[i] - '0');
+        return value;
+    };
+    if (text.size() != 23) return std::nullopt;
+    thread_local char cachedHour[13] = {};
     thread_local std::int64_t cachedHourMillis = 0;
-    const std::string hourKey = text.substr(0, 13);
-    if (hourKey != cachedHour) {
+    const std::string_view hourKey = text.substr(0, 13);
+    if (hourKey != std::string_view(cachedHour, sizeof cachedHour)) {
         std::tm tm{};
-        tm.tm_year = year - 1900;
-        tm.tm_mon = month - 1;
-        tm.tm_mday = day;
-        tm.tm_hour = hour;
+        tm.tm_year = number(0, 4) - 1900;
+        tm.tm_mon = number(5, 2) - 1;
+        tm.tm_mday = number(8, 2);
+        tm.tm_hour = number(11, 2);
         tm.tm_isdst = -1;
         const std::time_t seconds = std::mktime(&tm);
         if (seconds == -1) return std::nullopt;
-        cachedHour = hourKey;
+        hourKey.copy(cachedHour, sizeof cachedHour);
         cachedHourMillis = static_cast<std::int64_t>(seconds) * 1000;
     }
-    return cachedHourMillis + (minute * 60 + second) * 1000 + ms;
+    return cachedHourMillis + (number(14, 2) * 60 + number(17, 2)) * 1000 + number(20, 3);
 }
 
 /// The HTTP client the replay talks through: the real one, watched. It counts what the engine
 /// sends and what the service confirms, and reads the charges off the motion records.
+///
+/// A motion bulk is read after it has been handed on, while the service reads and stores it:
+/// the engine sends its next bulk only when this one is answered, so time spent here before
+/// handing it on would hold up every upload.
 class WireTap final : public platform::HttpClient {
 public:
     explicit WireTap(std::shared_ptr<platform::HttpClient> inner) : inner_(std::move(inner)) {}
 
     platform::AsyncRequest send(platform::HttpRequest request,
                                 platform::HttpCompletion completion) override {
+        const bool motion = request.body && request.url.find("/addMotionData") != std::string::npos;
         std::string key;  // what a repeat of this upload has in common with it
-        std::vector<std::int64_t> items;
-        std::string guid;
-        if (request.body && request.url.find("/addMotionData") != std::string::npos) {
-            if (auto bulk = service::parseMotionBulk(*request.body)) {
-                guid = bulk.value->guid;
-                for (const service::PointRow& p : bulk.value->points) {
-                    items.push_back(p.itemId);
-                    noteCharges(guid, p);
-                }
-                key = "motion " + guid + " " + (items.empty() ? "" : std::to_string(items[0]));
-            }
-        } else if (request.body && request.url.find("/addDrivingScore") != std::string::npos) {
+        if (request.body && request.url.find("/addDrivingScore") != std::string::npos)
             key = "trip " + *request.body;
-        }
+        // A copy to read: the request goes on first. Kept per thread, so that its memory is
+        // reused from bulk to bulk.
+        thread_local std::string body;
+        if (motion) body.assign(*request.body);
+        auto upload = std::make_shared<Upload>();
         {
             std::lock_guard lock(mutex_);
-            ++inFlight_;
+            inFlight_ += motion ? 2 : 1;  // the reply, and the reading of a bulk
+            motionInFlight_ += motion;
             if (!key.empty() && !sent_.insert(key).second) ++retried_;
-            for (std::int64_t item : items) records_.insert({guid, item});
         }
         const std::string url = request.url;
-        return inner_->send(std::move(request), [this, url, guid, items = std::move(items),
-                                                 completion = std::move(completion)](
-                                                    platform::HttpResult result) mutable {
-            const long status = result.response ? result.response->statusCode : 0;
-            {
-                std::lock_guard lock(mutex_);
-                if (status == 200 && !items.empty()) {
-                    ++bulks_;
-                    for (std::int64_t item : items) confirmed_.insert({guid, item});
+        platform::AsyncRequest pending = inner_->send(
+            std::move(request), [this, url, upload, motion, completion = std::move(completion)](
+                                    platform::HttpResult result) mutable {
+                const long status = result.response ? result.response->statusCode : 0;
+                {
+                    std::lock_guard lock(mutex_);
+                    upload->answered = true;
+                    upload->confirmed = status == 200;
+                    if (upload->read) confirm(*upload);
+                    if (status != 200) {
+                        problem_ = url + ": " +
+                                   (result.error ? result.error->description + " (" +
+                                                       std::to_string(result.error->code) + ")"
+                                                 : "HTTP " + std::to_string(status));
+                    }
                 }
-                if (status != 200) {
-                    problem_ = url + ": " +
-                               (result.error ? result.error->description + " (" +
-                                                   std::to_string(result.error->code) + ")"
-                                             : "HTTP " + std::to_string(status));
+                completion(std::move(result));
+                if (motion) {
+                    std::lock_guard lock(mutex_);
+                    --motionInFlight_;
+                }
+                done();
+            });
+        if (!motion) return pending;
+        if (auto bulk = service::parseMotionBulk(body)) {
+            upload->guid = std::move(bulk.value->guid);
+            for (const service::PointRow& p : bulk.value->points) upload->items.push_back(p.itemId);
+            std::lock_guard lock(mutex_);
+            key = "motion " + upload->guid + " " +
+                  (upload->items.empty() ? "" : std::to_string(upload->items[0]));
+            if (!sent_.insert(key).second) ++retried_;
+            auto& sent = records_[upload->guid];
+            for (const service::PointRow& p : bulk.value->points) {
+                // A repeat was counted when it was first sent.
+                if (sent.insert(p.itemId).second) {
+                    ++recordsSent_;
+                    noteCharges(p);
                 }
             }
-            completion(std::move(result));
-            std::lock_guard lock(mutex_);
-            --inFlight_;
-            idle_.notify_all();
-        });
+            upload->read = true;
+            if (upload->answered) confirm(*upload);
+        }
+        done();
+        return pending;
     }
 
     void setStart(std::int64_t unixMillis) { startMillis_ = unixMillis; }
@@ -136,14 +161,25 @@ public:
         std::unique_lock lock(mutex_);
         return idle_.wait_until(lock, deadline, [&] { return inFlight_ == 0; });
     }
+    /// Holds the drive back, at most until `deadline`, while a motion bulk is on its way and
+    /// more than `ahead` of the `delivered` samples wait unsent behind it.
+    /// False when the deadline came first.
+    bool waitForUploads(std::size_t delivered, std::size_t ahead,
+                        steady_clock::time_point deadline) {
+        std::unique_lock lock(mutex_);
+        return idle_.wait_until(lock, deadline, [&] {
+            return motionInFlight_ == 0 || delivered <= recordsSent_ + ahead;
+        });
+    }
     std::string problem() const {
         std::lock_guard lock(mutex_);
         return problem_;
     }
     void collect(ReplayResult& out) const {
         std::lock_guard lock(mutex_);
-        out.records = records_.size();
-        out.recordsConfirmed = confirmed_.size();
+        out.records = out.recordsConfirmed = 0;
+        for (const auto& [guid, items] : records_) out.records += items.size();
+        for (const auto& [guid, items] : confirmed_) out.recordsConfirmed += items.size();
         out.bulksUploaded = bulks_;
         out.uploadsRetried = retried_;
         out.detections = detections_;
@@ -152,10 +188,23 @@ public:
     }
 
 private:
-    void noteCharges(const std::string& guid, const service::PointRow& p) {
+    /// One motion bulk: what it carried, once read, and how the service answered.
+    struct Upload {
+        std::string guid;
+        std::vector<std::int64_t> items;
+        bool read = false, answered = false, confirmed = false;
+    };
+    using ItemsByTrip = std::unordered_map<std::string, std::unordered_set<std::int64_t>>;
+
+    // Both under the mutex.
+    void confirm(const Upload& upload) {
+        if (!upload.confirmed || upload.items.empty()) return;
+        ++bulks_;
+        confirmed_[upload.guid].insert(upload.items.begin(), upload.items.end());
+    }
+    void noteCharges(const service::PointRow& p) {
         const auto at = recordMillis(p.recordTime);
-        std::lock_guard lock(mutex_);
-        if (!at || records_.count({guid, p.itemId})) return;  // a repeat: already counted
+        if (!at) return;
         const double t = static_cast<double>(*at - startMillis_) / 1000.0;
         // The records' kinds run cornering, speeding, braking, elevating, lane changing.
         constexpr Kind kinds[5] = {Kind::cornering, Kind::acceleration, Kind::braking,
@@ -164,12 +213,18 @@ private:
             if (p.penalty[i] > 0 || p.penaltyPerKM[i] > 0) detections_.push_back({t, kinds[i]});
         if (p.fuelPerKM > 0) detections_.push_back({t, Kind::fuel});
     }
+    void done() {
+        std::lock_guard lock(mutex_);
+        --inFlight_;
+        idle_.notify_all();
+    }
 
     mutable std::mutex mutex_;
     std::condition_variable idle_;
-    int inFlight_ = 0;
-    std::set<std::string> sent_;
-    std::set<std::pair<std::string, std::int64_t>> records_, confirmed_;
+    int inFlight_ = 0, motionInFlight_ = 0;
+    std::size_t recordsSent_ = 0;
+    std::unordered_set<std::string> sent_;
+    ItemsByTrip records_, confirmed_;
     std::size_t bulks_ = 0, retried_ = 0;
     std::vector<Detection> detections_;
     std::string problem_;
@@ -385,6 +440,14 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
     const std::int64_t intervalNs =
         std::max<std::int64_t>(1'000'000, std::llround(result.interval * 1e9));
     const std::int64_t lastNs = drive.events.empty() ? 0 : drive.events.back().t;
+    // The engine sends a bulk at a time, the next when the last is answered, so playing the drive
+    // far ahead of the uploads only piles records up in its buffer (where each answered bulk is
+    // erased from the front), to be sent after the drive anyway: hold the drive back to two bulks
+    // ahead of what has gone out. A service that keeps up answers in milliseconds; one that takes
+    // seconds is not waited for again.
+    std::size_t pace =
+        static_cast<std::size_t>(std::max<std::int64_t>(engine->bulkMotionDataSize(), 0)) * 2;
+    const milliseconds paceWait = std::min<milliseconds>(options.serviceTimeout, seconds(2));
     ReplayProgress progress;
     progress.total = static_cast<std::size_t>(lastNs / intervalNs) + 1;
 
@@ -410,6 +473,9 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
             }
         }
         if (latest) {
+            if (pace > 0 &&
+                !tap->waitForUploads(result.samples, pace, steady_clock::now() + paceWait))
+                pace = 0;
             clock->setNow(start + duration_cast<system_clock::duration>(nanoseconds(tick)));
             phone.device->setOrientation(latest->orientation);
             motion->push(*latest->motion);

@@ -5,6 +5,7 @@
 // --server it starts the reference service in-process first (in memory unless --db is given).
 
 #include <kestrelvue/service/ReferenceService.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -118,7 +119,18 @@ struct ReplayArgs {
     bool json = false, verbose = false;
 };
 
+/// A replay hands motion bulks of a few hundred kilobytes between its threads many times a second.
+/// By default glibc gives each freed bulk back to the system, so that the next one faults fresh
+/// pages in, and gives each of the service's many threads an arena of its own, so that one
+/// thread's freed memory is seldom another's next bulk. Keep freed memory, in two arenas.
+void keepFreedMemory() {
+    mallopt(M_ARENA_MAX, 2);
+    mallopt(M_MMAP_THRESHOLD, 32 << 20);
+    mallopt(M_TRIM_THRESHOLD, 512 << 20);
+}
+
 int replay(const ReplayArgs& args) {
+    keepFreedMemory();
     std::ifstream file(args.drive);
     auto parsed = tools::parseDrive(file);
     if (!parsed.drive) {
@@ -155,6 +167,10 @@ int replay(const ReplayArgs& args) {
     } else {
         service::ServiceOptions serviceOptions;
         if (!args.db.empty()) serviceOptions.databasePath = args.db;
+        // Its only client is this replay, with a handful of requests open at once (a motion bulk,
+        // the weather, the trip, the outbox's one try); the default pool, sized for many phones,
+        // only costs threads to start, wake and stop.
+        serviceOptions.workerThreads = 8;
         embedded = std::make_unique<service::ReferenceService>(serviceOptions);
         if (!embedded->start()) {
             std::fprintf(stderr, "kestrelvue replay: %s\n", embedded->error().c_str());

@@ -112,6 +112,8 @@ bool PointRow::hasFault() const {
 }
 
 Storage::~Storage() {
+    sqlite3_finalize(insertOne_);
+    sqlite3_finalize(insertMany_);
     if (db_) sqlite3_close(db_);
 }
 
@@ -140,28 +142,73 @@ bool Storage::open(const std::string& path, std::string& error) {
     return exec(kAfterUpgrade, error);
 }
 
+namespace {
+
+constexpr int kPointColumns = 17;
+
+/// "INSERT OR IGNORE INTO points(...) VALUES (?, ...), ..." for `rows` rows.
+std::string insertPointsSql(std::size_t rows) {
+    std::string sql =
+        "INSERT OR IGNORE INTO points(guid, user_id, lat, lon, p0, p1, p2, p3, p4, k0, k1, k2, k3, "
+        "k4, fuel, item_id, record_time) VALUES ";
+    for (std::size_t r = 0; r < rows; ++r) {
+        sql += r ? ", (?" : "(?";
+        for (int c = 1; c < kPointColumns; ++c) sql += ", ?";
+        sql += ')';
+    }
+    return sql;
+}
+
+/// Binds one point's columns from `first` on. The texts outlive the statement's step.
+void bindPoint(sqlite3_stmt* stmt, int first, const std::string& guid, std::int64_t userID,
+               const PointRow& p) {
+    sqlite3_bind_text(stmt, first, guid.data(), static_cast<int>(guid.size()), SQLITE_STATIC);
+    sqlite3_bind_int64(stmt, first + 1, userID);
+    sqlite3_bind_double(stmt, first + 2, p.latitude);
+    sqlite3_bind_double(stmt, first + 3, p.longitude);
+    for (int i = 0; i < 5; ++i) {
+        sqlite3_bind_double(stmt, first + 4 + i, p.penalty[i]);
+        sqlite3_bind_double(stmt, first + 9 + i, p.penaltyPerKM[i]);
+    }
+    sqlite3_bind_double(stmt, first + 14, p.fuelPerKM);
+    sqlite3_bind_int64(stmt, first + 15, p.itemId);
+    sqlite3_bind_text(stmt, first + 16, p.recordTime.data(), static_cast<int>(p.recordTime.size()),
+                      SQLITE_STATIC);
+}
+
+}  // namespace
+
+sqlite3_stmt* Storage::prepared(std::size_t rows) {
+    sqlite3_stmt*& stmt = rows == 1 ? insertOne_ : insertMany_;
+    if (!stmt) sqlite3_prepare_v2(db_, insertPointsSql(rows).c_str(), -1, &stmt, nullptr);
+    return stmt;
+}
+
 std::optional<std::size_t> Storage::addPoints(const std::string& guid, std::int64_t userID,
                                               const std::vector<PointRow>& points) {
     std::lock_guard lock(mutex_);
     std::string error;
     if (!exec("BEGIN", error)) return std::nullopt;
-    Statement insert(
-        db_,
-        "INSERT OR IGNORE INTO points(guid, user_id, lat, lon, p0, p1, p2, p3, p4, k0, "
-        "k1, k2, k3, k4, fuel, item_id, record_time) VALUES (?, ?, ?, ?, ?, ?, ?, ?, "
-        "?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    // Many rows a statement: each statement of a table with AUTOINCREMENT reads and writes the
+    // table's sequence once, so one a row would cost that for every row. The rows still go in
+    // in order, each skipped or numbered as it would be alone.
     std::size_t stored = 0;
-    for (const PointRow& p : points) {
-        insert.bind(1, guid).bind(2, userID).bind(3, p.latitude).bind(4, p.longitude);
-        for (int i = 0; i < 5; ++i)
-            insert.bind(5 + i, p.penalty[i]).bind(10 + i, p.penaltyPerKM[i]);
-        insert.bind(15, p.fuelPerKM).bind(16, p.itemId).bind(17, p.recordTime);
-        if (!insert.run()) {
+    for (std::size_t at = 0; at < points.size();) {
+        const std::size_t rows = points.size() - at >= kRowsPerInsert ? kRowsPerInsert : 1;
+        sqlite3_stmt* insert = prepared(rows);
+        bool done = insert != nullptr;
+        for (std::size_t r = 0; done && r < rows; ++r) {
+            bindPoint(insert, static_cast<int>(r) * kPointColumns + 1, guid, userID,
+                      points[at + r]);
+        }
+        done = done && sqlite3_step(insert) == SQLITE_DONE;
+        if (insert) sqlite3_reset(insert);
+        if (!done) {
             exec("ROLLBACK", error);
             return std::nullopt;
         }
         stored += static_cast<std::size_t>(sqlite3_changes(db_));
-        insert.reset();
+        at += rows;
     }
     if (!exec("COMMIT", error)) {
         exec("ROLLBACK", error);

@@ -9,6 +9,7 @@
 #include <vector>
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace kestrelvue::service {
 
@@ -85,8 +86,12 @@ public:
 
 private:
     bool exec(const char* sql, std::string& error);
+    /// The insert of one point, or of kRowsPerInsert points, prepared once.
+    sqlite3_stmt* prepared(std::size_t rows);
+    static constexpr std::size_t kRowsPerInsert = 32;
     std::mutex mutex_;
     sqlite3* db_ = nullptr;
+    sqlite3_stmt *insertOne_ = nullptr, *insertMany_ = nullptr;
 };
 
 }  // namespace kestrelvue::service
