@@ -61,7 +61,10 @@ void preferHugePages(const void* data, std::size_t bytes) {
     const auto start = reinterpret_cast<std::uintptr_t>(data);
     const std::uintptr_t begin = (start + kHuge - 1) & ~(kHuge - 1);
     const std::uintptr_t end = (start + bytes) & ~(kHuge - 1);
-    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+    // The kernel takes the range as an address: no pointer can be formed from the rounding.
+    if (end > begin)
+        madvise(reinterpret_cast<void*>(begin),  // NOLINT(performance-no-int-to-ptr)
+                end - begin, MADV_HUGEPAGE);
 }
 
 }  // namespace

@@ -78,7 +78,8 @@ std::optional<std::int64_t> recordMillis(std::string_view text) {
         hourKey.copy(cachedHour, sizeof cachedHour);
         cachedHourMillis = static_cast<std::int64_t>(seconds) * 1000;
     }
-    return cachedHourMillis + (number(14, 2) * 60 + number(17, 2)) * 1000 + number(20, 3);
+    return cachedHourMillis + (std::int64_t{number(14, 2)} * 60 + number(17, 2)) * 1000 +
+           number(20, 3);
 }
 
 /// The HTTP client the replay talks through: the real one, watched. It counts what the engine

@@ -88,15 +88,15 @@ void NotificationCenter::removeWhere(const std::function<bool(const Entry&)>& ma
         return true;
     });
     generation_.fetch_add(1, std::memory_order_release);
+    // From inside a handler of this centre it does not wait: two handlers removing each other
+    // would wait for ever. That is also the only way the caller itself can be inside a handler.
     if (std::find(tDelivering.begin(), tDelivering.end(), this) != tDelivering.end()) return;
-    // Wait for calls of the removed handlers that other threads are making now.
-    const auto self = std::this_thread::get_id();
+    waiting_.fetch_add(1);
     idle_.wait(lock, [&] {
-        for (const auto& r : removed)
-            for (const auto& id : r->running)
-                if (id != self) return false;
-        return true;
+        return std::all_of(removed.begin(), removed.end(),
+                           [](const auto& r) { return r->running.load() == 0; });
     });
+    waiting_.fetch_sub(1);
 }
 
 void NotificationCenter::post(const std::string& name, const void* object, UserInfo userInfo) {
@@ -119,20 +119,21 @@ void NotificationCenter::post(const Notification& notification) {
         }
     }
     if (targets.empty()) return;
-    const auto self = std::this_thread::get_id();
     tDelivering.push_back(this);
     for (const Target& t : targets) {
         {
             // Skip observers removed by an earlier handler of this same post.
             std::lock_guard lock(mutex_);
             if (!t.registration->alive) continue;
-            t.registration->running.push_back(self);
+            t.registration->running.fetch_add(1);
         }
         (*t.handler)(notification);
-        std::lock_guard lock(mutex_);
-        auto& running = t.registration->running;
-        running.erase(std::find(running.begin(), running.end(), self));
-        idle_.notify_all();
+        // Only a removal that waits needs to hear of it (the lock closes the gap between its
+        // check and its wait).
+        if (t.registration->running.fetch_sub(1) == 1 && waiting_.load() > 0) {
+            std::lock_guard lock(mutex_);
+            idle_.notify_all();
+        }
     }
     tDelivering.pop_back();
 }

@@ -261,7 +261,7 @@ void DrivingInsight::Impl::setSummaryDataRecord(const kestrelvue::SummaryData& v
 
 void DrivingInsight::Impl::setCurrentLocation(std::optional<platform::Location> value) {
     std::lock_guard lock(mutex_);
-    trip.odometer.moveTo(std::move(value), settings.distanceFilterForSpeed);
+    trip.odometer.moveTo(value, settings.distanceFilterForSpeed);
 }
 
 void DrivingInsight::Impl::setTraveledDistanceSinceLastLocation(double value) {
@@ -400,7 +400,7 @@ std::optional<platform::TimePoint> DrivingInsight::StartDateTime() const {
 }
 
 void DrivingInsight::setStartDateTime(std::optional<platform::TimePoint> value) {
-    impl_->setStartDateTime(std::move(value));
+    impl_->setStartDateTime(value);
 }
 
 std::optional<platform::TimePoint> DrivingInsight::EndDateTime() const {
@@ -408,7 +408,7 @@ std::optional<platform::TimePoint> DrivingInsight::EndDateTime() const {
 }
 
 void DrivingInsight::setEndDateTime(std::optional<platform::TimePoint> value) {
-    impl_->setEndDateTime(std::move(value));
+    impl_->setEndDateTime(value);
 }
 
 std::optional<platform::Location> DrivingInsight::StartLocation() const {
@@ -416,7 +416,7 @@ std::optional<platform::Location> DrivingInsight::StartLocation() const {
 }
 
 void DrivingInsight::setStartLocation(std::optional<platform::Location> value) {
-    impl_->setStartLocation(std::move(value));
+    impl_->setStartLocation(value);
 }
 
 std::optional<platform::Location> DrivingInsight::EndLocation() const {
@@ -424,7 +424,7 @@ std::optional<platform::Location> DrivingInsight::EndLocation() const {
 }
 
 void DrivingInsight::setEndLocation(std::optional<platform::Location> value) {
-    impl_->setEndLocation(std::move(value));
+    impl_->setEndLocation(value);
 }
 
 std::string DrivingInsight::StartLocationStr() const {
@@ -448,7 +448,7 @@ std::optional<platform::Location> DrivingInsight::CurrentLocation() const {
 }
 
 void DrivingInsight::setCurrentLocation(std::optional<platform::Location> value) {
-    impl_->setCurrentLocation(std::move(value));
+    impl_->setCurrentLocation(value);
 }
 
 platform::MapPinRef DrivingInsight::StartAnnotation() const {
@@ -480,7 +480,7 @@ std::optional<platform::DateComponents> DrivingInsight::TimeElapsedSinceStart() 
 }
 
 void DrivingInsight::setTimeElapsedSinceStart(std::optional<platform::DateComponents> value) {
-    impl_->setTimeElapsedSinceStart(std::move(value));
+    impl_->setTimeElapsedSinceStart(value);
 }
 
 std::optional<platform::DateComponents> DrivingInsight::TimeElapsedSinceLastLocation() const {
@@ -489,7 +489,7 @@ std::optional<platform::DateComponents> DrivingInsight::TimeElapsedSinceLastLoca
 
 void DrivingInsight::setTimeElapsedSinceLastLocation(
     std::optional<platform::DateComponents> value) {
-    impl_->setTimeElapsedSinceLastLocation(std::move(value));
+    impl_->setTimeElapsedSinceLastLocation(value);
 }
 
 double DrivingInsight::HoursElapsedSinceStart() const {
@@ -545,7 +545,7 @@ std::optional<double> DrivingInsight::Temperature() const {
 }
 
 void DrivingInsight::setTemperature(std::optional<double> value) {
-    impl_->setTemperature(std::move(value));
+    impl_->setTemperature(value);
 }
 
 std::shared_ptr<Trip> DrivingInsight::CurrentTrip() const {

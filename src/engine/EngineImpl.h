@@ -145,11 +145,15 @@ struct DrivingInsight::Impl {
 
     // Scoring (detection): the trip score from the totals (Locked).
     double calculateScore();
-    /// The last finding given to setFaultType (Locked).
-    FaultTypes FaultType() const { return faultType; }
     /// Stores the finding and counts it in its kind's counter and in eventCount; `none` is
-    /// stored, not counted (Locked).
-    void setFaultType(FaultTypes value);
+    /// stored, not counted (Locked). Inline: four times a sample.
+    void setFaultType(FaultTypes value) {
+        faultType = value;
+        if (const auto kind = detail::kindOf(value)) {
+            ++trip.totals[*kind].count;
+            ++eventCount;
+        }
+    }
 
     // Permissions.cpp (upload): true when a trip may start; makes its own report otherwise.
     bool checkLocationPermisionWhenInUse();

@@ -22,27 +22,6 @@ bool isOnEarth(const platform::Coordinate& c) {
 
 }  // namespace
 
-std::optional<EventKind> kindOf(FaultTypes finding) {
-    switch (finding) {
-        case FaultTypes::sharpCorneringRight:
-        case FaultTypes::sharpCorneringLeft:
-            return EventKind::cornering;
-        case FaultTypes::sharpElevatingUp:
-        case FaultTypes::sharpElevatingDown:
-            return EventKind::elevating;
-        case FaultTypes::sharpSpeeding:
-            return EventKind::speeding;
-        case FaultTypes::sharpBraking:
-            return EventKind::braking;
-        case FaultTypes::sharpLaneChangingRight:
-        case FaultTypes::sharpLaneChangingLeft:
-            return EventKind::laneChanging;
-        case FaultTypes::none:
-            break;
-    }
-    return std::nullopt;
-}
-
 double calculateScore(PenaltyTotals& t, double totalTraveledDistance, double metresPerKilometre) {
     // Short trips count as one kilometre, so a few metres cannot blow the per-km totals up.
     if (totalTraveledDistance > 1000.0) {
@@ -92,7 +71,7 @@ const platform::Location* Odometer::select(const std::vector<platform::Location>
 
 void Odometer::moveTo(std::optional<platform::Location> fix, double distanceFilterForSpeed) {
     if (currentLocation && fix) measure(*currentLocation, *fix, distanceFilterForSpeed);
-    currentLocation = std::move(fix);
+    currentLocation = fix;
 }
 
 void Odometer::measure(const platform::Location& from, const platform::Location& to,
@@ -320,14 +299,6 @@ void Settings::apply(const Reply& reply) {
 }
 
 // ---- MotionUploader -----------------------------------------------------------------------------
-
-bool MotionUploader::startWhenFull(std::int64_t bulkSize) {
-    if (buffer.isSyncingToServer ||
-        static_cast<std::int64_t>(buffer.motionDataArray.size()) < bulkSize)
-        return false;
-    buffer.isSyncingToServer = true;
-    return true;
-}
 
 void MotionUploader::takeBulk(std::int64_t bulkSize, std::vector<MotionDataItem>& into) {
     const auto& items = buffer.motionDataArray;

@@ -30,8 +30,27 @@ inline constexpr std::array<EventKind, kEventKindCount> kEventKinds = {
     EventKind::cornering, EventKind::speeding, EventKind::braking, EventKind::elevating,
     EventKind::laneChanging};
 
-/// The kind a finding counts for; nullopt for `none`.
-std::optional<EventKind> kindOf(FaultTypes finding);
+/// The kind a finding counts for; nullopt for `none`. Inline: it runs several times a sample.
+constexpr std::optional<EventKind> kindOf(FaultTypes finding) {
+    switch (finding) {
+        case FaultTypes::sharpCorneringRight:
+        case FaultTypes::sharpCorneringLeft:
+            return EventKind::cornering;
+        case FaultTypes::sharpElevatingUp:
+        case FaultTypes::sharpElevatingDown:
+            return EventKind::elevating;
+        case FaultTypes::sharpSpeeding:
+            return EventKind::speeding;
+        case FaultTypes::sharpBraking:
+            return EventKind::braking;
+        case FaultTypes::sharpLaneChangingRight:
+        case FaultTypes::sharpLaneChangingLeft:
+            return EventKind::laneChanging;
+        case FaultTypes::none:
+            break;
+    }
+    return std::nullopt;
+}
 
 struct KindTotals {
     std::int64_t count = 0;
@@ -88,8 +107,6 @@ struct Odometer {
     void addLeg(double metres);
     /// Keeps the old speed as the previous one, then stores the new one.
     void setSpeed(double kmh);
-
-    bool operator==(const Odometer&) const = default;
 };
 
 /// Everything that belongs to one trip.
@@ -184,7 +201,13 @@ struct MotionUploader {
 
     /// After a record was added: whether a full bulk can go now (none on its way). Marks it
     /// going when so.
-    bool startWhenFull(std::int64_t bulkSize);
+    bool startWhenFull(std::int64_t bulkSize) {
+        if (buffer.isSyncingToServer ||
+            static_cast<std::int64_t>(buffer.motionDataArray.size()) < bulkSize)
+            return false;
+        buffer.isSyncingToServer = true;
+        return true;
+    }
     /// Copies the next bulk (the oldest `bulkSize` records, all there are when fewer) into
     /// `into` and marks it in flight; the records stay until confirmed.
     void takeBulk(std::int64_t bulkSize, std::vector<MotionDataItem>& into);

@@ -1,6 +1,5 @@
 // Judging, charging, recording and publishing one motion sample.
 
-#include <array>
 #include <charconv>
 #include <cmath>
 #include <string>
@@ -50,22 +49,35 @@ std::string detail::elapsedWordsText(const std::optional<platform::DateComponent
 
 namespace {
 
-/// What one sample is charged for one kind: its direction and the amount, on the absolute or
-/// the per-kilometre side.
-struct SampleCharge {
-    char direction = ' ';
-    double penalty = 0, perKM = 0;
+/// Where each kind's charge goes in a sample's record. Braking shares the speeding character.
+struct FaultFields {
+    char FaultItem::*direction;
+    double FaultItem::*penalty;
+    double FaultItem::*perKM;
+};
+constexpr FaultFields kFaultFields[detail::kEventKindCount] = {
+    {&FaultItem::sharpCornering, &FaultItem::sharpCorneringPenalty,
+     &FaultItem::sharpCorneringPenaltyPerKM},
+    {&FaultItem::sharpSpeeding, &FaultItem::sharpSpeedingPenalty,
+     &FaultItem::sharpSpeedingPenaltyPerKM},
+    {&FaultItem::sharpSpeeding, &FaultItem::sharpBrakingPenalty,
+     &FaultItem::sharpBrakingPenaltyPerKM},
+    {&FaultItem::sharpElevating, &FaultItem::sharpElevatingPenalty,
+     &FaultItem::sharpElevatingPenaltyPerKM},
+    {&FaultItem::sharpLaneChanging, &FaultItem::sharpLaneChangingPenalty,
+     &FaultItem::sharpLaneChangingPenaltyPerKM},
 };
 
 // The amount (rate x impact x interval) to the absolute or the per-kilometre side, in the trip's
 // totals and in the sample's record alike.
-void charge(double amount, bool perKm, detail::KindTotals& total, SampleCharge& share) {
+void charge(double amount, bool perKm, detail::KindTotals& total, double& share,
+            double& sharePerKm) {
     if (perKm) {
         total.penaltyPerKM += amount;
-        share.perKM = amount;
+        sharePerKm = amount;
     } else {
         total.penalty += amount;
-        share.penalty = amount;
+        share = amount;
     }
 }
 
@@ -84,14 +96,6 @@ void fill(const std::array<Value*, kShowMotionDataKeys.size()>& entries,
 }
 
 }  // namespace
-
-void DrivingInsight::Impl::setFaultType(FaultTypes value) {
-    faultType = value;
-    if (const auto kind = detail::kindOf(value)) {
-        ++trip.totals[*kind].count;
-        ++eventCount;
-    }
-}
 
 void DrivingInsight::Impl::evaluateActionForDrivingScore(std::int64_t motionId,
                                                          const Vector3& attitude,
@@ -139,45 +143,30 @@ void DrivingInsight::Impl::evaluateActionForDrivingScore(std::int64_t motionId,
             laneChangingItems, orientation, rotationRate.z, settings.laneChange(),
             settings.level(detail::EventKind::laneChanging));
 
-        const detail::Finding findings[] = {
-            cornering,
-            elevating,
-            {speeding.finding,
-             speeding.finding == FaultTypes::sharpBraking ? speeding.brakingRate
-                                                          : speeding.speedingRate,
-             speeding.impact, speeding.isPerKM},
-            lane,
-        };
-        std::array<SampleCharge, detail::kEventKindCount> charges{};
-        for (const detail::Finding& f : findings) {
-            setFaultType(f.finding);
-            const char direction = directionCharacter(f.finding);
-            const auto kind = detail::kindOf(f.finding);
-            if (direction == ' ' || !kind) continue;
-            SampleCharge& c = charges[static_cast<std::size_t>(*kind)];
-            c.direction = direction;
-            charge(f.rate * f.impact * ui, f.isPerKM, trip.totals[*kind], c);
+        const detail::Finding speedingOrBraking{speeding.finding,
+                                                speeding.finding == FaultTypes::sharpBraking
+                                                    ? speeding.brakingRate
+                                                    : speeding.speedingRate,
+                                                speeding.impact, speeding.isPerKM};
+        const detail::Finding* const findings[] = {&cornering, &elevating, &speedingOrBraking,
+                                                   &lane};
+        FaultItem fault;  // the sample's record of what it was charged
+        for (const detail::Finding* f : findings) {
+            setFaultType(f->finding);
+            const auto kind = detail::kindOf(f->finding);
+            if (!kind) continue;
+            const FaultFields& field = kFaultFields[static_cast<std::size_t>(*kind)];
+            fault.*field.direction = directionCharacter(f->finding);
+            charge(f->rate * f->impact * ui, f->isPerKM, trip.totals[*kind], fault.*field.penalty,
+                   fault.*field.perKM);
         }
-        double kmF = 0;
         if (fuelRate > 0) {
-            kmF = fuelRate * ui;
-            trip.totals.fuelEfficiencyPenaltyPerKM += kmF;
+            fault.fuelEfficiencyPenaltyPerKM = fuelRate * ui;
+            trip.totals.fuelEfficiencyPenaltyPerKM += fault.fuelEfficiencyPenaltyPerKM;
         }
-        auto at = [&](detail::EventKind kind) -> const SampleCharge& {
-            return charges[static_cast<std::size_t>(kind)];
-        };
-        using K = detail::EventKind;
-        // Speeding and braking share one direction slot: a sample is one or the other.
-        const char dirS =
-            at(K::speeding).direction != ' ' ? at(K::speeding).direction : at(K::braking).direction;
 
         uploader.buffer.motionDataArray.emplace_back(
-            motionId, userAcceleration, rotationRate, attitude, gravity, here,
-            FaultItem{at(K::cornering).direction, at(K::cornering).penalty, dirS,
-                      at(K::speeding).penalty, at(K::braking).penalty, at(K::elevating).direction,
-                      at(K::elevating).penalty, at(K::laneChanging).direction,
-                      at(K::laneChanging).penalty, at(K::cornering).perKM, at(K::speeding).perKM,
-                      at(K::braking).perKM, at(K::elevating).perKM, at(K::laneChanging).perKM, kmF},
+            motionId, userAcceleration, rotationRate, attitude, gravity, here, fault,
             env_.clock->now(), deviceOrientationGiven, orientation, speedAtSample);
 
         if (observed) {

@@ -1,4 +1,5 @@
 // Uses the call layer through the installed headers and library only.
+#include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/RestfulCall.h>
 #include <kestrelvue/Version.h>
 #include <kestrelvue/posix/CurlHttpClient.h>
@@ -6,6 +7,8 @@
 #include <cstdio>
 
 static_assert(KESTRELVUE_VERSION >= 100, "the installed Version.h names this version");
+// The engine a host compiles against holds its implementation's pointer and nothing else.
+static_assert(sizeof(kestrelvue::DrivingInsight) == sizeof(void*));
 
 int main() {
     using namespace kestrelvue;
