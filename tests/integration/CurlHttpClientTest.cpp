@@ -4,6 +4,7 @@
 #include <kestrelvue/posix/CurlHttpClient.h>
 
 #include <atomic>
+#include <cctype>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -18,35 +19,30 @@ using platform::HttpResult;
 
 namespace {
 
-// Collects completions and lets the test wait for them (bounded).
-class Completions {
-public:
+// Collects completions with the thread each ran on, and lets the test wait for them (bounded).
+struct Completions {
     platform::HttpCompletion make() {
         return [this](HttpResult r) {
-            std::lock_guard lock(mutex_);
-            results_.emplace_back(std::move(r), std::this_thread::get_id());
-            cv_.notify_all();
+            std::lock_guard lock(mutex);
+            results.emplace_back(std::move(r), std::this_thread::get_id());
+            cv.notify_all();
         };
     }
     bool waitFor(std::size_t n, std::chrono::milliseconds timeout = 5s) {
-        std::unique_lock lock(mutex_);
-        return cv_.wait_for(lock, timeout, [&] { return results_.size() >= n; });
+        std::unique_lock lock(mutex);
+        return cv.wait_for(lock, timeout, [&] { return results.size() >= n; });
     }
-    HttpResult at(std::size_t i) { return entry(i).first; }
-    std::thread::id threadOf(std::size_t i) { return entry(i).second; }
+    HttpResult at(std::size_t i) {
+        std::lock_guard lock(mutex);
+        return results.at(i).first;
+    }
     std::size_t count() {
-        std::lock_guard lock(mutex_);
-        return results_.size();
+        std::lock_guard lock(mutex);
+        return results.size();
     }
-
-private:
-    std::pair<HttpResult, std::thread::id> entry(std::size_t i) {
-        std::lock_guard lock(mutex_);
-        return results_.at(i);
-    }
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    std::vector<std::pair<HttpResult, std::thread::id>> results_;
+    std::mutex mutex;
+    std::condition_variable cv;
+    std::vector<std::pair<HttpResult, std::thread::id>> results;
 };
 
 HttpRequest get(const std::string& url, std::chrono::milliseconds timeout = 60s,
@@ -58,12 +54,10 @@ HttpRequest get(const std::string& url, std::chrono::milliseconds timeout = 60s,
     return r;
 }
 
-std::string headerOf(const platform::HttpResponse& response, std::string_view name) {
-    for (const auto& [k, v] : response.headers) {
-        if (k.size() == name.size() &&
-            std::equal(k.begin(), k.end(), name.begin(),
-                       [](char a, char b) { return std::tolower(a) == std::tolower(b); }))
-            return v;
+std::string headerOf(const platform::HttpResponse& response, const std::string& lowerName) {
+    for (auto [name, value] : response.headers) {
+        for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        if (name == lowerName) return value;
     }
     return {};
 }
@@ -82,7 +76,7 @@ TEST(CurlHttpClient, ReportsStatusHeadersAndBodyOnAWorkerThread) {
     client.send(request, done.make()).detach();
     ASSERT_TRUE(done.waitFor(1));
     HttpResult r = done.at(0);
-    EXPECT_NE(done.threadOf(0), std::this_thread::get_id());
+    EXPECT_NE(done.results.at(0).second, std::this_thread::get_id());
     EXPECT_FALSE(r.error);
     ASSERT_TRUE(r.response);
     EXPECT_EQ(r.response->statusCode, 202);
@@ -227,20 +221,15 @@ TEST(CurlHttpClient, TheLastOwnerMayLetGoInsideACompletion) {
     TestServer server;
     server.reply("/r", ScriptedReply::text("x"));
     auto client = std::make_shared<posix::CurlHttpClient>();
-    std::mutex m;
-    std::condition_variable cv;
-    bool finished = false;
+    Completions done;
     auto* raw = client.get();
     raw->send(get(server.url("/r")),
-              [&, keep = std::move(client)](HttpResult) mutable {
+              [finish = done.make(), keep = std::move(client)](HttpResult r) mutable {
                   keep.reset();  // destroys the client on its own worker thread
-                  std::lock_guard lock(m);
-                  finished = true;
-                  cv.notify_all();
+                  finish(std::move(r));
               })
         .detach();
-    std::unique_lock lock(m);
-    EXPECT_TRUE(cv.wait_for(lock, 5s, [&] { return finished; }));
+    EXPECT_TRUE(done.waitFor(1));
 }
 
 }  // namespace

@@ -2,6 +2,9 @@
 // retries, reports, and no record lost or sent twice.
 #include <gtest/gtest.h>
 
+#include <limits>
+#include <regex>
+
 #include "support/UploadFixture.h"
 
 namespace kestrelvue::uploadtest {

@@ -96,26 +96,23 @@ TEST(TripRoundTrip, EveryWireFieldComesBackFromTheHistory) {
         EXPECT_EQ(b.EndDateTime, a.EndDateTime);
         EXPECT_EQ(b.StartLocation, a.StartLocation);
         EXPECT_EQ(b.EndLocation, a.EndLocation);
-        EXPECT_EQ(b.StartLocationLat, a.StartLocationLat);
-        EXPECT_EQ(b.StartLocationLong, a.StartLocationLong);
-        EXPECT_EQ(b.EndLocationLat, a.EndLocationLat);
-        EXPECT_EQ(b.EndLocationLong, a.EndLocationLong);
-        EXPECT_EQ(b.Score, a.Score);
-        EXPECT_EQ(b.SharpCorneringCount, a.SharpCorneringCount);
-        EXPECT_EQ(b.SharpSpeedingCount, a.SharpSpeedingCount);
-        EXPECT_EQ(b.SharpBrakingCount, a.SharpBrakingCount);
-        EXPECT_EQ(b.SharpElevatingCount, a.SharpElevatingCount);
-        EXPECT_EQ(b.SharpLaneChangingCount, a.SharpLaneChangingCount);
+        for (auto count :
+             {&Trip::SharpCorneringCount, &Trip::SharpSpeedingCount, &Trip::SharpBrakingCount,
+              &Trip::SharpElevatingCount, &Trip::SharpLaneChangingCount})
+            EXPECT_EQ(b.*count, a.*count);
+        for (auto figure : {&Trip::StartLocationLat, &Trip::StartLocationLong,
+                            &Trip::EndLocationLat, &Trip::EndLocationLong, &Trip::Score,
+                            &Trip::FuelEfficiencyPenaltyPerKM, &Trip::TotalDistance})
+            EXPECT_EQ(b.*figure, a.*figure);
         // A penalty travels as its sum with its per-kilometre part.
-        EXPECT_EQ(b.SharpCorneringPenalty, a.SharpCorneringPenalty + a.SharpCorneringPenaltyPerKM);
-        EXPECT_EQ(b.SharpSpeedingPenalty, a.SharpSpeedingPenalty + a.SharpSpeedingPenaltyPerKM);
-        EXPECT_EQ(b.SharpBrakingPenalty, a.SharpBrakingPenalty + a.SharpBrakingPenaltyPerKM);
-        EXPECT_EQ(b.SharpElevatingPenalty, a.SharpElevatingPenalty + a.SharpElevatingPenaltyPerKM);
-        EXPECT_EQ(b.SharpLaneChangingPenalty,
-                  a.SharpLaneChangingPenalty + a.SharpLaneChangingPenaltyPerKM);
-        EXPECT_EQ(b.FuelEfficiencyPenaltyPerKM, a.FuelEfficiencyPenaltyPerKM);
+        for (auto [sum, part] :
+             {std::pair{&Trip::SharpCorneringPenalty, &Trip::SharpCorneringPenaltyPerKM},
+              {&Trip::SharpSpeedingPenalty, &Trip::SharpSpeedingPenaltyPerKM},
+              {&Trip::SharpBrakingPenalty, &Trip::SharpBrakingPenaltyPerKM},
+              {&Trip::SharpElevatingPenalty, &Trip::SharpElevatingPenaltyPerKM},
+              {&Trip::SharpLaneChangingPenalty, &Trip::SharpLaneChangingPenaltyPerKM}})
+            EXPECT_EQ(b.*sum, a.*sum + a.*part);
         EXPECT_EQ(b.TimeElapsed, a.TimeElapsed);
-        EXPECT_EQ(b.TotalDistance, a.TotalDistance);
     }
 }
 

@@ -24,33 +24,29 @@ public:
         std::vector<LeaderboardItem> leaderboard;
     };
 
-    void userDidLogin(User& user) override { record(event("userDidLogin", &user)); }
+    void userDidLogin(User& user) override { record({"userDidLogin", &user, 0, {}, {}, {}, {}}); }
     void userLoginDidFail(std::int64_t code, const std::string& title,
                           const std::string& message) override {
-        record(event("userLoginDidFail", nullptr, code, title, message));
+        record({"userLoginDidFail", nullptr, code, title, message, {}, {}});
     }
-    void userDidAdd(User& user) override { record(event("userDidAdd", &user)); }
+    void userDidAdd(User& user) override { record({"userDidAdd", &user, 0, {}, {}, {}, {}}); }
     void userAddDidFail(std::int64_t code, const std::string& title,
                         const std::string& message) override {
-        record(event("userAddDidFail", nullptr, code, title, message));
+        record({"userAddDidFail", nullptr, code, title, message, {}, {}});
     }
     void friendDidAdd(const std::string& friendReferenceId) override {
-        Event e = event("friendDidAdd");
-        e.friendReferenceId = friendReferenceId;
-        record(std::move(e));
+        record({"friendDidAdd", nullptr, 0, {}, {}, friendReferenceId, {}});
     }
     void friendAddDidFail(std::int64_t code, const std::string& title,
                           const std::string& message) override {
-        record(event("friendAddDidFail", nullptr, code, title, message));
+        record({"friendAddDidFail", nullptr, code, title, message, {}, {}});
     }
     void leadershipDidGet(const std::vector<LeaderboardItem>& leaderboard) override {
-        Event e = event("leadershipDidGet");
-        e.leaderboard = leaderboard;
-        record(std::move(e));
+        record({"leadershipDidGet", nullptr, 0, {}, {}, {}, leaderboard});
     }
     void leadershipGetDidFail(std::int64_t code, const std::string& title,
                               const std::string& message) override {
-        record(event("leadershipGetDidFail", nullptr, code, title, message));
+        record({"leadershipGetDidFail", nullptr, code, title, message, {}, {}});
     }
 
     std::vector<Event> events() const {
@@ -67,16 +63,6 @@ public:
     }
 
 private:
-    static Event event(const char* operation, const User* user = nullptr, std::int64_t code = 0,
-                       const std::string& title = {}, const std::string& message = {}) {
-        Event e;
-        e.operation = operation;
-        e.user = user;
-        e.errorCode = code;
-        e.errorTitle = title;
-        e.errorMessage = message;
-        return e;
-    }
     void record(Event e) {
         {
             std::lock_guard lock(mutex_);

@@ -42,9 +42,8 @@ std::vector<RecordedNotification> NotificationRecorder::all() const {
 std::vector<RecordedNotification> NotificationRecorder::named(const std::string& name) const {
     std::lock_guard lock(state_->mutex);
     std::vector<RecordedNotification> out;
-    for (const auto& r : state_->records) {
+    for (const auto& r : state_->records)
         if (r.name == name) out.push_back(r);
-    }
     return out;
 }
 
@@ -69,18 +68,6 @@ bool NotificationRecorder::settled(std::size_t n, std::chrono::milliseconds grac
     return state_->records.size() == n;
 }
 
-namespace {
-RecordingDelegate::Report report(std::string kind, std::int64_t code = 0, std::string title = {},
-                                 std::string message = {}) {
-    RecordingDelegate::Report r;
-    r.kind = std::move(kind);
-    r.code = code;
-    r.title = std::move(title);
-    r.message = std::move(message);
-    return r;
-}
-}  // namespace
-
 void RecordingDelegate::add(Report r) {
     std::lock_guard lock(mutex_);
     reports_.push_back(std::move(r));
@@ -88,39 +75,38 @@ void RecordingDelegate::add(Report r) {
 }
 
 void RecordingDelegate::tripDidFinish(std::shared_ptr<Trip> trip) {
-    Report r = report("tripDidFinish");
-    r.trip = std::move(trip);
-    add(std::move(r));
+    add({"tripDidFinish", 0, {}, {}, std::move(trip), {}, {}, {}});
 }
 
 void RecordingDelegate::tripDidFail(std::int64_t errorCode, const std::string& errorTitle,
                                     const std::string& errorMessage,
                                     std::shared_ptr<platform::Alert> alertController) {
-    Report r = report("tripDidFail", errorCode, errorTitle, errorMessage);
-    r.alert = std::move(alertController);
-    add(std::move(r));
+    add({"tripDidFail",
+         errorCode,
+         errorTitle,
+         errorMessage,
+         {},
+         std::move(alertController),
+         {},
+         {}});
 }
 
 void RecordingDelegate::historyDataDidReceive(const std::vector<std::shared_ptr<Trip>>& history) {
-    Report r = report("history");
-    r.history = history;
-    add(std::move(r));
+    add({"history", 0, {}, {}, {}, {}, history, {}});
 }
 
 void RecordingDelegate::historyDataReceiveDidFail(std::int64_t code, const std::string& title,
                                                   const std::string& message) {
-    add(report("historyFail", code, title, message));
+    add({"historyFail", code, title, message, {}, {}, {}, {}});
 }
 
 void RecordingDelegate::summaryDataDidReceive(const SummaryData& summaryData) {
-    Report r = report("summary");
-    r.summary = summaryData;
-    add(std::move(r));
+    add({"summary", 0, {}, {}, {}, {}, {}, summaryData});
 }
 
 void RecordingDelegate::summaryDataReceiveDidFail(std::int64_t code, const std::string& title,
                                                   const std::string& message) {
-    add(report("summaryFail", code, title, message));
+    add({"summaryFail", code, title, message, {}, {}, {}, {}});
 }
 
 std::vector<RecordingDelegate::Report> RecordingDelegate::reports() const {

@@ -1,15 +1,6 @@
 #pragma once
-// Small test doubles shared by the suites.
-//
-// NotificationRecorder: records the posts of the given names on one notification centre.
-//   NotificationRecorder rec(env.notifications, {"loginDone"});
-//   ... call the library ...
-//   ASSERT_TRUE(rec.waitFor(1));         // bounded wait (default 5 s) for one post, any thread
-//   const RecordedNotification n = rec.at(0);
-//   EXPECT_EQ(*n.userInfo->at("error").asString(), "expired");
-//   EXPECT_TRUE(rec.settled(1));         // still exactly one after a short grace period
-// Observers are removed when the recorder is destroyed; a post already running on another thread
-// may still finish safely afterwards.
+// Recorders shared by the suites. NotificationRecorder records the posts of the given names on
+// one centre; its observers go with it, though a post already running elsewhere may still finish.
 
 #include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/NotificationCenter.h>

@@ -1,16 +1,7 @@
 #pragma once
-// An Environment for integration tests, pointed at a TestServer.
-//
-//   TestServer server;
-//   Environment env = makeTestEnvironment(server);
-//   // env.applicationInfo[kBaseURLKey] == server.baseURL(); fresh NotificationCenter;
-//   // FixedReachabilityProbe answering "reachable"; a real CurlHttpClient; a sim::MainQueue as the
-//   // main queue; system clock and random identifiers.
-//   env.reachability = offlineProbe();       // adjust whatever the test needs
-//   RestfulCall call = makeRestfulCall(env); // a gateway of its own, not the shared instance
-//
-// Sensor factories, geocoder, application and device are left empty for the engine's tests to
-// fill.
+// An Environment for integration tests pointed at a service: a fresh centre, a "reachable" probe,
+// a real CurlHttpClient, a simulated main queue, the system clock and random identifiers. Sensors,
+// geocoder, application and device are left for the engine's tests to fill.
 
 #include <kestrelvue/Environment.h>
 #include <kestrelvue/RestfulCall.h>

@@ -42,32 +42,28 @@ void writeAll(int fd, std::string_view data) {
 }  // namespace
 
 ScriptedReply ScriptedReply::json(std::string body, int status) {
-    ScriptedReply r;
-    r.status = status;
-    r.headers = {{"Content-Type", "application/json; charset=utf-8"}};
-    r.body = std::move(body);
-    return r;
+    return {status,
+            {{"Content-Type", "application/json; charset=utf-8"}},
+            std::move(body),
+            {},
+            Drop::none};
 }
 
 ScriptedReply ScriptedReply::text(std::string body, int status) {
-    ScriptedReply r;
-    r.status = status;
-    r.headers = {{"Content-Type", "text/plain; charset=utf-8"}};
-    r.body = std::move(body);
-    return r;
+    return {
+        status, {{"Content-Type", "text/plain; charset=utf-8"}}, std::move(body), {}, Drop::none};
 }
 
 ScriptedReply ScriptedReply::statusOnly(int status) {
-    ScriptedReply r;
-    r.status = status;
-    return r;
+    return {status, {}, std::string(), {}, Drop::none};
+}
+
+ScriptedReply ScriptedReply::noBody(int status) {
+    return {status, {}, std::nullopt, {}, Drop::none};
 }
 
 ScriptedReply ScriptedReply::dropped(Drop how, std::string announcedBody) {
-    ScriptedReply r;
-    r.drop = how;
-    r.body = std::move(announcedBody);
-    return r;
+    return {200, {}, std::move(announcedBody), {}, how};
 }
 
 ScriptedReply ScriptedReply::after(std::chrono::milliseconds wait) const {
@@ -76,17 +72,9 @@ ScriptedReply ScriptedReply::after(std::chrono::milliseconds wait) const {
     return r;
 }
 
-ScriptedReply ScriptedReply::noBody(int status) {
-    ScriptedReply r;
-    r.status = status;
-    r.body = std::nullopt;
-    return r;
-}
-
 std::string ReceivedRequest::header(std::string_view name) const {
-    for (const auto& [k, v] : headers) {
+    for (const auto& [k, v] : headers)
         if (equalsIgnoreCase(k, name)) return v;
-    }
     return {};
 }
 
@@ -156,9 +144,8 @@ std::vector<ReceivedRequest> TestServer::requests() const {
 std::vector<ReceivedRequest> TestServer::requestsTo(std::string_view path) const {
     std::lock_guard lock(mutex_);
     std::vector<ReceivedRequest> out;
-    for (const auto& r : received_) {
+    for (const auto& r : received_)
         if (r.path == path) out.push_back(r);
-    }
     return out;
 }
 
@@ -225,9 +212,7 @@ void TestServer::handle(const void* request, void* response) {
         received_.push_back(std::move(got));
         script = scriptFor(req.path);
         cv_.notify_all();
-        if (script.delay.count() > 0) {
-            cv_.wait_for(lock, script.delay, [&] { return stopping_; });
-        }
+        if (script.delay.count() > 0) cv_.wait_for(lock, script.delay, [&] { return stopping_; });
     }
 
     if (script.drop == ScriptedReply::Drop::beforeReply || !script.body) {
@@ -250,12 +235,12 @@ void TestServer::handle(const void* request, void* response) {
     }
 
     res.status = script.status;
-    for (const auto& [k, v] : script.headers) {
-        if (!equalsIgnoreCase(k, "Content-Type")) res.set_header(k, v);
-    }
     std::string contentType = "application/octet-stream";
     for (const auto& [k, v] : script.headers) {
-        if (equalsIgnoreCase(k, "Content-Type")) contentType = v;
+        if (equalsIgnoreCase(k, "Content-Type"))
+            contentType = v;
+        else
+            res.set_header(k, v);
     }
     if (script.drop == ScriptedReply::Drop::afterHeaders) {
         std::size_t announced = std::max<std::size_t>(script.body->size(), 1);

@@ -1,22 +1,9 @@
 #pragma once
 // A real HTTP server on 127.0.0.1 (ephemeral port) whose replies each test scripts per path, and
-// which records every request it receives.
-//
-//   kestrelvue::test::TestServer server;                 // listening when the constructor returns
-//   server.reply("/api/Driving/getThresholds", ScriptedReply::json(R"([{"a":1}])"));
-//   server.reply("/slow", ScriptedReply::text("x").after(200ms));
-//   server.reply("/drop", ScriptedReply::dropped(ScriptedReply::Drop::beforeReply));
-//   server.enqueue("/api/x", ScriptedReply::status(500));  // one-shot, used before reply("/api/x")
-//   ... make the library call server.url("/api/Driving/getThresholds") ...
-//   ASSERT_TRUE(server.waitForRequests(1));               // bounded wait, default 5 s
-//   ReceivedRequest r = server.requests().at(0);          // method, path, query, headers, body
-//   EXPECT_EQ(r.header("Content-Type"), "application/json");
-//
-// Matching is on the path alone (query excluded), for GET, POST and PUT. One-shot replies queued
-// with enqueue() are used first, in order; then the reply set with reply(); an unscripted path gets
-// 404 with an empty body. Requests are recorded when they arrive, before any scripted delay. Delays
-// end early when the server is destroyed, so a test never waits for its own script. All members are
-// thread-safe.
+// which records every request it receives. Matching is on the path alone, for GET, POST and PUT:
+// one-shot replies queued with enqueue() first, in order, then the one set with reply(); an
+// unscripted path gets 404 with an empty body. Requests are recorded when they arrive, before any
+// scripted delay; delays end early when the server goes. All members are thread-safe.
 
 #include <chrono>
 #include <condition_variable>
@@ -88,9 +75,7 @@ public:
     TestServer& operator=(const TestServer&) = delete;
 
     int port() const { return port_; }
-    /// "http://127.0.0.1:<port>"
     std::string baseURL() const;
-    /// baseURL() + pathAndQuery
     std::string url(std::string_view pathAndQuery) const;
 
     /// The reply for every request to `path` (replaces an earlier one).

@@ -5,12 +5,9 @@
 #include <gtest/gtest.h>
 #include <kestrelvue/DrivingInsight.h>
 
+#include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
-#include <limits>
-#include <mutex>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,9 +26,7 @@ inline constexpr const char* kMotionPath = "/api/Driving/addMotionData";
 inline constexpr const char* kScorePath = "/api/Driving/addDrivingScore";
 inline constexpr const char* kThresholdPath = "/api/Driving/getThresholds";
 
-using Failure = test::RecordingDelegate::Report;
-
-// The finished trips and the failures the host heard.
+// The finished trips the host heard.
 inline std::vector<std::shared_ptr<Trip>> finishedTrips(const test::RecordingDelegate& d) {
     std::vector<std::shared_ptr<Trip>> out;
     for (const auto& r : d.reports("tripDidFinish")) out.push_back(r.trip);
@@ -40,31 +35,6 @@ inline std::vector<std::shared_ptr<Trip>> finishedTrips(const test::RecordingDel
 
 // One record of a received "MotionStr": its 39 fields, blanks kept.
 using RecordFields = std::vector<std::string>;
-
-inline std::vector<RecordFields> parseMotionStr(const std::string& text) {
-    std::vector<RecordFields> records;
-    std::size_t start = 0;
-    while (start < text.size()) {
-        const std::size_t end = text.find(';', start);
-        if (end == std::string::npos) {
-            ADD_FAILURE() << "record without its ';': " << text.substr(start, 80);
-            break;
-        }
-        const std::string line = text.substr(start, end - start);
-        EXPECT_FALSE(line.empty());
-        EXPECT_EQ(line.back(), ',') << line;
-        RecordFields fields;
-        std::size_t f = 0;
-        while (f < line.size()) {
-            const std::size_t comma = line.find(',', f);
-            fields.push_back(line.substr(f, comma - f));
-            f = comma + 1;
-        }
-        records.push_back(std::move(fields));
-        start = end + 1;
-    }
-    return records;
-}
 
 struct ReceivedBulk {
     std::int64_t userID = 0;
@@ -83,7 +53,19 @@ inline ReceivedBulk parseBulk(const test::ReceivedRequest& request) {
     bulk.userID = body.find("UserID")->asInt().value_or(-1);
     bulk.drivingGuid = *body.find("DrivingGuid")->asString();
     bulk.appVersion = *body.find("AppVersion");
-    bulk.records = parseMotionStr(*body.find("MotionStr")->asString());
+    const std::string& text = *body.find("MotionStr")->asString();
+    EXPECT_TRUE(text.empty() || text.back() == ';') << "the last record lacks its ';'";
+    for (std::size_t start = 0; start < text.size();) {
+        const std::size_t end = std::min(text.find(';', start), text.size());
+        EXPECT_EQ(text[end - 1], ',') << "a record ends with a comma";
+        RecordFields fields;
+        for (std::size_t f = start, comma; f < end; f = comma + 1) {
+            comma = text.find(',', f);
+            fields.push_back(text.substr(f, comma - f));
+        }
+        bulk.records.push_back(std::move(fields));
+        start = end + 1;
+    }
     return bulk;
 }
 
@@ -224,10 +206,7 @@ protected:
     std::shared_ptr<sim::VirtualClock>& clock_ = sim_.clock;
     std::shared_ptr<sim::MainQueue>& queue_ = sim_.queue;
     std::shared_ptr<sim::MotionSource>& motion_ = sim_.motion;
-    std::shared_ptr<sim::LocationManager>& location_ = sim_.location;
     std::shared_ptr<sim::Geocoder>& geocoder_ = sim_.geocoder;
-    std::shared_ptr<sim::Application>& application_ = sim_.application;
-    std::shared_ptr<sim::Device>& device_ = sim_.device;
     std::shared_ptr<test::RecordingDelegate> delegate_ =
         std::make_shared<test::RecordingDelegate>();
     std::unique_ptr<test::NotificationRecorder> outcomes_;

@@ -27,6 +27,19 @@ namespace {
 using test::ScopedTimeZone;
 using test::utc;
 
+// What the C library makes of a local time, the answer the readers must agree with.
+platform::TimePoint viaMktime(const LocalDateTime& l) {
+    std::tm tm{};
+    tm.tm_year = l.year - 1900;
+    tm.tm_mon = l.month - 1;
+    tm.tm_mday = l.day;
+    tm.tm_hour = l.hour;
+    tm.tm_min = l.minute;
+    tm.tm_sec = l.second;
+    tm.tm_isdst = -1;
+    return platform::TimePoint(std::chrono::seconds(std::mktime(&tm)));
+}
+
 // Counts reads: every record reads the clock when it is made.
 class CountingClock final : public platform::Clock {
 public:
@@ -85,7 +98,6 @@ TEST_F(HistoryReplyTest, BadRepliesAreRejectedWholeWithAReason) {
         auto reply = read(c.body);
         EXPECT_FALSE(reply.ok) << c.body;
         EXPECT_TRUE(reply.trips.empty()) << c.body;
-        EXPECT_FALSE(reply.error.empty()) << c.body;
         EXPECT_NE(reply.error.find(c.reason), std::string::npos) << c.body << " -> " << reply.error;
     }
 }
@@ -155,9 +167,8 @@ std::string randomReply(std::mt19937& rng) {
         return list.begin()[pick(int(list.size()))];
     };
     auto valueFor = [&](int m) -> std::string {
-        if (pick(8) == 0) {
+        if (pick(8) == 0)
             return any({"null", "true", "\"7\"", "2.5", "[]", "{\"a\":[1,null]}", "1e308"});
-        }
         switch (m < kHistoryMemberCount ? historyKind(HistoryMember(m)) : HistoryKind::text) {
             case HistoryKind::integer:
                 return any({"0", "-7", "42", "3.0", "1e2", "9223372036854775807",
@@ -177,8 +188,7 @@ std::string randomReply(std::mt19937& rng) {
     for (int e = pick(10) ? 1 + pick(3) : 0; e > 0; --e) {
         out += '{';
         const char* sep = "";
-        std::vector<bool> used(kHistoryMemberCount +
-                               2);  // duplicates have a table row of their own
+        std::vector<bool> used(kHistoryMemberCount + 2);  // duplicates are the parser's own
         for (int n = pick(9); n > 0; --n) {
             const int m = pick(kHistoryMemberCount + 2);
             if (used[m]) continue;
@@ -196,20 +206,33 @@ std::string randomReply(std::mt19937& rng) {
     for (int damage = pick(6) < 2 ? 1 + pick(3) : 0; damage > 0 && !out.empty(); --damage) {
         const std::size_t at = std::uniform_int_distribution<std::size_t>(0, out.size() - 1)(rng);
         static const char bytes[] = "{}[],:\"0-.eZ \\\xff";
-        switch (pick(3)) {
-            case 0:
-                out.erase(at, 1);
-                break;
-            case 1:
-                out.insert(at, 1, bytes[pick(int(sizeof bytes - 1))]);
-                break;
-            default:
-                out[at] = bytes[pick(int(sizeof bytes - 1))];
-                break;
-        }
+        const int how = pick(3);
+        const char byte = bytes[pick(int(sizeof bytes - 1))];
+        if (how == 0)
+            out.erase(at, 1);
+        else if (how == 1)
+            out.insert(at, 1, byte);
+        else
+            out[at] = byte;
     }
     return out;
 }
+
+const std::pair<std::int64_t Trip::*, HistoryMember> kCounts[] = {
+    {&Trip::SharpCorneringCount, kSharpCorneringCount},
+    {&Trip::SharpSpeedingCount, kSharpSpeedingCount},
+    {&Trip::SharpBrakingCount, kSharpBrakingCount},
+    {&Trip::SharpElevatingCount, kSharpElevatingCount},
+    {&Trip::SharpLaneChangingCount, kSharpLaneChangingCount}};
+const std::pair<double Trip::*, HistoryMember> kFigures[] = {
+    {&Trip::Score, kScore},
+    {&Trip::SharpCorneringPenalty, kSharpCorneringPenalty},
+    {&Trip::SharpSpeedingPenalty, kSharpSpeedingPenalty},
+    {&Trip::SharpBrakingPenalty, kSharpBrakingPenalty},
+    {&Trip::SharpElevatingPenalty, kSharpElevatingPenalty},
+    {&Trip::SharpLaneChangingPenalty, kSharpLaneChangingPenalty},
+    {&Trip::FuelEfficiencyPenaltyPerKM, kFuelEfficiencyPenalty},
+    {&Trip::TotalDistance, kTotalDistance}};
 
 TEST_F(HistoryReplyTest, AgreesWithAnIndependentReaderOnRandomAndDamagedReplies) {
     std::mt19937 rng(20261124);
@@ -236,17 +259,8 @@ TEST_F(HistoryReplyTest, AgreesWithAnIndependentReaderOnRandomAndDamagedReplies)
                 return want.count(m) ? *want.at(m).asString() : std::string(initial);
             };
             auto date = [&](HistoryMember m) {
-                if (!want.count(m)) return clock->at;
-                const auto l = *parseServiceDateTime(*want.at(m).asString());
-                std::tm tm{};
-                tm.tm_year = l.year - 1900;
-                tm.tm_mon = l.month - 1;
-                tm.tm_mday = l.day;
-                tm.tm_hour = l.hour;
-                tm.tm_min = l.minute;
-                tm.tm_sec = l.second;
-                tm.tm_isdst = -1;
-                return platform::TimePoint(std::chrono::seconds(std::mktime(&tm)));
+                return want.count(m) ? viaMktime(*parseServiceDateTime(*want.at(m).asString()))
+                                     : clock->at;
             };
             EXPECT_EQ(t.UserID, integer(kUserId));
             EXPECT_EQ(t.DrivingID, text(kDrivingGuid));
@@ -260,20 +274,9 @@ TEST_F(HistoryReplyTest, AgreesWithAnIndependentReaderOnRandomAndDamagedReplies)
             EXPECT_EQ(t.EndAnnotation->coordinate,
                       (platform::Coordinate{number(kEndLocationLatitude),
                                             number(kEndLocationLongitude)}));
-            EXPECT_EQ(t.Score, number(kScore));
-            EXPECT_EQ(t.SharpCorneringCount, integer(kSharpCorneringCount));
-            EXPECT_EQ(t.SharpSpeedingCount, integer(kSharpSpeedingCount));
-            EXPECT_EQ(t.SharpBrakingCount, integer(kSharpBrakingCount));
-            EXPECT_EQ(t.SharpElevatingCount, integer(kSharpElevatingCount));
-            EXPECT_EQ(t.SharpLaneChangingCount, integer(kSharpLaneChangingCount));
-            EXPECT_EQ(t.SharpCorneringPenalty, number(kSharpCorneringPenalty));
-            EXPECT_EQ(t.SharpSpeedingPenalty, number(kSharpSpeedingPenalty));
-            EXPECT_EQ(t.SharpBrakingPenalty, number(kSharpBrakingPenalty));
-            EXPECT_EQ(t.SharpElevatingPenalty, number(kSharpElevatingPenalty));
-            EXPECT_EQ(t.SharpLaneChangingPenalty, number(kSharpLaneChangingPenalty));
-            EXPECT_EQ(t.FuelEfficiencyPenaltyPerKM, number(kFuelEfficiencyPenalty));
+            for (auto [field, m] : kCounts) EXPECT_EQ(t.*field, integer(m)) << m;
+            for (auto [field, m] : kFigures) EXPECT_EQ(t.*field, number(m)) << m;
             EXPECT_EQ(t.TimeElapsed, text(kTimeElapsed, "00:00:00"));
-            EXPECT_EQ(t.TotalDistance, number(kTotalDistance));
         }
     }
     EXPECT_GT(accepted, 300);  // the sample reaches the reading of members, not only the parser
@@ -324,15 +327,7 @@ TEST(ServiceDate, LocalTimeConverterAgreesWithTheZoneOnEveryKindOfDay) {
                 local.hour = minute / 60;
                 local.minute = minute % 60;
                 local.second = 30;
-                std::tm tm{};
-                tm.tm_year = local.year - 1900;
-                tm.tm_mon = local.month - 1;
-                tm.tm_mday = local.day;
-                tm.tm_hour = local.hour;
-                tm.tm_min = local.minute;
-                tm.tm_sec = local.second;
-                tm.tm_isdst = -1;
-                const auto expected = platform::TimePoint(std::chrono::seconds(std::mktime(&tm)));
+                const auto expected = viaMktime(local);
                 ASSERT_EQ(converter.fromLocal(local), expected)
                     << z.name << " " << local.year << "-" << local.month << "-" << local.day << " "
                     << local.hour << ":" << local.minute;

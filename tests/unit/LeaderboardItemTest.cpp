@@ -46,9 +46,7 @@ TEST(LeaderboardItem, MemberOfWrongTypeLeavesOnlyThatFieldAbsent) {
          with([](auto& i) { i.IsCurrentUser = false; })},
         {R"({"CityName":"Bursa","userid":"a1"})", with([](auto&) {})},  // keys are exact
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(rowFrom(c.row), c.expected) << c.row;
-    }
+    for (const Case& c : cases) EXPECT_EQ(rowFrom(c.row), c.expected) << c.row;
 }
 
 TEST(LeaderboardItem, RankTypeReadsEveryPresentValueAsAScope) {
@@ -71,9 +69,8 @@ TEST(LeaderboardItem, ListKeepsServiceOrderAndRejectsOtherShapes) {
     ASSERT_TRUE(items);
     ASSERT_EQ(items->size(), 2u);
     EXPECT_EQ((*items)[1].UserRank, 1);
-    for (const char* text : {R"({"UserRank":1})", R"([{"UserRank":1},2])", "[[]]"}) {
+    for (const char* text : {R"({"UserRank":1})", R"([{"UserRank":1},2])", "[[]]"})
         EXPECT_FALSE(leaderboardFromData(parsed(text))) << text;
-    }
     EXPECT_FALSE(leaderboardFromData(Value()));
 }
 

@@ -28,15 +28,12 @@ using namespace std::chrono;
 using test::ScopedTimeZone;
 using test::utc;
 
+// The comma-terminated fields of a record.
 std::vector<std::string> fields(const std::string& text) {
     std::vector<std::string> out;
-    std::size_t start = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == ',') {
-            out.push_back(text.substr(start, i - start));
-            start = i + 1;
-        }
-    }
+    for (std::size_t start = 0, comma; (comma = text.find(',', start)) != std::string::npos;
+         start = comma + 1)
+        out.push_back(text.substr(start, comma - start));
     return out;
 }
 
@@ -189,24 +186,18 @@ TEST(MotionText, RecordsMatchSnprintfAndStrftime) {
 }
 
 TEST(MotionText, NumbersIgnoreADecimalCommaLocale) {
-    const char* candidates[] = {"de_DE.UTF-8", "de_DE.utf8", "tr_TR.UTF-8", "tr_TR.utf8",
-                                "fr_FR.UTF-8", "fr_FR.utf8", "de_DE",       "tr_TR"};
     std::mt19937_64 rng(3);
     std::vector<MotionDataItem> items;
-    std::vector<std::string> expected;
-    for (int i = 0; i < 200; ++i) {
+    std::vector<std::string> expected(200);
+    for (std::string& text : expected) {
         items.push_back(randomRecord(rng));
-        expected.emplace_back();
-        test::appendReferenceText(expected.back(), items.back());  // C locale
+        test::appendReferenceText(text, items.back());  // C locale
     }
     const std::string old = std::setlocale(LC_NUMERIC, nullptr);
     const char* found = nullptr;
-    for (const char* name : candidates) {
-        if (std::setlocale(LC_NUMERIC, name) != nullptr) {
-            found = name;
-            break;
-        }
-    }
+    for (const char* name : {"de_DE.UTF-8", "de_DE.utf8", "tr_TR.UTF-8", "tr_TR.utf8",
+                             "fr_FR.UTF-8", "fr_FR.utf8", "de_DE", "tr_TR"})
+        if (!found && std::setlocale(LC_NUMERIC, name)) found = name;
     if (found == nullptr) GTEST_SKIP() << "no locale with a decimal comma is installed";
     char probe[16];
     std::snprintf(probe, sizeof probe, "%.1f", 1.5);
@@ -269,8 +260,6 @@ TEST(MotionText, OneLocalTimeConversionPerDistinctSecond) {
     EXPECT_EQ(detail::timestampConversions() - before, 301u);
     EXPECT_EQ(bulk, test::referenceBulk(data, 600));
 }
-
-// ---- the bulk ---------------------------------------------------------------------------
 
 }  // namespace
 }  // namespace kestrelvue

@@ -81,9 +81,8 @@ TEST(OutboxStore, ADamagedFileIsSetAsideAndEntriesKeepTheirOrderAcrossOpenings) 
     EXPECT_EQ(left[1].body, "c");
     EXPECT_EQ(left[1].records, 2);
     int aside = 0;
-    for (const auto& f : fs::directory_iterator(dir.path)) {
+    for (const auto& f : fs::directory_iterator(dir.path))
         aside += f.path().filename().string().starts_with("outbox.sqlite.damaged-");
-    }
     EXPECT_EQ(aside, 1);
 }
 

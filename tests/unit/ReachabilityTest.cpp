@@ -35,43 +35,30 @@ namespace {
 // A fake /proc and /sys for one probe.
 class RouteFiles {
 public:
-    RouteFiles() {
-        static int counter = 0;
-        dir_ =
-            std::filesystem::temp_directory_path() /
-            ("kestrelvue-routes-" + std::to_string(::getpid()) + "-" + std::to_string(++counter));
-        std::filesystem::create_directories(dir_ / "net");
-    }
+    RouteFiles() { std::filesystem::create_directories(dir_ / "net"); }
     ~RouteFiles() {
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
+        std::error_code ignored;  // a destructor must not throw
+        std::filesystem::remove_all(dir_, ignored);
     }
-    void ipv4(const std::string& rows) {
-        write("route",
-              "Iface\tDestination\tGateway "
-              "\tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n" +
-                  rows);
-    }
-    void ipv6(const std::string& rows) { write("ipv6_route", rows); }
-    void operstate(const std::string& device, const std::string& state) {
-        std::filesystem::create_directories(dir_ / "net" / device);
-        std::ofstream(dir_ / "net" / device / "operstate") << state << "\n";
+    void write(const std::string& name, const std::string& text) {
+        std::filesystem::create_directories((dir_ / name).parent_path());
+        std::ofstream(dir_ / name) << text;
     }
     std::optional<std::uint32_t> probe() const {
-        posix::DefaultRouteProbe::Paths p;
-        p.ipv4Routes = (dir_ / "route").string();
-        p.ipv6Routes = (dir_ / "ipv6_route").string();
-        p.netDevices = (dir_ / "net").string();
-        return posix::DefaultRouteProbe(p).defaultRouteFlags();
+        return posix::DefaultRouteProbe({(dir_ / "route").string(), (dir_ / "ipv6_route").string(),
+                                         (dir_ / "net").string()})
+            .defaultRouteFlags();
     }
 
 private:
-    void write(const std::string& name, const std::string& text) {
-        std::ofstream(dir_ / name) << text;
-    }
-    std::filesystem::path dir_;
+    inline static int counter = 0;
+    std::filesystem::path dir_ =
+        std::filesystem::temp_directory_path() /
+        ("kestrelvue-routes-" + std::to_string(::getpid()) + "-" + std::to_string(++counter));
 };
 
+const std::string kV4Header =
+    "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
 const std::string kV4Default = "eth0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n";
 const std::string kV4Subnet = "eth0\t000200C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
 const std::string kV6Default =
@@ -119,9 +106,9 @@ TEST(DefaultRouteProbe, AnswersFromTheRoutingTables) {
     };
     for (const Case& c : cases) {
         RouteFiles files;
-        if (c.v4) files.ipv4(*c.v4);
-        if (c.v6) files.ipv6(*c.v6);
-        if (!c.ethState.empty()) files.operstate("eth0", c.ethState);
+        if (c.v4) files.write("route", kV4Header + *c.v4);
+        if (c.v6) files.write("ipv6_route", *c.v6);
+        if (!c.ethState.empty()) files.write("net/eth0/operstate", c.ethState + "\n");
         EXPECT_EQ(files.probe(), c.expected) << c.label;
     }
 }

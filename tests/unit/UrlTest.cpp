@@ -57,8 +57,6 @@ TEST(Url, RejectsTextsThatAreNotUsableAddresses) {
                            "http://h:8a/",
                            "http://[::1/",
                            "http://h\x7f/"};
-    for (const char* text : cases) {
-        EXPECT_FALSE(parseUrl(text)) << '"' << text << '"';
-    }
+    for (const char* text : cases) EXPECT_FALSE(parseUrl(text)) << '"' << text << '"';
     EXPECT_FALSE(parseUrl(std::string_view("http://h/\0x", 11))) << "embedded NUL";
 }

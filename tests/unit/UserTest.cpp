@@ -127,9 +127,8 @@ TEST(UserSharedInstance, HandlesAnswersOnTheSharedCallLayerAndOthersRegisterNoth
             User& shared = User::sharedInstance();
             bool ok = &shared == &User::sharedInstance() &&
                       &shared.restfulCall() == &RestfulCall::sharedInstance();
-            for (const char* name : {"UserLogedIn", "UserAdded", "FriendAdded", "LeaderShipGot"}) {
+            for (const char* name : {"UserLogedIn", "UserAdded", "FriendAdded", "LeaderShipGot"})
                 ok = ok && center.observerCount(name) == 1;
-            }
             User registrant("Ali", "Kaya", "ali@example.org", GenderType::male, "REF-3");
             ok = ok && center.observerCount("UserAdded") == 1 &&
                  registrant.addUserURL == Environment::current().serviceURL("/api/User/AddUser");
