@@ -120,16 +120,17 @@ TEST_F(HistoryTest, AddressThatDoesNotParseIsReportedAtOnceAndKeepsTheHistory) {
     EXPECT_EQ(engine->TripHistory(), std::vector<std::shared_ptr<Trip>>{kept});
 }
 
-// Neither delegate hears of a reply that comes after its engine ended.
+// Neither delegate hears of a reply that comes after its engine ended. The replies wait long
+// enough that a slow (sanitized, loaded) test thread still ends the engine before they come.
 TEST_F(EngineQueryTest, EngineThatEndsBeforeTheRepliesIsNotTouched) {
-    server.reply("/api/Driving/getDriving/0", ScriptedReply::json(kTwoTrips).after(200ms));
+    server.reply("/api/Driving/getDriving/0", ScriptedReply::json(kTwoTrips).after(1500ms));
     server.reply("/api/Driving/getDrivingSummary/6",
-                 ScriptedReply::json(R"([{"AverageScore": 1}])").after(200ms));
+                 ScriptedReply::json(R"([{"AverageScore": 1}])").after(1500ms));
     engine->getTripHistory();
     engine->getSummaryData(6);
     ASSERT_TRUE(server.waitForRequests(3));
     engine.reset();
-    EXPECT_TRUE(host->settled(0, 400ms));
+    EXPECT_TRUE(host->settled(0, 1800ms));
     EXPECT_EQ(env.notifications->observerCount("summaryDataReady"), 0u);
 }
 
