@@ -4,6 +4,8 @@
 # inputs go to a scratch corpus, never into the repository; a crashing input is kept in
 # build/fuzz-artifacts/<target>/ and the script fails.
 #   scripts/fuzz.sh [SECONDS] [BUILD_DIR]     (defaults: 10 s, build/fuzz)
+#   KESTRELVUE_FUZZ_SEED=N   libFuzzer's seed (default 1, so that a CI run can be repeated;
+#                            0 picks a new one each run, for long runs)
 set -uo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-10}
@@ -23,7 +25,8 @@ for target in "${targets[@]}"; do
   artifacts=$PWD/build/fuzz-artifacts/$name/
   mkdir -p "$scratch/$name" "$artifacts" "$seeds"
   log=$scratch/$name.log
-  "$target" -max_total_time="$seconds" -print_final_stats=1 -rss_limit_mb=2048 \
+  "$target" -max_total_time="$seconds" -seed="${KESTRELVUE_FUZZ_SEED:-1}" -print_final_stats=1 \
+    -rss_limit_mb=2048 \
     -artifact_prefix="$artifacts" "$scratch/$name" "$seeds" >"$log" 2>&1
   status=$?
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)

@@ -151,8 +151,12 @@ std::vector<platform::OutboxEntry> SqliteOutboxStore::load() {
     sqlite3* db = impl_->db;
     if (!db) return out;
     sqlite3_stmt* st = nullptr;
-    if (sqlite3_prepare_v2(db, "SELECT id, kind, records, url, body FROM entries ORDER BY id", -1,
-                           &st, nullptr) != SQLITE_OK) {
+    // Only rows this store could have written: a damaged or foreign file may hold ids that are
+    // not positive integers, and an entry is known by its id until the service confirms it.
+    if (sqlite3_prepare_v2(db,
+                           "SELECT id, kind, records, url, body FROM entries"
+                           " WHERE typeof(id) = 'integer' AND id > 0 ORDER BY id",
+                           -1, &st, nullptr) != SQLITE_OK) {
         return out;
     }
     while (sqlite3_step(st) == SQLITE_ROW) {
