@@ -33,43 +33,38 @@ protected:
     }
 };
 
-TEST_F(TripLifecycle, StartWithoutDeviceMotionFails) {
-    h.motion->setDeviceMotionAvailable(false);
-    EXPECT_FALSE(engine->startTrip());
-    EXPECT_FALSE(engine->IsDriving());
-    Reports r = h.delegate->reports();
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_EQ(r[0].kind, "tripDidFail");
-    EXPECT_EQ(r[0].code, 1000);
-    EXPECT_EQ(r[0].title, "Device Motion Desteklenmiyor");
-    EXPECT_EQ(r[0].message,
-              "Sürüş başlatabilmek için telefonunuzun Device Motion desteği bulunmuyor");
-    EXPECT_EQ(r[0].alert, nullptr);
-    EXPECT_FALSE(h.location->isUpdating());  // nothing was started or reset
-    EXPECT_EQ(engine->DrivingID(), "00000001-0000-4000-8000-000000000001");
-}
-
-TEST_F(TripLifecycle, RefusedPermissionHandsTheHostAnAlertThatOpensTheSettings) {
+// Each refusal is reported once, before anything starts; only a refused permission comes with an
+// alert, whose first action opens the settings.
+TEST_F(TripLifecycle, RefusedStartsAreReportedWithTheirTexts) {
     using S = platform::AuthorizationStatus;
     const std::string denied =
         "Sürüş başlatabilmek için Konum Servisleri'nden Kestrelvue uygulamasına izin veriniz";
-    const std::tuple<bool, S, std::string, std::string, std::string> cases[] = {
-        {false, S::authorizedWhenInUse, "Konum Servisleri Kapalı",
+    const std::tuple<bool, bool, S, std::string, std::string, std::string> cases[] = {
+        {false, true, S::authorizedWhenInUse, "Device Motion Desteklenmiyor",
+         "Sürüş başlatabilmek için telefonunuzun Device Motion desteği bulunmuyor", ""},
+        {true, false, S::authorizedWhenInUse, "Konum Servisleri Kapalı",
          "Sürüş başlatabilmek için Konum Servislerini açarak Kestrelvue uygulamasına izin veriniz",
          "Ayarlara Git"},
-        {true, S::denied, "Konum Erişim Yetkisi Bulunmuyor", denied, "Ayarlara  Git"},
-        {true, S::restricted, "Konum Erişim Yetkisi Bulunmuyor", denied, "Ayarlara  Git"},
+        {true, true, S::denied, "Konum Erişim Yetkisi Bulunmuyor", denied, "Ayarlara  Git"},
+        {true, true, S::restricted, "Konum Erişim Yetkisi Bulunmuyor", denied, "Ayarlara  Git"},
     };
     std::size_t opened = 0;
-    for (const auto& [enabled, status, title, message, button] : cases) {
+    for (const auto& [motion, enabled, status, title, message, button] : cases) {
+        SCOPED_TRACE(title);
+        h.motion->setDeviceMotionAvailable(motion);
         h.location->setLocationServicesEnabled(enabled);
         h.location->setAuthorizationStatus(status);
+        const auto before = h.delegate->reports().size();
         EXPECT_FALSE(engine->startTrip());
-        const auto f = h.delegate->reports().back();
-        EXPECT_EQ(f.kind, "tripDidFail");
-        EXPECT_EQ(f.code, 1000);
-        EXPECT_EQ(f.title, title);
-        EXPECT_EQ(f.message, message);
+        const Reports r = h.delegate->reports();
+        ASSERT_EQ(r.size(), before + 1);
+        const auto& f = r.back();
+        EXPECT_EQ(std::tuple(f.kind, f.code, f.title, f.message),
+                  std::tuple("tripDidFail", 1000, title, message));
+        if (button.empty()) {
+            EXPECT_EQ(f.alert, nullptr);
+            continue;
+        }
         ASSERT_NE(f.alert, nullptr);
         EXPECT_EQ(f.alert->message, message);
         ASSERT_EQ(f.alert->actions.size(), 2u);
@@ -80,16 +75,18 @@ TEST_F(TripLifecycle, RefusedPermissionHandsTheHostAnAlertThatOpensTheSettings) 
         EXPECT_EQ(h.application->openedURLs().size(), ++opened);
         EXPECT_EQ(h.application->openedURLs().back(), "app-settings:");
     }
+    EXPECT_FALSE(engine->IsDriving());
+    EXPECT_FALSE(h.location->isUpdating());  // nothing was started or reset
+    EXPECT_EQ(engine->DrivingID(), "00000001-0000-4000-8000-000000000001");
     EXPECT_EQ(h.location->authorizationRequestCount(), 0);
-}
 
-TEST_F(TripLifecycle, NotYetAskedPermissionIsRequestedSilently) {
-    h.location->setAuthorizationStatus(platform::AuthorizationStatus::notDetermined);
-    // Even when the user answers at once, this start fails; the host starts again.
-    h.location->setAuthorizationAnswer(platform::AuthorizationStatus::authorizedWhenInUse);
+    // Not yet asked: asked silently, and even an answer at once leaves this start failed.
+    h.location->setAuthorizationStatus(S::notDetermined);
+    h.location->setAuthorizationAnswer(S::authorizedWhenInUse);
+    const auto reported = h.delegate->reports().size();
     EXPECT_FALSE(engine->startTrip());
     EXPECT_EQ(h.location->authorizationRequestCount(), 1);
-    EXPECT_TRUE(h.delegate->reports().empty());
+    EXPECT_EQ(h.delegate->reports().size(), reported);
     EXPECT_TRUE(engine->startTrip());
 }
 
@@ -183,6 +180,25 @@ TEST_F(TripLifecycle, AddressLookupOutcomes) {
         EXPECT_EQ(e->EndLocationStr(), c.end);
         EXPECT_EQ(e->TripHistory().size(), 1u);
     }
+}
+
+// Every batch of fixes asks for the weather at the current position until a temperature is known.
+TEST_F(TripLifecycle, EveryFixBatchAsksForTheWeather) {
+    engine->setUserID(42);
+    ASSERT_TRUE(engine->startTrip());
+    engine->didUpdateLocations({h.fix(41.0, 29.0, 80)});  // refused: the placeholder's position
+    h.clock->advance(1s);
+    engine->didUpdateLocations({h.fix(41.0, 29.00123, 5)});
+    engine->didUpdateLocations({});  // nothing acceptable still asks
+    const std::string base = "http://service.test/api/General/getWeatherDataByLatLon/42";
+    auto urls = h.http->urls();  // besides the threshold request of a new engine
+    std::erase_if(urls, [&](const std::string& u) { return !u.starts_with(base); });
+    EXPECT_EQ(urls, (std::vector<std::string>{
+                        base + "?latitude=0.0&longitude=0.0",
+                        base + "?latitude=41.0&longitude=29.00123",
+                        base + "?latitude=41.0&longitude=29.00123",
+                    }));
+    for (const auto& r : h.http->requests()) EXPECT_EQ(r.method, "GET");
 }
 
 TEST_F(TripLifecycle, NoPositionForTenSecondsStopsTheTrip) {
