@@ -75,38 +75,35 @@ void RecordingDelegate::add(Report r) {
 }
 
 void RecordingDelegate::tripDidFinish(std::shared_ptr<Trip> trip) {
-    add({"tripDidFinish", 0, {}, {}, std::move(trip), {}, {}, {}});
+    add({.kind = "tripDidFinish", .trip = std::move(trip)});
 }
 
-void RecordingDelegate::tripDidFail(std::int64_t errorCode, const std::string& errorTitle,
-                                    const std::string& errorMessage,
-                                    std::shared_ptr<platform::Alert> alertController) {
-    add({"tripDidFail",
-         errorCode,
-         errorTitle,
-         errorMessage,
-         {},
-         std::move(alertController),
-         {},
-         {}});
+void RecordingDelegate::tripDidFail(std::int64_t code, const std::string& title,
+                                    const std::string& message,
+                                    std::shared_ptr<platform::Alert> alert) {
+    add({.kind = "tripDidFail",
+         .code = code,
+         .title = title,
+         .message = message,
+         .alert = std::move(alert)});
 }
 
 void RecordingDelegate::historyDataDidReceive(const std::vector<std::shared_ptr<Trip>>& history) {
-    add({"history", 0, {}, {}, {}, {}, history, {}});
+    add({.kind = "history", .history = history});
 }
 
 void RecordingDelegate::historyDataReceiveDidFail(std::int64_t code, const std::string& title,
                                                   const std::string& message) {
-    add({"historyFail", code, title, message, {}, {}, {}, {}});
+    add({.kind = "historyFail", .code = code, .title = title, .message = message});
 }
 
 void RecordingDelegate::summaryDataDidReceive(const SummaryData& summaryData) {
-    add({"summary", 0, {}, {}, {}, {}, {}, summaryData});
+    add({.kind = "summary", .summary = summaryData});
 }
 
 void RecordingDelegate::summaryDataReceiveDidFail(std::int64_t code, const std::string& title,
                                                   const std::string& message) {
-    add({"summaryFail", code, title, message, {}, {}, {}, {}});
+    add({.kind = "summaryFail", .code = code, .title = title, .message = message});
 }
 
 std::vector<RecordingDelegate::Report> RecordingDelegate::reports() const {

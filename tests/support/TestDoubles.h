@@ -69,11 +69,12 @@ public:
         /// "tripDidFinish", "tripDidFail", "history", "historyFail", "summary", "summaryFail"
         std::string kind;
         std::int64_t code = 0;
-        std::string title, message;
-        std::shared_ptr<Trip> trip;
-        std::shared_ptr<platform::Alert> alert;
-        std::vector<std::shared_ptr<Trip>> history;
-        SummaryData summary;
+        // Initialised members, so that each report names only what it carries.
+        std::string title = {}, message = {};
+        std::shared_ptr<Trip> trip = {};
+        std::shared_ptr<platform::Alert> alert = {};
+        std::vector<std::shared_ptr<Trip>> history = {};
+        SummaryData summary = {};
     };
     void tripDidFinish(std::shared_ptr<Trip> trip) override;
     void tripDidFail(std::int64_t errorCode, const std::string& errorTitle,
