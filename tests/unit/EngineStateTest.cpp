@@ -256,32 +256,18 @@ TEST(MotionUploader, WhatFollowsAnUploadsOutcome) {
         F failure;
         std::size_t leftAfterFailure;
     };
+    // clang-format off
     const Case cases[] = {
-        {"driving", {false, true, false}, 5, 3, 0, S::nothing, 2, F::report, 5},
-        {"stopped, more to send", {false, false, true}, 5, 3, 0, S::sendNextBulk, 2, F::retry, 5},
-        {"stopped, last bulk", {false, false, true}, 3, 3, 0, S::completeTrip, 0, F::retry, 3},
-        {"stopped, end address pending",
-         {false, false, false},
-         3,
-         3,
-         0,
-         S::nothing,
-         0,
-         F::nothing,
-         3},
-        {"stopped, no bulk in flight", {false, false, true}, 2, 0, 0, S::nothing, 2, F::retry, 2},
-        {"stopped, retries used up",
-         {false, false, true},
-         3,
-         3,
-         3,
-         S::completeTrip,
-         0,
-         F::giveUp,
-         3},
-        {"outbox, driving", {true, true, false}, 5, 3, 0, S::nothing, 2, F::report, 2},
-        {"outbox, stopped", {true, false, true}, 5, 3, 0, S::nothing, 2, F::nothing, 2},
+        {"driving",                      {false, true, false},  5, 3, 0, S::nothing,      2, F::report,  5},
+        {"stopped, more to send",        {false, false, true},  5, 3, 0, S::sendNextBulk, 2, F::retry,   5},
+        {"stopped, last bulk",           {false, false, true},  3, 3, 0, S::completeTrip, 0, F::retry,   3},
+        {"stopped, end address pending", {false, false, false}, 3, 3, 0, S::nothing,      0, F::nothing, 3},
+        {"stopped, no bulk in flight",   {false, false, true},  2, 0, 0, S::nothing,      2, F::retry,   2},
+        {"stopped, retries used up",     {false, false, true},  3, 3, 3, S::completeTrip, 0, F::giveUp,  3},
+        {"outbox, driving",              {true, true, false},   5, 3, 0, S::nothing,      2, F::report,  2},
+        {"outbox, stopped",              {true, false, true},   5, 3, 0, S::nothing,      2, F::nothing, 2},
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         MotionUploader u;
