@@ -86,9 +86,6 @@ struct DrivingInsightTestAccess {
         std::lock_guard lock(e.impl_->mutex_);
         how(*e.impl_);
     }
-    static int getDeviceOrientation(const Vector3& attitude) {
-        return DrivingInsight::Impl::getDeviceOrientation(attitude);
-    }
     static detail::Settings settings(const DrivingInsight& e) {
         return read(e, [](const auto& s) { return s.settings; });
     }
