@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -130,7 +129,7 @@ public:
     const std::string getLeaderShipURL;  // ends with "/": the user's identifier follows
     const std::string getLeaderShipObserverName = "LeaderShipGot";
 
-    RestfulCall& restfulCall() const { return *restfulCall_; }
+    RestfulCall& restfulCall() const;
 
     // ---- Fields ---------------------------------------------------------------------------
     std::string firstName() const;
@@ -172,19 +171,10 @@ private:
          bool handlesAnswers);
     void registerHandlers();
 
-    RestfulCall* restfulCall_;
-    NotificationCenter* center_;
-    bool handlesAnswers_ = false;
-
-    mutable std::mutex mutex_;
-    std::int64_t id_ = 0;
-    std::string firstName_;
-    std::string lastName_;
-    std::string email_;
-    GenderType gender_ = GenderType::unknown;
-    std::string referenceId_;
-    UserType type_ = UserType::driver;
-    std::shared_ptr<UserDelegate> delegate_;
+    // The guarded fields live behind a pointer, so adding one does not change what hosts
+    // compile against.
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace kestrelvue

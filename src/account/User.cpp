@@ -2,6 +2,8 @@
 #include <kestrelvue/RestfulCall.h>
 #include <kestrelvue/User.h>
 
+#include <mutex>
+
 #include "account/WireValues.h"
 
 namespace kestrelvue {
@@ -20,6 +22,22 @@ const std::string* errorText(const UserInfo& info) {
 }
 
 }  // namespace
+
+struct User::Impl {
+    RestfulCall* restfulCall = nullptr;
+    NotificationCenter* center = nullptr;
+    bool handlesAnswers = false;
+
+    mutable std::mutex mutex = {};
+    std::int64_t id = 0;
+    std::string firstName = {};
+    std::string lastName = {};
+    std::string email = {};
+    GenderType gender = GenderType::unknown;
+    std::string referenceId = {};
+    UserType type = UserType::driver;
+    std::shared_ptr<UserDelegate> delegate = {};
+};
 
 User& User::sharedInstance() {
     // Never destroyed: answers may still arrive on worker threads while the process exits.
@@ -51,18 +69,18 @@ User::User(std::string firstName, std::string lastName, std::string email, Gende
       addUserURL(environment.serviceURL("/api/User/AddUser")),
       addFriendURL(environment.serviceURL("/api/General/AddFriend")),
       getLeaderShipURL(environment.serviceURL("/api/General/getLeaderShip/")),
-      restfulCall_(&restfulCall),
-      center_(&restfulCall.notificationCenter()),
-      firstName_(std::move(firstName)),
-      lastName_(std::move(lastName)),
-      email_(std::move(email)),
-      gender_(gender),
-      referenceId_(std::move(referenceId)) {
+      impl_(new Impl{.restfulCall = &restfulCall,
+                     .center = &restfulCall.notificationCenter(),
+                     .firstName = std::move(firstName),
+                     .lastName = std::move(lastName),
+                     .email = std::move(email),
+                     .gender = gender,
+                     .referenceId = std::move(referenceId)}) {
     if (handlesAnswers) registerHandlers();
 }
 
 void User::registerHandlers() {
-    handlesAnswers_ = true;
+    impl_->handlesAnswers = true;
     using Handler = void (User::*)(const Notification&);
     const std::pair<const std::string*, Handler> handlers[] = {
         {&loginObserverName, &User::userLogedIn},
@@ -73,86 +91,88 @@ void User::registerHandlers() {
     for (const auto& entry : handlers) {
         // Copied out of the pair: clang rejects capturing a structured binding.
         Handler method = entry.second;
-        center_->addObserver(this, *entry.first, [this, method](const Notification& notification) {
-            (this->*method)(notification);
-        });
+        impl_->center->addObserver(
+            this, *entry.first,
+            [this, method](const Notification& notification) { (this->*method)(notification); });
     }
 }
 
 User::~User() {
     // Returns once no handler of this account runs on another thread.
-    if (handlesAnswers_) center_->removeObserver(this);
+    if (impl_->handlesAnswers) impl_->center->removeObserver(this);
 }
 
 // ---- Fields -------------------------------------------------------------------------------
 
+RestfulCall& User::restfulCall() const {
+    return *impl_->restfulCall;
+}
+
+namespace {
+template <class T>
+T guardedRead(std::mutex& mutex, const T& field) {
+    std::lock_guard lock(mutex);
+    return field;
+}
+template <class T>
+void guardedWrite(std::mutex& mutex, T& field, T value) {
+    std::lock_guard lock(mutex);
+    field = std::move(value);
+}
+}  // namespace
+
 std::string User::firstName() const {
-    std::lock_guard lock(mutex_);
-    return firstName_;
+    return guardedRead(impl_->mutex, impl_->firstName);
 }
 void User::setFirstName(std::string value) {
-    std::lock_guard lock(mutex_);
-    firstName_ = std::move(value);
+    guardedWrite(impl_->mutex, impl_->firstName, std::move(value));
 }
 std::string User::lastName() const {
-    std::lock_guard lock(mutex_);
-    return lastName_;
+    return guardedRead(impl_->mutex, impl_->lastName);
 }
 void User::setLastName(std::string value) {
-    std::lock_guard lock(mutex_);
-    lastName_ = std::move(value);
+    guardedWrite(impl_->mutex, impl_->lastName, std::move(value));
 }
 std::string User::email() const {
-    std::lock_guard lock(mutex_);
-    return email_;
+    return guardedRead(impl_->mutex, impl_->email);
 }
 void User::setEmail(std::string value) {
-    std::lock_guard lock(mutex_);
-    email_ = std::move(value);
+    guardedWrite(impl_->mutex, impl_->email, std::move(value));
 }
 GenderType User::gender() const {
-    std::lock_guard lock(mutex_);
-    return gender_;
+    return guardedRead(impl_->mutex, impl_->gender);
 }
 void User::setGender(GenderType value) {
-    std::lock_guard lock(mutex_);
-    gender_ = value;
+    guardedWrite(impl_->mutex, impl_->gender, value);
 }
 std::string User::referenceId() const {
-    std::lock_guard lock(mutex_);
-    return referenceId_;
+    return guardedRead(impl_->mutex, impl_->referenceId);
 }
 void User::setReferenceId(std::string value) {
-    std::lock_guard lock(mutex_);
-    referenceId_ = std::move(value);
+    guardedWrite(impl_->mutex, impl_->referenceId, std::move(value));
 }
 std::shared_ptr<UserDelegate> User::delegate() const {
-    std::lock_guard lock(mutex_);
-    return delegate_;
+    return guardedRead(impl_->mutex, impl_->delegate);
 }
 void User::setDelegate(std::shared_ptr<UserDelegate> value) {
-    std::lock_guard lock(mutex_);
-    delegate_ = std::move(value);
+    guardedWrite(impl_->mutex, impl_->delegate, std::move(value));
 }
 std::int64_t User::Id() const {
-    std::lock_guard lock(mutex_);
-    return id_;
+    return guardedRead(impl_->mutex, impl_->id);
 }
 void User::setId(std::int64_t value) {
-    std::lock_guard lock(mutex_);
-    id_ = value;
+    guardedWrite(impl_->mutex, impl_->id, value);
 }
 UserType User::Type() const {
-    std::lock_guard lock(mutex_);
-    return type_;
+    return guardedRead(impl_->mutex, impl_->type);
 }
 
 // ---- Login and registration ---------------------------------------------------------------
 
 void User::login(const std::string& userName, const std::string& password) {
     // The token lives only in this body, which is gone once the call layer has serialised it.
-    restfulCall_->Post(loginURL, Object{{"Mobile", userName}, {"Token", password}},
-                       loginObserverName, true, RestfulCall::ReturnType::dictionary);
+    impl_->restfulCall->Post(loginURL, Object{{"Mobile", userName}, {"Token", password}},
+                             loginObserverName, true, RestfulCall::ReturnType::dictionary);
 }
 
 void User::userLogedIn(const Notification& notification) {
@@ -167,14 +187,15 @@ void User::userLogedIn(const Notification& notification) {
     std::shared_ptr<UserDelegate> d;
     {
         // Both fields change together, so a reader never sees one login's Id with another's Type.
-        std::lock_guard lock(mutex_);
+        std::lock_guard lock(impl_->mutex);
         if (auto it = reply->find("Id"); it != reply->end()) {
-            if (auto id = account::integerOf(it->second)) id_ = *id;
+            if (auto id = account::integerOf(it->second)) impl_->id = *id;
         }
         if (auto it = reply->find("UserTypeId"); it != reply->end()) {
-            if (auto typeId = account::integerOf(it->second)) type_ = userTypeFromWire(*typeId);
+            if (auto typeId = account::integerOf(it->second))
+                impl_->type = userTypeFromWire(*typeId);
         }
-        d = delegate_;
+        d = impl_->delegate;
     }
     if (d) d->userDidLogin(*this);
 }
@@ -182,14 +203,15 @@ void User::userLogedIn(const Notification& notification) {
 void User::addUser() {
     Object body;
     {
-        std::lock_guard lock(mutex_);
-        body = Object{{"FirstName", firstName_},
-                      {"LastName", lastName_},
-                      {"Email", email_},
-                      {"GenderId", genderWireId(gender_)},
-                      {"ReferenceId", referenceId_}};
+        std::lock_guard lock(impl_->mutex);
+        body = Object{{"FirstName", impl_->firstName},
+                      {"LastName", impl_->lastName},
+                      {"Email", impl_->email},
+                      {"GenderId", genderWireId(impl_->gender)},
+                      {"ReferenceId", impl_->referenceId}};
     }
-    restfulCall_->Post(addUserURL, body, addUserObserverName, true, RestfulCall::ReturnType::int_);
+    impl_->restfulCall->Post(addUserURL, body, addUserObserverName, true,
+                             RestfulCall::ReturnType::int_);
 }
 
 void User::userAdded(const Notification& notification) {
@@ -203,9 +225,9 @@ void User::userAdded(const Notification& notification) {
     if (!newId) return;
     std::shared_ptr<UserDelegate> d;
     {
-        std::lock_guard lock(mutex_);
-        id_ = *newId;
-        d = delegate_;
+        std::lock_guard lock(impl_->mutex);
+        impl_->id = *newId;
+        d = impl_->delegate;
     }
     if (d) d->userDidAdd(*this);
 }
@@ -216,8 +238,8 @@ void User::addFriend(const std::string& friendReferenceId) {
     Object body{{"ReferenceID", referenceId()},
                 {"FriendReferenceID", friendReferenceId},
                 {"LoginTypeID", 1}};
-    restfulCall_->Post(addFriendURL, body, addFriendObserverName, true,
-                       RestfulCall::ReturnType::string);
+    impl_->restfulCall->Post(addFriendURL, body, addFriendObserverName, true,
+                             RestfulCall::ReturnType::string);
 }
 
 void User::friendAdded(const Notification& notification) {
@@ -238,7 +260,7 @@ void User::getLeadership(RankTypes for_) {
     url += std::to_string(Id());
     url += "?RankType=";
     url += std::to_string(rankTypeNumber(for_));
-    restfulCall_->Get(url, getLeaderShipObserverName, true);
+    impl_->restfulCall->Get(url, getLeaderShipObserverName, true);
 }
 
 void User::leadershipGot(const Notification& notification) {
