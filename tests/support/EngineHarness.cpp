@@ -5,9 +5,12 @@ namespace kestrelvue::test {
 platform::AsyncRequest ScriptedHttpClient::send(platform::HttpRequest request,
                                                 platform::HttpCompletion completion) {
     auto [handle, guarded] = platform::AsyncRequest::guard(std::move(completion));
-    std::lock_guard lock(mutex_);
-    sent_.push_back(request);
-    pending_.emplace_back(std::move(request), std::move(guarded));
+    {
+        std::lock_guard lock(mutex_);
+        sent_.push_back(request);
+        pending_.emplace_back(std::move(request), std::move(guarded));
+    }
+    if (atOnce_) deliverAll();
     return std::move(handle);
 }
 

@@ -14,6 +14,7 @@
 #include <kestrelvue/Environment.h>
 #include <kestrelvue/platform/HttpClient.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -29,7 +30,7 @@
 namespace kestrelvue::test {
 
 /// Keeps every request until the test answers it with deliverAll() (on the test's thread,
-/// standing in for a worker thread).
+/// standing in for a worker thread); or, after answerAtOnce(), answers inside send().
 class ScriptedHttpClient final : public platform::HttpClient {
 public:
     using Responder = std::function<platform::HttpResult(const platform::HttpRequest&)>;
@@ -38,6 +39,7 @@ public:
                                 platform::HttpCompletion completion) override;
 
     void setResponder(Responder responder);
+    void answerAtOnce() { atOnce_ = true; }
     /// Answers pending requests, and those sent meanwhile, until none is left.
     std::size_t deliverAll();
     std::vector<platform::HttpRequest> requests() const;
@@ -48,6 +50,7 @@ public:
 private:
     mutable std::mutex mutex_;
     Responder responder_;
+    std::atomic<bool> atOnce_{false};
     std::vector<platform::HttpRequest> sent_;
     std::vector<std::pair<platform::HttpRequest, platform::HttpCompletion>> pending_;
 };

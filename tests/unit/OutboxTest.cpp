@@ -10,6 +10,7 @@
 
 #include "net/Outbox.h"
 #include "platform/sim/Sim.h"
+#include "support/EngineHarness.h"
 #include "support/TestEnvironment.h"
 
 using namespace kestrelvue;
@@ -30,32 +31,6 @@ struct TempDir {
 platform::OutboxEntry entry(platform::OutboxKind kind, std::int64_t records, std::string body) {
     return platform::OutboxEntry{0, kind, records, "http://127.0.0.1:1/api/x", std::move(body)};
 }
-
-// Answers every request at once with the status it is set to, noting the virtual time of each.
-class StatusHttp final : public platform::HttpClient {
-public:
-    explicit StatusHttp(std::shared_ptr<sim::VirtualClock> clock) : clock_(std::move(clock)) {}
-    platform::AsyncRequest send(platform::HttpRequest,
-                                platform::HttpCompletion completion) override {
-        long code = 0;
-        {
-            std::lock_guard lock(mutex);
-            times.push_back(clock_->now());
-            code = status;
-        }
-        platform::HttpResult r;
-        r.response = platform::HttpResponse{code, {}};
-        r.body = std::string();
-        completion(std::move(r));
-        return {};
-    }
-    std::mutex mutex;
-    long status = 500;
-    std::vector<platform::TimePoint> times;
-
-private:
-    std::shared_ptr<sim::VirtualClock> clock_;
-};
 
 }  // namespace
 
@@ -89,7 +64,16 @@ TEST(OutboxStore, ADamagedFileIsSetAsideAndEntriesKeepTheirOrderAcrossOpenings) 
 TEST(Outbox, TriesAgainWithJitteredDoublingBackOffUpToTheCapUntilConfirmed) {
     TempDir dir;
     auto clock = std::make_shared<sim::VirtualClock>();
-    auto http = std::make_shared<StatusHttp>(clock);
+    auto http = std::make_shared<test::ScriptedHttpClient>();
+    std::mutex mutex;  // guards the two below: requests are sent on the outbox's thread
+    long status = 500;
+    std::vector<platform::TimePoint> times;
+    http->setResponder([&](const platform::HttpRequest&) {
+        std::lock_guard lock(mutex);
+        times.push_back(clock->now());
+        return test::ScriptedHttpClient::reply(status, "");
+    });
+    http->answerAtOnce();
     Environment env;
     env.clock = clock;
     env.http = http;
@@ -110,11 +94,9 @@ TEST(Outbox, TriesAgainWithJitteredDoublingBackOffUpToTheCapUntilConfirmed) {
         outbox.wake();
         outbox.waitUntilIdle();
     }
-    std::vector<platform::TimePoint> times;
     {
-        std::lock_guard lock(http->mutex);
-        times = http->times;
-        http->status = 200;
+        std::lock_guard lock(mutex);
+        status = 200;
     }
     // 2, 4, 8, 16, 16, ... seconds, each cut to a random half to all of it (plus the 1 s steps).
     ASSERT_GE(times.size(), 8u);
