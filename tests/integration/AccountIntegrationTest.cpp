@@ -53,7 +53,7 @@ TEST_F(AccountIntegration, LoginSendsTheNumberAndTokenAndTakesTheReply) {
     EXPECT_EQ(events[0].user, account.get());
     EXPECT_EQ(account->Id(), 58);
     EXPECT_EQ(account->Type(), UserType::observer);
-    const auto request = server.requestsTo("/api/User/LoginWithToken").at(0);
+    const auto request = server.requests("/api/User/LoginWithToken").at(0);
     EXPECT_EQ(request.method, "POST");
     EXPECT_EQ(bodyOf(request), (Object{{"Mobile", "5551234567"}, {"Token", "t0k3n"}}));
 }
@@ -73,7 +73,7 @@ TEST_F(AccountIntegration, RegistrationOfAFemaleAccountThroughAPublicInitialiser
     EXPECT_EQ(registrant.Id(), 0);
     EXPECT_TRUE(own->events().empty());
 
-    EXPECT_EQ(bodyOf(server.requestsTo("/api/User/AddUser").at(0)),
+    EXPECT_EQ(bodyOf(server.requests("/api/User/AddUser").at(0)),
               (Object{{"FirstName", "Ayşe"},
                       {"LastName", "Yılmaz"},
                       {"Email", "ayse@example.org"},
@@ -96,7 +96,7 @@ TEST_F(AccountIntegration, AddFriendPassesTheReplyBodyOn) {
     EXPECT_EQ(events[1].errorTitle, "Arkadaş eklenemedi");
     EXPECT_EQ(events[1].errorMessage, "Zaten arkadaş");
     EXPECT_EQ(
-        bodyOf(server.requestsTo("/api/General/AddFriend").at(0)),
+        bodyOf(server.requests("/api/General/AddFriend").at(0)),
         (Object{{"ReferenceID", "REF-1"}, {"FriendReferenceID", "REF-9"}, {"LoginTypeID", 1}}));
 }
 
@@ -116,8 +116,8 @@ TEST_F(AccountIntegration, OverlappingLeaderboardRequestsAreToldApartByRankType)
     ASSERT_EQ(events[1].leaderboard.size(), 1u);
     EXPECT_EQ(events[0].leaderboard[0].RankType, RankTypes::City);
     EXPECT_EQ(events[1].leaderboard[0].RankType, RankTypes::Country);
-    EXPECT_EQ(server.requests().at(0).query, "RankType=1");
-    EXPECT_EQ(server.requests().at(1).query, "RankType=2");
+    EXPECT_EQ(server.requests().at(0).target, "/api/General/getLeaderShip/57?RankType=1");
+    EXPECT_EQ(server.requests().at(1).target, "/api/General/getLeaderShip/57?RankType=2");
 }
 
 // The token may appear in the login body and nowhere else: not in the reports to the host, nor in
@@ -125,8 +125,8 @@ TEST_F(AccountIntegration, OverlappingLeaderboardRequestsAreToldApartByRankType)
 TEST_F(AccountIntegration, TheLoginTokenAppearsOnlyInTheRequestBody) {
     const std::string token = "Zq9-SECRET-token-7Hk";
     for (const ScriptedReply& reply :
-         {ScriptedReply::dropped(ScriptedReply::Drop::beforeReply),  // not reported
-          ScriptedReply::statusOnly(403), ScriptedReply::text("Hatalı giriş", 500),
+         {ScriptedReply{.drop = ScriptedReply::Drop::beforeReply},  // not reported
+          ScriptedReply{.status = 403}, ScriptedReply::text("Hatalı giriş", 500),
           ScriptedReply::text("not json"), ScriptedReply::json(R"({"Id":5})")})
         server.enqueue("/api/User/LoginWithToken", reply);
     for (std::size_t i = 1; i <= 5; ++i) {

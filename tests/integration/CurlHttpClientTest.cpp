@@ -92,11 +92,11 @@ TEST(CurlHttpClient, ReportsStatusHeadersAndBodyOnAWorkerThread) {
 
 TEST(CurlHttpClient, TellsAnAbsentBodyFromAnEmptyOneAndFollowsRedirects) {
     TestServer server;
-    server.reply("/empty", ScriptedReply::statusOnly(200));
-    server.reply("/absent", ScriptedReply::noBody(200));
+    server.reply("/empty", ScriptedReply{.status = 200});
+    server.reply("/absent", ScriptedReply{.status = 200, .body = std::nullopt});
     // Compressed on the wire when the server chooses to; the completion sees the decoded text.
     server.reply("/text", ScriptedReply::text(std::string(5000, 'a')));
-    ScriptedReply moved = ScriptedReply::statusOnly(302);
+    ScriptedReply moved = ScriptedReply{.status = 302};
     moved.headers.emplace_back("Location", "/text");  // redirects are followed
     server.reply("/start", moved);
     posix::CurlHttpClient client;
@@ -117,8 +117,9 @@ TEST(CurlHttpClient, TellsAnAbsentBodyFromAnEmptyOneAndFollowsRedirects) {
 
 TEST(CurlHttpClient, TransportFailuresCarryAnErrorAndNoResponse) {
     TestServer server;
-    server.reply("/drop", ScriptedReply::dropped(ScriptedReply::Drop::beforeReply));
-    server.reply("/cut", ScriptedReply::dropped(ScriptedReply::Drop::afterHeaders, "0123456789"));
+    server.reply("/drop", ScriptedReply{.drop = ScriptedReply::Drop::beforeReply});
+    server.reply("/cut",
+                 ScriptedReply{.body = "0123456789", .drop = ScriptedReply::Drop::afterHeaders});
     server.reply("/slow", ScriptedReply::text("late").after(3s));
     server.reply("/big", ScriptedReply::text(std::string(300 * 1024, 'x')));
     server.reply("/medium", ScriptedReply::text(std::string(50 * 1024, 'x')));

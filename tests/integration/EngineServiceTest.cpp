@@ -44,10 +44,10 @@ TEST_F(EngineService, ThresholdsArriveAfterCreation) {
     EXPECT_FALSE(got.at(0).userInfo.has_value());
     EXPECT_EQ(got.at(0).object, engine.get());
 
-    auto requests = server.requestsTo("/api/Driving/getThresholds");
+    auto requests = server.requests("/api/Driving/getThresholds");
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].method, "GET");
-    EXPECT_EQ(requests[0].query, "");
+    EXPECT_EQ(requests[0].target, "/api/Driving/getThresholds");
     EXPECT_EQ(requests[0].body, "");
 
     auto s = DrivingInsightTestAccess::settings(*engine);
@@ -75,10 +75,11 @@ TEST_F(EngineService, WeatherRequestsReachTheServiceAndItsReplyTheHost) {
     engine->didUpdateLocations({h.fix(40.9923, 29.0244, 5)});
     ASSERT_TRUE(weather.waitFor(1));
 
-    auto requests = server.requestsTo("/api/General/getWeatherDataByLatLon/7");
+    auto requests = server.requests("/api/General/getWeatherDataByLatLon/7");
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].method, "GET");
-    EXPECT_EQ(requests[0].query, "latitude=40.9923&longitude=29.0244");
+    EXPECT_EQ(requests[0].target,
+              "/api/General/getWeatherDataByLatLon/7?latitude=40.9923&longitude=29.0244");
     const test::RecordedNotification reply = weather.at(0);
     const Value* data = reply.find("Data");
     ASSERT_NE(data, nullptr);
@@ -88,7 +89,7 @@ TEST_F(EngineService, WeatherRequestsReachTheServiceAndItsReplyTheHost) {
     engine->setTemperature(17.5);
     engine->didUpdateLocations({h.fix(40.9924, 29.0244, 5)});
     EXPECT_TRUE(weather.settled(1));
-    EXPECT_EQ(server.requestsTo("/api/General/getWeatherDataByLatLon/7").size(), 1u);
+    EXPECT_EQ(server.requests("/api/General/getWeatherDataByLatLon/7").size(), 1u);
 }
 
 }  // namespace

@@ -59,9 +59,9 @@ TEST_F(HistoryTest, ReplyBecomesTheHistoryAndTheLastTrip) {
     engine->getTripHistory();
     ASSERT_TRUE(host->waitFor(1));
 
-    const auto request = server.requestsTo("/api/Driving/getDriving/42").at(0);
+    const auto request = server.requests("/api/Driving/getDriving/42").at(0);
     EXPECT_EQ(request.method, "GET");
-    EXPECT_FALSE(request.hasHeader("Content-Type"));
+    EXPECT_EQ(request.header("Content-Type"), "");
     const auto report = host->reports().at(0);
     ASSERT_EQ(report.kind, "history");
     ASSERT_EQ(report.history.size(), 2u);
@@ -83,8 +83,8 @@ TEST_F(HistoryTest, FailuresAreReportedWithTheirCodes) {
         std::int64_t code;
         std::string message;  // the whole message, or its start for 1012
     } cases[] = {
-        {ScriptedReply::statusOnly(500), 1010, "Sürüş Geçmişi Alınamıyor. Response Code:500"},
-        {ScriptedReply::dropped(ScriptedReply::Drop::beforeReply), 1011,
+        {ScriptedReply{.status = 500}, 1010, "Sürüş Geçmişi Alınamıyor. Response Code:500"},
+        {ScriptedReply{.drop = ScriptedReply::Drop::beforeReply}, 1011,
          "Sürüş Tarihçesi Alınamıyor"},
         {ScriptedReply::json(R"([{"DrivingGuid":"a"}, {"Score":"high"}])"), 1012,
          "Sürüş Tarihçesi Alınamıyor. [1].Score"},
@@ -141,7 +141,7 @@ TEST_F(SummaryTest, ElementsAreMergedMemberByMember) {
     engine->setSummaryDataRecord(SummaryData(1, 2500, 1));
     engine->getSummaryData(7);
     ASSERT_TRUE(host->waitFor(1));
-    EXPECT_EQ(server.requestsTo("/api/Driving/getDrivingSummary/7").at(0).method, "GET");
+    EXPECT_EQ(server.requests("/api/Driving/getDrivingSummary/7").at(0).method, "GET");
     EXPECT_EQ(host->reports().at(0).kind, "summary");
     EXPECT_EQ(host->reports().at(0).summary, SummaryData(80.5, 2500, 3));
     EXPECT_EQ(engine->getSummaryDataRecord(), SummaryData(80.5, 2500, 3));
@@ -154,7 +154,7 @@ TEST_F(SummaryTest, FailuresReportTheCodeAndThenTheUnchangedRecord) {
         ScriptedReply reply;
         std::string message;
     } cases[] = {
-        {ScriptedReply::statusOnly(500), "Özet Veri Servis URLi Hatalı"},
+        {ScriptedReply{.status = 500}, "Özet Veri Servis URLi Hatalı"},
         {ScriptedReply::json(R"({"AverageScore": 1})"),
          "Özet Veri Servis URLi Hatalı. the reply is not a list of objects"},
     };
@@ -180,7 +180,7 @@ TEST_F(SummaryTest, FailuresReportTheCodeAndThenTheUnchangedRecord) {
 // The first reply ends every registration, so overlapping requests share one answer. The first
 // request gets no body, so the only reply comes after both registrations.
 TEST_F(SummaryTest, OverlappingRequestsShareTheFirstReply) {
-    server.enqueue("/api/Driving/getDrivingSummary/5", ScriptedReply::noBody());
+    server.enqueue("/api/Driving/getDrivingSummary/5", ScriptedReply{.body = std::nullopt});
     server.enqueue("/api/Driving/getDrivingSummary/5",
                    ScriptedReply::json(R"([{"AverageScore": 1}])"));
     engine->getSummaryData(5);

@@ -13,7 +13,7 @@ namespace {
 class MotionUpload : public UploadHost {};
 
 TEST_F(MotionUpload, StoppedTripArrivesInBulksInOrderAndCompletes) {
-    server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
+    server_.reply(kMotionPath, ScriptedReply{.status = 200});
     server_.reply(kScorePath, ScriptedReply::text("kaydedildi"));
     SetUpEngine(1000);
     start();
@@ -37,11 +37,11 @@ TEST_F(MotionUpload, StoppedTripArrivesInBulksInOrderAndCompletes) {
         EXPECT_EQ(bulk.appVersion, Value("1.4.2"));
         for (const auto& record : bulk.records) EXPECT_EQ(record.size(), 39u);
     }
-    for (const auto& r : server_.requestsTo(kMotionPath))
+    for (const auto& r : server_.requests(kMotionPath))
         EXPECT_EQ(r.header("Content-Type"), "application/json");
 
     // The completion: the record in the history, the upload of a fresh one, the host told.
-    const auto scores = server_.requestsTo(kScorePath);
+    const auto scores = server_.requests(kScorePath);
     ASSERT_EQ(scores.size(), 1u);
     auto body = json::parse(scores[0].body);
     ASSERT_TRUE(body);
@@ -61,7 +61,7 @@ TEST_F(MotionUpload, StoppedTripArrivesInBulksInOrderAndCompletes) {
 
 TEST_F(MotionUpload, EmptyBulksNeverLoop) {
     // A bulk size of 0: every upload carries an empty bulk, which can never empty the buffer.
-    server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
+    server_.reply(kMotionPath, ScriptedReply{.status = 200});
     SetUpEngine(0);
     start();
     drive(3);
@@ -77,8 +77,8 @@ TEST_F(MotionUpload, EmptyBulksNeverLoop) {
 }
 
 TEST_F(MotionUpload, FailureWhileDrivingReportsAndKeepsTheBuffer) {
-    server_.enqueue(kMotionPath, ScriptedReply::statusOnly(500));
-    server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
+    server_.enqueue(kMotionPath, ScriptedReply{.status = 500});
+    server_.reply(kMotionPath, ScriptedReply{.status = 200});
     SetUpEngine(10);
     start();
     drive(10);
@@ -92,7 +92,7 @@ TEST_F(MotionUpload, FailureWhileDrivingReportsAndKeepsTheBuffer) {
               "Code:500");
     EXPECT_EQ(failed[0].alert, nullptr);
     // No retry while driving, and the records stay: the next full buffer sends them first.
-    ASSERT_EQ(server_.requestsTo(kMotionPath).size(), 1u);
+    ASSERT_EQ(server_.requests(kMotionPath).size(), 1u);
     EXPECT_EQ(DrivingInsightTestAccess::motionRecords(*engine_).size(), 10u);
     drive(1, 11);
     ASSERT_TRUE(waitForMotionRequests(2));
@@ -105,8 +105,8 @@ TEST_F(MotionUpload, FailureWhileDrivingReportsAndKeepsTheBuffer) {
 }
 
 TEST_F(MotionUpload, StoppedTripRetriesThreeTimesThenReports) {
-    for (int i = 0; i < 4; ++i) server_.enqueue(kMotionPath, ScriptedReply::statusOnly(500));
-    server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
+    for (int i = 0; i < 4; ++i) server_.enqueue(kMotionPath, ScriptedReply{.status = 500});
+    server_.reply(kMotionPath, ScriptedReply{.status = 200});
     SetUpEngine(1000);
     start();
     drive(5);
@@ -118,29 +118,29 @@ TEST_F(MotionUpload, StoppedTripRetriesThreeTimesThenReports) {
     EXPECT_EQ(failed[0].title, "Sistem Bağlantı Hatası");
     EXPECT_EQ(failed[0].message,
               "Sürüş Bilgisi Sunucuya iletilemedi. Error Code:1006 Response Code:500");
-    const auto attempts = server_.requestsTo(kMotionPath);
+    const auto attempts = server_.requests(kMotionPath);
     ASSERT_EQ(attempts.size(), 4u);
     for (const auto& attempt : attempts) EXPECT_EQ(attempt.body, attempts[0].body);
     EXPECT_TRUE(finishedTrips(*delegate_).empty());
-    EXPECT_TRUE(server_.requestsTo(kScorePath).empty());
+    EXPECT_TRUE(server_.requests(kScorePath).empty());
     EXPECT_TRUE(engine_->TripHistory().empty());
     EXPECT_EQ(DrivingInsightTestAccess::motionRecords(*engine_).size(), 5u);
 
     // Only a success resets the try count: stopping again tries once more, then the records
     // finally go and the trip completes.
-    server_.reply(kScorePath, ScriptedReply::statusOnly(200));
+    server_.reply(kScorePath, ScriptedReply{.status = 200});
     stop();
     ASSERT_TRUE(delegate_->waitFor(2));
     EXPECT_EQ(finishedTrips(*delegate_).size(), 1u);
-    EXPECT_EQ(server_.requestsTo(kMotionPath).size(), 5u);
+    EXPECT_EQ(server_.requests(kMotionPath).size(), 5u);
     EXPECT_EQ(receivedIds().size(), 25u);  // five attempts of the same five records
 }
 
 TEST_F(MotionUpload, RecordsAppendedDuringAFlushAreNeitherLostNorSentTwice) {
     // The first trip's last bulk is held up at the server while the next trip records.
-    server_.enqueue(kMotionPath, ScriptedReply::statusOnly(200).after(1000ms));
-    server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
-    server_.reply(kScorePath, ScriptedReply::statusOnly(200));
+    server_.enqueue(kMotionPath, ScriptedReply{.status = 200}.after(1000ms));
+    server_.reply(kMotionPath, ScriptedReply{.status = 200});
+    server_.reply(kScorePath, ScriptedReply{.status = 200});
     SetUpEngine(1000);
     test::NotificationRecorder synced(env_.notifications, {"motionDataSynced"});
     start();
@@ -162,7 +162,7 @@ TEST_F(MotionUpload, RecordsAppendedDuringAFlushAreNeitherLostNorSentTwice) {
     for (std::int64_t id : range(1, 1200)) expected.push_back(id);
     EXPECT_EQ(receivedIds(), expected);
     // The first trip never completes: its flush was overtaken by the second trip.
-    const auto scores = server_.requestsTo(kScorePath);
+    const auto scores = server_.requests(kScorePath);
     ASSERT_EQ(scores.size(), 1u);
     EXPECT_NE(scores[0].body.find(secondTrip), std::string::npos);
 }
@@ -176,9 +176,9 @@ TEST_F(MotionUpload, TripRecordUploadOutcomes) {
     };
     const std::vector<Case> cases = {
         {"200 with an error text", ScriptedReply::text("Hata oluştu", 200), 0, ""},
-        {"201", ScriptedReply::statusOnly(201), 1015,
+        {"201", ScriptedReply{.status = 201}, 1015,
          "Sürüş Bilgisi Sunucuya iletilemedi. Response Code:201"},
-        {"no reply", ScriptedReply::dropped(ScriptedReply::Drop::beforeReply), 1017,
+        {"no reply", ScriptedReply{.drop = ScriptedReply::Drop::beforeReply}, 1017,
          "Sürüş Bilgisi Sunucuya iletilemedi"},
     };
     SetUpEngine();
@@ -217,7 +217,7 @@ TEST_F(MotionUpload, UnserialisableTripRecordIsNotSent) {
         EXPECT_EQ(f.title, "Sistem Hatası");
         EXPECT_EQ(f.message, "Hatalı Json Verisi");
     }
-    EXPECT_EQ(server_.requestsTo(kScorePath).size(), 0u);
+    EXPECT_EQ(server_.requests(kScorePath).size(), 0u);
 }
 
 }  // namespace

@@ -32,8 +32,8 @@ protected:
 
 TEST_F(OutboxUpload, AnEngineGoneMidDeliveryLeavesTheRestToTheNextOverTheSameDirectory) {
     std::filesystem::remove_all(dir_);
-    server_.reply(kMotionPath, ScriptedReply::statusOnly(500));
-    server_.reply(kScorePath, ScriptedReply::statusOnly(500));
+    server_.reply(kMotionPath, ScriptedReply{.status = 500});
+    server_.reply(kScorePath, ScriptedReply{.status = 500});
     BuildEnvironment(10);
     MakeEngineWithOutbox();
     start();
@@ -42,12 +42,12 @@ TEST_F(OutboxUpload, AnEngineGoneMidDeliveryLeavesTheRestToTheNextOverTheSameDir
     waitForOutbox();
     // The host heard of the failures as it always does (the record's upload among them).
     EXPECT_FALSE(delegate_->reports("tripDidFail").empty());
-    const std::string trip = parseBulk(server_.requestsTo(kMotionPath).at(0)).drivingGuid;
-    const std::size_t before = server_.requestsTo(kMotionPath).size();
+    const std::string trip = parseBulk(server_.requests(kMotionPath).at(0)).drivingGuid;
+    const std::size_t before = server_.requests(kMotionPath).size();
     engine_.reset();
 
-    server_.reply(kMotionPath, ScriptedReply::statusOnly(200));
-    server_.reply(kScorePath, ScriptedReply::statusOnly(200));
+    server_.reply(kMotionPath, ScriptedReply{.status = 200});
+    server_.reply(kScorePath, ScriptedReply{.status = 200});
     MakeEngineWithOutbox();
     waitForOutbox();
     EXPECT_EQ(detail::Outbox::existing(env_)->pending().records, 0);
@@ -62,7 +62,7 @@ TEST_F(OutboxUpload, AnEngineGoneMidDeliveryLeavesTheRestToTheNextOverTheSameDir
     }
     std::sort(delivered.begin(), delivered.end());
     EXPECT_EQ(delivered, range(1, 25));
-    EXPECT_EQ(server_.requestsTo(kScorePath).size(), 2u);
+    EXPECT_EQ(server_.requests(kScorePath).size(), 2u);
     EXPECT_TRUE(posix::SqliteOutboxStore(dir_.string()).load().empty());
 }
 

@@ -68,8 +68,8 @@ TEST_F(PassedCoordinatesTest, ReplyFillsTheListsAndEveryQueryReplacesThem) {
 // still tell the host.
 TEST_F(PassedCoordinatesTest, FailuresKeepTheListsAndStillPostTheDraw) {
     const ScriptedReply replies[] = {
-        ScriptedReply::statusOnly(500),
-        ScriptedReply::dropped(ScriptedReply::Drop::beforeReply),
+        ScriptedReply{.status = 500},
+        ScriptedReply{.drop = ScriptedReply::Drop::beforeReply},
     };
     auto t = trip("T-2");
     t->PassedCoordinates = {{1, 2}};
@@ -93,7 +93,7 @@ TEST_F(PassedCoordinatesTest, ReleasedRecordMissesItsReply) {
     server.reply(std::string(kPath) + "R",
                  ScriptedReply::json(R"([{"Latitude": 1}])").after(200ms));
     auto kept = trip("K");
-    server.reply(std::string(kPath) + "K", ScriptedReply::noBody());
+    server.reply(std::string(kPath) + "K", ScriptedReply{.body = std::nullopt});
     kept->getPassedCoordinatesFromServer();
     {
         auto released = trip("R");

@@ -118,8 +118,8 @@ protected:
     // another bulk).
     void settleUploads() {
         for (int round = 0; round < 50; ++round) {
-            const std::size_t uploads = server_.requestsTo(kMotionPath).size();
-            const std::size_t needed = uploads + server_.requestsTo(kThresholdPath).size();
+            const std::size_t uploads = server_.requests(kMotionPath).size();
+            const std::size_t needed = uploads + server_.requests(kThresholdPath).size();
             outcomes_->waitFor(needed, 5s);
             // A quiet window: no new motion request for a while (sanitizers slow every step,
             // the client's first connection most).
@@ -128,13 +128,13 @@ protected:
 #else
             const auto until = std::chrono::steady_clock::now() + 200ms;
 #endif
-            while (server_.requestsTo(kMotionPath).size() == uploads) {
+            while (server_.requests(kMotionPath).size() == uploads) {
                 const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                     until - std::chrono::steady_clock::now());
                 if (left.count() <= 0) break;
-                server_.waitForRequests(server_.requestCount() + 1, left);
+                server_.waitForRequests(server_.requests().size() + 1, {}, left);
             }
-            if (server_.requestsTo(kMotionPath).size() == uploads) break;
+            if (server_.requests(kMotionPath).size() == uploads) break;
         }
     }
 
@@ -177,16 +177,16 @@ protected:
     // Bounded wait for the server to have received `n` motion uploads.
     bool waitForMotionRequests(std::size_t n) const {
         const auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (server_.requestsTo(kMotionPath).size() < n) {
+        while (server_.requests(kMotionPath).size() < n) {
             if (std::chrono::steady_clock::now() > deadline) return false;
-            server_.waitForRequests(server_.requestCount() + 1, 50ms);
+            server_.waitForRequests(server_.requests().size() + 1, {}, 50ms);
         }
         return true;
     }
 
     std::vector<ReceivedBulk> bulks() const {
         std::vector<ReceivedBulk> out;
-        for (const auto& r : server_.requestsTo(kMotionPath)) out.push_back(parseBulk(r));
+        for (const auto& r : server_.requests(kMotionPath)) out.push_back(parseBulk(r));
         return out;
     }
 
