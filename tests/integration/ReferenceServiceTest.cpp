@@ -122,21 +122,6 @@ TEST_F(ReferenceServiceTest, BadRequestsAreRefusedWithAReasonAndStoreNothing) {
     EXPECT_TRUE(getJson("/api/Driving/getDriving/0").asList()->empty());
 }
 
-// Each field's way through the history is the round-trip test's; here the summary's figures.
-TEST_F(ReferenceServiceTest, UploadedTripsAddUpInTheSummary) {
-    for (const char* trip : {R"({"userID":9,"drivingGuid":"T-1","Score":80,"totalDistance":12437})",
-                             R"({"userID":9,"drivingGuid":"T-2","Score":60})"})
-        ASSERT_EQ(post("/api/Driving/addDrivingScore", trip)->status, 200);
-    EXPECT_EQ(getJson("/api/Driving/getDriving/9").asList()->size(), 2u);
-    Value summary = getJson("/api/Driving/getDrivingSummary/9");
-    ASSERT_TRUE(summary.isList());
-    const Value& s = summary.asList()->at(0);
-    EXPECT_EQ(*s.find("NumberOfTrips")->asInt(), 2);
-    EXPECT_EQ(*s.find("AverageScore")->asNumber(), 70.0);
-    EXPECT_EQ(*s.find("TotalDistance")->asNumber(), 12437.0);  // metres, as in the history
-    EXPECT_TRUE(getJson("/api/Driving/getDriving/10").asList()->empty());
-}
-
 TEST_F(ReferenceServiceTest, AccountsFriendsAndLeaderboard) {
     const std::string token = service_.issueToken("5551");
     ASSERT_EQ(token.size(), 32u);

@@ -1,6 +1,6 @@
 // Random trip records uploaded to the reference service and read back through the history: every
 // field that travels on the wire comes back as it went, through the library's writer, the
-// service's storage and the library's reader.
+// service's storage and the library's reader; the summary adds them up.
 #include <gtest/gtest.h>
 #include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/service/ReferenceService.h>
@@ -114,6 +114,20 @@ TEST(TripRoundTrip, EveryWireFieldComesBackFromTheHistory) {
             EXPECT_EQ(b.*sum, a.*sum + a.*part);
         EXPECT_EQ(b.TimeElapsed, a.TimeElapsed);
     }
+
+    // The summary adds the same trips up (the service sums in its own order).
+    double scores = 0, metres = 0;
+    for (const auto& [id, trip] : sent) {
+        scores += trip->Score;
+        metres += trip->TotalDistance;
+    }
+    engine->getSummaryData(4242);
+    ASSERT_TRUE(host->waitFor(kTrips + 2));
+    const auto summary = host->reports("summary");
+    ASSERT_EQ(summary.size(), 1u);
+    EXPECT_EQ(summary[0].summary.numberOfTrips, kTrips);
+    EXPECT_NEAR(summary[0].summary.averageScore, scores / kTrips, 1e-9);
+    EXPECT_NEAR(summary[0].summary.totalDistance, metres, 1e-3);
 }
 
 }  // namespace
