@@ -416,33 +416,23 @@ TEST_F(EngineService, TripRecordUploadOutcomes) {
 
 // An engine that goes while its trip is still being delivered leaves the rest in the store, and
 // the next engine over the same directory delivers it, every record under its own trip.
-class EngineServiceOutbox : public EngineService {
-protected:
-    void MakeEngineWithOutbox() {
-        env_.outboxDirectory = dir_.string();
-        env_.makeOutboxStore = [](const std::string& d) {
-            return std::make_unique<posix::SqliteOutboxStore>(d);
-        };
-        MakeEngine();
-    }
-    void waitForOutbox() { detail::Outbox::existing(env_)->waitUntilIdle(); }
-    ~EngineServiceOutbox() override { std::filesystem::remove_all(dir_); }
-
-    std::filesystem::path dir_ =
+TEST_F(EngineService, AnEngineGoneMidDeliveryLeavesTheRestToTheNextOverTheSameDirectory) {
+    const auto dir =
         std::filesystem::temp_directory_path() /
         ("kv-outbox-it-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
-};
-
-TEST_F(EngineServiceOutbox, AnEngineGoneMidDeliveryLeavesTheRestToTheNextOverTheSameDirectory) {
-    std::filesystem::remove_all(dir_);
+    std::filesystem::remove_all(dir);
     server_.reply(kMotionPath, {.status = 500});
     server_.reply(kScorePath, {.status = 500});
     BuildEnvironment(10);
-    MakeEngineWithOutbox();
+    env_.outboxDirectory = dir.string();
+    env_.makeOutboxStore = [](const std::string& d) {
+        return std::make_unique<posix::SqliteOutboxStore>(d);
+    };
+    MakeEngine();
     start();
     drive(25);
     stop();
-    waitForOutbox();
+    detail::Outbox::existing(env_)->waitUntilIdle();
     // The host heard of the failures as it always does (the record's upload among them).
     EXPECT_FALSE(delegate_->reports("tripDidFail").empty());
     const std::string trip = parseBulk(server_.requests(kMotionPath).at(0)).drivingGuid;
@@ -451,8 +441,8 @@ TEST_F(EngineServiceOutbox, AnEngineGoneMidDeliveryLeavesTheRestToTheNextOverThe
 
     server_.reply(kMotionPath, {});
     server_.reply(kScorePath, {});
-    MakeEngineWithOutbox();
-    waitForOutbox();
+    MakeEngine();
+    detail::Outbox::existing(env_)->waitUntilIdle();
     EXPECT_EQ(detail::Outbox::existing(env_)->pending().records, 0);
     EXPECT_EQ(detail::Outbox::existing(env_)->pending().trips, 0);
     engine_.reset();
@@ -466,7 +456,8 @@ TEST_F(EngineServiceOutbox, AnEngineGoneMidDeliveryLeavesTheRestToTheNextOverThe
     std::sort(delivered.begin(), delivered.end());
     EXPECT_EQ(delivered, range(1, 25));
     EXPECT_EQ(server_.requests(kScorePath).size(), 2u);
-    EXPECT_TRUE(posix::SqliteOutboxStore(dir_.string()).load().empty());
+    EXPECT_TRUE(posix::SqliteOutboxStore(dir.string()).load().empty());
+    std::filesystem::remove_all(dir);
 }
 
 }  // namespace
