@@ -16,6 +16,16 @@ namespace {
 
 using namespace std::chrono;
 
+constexpr std::int64_t Trip::*kCounts[] = {&Trip::SharpCorneringCount, &Trip::SharpSpeedingCount,
+                                           &Trip::SharpBrakingCount, &Trip::SharpElevatingCount,
+                                           &Trip::SharpLaneChangingCount};
+constexpr std::pair<double Trip::*, double Trip::*> kPenalties[] = {
+    {&Trip::SharpCorneringPenalty, &Trip::SharpCorneringPenaltyPerKM},
+    {&Trip::SharpSpeedingPenalty, &Trip::SharpSpeedingPenaltyPerKM},
+    {&Trip::SharpBrakingPenalty, &Trip::SharpBrakingPenaltyPerKM},
+    {&Trip::SharpElevatingPenalty, &Trip::SharpElevatingPenaltyPerKM},
+    {&Trip::SharpLaneChangingPenalty, &Trip::SharpLaneChangingPenaltyPerKM}};
+
 // Texts with what a writer or a store may get wrong: quotes, escapes, multi-byte letters.
 std::string randomText(std::mt19937& rng) {
     static const char* const pieces[] = {"a", "Z", "7", " ", ",", "\"", "\\", "/",   "ğ",
@@ -44,15 +54,12 @@ std::shared_ptr<Trip> randomTrip(const Environment& env, std::mt19937& rng, int 
     t->EndLocationLat = real(-90, 90);
     t->EndLocationLong = real(-180, 180);
     t->Score = real(0, 100);
-    for (auto* c : {&t->SharpCorneringCount, &t->SharpSpeedingCount, &t->SharpBrakingCount,
-                    &t->SharpElevatingCount, &t->SharpLaneChangingCount})
-        *c = count();
-    for (auto* p : {&t->SharpCorneringPenalty, &t->SharpSpeedingPenalty, &t->SharpBrakingPenalty,
-                    &t->SharpElevatingPenalty, &t->SharpLaneChangingPenalty,
-                    &t->SharpCorneringPenaltyPerKM, &t->SharpSpeedingPenaltyPerKM,
-                    &t->SharpBrakingPenaltyPerKM, &t->SharpElevatingPenaltyPerKM,
-                    &t->SharpLaneChangingPenaltyPerKM, &t->FuelEfficiencyPenaltyPerKM})
-        *p = n % 3 ? real(0, 1000) : 0.0;
+    for (auto c : kCounts) (*t).*c = count();
+    for (auto [sum, part] : kPenalties) {
+        (*t).*sum = n % 3 ? real(0, 1000) : 0.0;
+        (*t).*part = n % 3 ? real(0, 1000) : 0.0;
+    }
+    t->FuelEfficiencyPenaltyPerKM = n % 3 ? real(0, 1000) : 0.0;
     t->TimeElapsed = std::to_string(rng() % 24) + ":" + std::to_string(rng() % 60) + ":" +
                      std::to_string(rng() % 60);
     t->TotalDistance = real(0, 2e6);
@@ -96,22 +103,13 @@ TEST(TripRoundTrip, EveryWireFieldComesBackFromTheHistory) {
         EXPECT_EQ(b.EndDateTime, a.EndDateTime);
         EXPECT_EQ(b.StartLocation, a.StartLocation);
         EXPECT_EQ(b.EndLocation, a.EndLocation);
-        for (auto count :
-             {&Trip::SharpCorneringCount, &Trip::SharpSpeedingCount, &Trip::SharpBrakingCount,
-              &Trip::SharpElevatingCount, &Trip::SharpLaneChangingCount})
-            EXPECT_EQ(b.*count, a.*count);
+        for (auto count : kCounts) EXPECT_EQ(b.*count, a.*count);
         for (auto figure : {&Trip::StartLocationLat, &Trip::StartLocationLong,
                             &Trip::EndLocationLat, &Trip::EndLocationLong, &Trip::Score,
                             &Trip::FuelEfficiencyPenaltyPerKM, &Trip::TotalDistance})
             EXPECT_EQ(b.*figure, a.*figure);
         // A penalty travels as its sum with its per-kilometre part.
-        for (auto [sum, part] :
-             {std::pair{&Trip::SharpCorneringPenalty, &Trip::SharpCorneringPenaltyPerKM},
-              {&Trip::SharpSpeedingPenalty, &Trip::SharpSpeedingPenaltyPerKM},
-              {&Trip::SharpBrakingPenalty, &Trip::SharpBrakingPenaltyPerKM},
-              {&Trip::SharpElevatingPenalty, &Trip::SharpElevatingPenaltyPerKM},
-              {&Trip::SharpLaneChangingPenalty, &Trip::SharpLaneChangingPenaltyPerKM}})
-            EXPECT_EQ(b.*sum, a.*sum + a.*part);
+        for (auto [sum, part] : kPenalties) EXPECT_EQ(b.*sum, a.*sum + a.*part);
         EXPECT_EQ(b.TimeElapsed, a.TimeElapsed);
     }
 
