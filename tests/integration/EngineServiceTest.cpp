@@ -1,56 +1,206 @@
-// The engine against a real loopback service: the threshold download at creation and the weather
-// requests of a trip, driven in virtual time on the simulated platform.
-
+// The real engine driven in virtual time on the simulated platform against a loopback server: the
+// threshold download at creation, a trip's weather request, and the uploads of the motion buffer
+// and the trip record over whole trips (bulks, continuation, retries, reports, the durable outbox,
+// and no record lost or sent twice).
 #include <gtest/gtest.h>
-#include <kestrelvue/posix/CurlHttpClient.h>
+#include <kestrelvue/DrivingInsight.h>
+#include <kestrelvue/posix/SqliteOutboxStore.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <limits>
+#include <regex>
+
+#include "core/Json.h"
+#include "net/Outbox.h"
+#include "platform/sim/Sim.h"
 #include "support/EngineHarness.h"
-#include "support/TestDoubles.h"
-#include "support/TestServer.h"
+#include "support/TestEnvironment.h"
 
 namespace kestrelvue {
 namespace {
 
 using namespace std::chrono_literals;
-using test::EngineHarness;
-using test::NotificationRecorder;
-using test::ScriptedReply;
-using test::TestServer;
+using R = test::ScriptedReply;
 
-constexpr const char* kFailure = "Sunucudan ayarlar indirilemedi. Tekrar deneyiniz";
+constexpr const char* kMotionPath = "/api/Driving/addMotionData";
+constexpr const char* kScorePath = "/api/Driving/addDrivingScore";
+constexpr const char* kThresholdPath = "/api/Driving/getThresholds";
+
+// A received bulk: its trip and the item number of each record of its "MotionStr", in order.
+struct Bulk {
+    std::string drivingGuid;
+    std::vector<std::int64_t> ids;
+};
+
+Bulk parseBulk(const test::ReceivedRequest& request) {
+    EXPECT_EQ(request.header("Content-Type"), "application/json");
+    auto parsed = json::parse(request.body);
+    EXPECT_TRUE(parsed) << parsed.error;
+    if (!parsed) return {};
+    const Value& body = *parsed.value;
+    EXPECT_EQ(body.find("UserID")->asInt(), 77);
+    EXPECT_EQ(*body.find("AppVersion"), Value("1.4.2"));
+    Bulk bulk{*body.find("DrivingGuid")->asString(), {}};
+    const std::string& text = *body.find("MotionStr")->asString();
+    for (std::size_t start = 0, end; start < text.size(); start = end + 1) {
+        end = std::min(text.find(';', start), text.size());
+        std::size_t field = start;  // the item number is the 23rd field
+        for (int i = 0; i < 22 && field < end; ++i) field = text.find(',', field) + 1;
+        bulk.ids.push_back(std::atoll(text.c_str() + field));
+    }
+    return bulk;
+}
+
+std::vector<std::int64_t> range(std::int64_t from, std::int64_t to) {
+    std::vector<std::int64_t> v;
+    for (std::int64_t i = from; i <= to; ++i) v.push_back(i);
+    return v;
+}
+
+// Flat (pitch near 0), small and distinct per sample, so each record can be matched to its sample.
+platform::DeviceMotion sampleFor(std::int64_t n) {
+    platform::DeviceMotion m;
+    m.attitude = {0.001 * (n % 100), -0.002, 0.5 + 0.001 * (n % 500)};
+    m.rotationRate = {0.003, -0.001 * (n % 7), 0.002};
+    m.userAcceleration = {0.001 * (n % 50), -0.001, 0.004};
+    m.gravity = {0.0, 0.0, -1.0};
+    return m;
+}
 
 class EngineService : public ::testing::Test {
 protected:
-    TestServer server;
-    EngineHarness h;
-
-    void SetUp() override {
-        h.env.http = std::make_shared<posix::CurlHttpClient>();
-        h.env.applicationInfo = Object{{std::string(kBaseURLKey), Value(server.baseURL())}};
+    // Called by each test after scripting the server.
+    void SetUpEngine(std::int64_t bulkSize = 1000) {
+        BuildEnvironment(bulkSize);
+        MakeEngine();
     }
+
+    void BuildEnvironment(std::int64_t bulkSize) {
+        env_ = test::makeTestEnvironment(server_);
+        sim_.installInto(env_);
+        (*env_.applicationInfo)["BulkMotionDataSize"] = Value(bulkSize);
+        (*env_.applicationInfo)["CFBundleShortVersionString"] = Value("1.4.2");
+        (*env_.applicationInfo)["CFBundleDisplayName"] = Value("Sürüş Takip");
+    }
+
+    void MakeEngine() {
+        engine_ = DrivingInsight::makeDetached(env_);
+        // Registered after the engine's own observers, so a recorded outcome means the engine's
+        // handler has finished with it.
+        outcomes_ = std::make_unique<test::NotificationRecorder>(
+            env_.notifications,
+            std::vector<std::string>{"motionDataSynced", "motionDataSyncFailed", "getThresholds"});
+        engine_->setDrivingInsightDelegate(delegate_);
+        engine_->setUserID(77);
+        queue_->runUntilIdle();
+    }
+
+    // Waits until every motion request the server saw has ended in an outcome the engine
+    // handled and the threshold download in its reply, and no new motion request came within a
+    // quiet window (a sent request reaches the server a little later; an outcome may send
+    // another bulk). Sanitizers slow every step, the client's first connection most.
+    void settleUploads() {
+#ifdef KESTRELVUE_SANITIZED
+        constexpr auto kQuiet = 1000ms;
+#else
+        constexpr auto kQuiet = 200ms;
+#endif
+        for (int round = 0; round < 50; ++round) {
+            const std::size_t uploads = server_.requests(kMotionPath).size();
+            outcomes_->waitFor(uploads + server_.requests(kThresholdPath).size(), 5s);
+            if (!server_.waitForRequests(uploads + 1, kMotionPath, kQuiet)) break;
+        }
+    }
+
+    void TearDown() override {
+        if (!engine_) return;
+        settleUploads();  // every reply reaches the engine before it goes
+        engine_.reset();
+    }
+
+    void start() {
+        ASSERT_TRUE(engine_->startTrip());
+        platform::Location fix;
+        fix.coordinate = {41.0082, 28.9784};
+        fix.horizontalAccuracy = 5;
+        fix.verticalAccuracy = 5;
+        fix.speed = 13.5;
+        fix.timestamp = clock_->now();
+        engine_->didUpdateLocations({fix});
+        queue_->runUntilIdle();
+    }
+
+    // Pushes `count` samples half a second apart, numbering them from `first`.
+    void drive(std::int64_t count, std::int64_t first = 1) {
+        for (std::int64_t i = 0; i < count; ++i) {
+            clock_->advance(500ms);
+            ASSERT_TRUE(motion_->push(sampleFor(first + i)));
+            queue_->runUntilIdle();
+        }
+    }
+
+    // Stops, then lets the end address lookup answer.
+    void stop() {
+        geocoder_->enqueueAnswer(sim::Geocoder::placemark({"Bitiş Cd. 1", "İstanbul"}));
+        engine_->stopTrip();
+        queue_->runUntilIdle();
+    }
+
+    std::vector<Bulk> bulks() const {
+        std::vector<Bulk> out;
+        for (const auto& r : server_.requests(kMotionPath)) out.push_back(parseBulk(r));
+        return out;
+    }
+
+    // The item numbers the server received, in arrival order.
+    std::vector<std::int64_t> receivedIds() const {
+        std::vector<std::int64_t> ids;
+        for (const auto& bulk : bulks()) ids.insert(ids.end(), bulk.ids.begin(), bulk.ids.end());
+        return ids;
+    }
+
+    std::size_t storedRecords() const {
+        return DrivingInsightTestAccess::motionRecords(*engine_).size();
+    }
+
+    test::TestServer server_;
+    Environment env_;
+    sim::Platform sim_;
+    std::shared_ptr<sim::VirtualClock>& clock_ = sim_.clock;
+    std::shared_ptr<sim::MainQueue>& queue_ = sim_.queue;
+    std::shared_ptr<sim::MotionSource>& motion_ = sim_.motion;
+    std::shared_ptr<sim::Geocoder>& geocoder_ = sim_.geocoder;
+    std::shared_ptr<test::RecordingDelegate> delegate_ =
+        std::make_shared<test::RecordingDelegate>();
+    std::unique_ptr<test::NotificationRecorder> outcomes_;
+    std::unique_ptr<DrivingInsight> engine_;
 };
 
-TEST_F(EngineService, ThresholdsArriveAfterCreation) {
-    server.reply("/api/Driving/getThresholds", ScriptedReply::json(R"([
+TEST_F(EngineService, ThresholdsArriveAfterCreationAndATripAsksForTheWeather) {
+    server_.reply(kThresholdPath, R::json(R"([
         {"_enmThresholdName":"SharpBrakingLevel","_limitStart":0.3,"_limitEnd":0.5,"_impact":2,"_perKilometer":false},
         {"_enmThresholdName":"SharpBrakingLevel","_limitStart":0.5,"_limitEnd":9,"_impact":5,"_perKilometer":false},
         {"_enmThresholdName":"DistanceFilter","_limitStart":25,"_limitEnd":75,"_impact":0,"_perKilometer":false},
         {"_enmThresholdName":"UpdateInterval","_limitStart":0.25,"_limitEnd":0,"_impact":0,"_perKilometer":false}
     ])"));
-    NotificationRecorder got(h.center, {"thresholdsGot"});
-    auto engine = h.makeEngine();
+    const std::string weatherPath = "/api/General/getWeatherDataByLatLon/77";
+    server_.reply(weatherPath, R::json(R"({"Temperature":17.5})"));
+    BuildEnvironment(1000);
+    test::NotificationRecorder got(env_.notifications, {"thresholdsGot"});
+    test::NotificationRecorder weather(env_.notifications, {"getWeatherInfo"});
+    MakeEngine();
     ASSERT_TRUE(got.waitFor(1));
     EXPECT_TRUE(got.settled(1));
     EXPECT_FALSE(got.at(0).userInfo.has_value());
-    EXPECT_EQ(got.at(0).object, engine.get());
-
-    auto requests = server.requestsTo("/api/Driving/getThresholds");
+    EXPECT_EQ(got.at(0).object, engine_.get());
+    const auto requests = server_.requests(kThresholdPath);
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].method, "GET");
-    EXPECT_EQ(requests[0].query, "");
+    EXPECT_EQ(requests[0].target, kThresholdPath);
     EXPECT_EQ(requests[0].body, "");
-
-    auto s = DrivingInsightTestAccess::settings(*engine);
+    auto s = DrivingInsightTestAccess::settings(*engine_);
     const ThresholdList& braking = s.level(detail::EventKind::braking);
     ASSERT_EQ(braking.size(), 2u);
     EXPECT_EQ(braking[1]->Impact, 5.0);
@@ -58,37 +208,256 @@ TEST_F(EngineService, ThresholdsArriveAfterCreation) {
     EXPECT_EQ(s.distanceFilterForSpeed, 25.0);
     EXPECT_EQ(s.updateInterval, 0.25);
 
-    // The next trip samples at the new interval.
-    ASSERT_TRUE(engine->startTrip());
-    EXPECT_EQ(h.motion->deviceMotionUpdateInterval(), 0.25);
-}
-
-TEST_F(EngineService, WeatherRequestsReachTheServiceAndItsReplyTheHost) {
-    server.reply("/api/Driving/getThresholds", ScriptedReply::json("[]"));
-    server.reply("/api/General/getWeatherDataByLatLon/7",
-                 ScriptedReply::json(R"({"Temperature":17.5})"));
-    NotificationRecorder weather(h.center, {"getWeatherInfo"});
-    auto engine = h.makeEngine();
-    engine->setUserID(7);
-    ASSERT_TRUE(engine->startTrip());
-    h.clock->advance(1s);
-    engine->didUpdateLocations({h.fix(40.9923, 29.0244, 5)});
+    // The trip samples at the new interval and asks for the weather where it starts.
+    start();
+    EXPECT_EQ(motion_->deviceMotionUpdateInterval(), 0.25);
     ASSERT_TRUE(weather.waitFor(1));
-
-    auto requests = server.requestsTo("/api/General/getWeatherDataByLatLon/7");
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].method, "GET");
-    EXPECT_EQ(requests[0].query, "latitude=40.9923&longitude=29.0244");
-    const test::RecordedNotification reply = weather.at(0);
-    const Value* data = reply.find("Data");
+    ASSERT_EQ(server_.requests(weatherPath).size(), 1u);
+    EXPECT_EQ(server_.requests(weatherPath)[0].target,
+              weatherPath + "?latitude=41.0082&longitude=28.9784");
+    const Value* data = weather.at(0).find("Data");
     ASSERT_NE(data, nullptr);
     EXPECT_EQ(data->find("Temperature")->asNumber(), 17.5);
-
     // The host stores the temperature; no further request follows.
-    engine->setTemperature(17.5);
-    engine->didUpdateLocations({h.fix(40.9924, 29.0244, 5)});
+    engine_->setTemperature(17.5);
+    clock_->advance(1s);
+    platform::Location next;
+    next.coordinate = {41.0083, 28.9784};
+    next.horizontalAccuracy = 5;
+    next.timestamp = clock_->now();
+    engine_->didUpdateLocations({next});
     EXPECT_TRUE(weather.settled(1));
-    EXPECT_EQ(server.requestsTo("/api/General/getWeatherDataByLatLon/7").size(), 1u);
+    EXPECT_EQ(server_.requests(weatherPath).size(), 1u);
+}
+
+TEST_F(EngineService, StoppedTripArrivesInBulksInOrderAndCompletes) {
+    server_.reply(kMotionPath, {});
+    server_.reply(kScorePath, R::text("kaydedildi"));
+    SetUpEngine(1000);
+    start();
+    const std::string drivingID = engine_->DrivingID();
+    drive(2500);
+    stop();
+
+    ASSERT_TRUE(delegate_->waitFor(1));
+    const auto reports = delegate_->reports();
+    ASSERT_EQ(reports.size(), 1u);
+    ASSERT_EQ(reports[0].kind, "tripDidFinish");
+    ASSERT_NE(reports[0].trip, nullptr);
+    EXPECT_EQ(reports[0].trip->DrivingID, drivingID);
+
+    const auto received = bulks();
+    ASSERT_EQ(received.size(), 3u);
+    EXPECT_EQ(received[0].ids.size(), 1000u);
+    EXPECT_EQ(received[2].ids.size(), 500u);
+    EXPECT_EQ(receivedIds(), range(1, 2500));
+    for (const auto& bulk : received) EXPECT_EQ(bulk.drivingGuid, drivingID);
+
+    // The completion: the record in the history and the upload of a fresh one.
+    const auto scores = server_.requests(kScorePath);
+    ASSERT_EQ(scores.size(), 1u);
+    auto body = json::parse(scores[0].body);
+    ASSERT_TRUE(body);
+    EXPECT_EQ(body.value->asObject()->size(), 24u);
+    EXPECT_EQ(*body.value->find("drivingGuid"), Value(drivingID));
+    EXPECT_EQ(body.value->find("userID")->asInt(), 77);
+    EXPECT_EQ(*body.value->find("endLocation")->asString(), "Bitiş Cd. 1, İstanbul");
+    EXPECT_TRUE(std::regex_match(*body.value->find("endDateTime")->asString(),
+                                 std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \+0000)")));
+    const auto history = engine_->TripHistory();
+    ASSERT_EQ(history.size(), 1u);
+    EXPECT_EQ(history[0]->DrivingID, drivingID);
+}
+
+TEST_F(EngineService, EmptyBulksNeverLoop) {
+    // A bulk size of 0: every upload carries an empty bulk, which can never empty the buffer.
+    server_.reply(kMotionPath, {});
+    SetUpEngine(0);
+    start();
+    drive(3);
+    settleUploads();
+    stop();
+    settleUploads();
+    const auto received = bulks();
+    ASSERT_FALSE(received.empty());
+    EXPECT_LE(received.size(), 4u);  // at most one per sample, and one for the stop
+    EXPECT_TRUE(receivedIds().empty());
+    EXPECT_EQ(storedRecords(), 3u);
+    EXPECT_TRUE(engine_->TripHistory().empty());
+}
+
+TEST_F(EngineService, FailureWhileDrivingReportsAndKeepsTheBuffer) {
+    server_.enqueue(kMotionPath, {.status = 500});
+    server_.reply(kMotionPath, {});
+    SetUpEngine(10);
+    start();
+    drive(10);
+    ASSERT_TRUE(delegate_->waitFor(1));
+    const auto failed = delegate_->reports("tripDidFail");
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_EQ(failed[0].code, 1000);
+    EXPECT_EQ(failed[0].title, "Sistem Bağlantı Hatası");
+    EXPECT_EQ(failed[0].message,
+              "Sürüş Bilgisi Sunucuya iletilemedi. Error Code:1008 - Error Code:1006 Response "
+              "Code:500");
+    EXPECT_EQ(failed[0].alert, nullptr);
+    // No retry while driving, and the records stay: the next full buffer sends them first.
+    ASSERT_EQ(server_.requests(kMotionPath).size(), 1u);
+    EXPECT_EQ(storedRecords(), 10u);
+    drive(1, 11);
+    ASSERT_TRUE(server_.waitForRequests(2, kMotionPath));
+    const auto received = bulks();
+    ASSERT_EQ(received.size(), 2u);
+    EXPECT_EQ(received[0].ids.size(), 10u);
+    EXPECT_EQ(received[1].ids, range(1, 10));
+}
+
+TEST_F(EngineService, StoppedTripRetriesThreeTimesThenReports) {
+    for (int i = 0; i < 4; ++i) server_.enqueue(kMotionPath, {.status = 500});
+    server_.reply(kMotionPath, {});
+    SetUpEngine(1000);
+    start();
+    drive(5);
+    stop();
+    ASSERT_TRUE(delegate_->waitFor(1));
+    const auto failed = delegate_->reports("tripDidFail");
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_EQ(failed[0].code, 1000);
+    EXPECT_EQ(failed[0].message,
+              "Sürüş Bilgisi Sunucuya iletilemedi. Error Code:1006 Response Code:500");
+    const auto attempts = server_.requests(kMotionPath);
+    ASSERT_EQ(attempts.size(), 4u);
+    for (const auto& attempt : attempts) EXPECT_EQ(attempt.body, attempts[0].body);
+    EXPECT_TRUE(server_.requests(kScorePath).empty());
+    EXPECT_TRUE(engine_->TripHistory().empty());
+    EXPECT_EQ(storedRecords(), 5u);
+
+    // Only a success resets the try count: stopping again tries once more, then the records
+    // finally go and the trip completes.
+    server_.reply(kScorePath, {});
+    stop();
+    ASSERT_TRUE(delegate_->waitFor(2));
+    EXPECT_EQ(delegate_->reports("tripDidFinish").size(), 1u);
+    EXPECT_EQ(server_.requests(kMotionPath).size(), 5u);
+    EXPECT_EQ(receivedIds().size(), 25u);  // five attempts of the same five records
+}
+
+TEST_F(EngineService, RecordsAppendedDuringAFlushAreNeitherLostNorSentTwice) {
+    // The first trip's last bulk is held up at the server while the next trip records.
+    server_.enqueue(kMotionPath, R{}.after(1000ms));
+    server_.reply(kMotionPath, {});
+    server_.reply(kScorePath, {});
+    SetUpEngine(1000);
+    test::NotificationRecorder synced(env_.notifications, {"motionDataSynced"});
+    start();
+    drive(300);
+    stop();
+    ASSERT_TRUE(server_.waitForRequests(1, kMotionPath));
+
+    start();
+    const std::string secondTrip = engine_->DrivingID();
+    drive(200);  // appended while the 300-record bulk is in flight
+    ASSERT_TRUE(synced.waitFor(1));
+    drive(1000, 201);  // the buffer fills with the second trip's first 1000 records
+    stop();
+
+    ASSERT_TRUE(delegate_->waitFor(1));
+    const auto finished = delegate_->reports("tripDidFinish");
+    ASSERT_EQ(finished.size(), 1u);
+    EXPECT_EQ(finished[0].trip->DrivingID, secondTrip);
+    std::vector<std::int64_t> expected = range(1, 300);
+    for (std::int64_t id : range(1, 1200)) expected.push_back(id);
+    EXPECT_EQ(receivedIds(), expected);
+    // The first trip never completes: its flush was overtaken by the second trip.
+    const auto scores = server_.requests(kScorePath);
+    ASSERT_EQ(scores.size(), 1u);
+    EXPECT_NE(scores[0].body.find(secondTrip), std::string::npos);
+}
+
+// A record held only by its pending upload still reports; one that cannot be written is not sent.
+TEST_F(EngineService, TripRecordUploadOutcomes) {
+    struct Case {
+        R reply;
+        std::int64_t code;  // 0: success
+        std::string message;
+    } cases[] = {
+        {R::text("Hata oluştu", 200), 0, ""},
+        {{.status = 201}, 1015, "Sürüş Bilgisi Sunucuya iletilemedi. Response Code:201"},
+        {{.drop = R::Drop::beforeReply}, 1017, "Sürüş Bilgisi Sunucuya iletilemedi"},
+    };
+    SetUpEngine();
+    std::size_t reports = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message);
+        server_.enqueue(kScorePath, c.reply);
+        std::make_shared<Trip>(env_)->saveToServer();
+        ASSERT_TRUE(delegate_->waitFor(++reports));
+        const auto r = delegate_->reports().back();
+        EXPECT_EQ(r.kind, c.code ? "tripDidFail" : "tripDidFinish");
+        EXPECT_EQ(r.code, c.code);
+        EXPECT_EQ(r.message, c.message);
+        EXPECT_EQ(r.title, c.code ? "Sistem Bağlantı Hatası" : "");
+        EXPECT_EQ(c.code == 0, r.trip != nullptr);
+    }
+    auto nan = std::make_shared<Trip>(env_);
+    nan->Score = std::numeric_limits<double>::quiet_NaN();
+    auto notUtf8 = std::make_shared<Trip>(env_);
+    notUtf8->EndLocation = "Bitiş \xff";
+    for (const auto& trip : {nan, notUtf8}) {
+        trip->saveToServer();
+        const auto r = delegate_->reports().back();  // before the call returned
+        EXPECT_EQ(r.code, 1014);
+        EXPECT_EQ(r.title, "Sistem Hatası");
+        EXPECT_EQ(r.message, "Hatalı Json Verisi");
+    }
+    EXPECT_EQ(delegate_->reports().size(), reports + 2);
+    EXPECT_EQ(server_.requests(kScorePath).size(), reports);
+}
+
+// An engine that goes while its trip is still being delivered leaves the rest in the store, and
+// the next engine over the same directory delivers it, every record under its own trip.
+TEST_F(EngineService, AnEngineGoneMidDeliveryLeavesTheRestToTheNextOverTheSameDirectory) {
+    const auto dir =
+        std::filesystem::temp_directory_path() /
+        ("kv-outbox-it-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
+    std::filesystem::remove_all(dir);
+    server_.reply(kMotionPath, {.status = 500});
+    server_.reply(kScorePath, {.status = 500});
+    BuildEnvironment(10);
+    env_.outboxDirectory = dir.string();
+    env_.makeOutboxStore = [](const std::string& d) {
+        return std::make_unique<posix::SqliteOutboxStore>(d);
+    };
+    MakeEngine();
+    start();
+    drive(25);
+    stop();
+    detail::Outbox::existing(env_)->waitUntilIdle();
+    // The host heard of the failures as it always does (the record's upload among them).
+    EXPECT_FALSE(delegate_->reports("tripDidFail").empty());
+    const std::string trip = parseBulk(server_.requests(kMotionPath).at(0)).drivingGuid;
+    const std::size_t before = server_.requests(kMotionPath).size();
+    engine_.reset();
+
+    server_.reply(kMotionPath, {});
+    server_.reply(kScorePath, {});
+    MakeEngine();
+    detail::Outbox::existing(env_)->waitUntilIdle();
+    EXPECT_EQ(detail::Outbox::existing(env_)->pending().records, 0);
+    EXPECT_EQ(detail::Outbox::existing(env_)->pending().trips, 0);
+    engine_.reset();
+
+    const auto all = bulks();
+    std::vector<std::int64_t> delivered;
+    for (std::size_t i = before; i < all.size(); ++i) {
+        EXPECT_EQ(all[i].drivingGuid, trip);
+        delivered.insert(delivered.end(), all[i].ids.begin(), all[i].ids.end());
+    }
+    std::sort(delivered.begin(), delivered.end());
+    EXPECT_EQ(delivered, range(1, 25));
+    EXPECT_EQ(server_.requests(kScorePath).size(), 2u);
+    EXPECT_TRUE(posix::SqliteOutboxStore(dir.string()).load().empty());
+    std::filesystem::remove_all(dir);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <kestrelvue/Trip.h>
 #include <kestrelvue/service/ReferenceService.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -21,12 +20,17 @@ using namespace kestrelvue;
 
 namespace {
 
+// The service keeps at most ten route points a trip and serves its bands from a file.
 class ReferenceServiceTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        writeBands(R"([{"_enmThresholdName":"UpdateInterval","_limitStart":0.25,"_limitEnd":0,)"
+                   R"("_impact":0,"_perKilometer":false}])");
         ASSERT_TRUE(service_.start()) << service_.error();
         client_ = std::make_unique<httplib::Client>("127.0.0.1", service_.port());
     }
+    void TearDown() override { std::remove(bandsFile_.c_str()); }
+    void writeBands(const char* text) { std::ofstream(bandsFile_) << text; }
 
     Value getJson(const std::string& path, int expectedStatus = 200) {
         auto res = client_->Get(path.c_str());
@@ -41,7 +45,13 @@ protected:
         return client_->Post(path.c_str(), body, "application/json");
     }
 
-    service::ReferenceService service_{service::ServiceOptions{}};
+    const std::string bandsFile_ = ::testing::TempDir() + "kv-bands.json";
+    service::ReferenceService service_{[this] {
+        service::ServiceOptions options;
+        options.maxRoutePoints = 10;
+        options.bandsFile = bandsFile_;
+        return options;
+    }()};
     std::unique_ptr<httplib::Client> client_;
 };
 
@@ -92,6 +102,16 @@ TEST_F(ReferenceServiceTest, MotionBulksAreStoredOnceAsTheTripsRoute) {
     EXPECT_EQ(*first.find("FuelEfficiencyPenaltyPerKM")->asNumber(), 0.5);
     EXPECT_EQ(*second.find("HasFault")->asBool(), true);
     EXPECT_EQ(*second.find("BrakingPenalty")->asNumber(), 2.5);
+
+    // A long trip's route is thinned evenly to the bound; every fault point is kept.
+    std::string records;
+    for (int i = 1; i <= 100; ++i) records += motionRecord(41 + i * 1e-4, 29, i % 40 == 0, 0, i);
+    ASSERT_EQ(post("/api/Driving/addMotionData", bulkBody("L", records))->status, 200);
+    points = getJson("/api/Driving/getPassedCoordinates/L");
+    ASSERT_EQ(points.asList()->size(), 10u);
+    int faults = 0;
+    for (const Value& p : *points.asList()) faults += *p.find("HasFault")->asBool();
+    EXPECT_EQ(faults, 2);
 }
 
 // Each refusal says what is wrong and stores nothing.
@@ -120,21 +140,6 @@ TEST_F(ReferenceServiceTest, BadRequestsAreRefusedWithAReasonAndStoreNothing) {
     }
     EXPECT_TRUE(getJson("/api/Driving/getPassedCoordinates/G").asList()->empty());
     EXPECT_TRUE(getJson("/api/Driving/getDriving/0").asList()->empty());
-}
-
-// Each field's way through the history is the round-trip test's; here the summary's figures.
-TEST_F(ReferenceServiceTest, UploadedTripsAddUpInTheSummary) {
-    for (const char* trip : {R"({"userID":9,"drivingGuid":"T-1","Score":80,"totalDistance":12437})",
-                             R"({"userID":9,"drivingGuid":"T-2","Score":60})"})
-        ASSERT_EQ(post("/api/Driving/addDrivingScore", trip)->status, 200);
-    EXPECT_EQ(getJson("/api/Driving/getDriving/9").asList()->size(), 2u);
-    Value summary = getJson("/api/Driving/getDrivingSummary/9");
-    ASSERT_TRUE(summary.isList());
-    const Value& s = summary.asList()->at(0);
-    EXPECT_EQ(*s.find("NumberOfTrips")->asInt(), 2);
-    EXPECT_EQ(*s.find("AverageScore")->asNumber(), 70.0);
-    EXPECT_EQ(*s.find("TotalDistance")->asNumber(), 12437.0);  // metres, as in the history
-    EXPECT_TRUE(getJson("/api/Driving/getDriving/10").asList()->empty());
 }
 
 TEST_F(ReferenceServiceTest, AccountsFriendsAndLeaderboard) {
@@ -179,47 +184,18 @@ TEST_F(ReferenceServiceTest, AccountsFriendsAndLeaderboard) {
     getJson("/api/General/getLeaderShip/999?RankType=1", 404);
 }
 
-TEST(ReferenceServiceBands, FileIsServedAndAMalformedReloadKeepsTheOldReply) {
-    const std::string path = ::testing::TempDir() + "kv-bands.json";
-    auto write = [&](const char* text) { std::ofstream(path) << text; };
-    write(R"([{"_enmThresholdName":"UpdateInterval","_limitStart":0.25,"_limitEnd":0,)"
-          R"("_impact":0,"_perKilometer":false}])");
-    service::ServiceOptions options;
-    options.bandsFile = path;
-    service::ReferenceService service(options);
-    ASSERT_TRUE(service.start()) << service.error();
-    httplib::Client client("127.0.0.1", service.port());
-    auto bands = [&] { return client.Get("/api/Driving/getThresholds")->body; };
+TEST_F(ReferenceServiceTest, BandsFileIsServedAndAMalformedReloadKeepsTheOldReply) {
+    auto bands = [&] { return client_->Get("/api/Driving/getThresholds")->body; };
     EXPECT_NE(bands().find("0.25"), std::string::npos);
 
-    write(R"([{"_enmThresholdName":"UpdateInterval","_limitStart":"fast"}])");
-    EXPECT_FALSE(service.reloadBands());
-    EXPECT_NE(service.error().find("band 1: _limitStart: expected a number"), std::string::npos);
+    writeBands(R"([{"_enmThresholdName":"UpdateInterval","_limitStart":"fast"}])");
+    EXPECT_FALSE(service_.reloadBands());
+    EXPECT_NE(service_.error().find("band 1: _limitStart: expected a number"), std::string::npos);
     EXPECT_NE(bands().find("0.25"), std::string::npos);
 
-    write(R"([])");
-    EXPECT_TRUE(service.reloadBands());
+    writeBands(R"([])");
+    EXPECT_TRUE(service_.reloadBands());
     EXPECT_EQ(bands(), "[]");
-}
-
-// A long trip's route is thinned evenly to the bound; every fault point is kept.
-TEST(ReferenceServiceRoute, LongRoutesAreThinnedKeepingEveryFault) {
-    service::ServiceOptions options;
-    options.maxRoutePoints = 10;
-    service::ReferenceService service(options);
-    ASSERT_TRUE(service.start()) << service.error();
-    std::string records;
-    for (int i = 1; i <= 100; ++i) records += motionRecord(41 + i * 1e-4, 29, i % 40 == 0, 0, i);
-    httplib::Client client("127.0.0.1", service.port());
-    ASSERT_EQ(client.Post("/api/Driving/addMotionData", bulkBody("L", records), "application/json")
-                  ->status,
-              200);
-    auto points = json::parse(client.Get("/api/Driving/getPassedCoordinates/L")->body);
-    ASSERT_TRUE(points && points.value->isList());
-    int faults = 0;
-    for (const Value& p : *points.value->asList()) faults += *p.find("HasFault")->asBool();
-    EXPECT_EQ(points.value->asList()->size(), 10u);
-    EXPECT_EQ(faults, 2);
 }
 
 // Idle connections and a slow sender each hold a worker; another client is still answered at once.

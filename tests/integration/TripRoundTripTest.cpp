@@ -1,6 +1,6 @@
 // Random trip records uploaded to the reference service and read back through the history: every
 // field that travels on the wire comes back as it went, through the library's writer, the
-// service's storage and the library's reader.
+// service's storage and the library's reader; the summary adds them up.
 #include <gtest/gtest.h>
 #include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/service/ReferenceService.h>
@@ -15,6 +15,16 @@ namespace kestrelvue {
 namespace {
 
 using namespace std::chrono;
+
+constexpr std::int64_t Trip::*kCounts[] = {&Trip::SharpCorneringCount, &Trip::SharpSpeedingCount,
+                                           &Trip::SharpBrakingCount, &Trip::SharpElevatingCount,
+                                           &Trip::SharpLaneChangingCount};
+constexpr std::pair<double Trip::*, double Trip::*> kPenalties[] = {
+    {&Trip::SharpCorneringPenalty, &Trip::SharpCorneringPenaltyPerKM},
+    {&Trip::SharpSpeedingPenalty, &Trip::SharpSpeedingPenaltyPerKM},
+    {&Trip::SharpBrakingPenalty, &Trip::SharpBrakingPenaltyPerKM},
+    {&Trip::SharpElevatingPenalty, &Trip::SharpElevatingPenaltyPerKM},
+    {&Trip::SharpLaneChangingPenalty, &Trip::SharpLaneChangingPenaltyPerKM}};
 
 // Texts with what a writer or a store may get wrong: quotes, escapes, multi-byte letters.
 std::string randomText(std::mt19937& rng) {
@@ -44,15 +54,12 @@ std::shared_ptr<Trip> randomTrip(const Environment& env, std::mt19937& rng, int 
     t->EndLocationLat = real(-90, 90);
     t->EndLocationLong = real(-180, 180);
     t->Score = real(0, 100);
-    for (auto* c : {&t->SharpCorneringCount, &t->SharpSpeedingCount, &t->SharpBrakingCount,
-                    &t->SharpElevatingCount, &t->SharpLaneChangingCount})
-        *c = count();
-    for (auto* p : {&t->SharpCorneringPenalty, &t->SharpSpeedingPenalty, &t->SharpBrakingPenalty,
-                    &t->SharpElevatingPenalty, &t->SharpLaneChangingPenalty,
-                    &t->SharpCorneringPenaltyPerKM, &t->SharpSpeedingPenaltyPerKM,
-                    &t->SharpBrakingPenaltyPerKM, &t->SharpElevatingPenaltyPerKM,
-                    &t->SharpLaneChangingPenaltyPerKM, &t->FuelEfficiencyPenaltyPerKM})
-        *p = n % 3 ? real(0, 1000) : 0.0;
+    for (auto c : kCounts) (*t).*c = count();
+    for (auto [sum, part] : kPenalties) {
+        (*t).*sum = n % 3 ? real(0, 1000) : 0.0;
+        (*t).*part = n % 3 ? real(0, 1000) : 0.0;
+    }
+    t->FuelEfficiencyPenaltyPerKM = n % 3 ? real(0, 1000) : 0.0;
     t->TimeElapsed = std::to_string(rng() % 24) + ":" + std::to_string(rng() % 60) + ":" +
                      std::to_string(rng() % 60);
     t->TotalDistance = real(0, 2e6);
@@ -96,24 +103,29 @@ TEST(TripRoundTrip, EveryWireFieldComesBackFromTheHistory) {
         EXPECT_EQ(b.EndDateTime, a.EndDateTime);
         EXPECT_EQ(b.StartLocation, a.StartLocation);
         EXPECT_EQ(b.EndLocation, a.EndLocation);
-        for (auto count :
-             {&Trip::SharpCorneringCount, &Trip::SharpSpeedingCount, &Trip::SharpBrakingCount,
-              &Trip::SharpElevatingCount, &Trip::SharpLaneChangingCount})
-            EXPECT_EQ(b.*count, a.*count);
+        for (auto count : kCounts) EXPECT_EQ(b.*count, a.*count);
         for (auto figure : {&Trip::StartLocationLat, &Trip::StartLocationLong,
                             &Trip::EndLocationLat, &Trip::EndLocationLong, &Trip::Score,
                             &Trip::FuelEfficiencyPenaltyPerKM, &Trip::TotalDistance})
             EXPECT_EQ(b.*figure, a.*figure);
         // A penalty travels as its sum with its per-kilometre part.
-        for (auto [sum, part] :
-             {std::pair{&Trip::SharpCorneringPenalty, &Trip::SharpCorneringPenaltyPerKM},
-              {&Trip::SharpSpeedingPenalty, &Trip::SharpSpeedingPenaltyPerKM},
-              {&Trip::SharpBrakingPenalty, &Trip::SharpBrakingPenaltyPerKM},
-              {&Trip::SharpElevatingPenalty, &Trip::SharpElevatingPenaltyPerKM},
-              {&Trip::SharpLaneChangingPenalty, &Trip::SharpLaneChangingPenaltyPerKM}})
-            EXPECT_EQ(b.*sum, a.*sum + a.*part);
+        for (auto [sum, part] : kPenalties) EXPECT_EQ(b.*sum, a.*sum + a.*part);
         EXPECT_EQ(b.TimeElapsed, a.TimeElapsed);
     }
+
+    // The summary adds the same trips up (the service sums in its own order).
+    double scores = 0, metres = 0;
+    for (const auto& [id, trip] : sent) {
+        scores += trip->Score;
+        metres += trip->TotalDistance;
+    }
+    engine->getSummaryData(4242);
+    ASSERT_TRUE(host->waitFor(kTrips + 2));
+    const auto summary = host->reports("summary");
+    ASSERT_EQ(summary.size(), 1u);
+    EXPECT_EQ(summary[0].summary.numberOfTrips, kTrips);
+    EXPECT_NEAR(summary[0].summary.averageScore, scores / kTrips, 1e-9);
+    EXPECT_NEAR(summary[0].summary.totalDistance, metres, 1e-3);
 }
 
 }  // namespace

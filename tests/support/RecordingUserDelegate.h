@@ -18,35 +18,35 @@ public:
         std::string operation;  // the delegate operation's name
         const User* user = nullptr;
         std::int64_t errorCode = 0;
-        std::string errorTitle;
-        std::string errorMessage;
-        std::string friendReferenceId;
-        std::vector<LeaderboardItem> leaderboard;
+        // Initialised here so that each report names only what it carries.
+        std::string errorTitle{}, errorMessage{};
+        std::string friendReferenceId{};
+        std::vector<LeaderboardItem> leaderboard{};
     };
 
-    void userDidLogin(User& user) override { record({"userDidLogin", &user, 0, {}, {}, {}, {}}); }
+    void userDidLogin(User& user) override { record({"userDidLogin", &user}); }
     void userLoginDidFail(std::int64_t code, const std::string& title,
                           const std::string& message) override {
-        record({"userLoginDidFail", nullptr, code, title, message, {}, {}});
+        record({"userLoginDidFail", nullptr, code, title, message});
     }
-    void userDidAdd(User& user) override { record({"userDidAdd", &user, 0, {}, {}, {}, {}}); }
+    void userDidAdd(User& user) override { record({"userDidAdd", &user}); }
     void userAddDidFail(std::int64_t code, const std::string& title,
                         const std::string& message) override {
-        record({"userAddDidFail", nullptr, code, title, message, {}, {}});
+        record({"userAddDidFail", nullptr, code, title, message});
     }
     void friendDidAdd(const std::string& friendReferenceId) override {
-        record({"friendDidAdd", nullptr, 0, {}, {}, friendReferenceId, {}});
+        record({"friendDidAdd", nullptr, 0, {}, {}, friendReferenceId});
     }
     void friendAddDidFail(std::int64_t code, const std::string& title,
                           const std::string& message) override {
-        record({"friendAddDidFail", nullptr, code, title, message, {}, {}});
+        record({"friendAddDidFail", nullptr, code, title, message});
     }
     void leadershipDidGet(const std::vector<LeaderboardItem>& leaderboard) override {
         record({"leadershipDidGet", nullptr, 0, {}, {}, {}, leaderboard});
     }
     void leadershipGetDidFail(std::int64_t code, const std::string& title,
                               const std::string& message) override {
-        record({"leadershipGetDidFail", nullptr, code, title, message, {}, {}});
+        record({"leadershipGetDidFail", nullptr, code, title, message});
     }
 
     std::vector<Event> events() const {
@@ -64,10 +64,8 @@ public:
 
 private:
     void record(Event e) {
-        {
-            std::lock_guard lock(mutex_);
-            events_.push_back(std::move(e));
-        }
+        std::lock_guard lock(mutex_);
+        events_.push_back(std::move(e));
         changed_.notify_all();
     }
 

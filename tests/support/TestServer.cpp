@@ -42,28 +42,11 @@ void writeAll(int fd, std::string_view data) {
 }  // namespace
 
 ScriptedReply ScriptedReply::json(std::string body, int status) {
-    return {status,
-            {{"Content-Type", "application/json; charset=utf-8"}},
-            std::move(body),
-            {},
-            Drop::none};
+    return {status, std::move(body), {{"Content-Type", "application/json; charset=utf-8"}}};
 }
 
 ScriptedReply ScriptedReply::text(std::string body, int status) {
-    return {
-        status, {{"Content-Type", "text/plain; charset=utf-8"}}, std::move(body), {}, Drop::none};
-}
-
-ScriptedReply ScriptedReply::statusOnly(int status) {
-    return {status, {}, std::string(), {}, Drop::none};
-}
-
-ScriptedReply ScriptedReply::noBody(int status) {
-    return {status, {}, std::nullopt, {}, Drop::none};
-}
-
-ScriptedReply ScriptedReply::dropped(Drop how, std::string announcedBody) {
-    return {200, {}, std::move(announcedBody), {}, how};
+    return {status, std::move(body), {{"Content-Type", "text/plain; charset=utf-8"}}};
 }
 
 ScriptedReply ScriptedReply::after(std::chrono::milliseconds wait) const {
@@ -78,19 +61,13 @@ std::string ReceivedRequest::header(std::string_view name) const {
     return {};
 }
 
-bool ReceivedRequest::hasHeader(std::string_view name) const {
-    return std::any_of(headers.begin(), headers.end(),
-                       [&](const auto& h) { return equalsIgnoreCase(h.first, name); });
-}
-
 TestServer::TestServer() : server_(std::make_unique<httplib::Server>()) {
     auto handler = [this](const httplib::Request& req, httplib::Response& res) {
         handle(&req, &res);
     };
-    const std::string any = ".*";
-    server_->Get(any, handler);
-    server_->Post(any, handler);
-    server_->Put(any, handler);
+    server_->Get(".*", handler);
+    server_->Post(".*", handler);
+    server_->Put(".*", handler);
     server_->set_keep_alive_max_count(1);
     port_ = server_->bind_to_any_port("127.0.0.1");
     if (port_ <= 0) throw std::runtime_error("TestServer: cannot bind 127.0.0.1");
@@ -122,10 +99,6 @@ std::string TestServer::baseURL() const {
     return "http://127.0.0.1:" + std::to_string(port_);
 }
 
-std::string TestServer::url(std::string_view pathAndQuery) const {
-    return baseURL() + std::string(pathAndQuery);
-}
-
 void TestServer::reply(const std::string& path, ScriptedReply reply) {
     std::lock_guard lock(mutex_);
     replies_[path] = std::move(reply);
@@ -136,42 +109,24 @@ void TestServer::enqueue(const std::string& path, ScriptedReply reply) {
     queued_[path].push_back(std::move(reply));
 }
 
-std::vector<ReceivedRequest> TestServer::requests() const {
-    std::lock_guard lock(mutex_);
-    return received_;
-}
-
-std::vector<ReceivedRequest> TestServer::requestsTo(std::string_view path) const {
+std::vector<ReceivedRequest> TestServer::requests(std::string_view path) const {
     std::lock_guard lock(mutex_);
     std::vector<ReceivedRequest> out;
     for (const auto& r : received_)
-        if (r.path == path) out.push_back(r);
+        if (path.empty() || r.path == path) out.push_back(r);
     return out;
 }
 
-std::size_t TestServer::requestCount() const {
-    std::lock_guard lock(mutex_);
-    return received_.size();
+std::size_t TestServer::countLocked(std::string_view path) const {
+    return static_cast<std::size_t>(std::count_if(received_.begin(), received_.end(), [&](auto& r) {
+        return path.empty() || r.path == path;
+    }));
 }
 
-bool TestServer::waitForRequests(std::size_t n, std::chrono::milliseconds timeout) const {
+bool TestServer::waitForRequests(std::size_t n, std::string_view path,
+                                 std::chrono::milliseconds timeout) const {
     std::unique_lock lock(mutex_);
-    return cv_.wait_for(lock, timeout, [&] { return received_.size() >= n; });
-}
-
-void TestServer::clearRequests() {
-    std::lock_guard lock(mutex_);
-    received_.clear();
-}
-
-ScriptedReply TestServer::scriptFor(const std::string& path) {
-    if (auto q = queued_.find(path); q != queued_.end() && !q->second.empty()) {
-        ScriptedReply r = std::move(q->second.front());
-        q->second.pop_front();
-        return r;
-    }
-    if (auto it = replies_.find(path); it != replies_.end()) return it->second;
-    return ScriptedReply::statusOnly(404);
+    return cv_.wait_for(lock, timeout, [&] { return countLocked(path) >= n; });
 }
 
 // The server's end of the connection from the client's `peerPort`. cpp-httplib does not expose
@@ -193,43 +148,40 @@ void TestServer::handle(const void* request, void* response) {
     const auto& req = *static_cast<const httplib::Request*>(request);
     auto& res = *static_cast<httplib::Response*>(response);
 
-    ReceivedRequest got;
-    got.method = req.method;
-    got.path = req.path;
-    got.target = req.target;
-    if (auto q = req.target.find('?'); q != std::string::npos) got.query = req.target.substr(q + 1);
+    ReceivedRequest got{req.method, req.path, req.target, {}, req.body};
     for (const auto& [k, v] : req.headers) {
         // cpp-httplib adds these for its own bookkeeping; they were not on the wire.
         if (k == "REMOTE_ADDR" || k == "REMOTE_PORT" || k == "LOCAL_ADDR" || k == "LOCAL_PORT")
             continue;
         got.headers.emplace_back(k, v);
     }
-    got.body = req.body;
 
-    ScriptedReply script;
+    ScriptedReply script{.status = 404};
     {
         std::unique_lock lock(mutex_);
         received_.push_back(std::move(got));
-        script = scriptFor(req.path);
+        if (auto q = queued_.find(req.path); q != queued_.end() && !q->second.empty()) {
+            script = std::move(q->second.front());
+            q->second.pop_front();
+        } else if (auto it = replies_.find(req.path); it != replies_.end()) {
+            script = it->second;
+        }
         cv_.notify_all();
         if (script.delay.count() > 0) cv_.wait_for(lock, script.delay, [&] { return stopping_; });
     }
 
-    if (script.drop == ScriptedReply::Drop::beforeReply || !script.body) {
-        int fd = socketFor(req.remote_port);
-        if (fd >= 0) {
-            if (script.drop == ScriptedReply::Drop::none) {
-                // A reply without a body or a length: headers, then the end of the stream.
-                std::string head = "HTTP/1.1 " + std::to_string(script.status) + " Scripted\r\n";
-                for (const auto& [k, v] : script.headers) head += k + ": " + v + "\r\n";
-                head += "Connection: close\r\n\r\n";
-                writeAll(fd, head);
-                ::shutdown(fd, SHUT_WR);
-            } else {
-                ::shutdown(fd, SHUT_RDWR);
-            }
+    if (script.drop != ScriptedReply::Drop::none || !script.body) {
+        // Replies cpp-httplib will not send are written to its socket by hand; its own reply then
+        // fails to write and it closes the connection.
+        if (int fd = socketFor(req.remote_port); fd >= 0) {
+            std::string head = "HTTP/1.1 " + std::to_string(script.status) + " Scripted\r\n";
+            for (const auto& [k, v] : script.headers) head += k + ": " + v + "\r\n";
+            if (script.body)
+                head += "Content-Length: " + std::to_string(script.body->size()) + "\r\n";
+            if (script.drop != ScriptedReply::Drop::beforeReply)
+                writeAll(fd, head + "Connection: close\r\n\r\n");
+            ::shutdown(fd, script.drop == ScriptedReply::Drop::beforeReply ? SHUT_RDWR : SHUT_WR);
         }
-        // cpp-httplib's own reply now fails to write and it closes the connection.
         res.status = 500;
         return;
     }
@@ -241,13 +193,6 @@ void TestServer::handle(const void* request, void* response) {
             contentType = v;
         else
             res.set_header(k, v);
-    }
-    if (script.drop == ScriptedReply::Drop::afterHeaders) {
-        std::size_t announced = std::max<std::size_t>(script.body->size(), 1);
-        res.set_content_provider(
-            announced, contentType,
-            [](std::size_t, std::size_t, httplib::DataSink&) { return false; });
-        return;
     }
     res.set_content(*script.body, contentType);
 }

@@ -27,29 +27,24 @@ namespace kestrelvue::test {
 
 using HeaderList = std::vector<std::pair<std::string, std::string>>;
 
+// Written with designated initialisers: {.status = 500}, {.body = std::nullopt},
+// {.drop = ScriptedReply::Drop::beforeReply}.
 struct ScriptedReply {
     enum class Drop {
         none,
-        /// Close the connection without sending anything.
-        beforeReply,
-        /// Send the status line and headers (announcing the body's length), then close.
-        afterHeaders,
+        beforeReply,   // close the connection without sending anything
+        afterHeaders,  // send the headers announcing the body's length, then close
     };
 
     int status = 200;
-    HeaderList headers;
-    /// nullopt: no body at all (no length announced; the connection closes after the headers).
-    /// An empty text is sent with "Content-Length: 0".
+    /// nullopt: no body and no length (the connection closes after the headers).
     std::optional<std::string> body = std::string();
+    HeaderList headers{};
     std::chrono::milliseconds delay{0};
     Drop drop = Drop::none;
 
     static ScriptedReply json(std::string body, int status = 200);
     static ScriptedReply text(std::string body, int status = 200);
-    static ScriptedReply statusOnly(int status);  // empty body
-    static ScriptedReply noBody(int status = 200);
-    /// A dropped connection; with afterHeaders, `announcedBody`'s length is announced.
-    static ScriptedReply dropped(Drop how, std::string announcedBody = "x");
     /// This reply, sent after `wait`.
     ScriptedReply after(std::chrono::milliseconds wait) const;
 };
@@ -58,13 +53,11 @@ struct ReceivedRequest {
     std::string method;
     std::string path;    // decoded by the server
     std::string target;  // path and query exactly as sent
-    std::string query;   // the raw text after '?', empty when none
-    HeaderList headers;
+    HeaderList headers{};
     std::string body;
 
     /// The first header of that name (case-insensitive), or "" when absent.
     std::string header(std::string_view name) const;
-    bool hasHeader(std::string_view name) const;
 };
 
 class TestServer {
@@ -74,25 +67,24 @@ public:
     TestServer(const TestServer&) = delete;
     TestServer& operator=(const TestServer&) = delete;
 
-    int port() const { return port_; }
     std::string baseURL() const;
-    std::string url(std::string_view pathAndQuery) const;
+    std::string url(std::string_view pathAndQuery) const {
+        return baseURL() + std::string(pathAndQuery);
+    }
 
     /// The reply for every request to `path` (replaces an earlier one).
     void reply(const std::string& path, ScriptedReply reply);
     /// A one-shot reply for the next request to `path`; several queue up in order.
     void enqueue(const std::string& path, ScriptedReply reply);
 
-    std::vector<ReceivedRequest> requests() const;
-    std::vector<ReceivedRequest> requestsTo(std::string_view path) const;
-    std::size_t requestCount() const;
-    /// Waits until at least `n` requests have arrived; false on time-out.
-    bool waitForRequests(std::size_t n,
+    /// The requests received, all of them or those to `path`.
+    std::vector<ReceivedRequest> requests(std::string_view path = {}) const;
+    /// Waits until at least `n` requests (to `path`, when given) have arrived; false on time-out.
+    bool waitForRequests(std::size_t n, std::string_view path = {},
                          std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
-    void clearRequests();
 
 private:
-    ScriptedReply scriptFor(const std::string& path);
+    std::size_t countLocked(std::string_view path) const;
     void handle(const void* request, void* response);
     int socketFor(int peerPort) const;
 

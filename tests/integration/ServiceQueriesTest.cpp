@@ -1,0 +1,390 @@
+// The library's own requests to the service against a scripted loopback server, through the real
+// call layer and libcurl: the account's, the trip history, the summary and a trip's route.
+
+#include <gtest/gtest.h>
+#include <kestrelvue/DrivingInsight.h>
+#include <kestrelvue/RestfulCall.h>
+#include <kestrelvue/Trip.h>
+#include <kestrelvue/User.h>
+
+#include <atomic>
+#include <thread>
+
+#include "core/Json.h"
+#include "support/RecordingUserDelegate.h"
+#include "support/TestEnvironment.h"
+#include "support/Time.h"
+
+namespace kestrelvue {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace test;
+using R = ScriptedReply;
+
+constexpr const char* kRoutePath = "/api/Driving/getPassedCoordinates/";
+
+class ServiceQueries : public ::testing::Test {
+protected:
+    ServiceQueries() { account->setDelegate(user); }
+    void TearDown() override { engine.reset(); }
+
+    void makeEngine(const std::string& base = {}) {
+        engine.reset();
+        if (!base.empty()) env.applicationInfo = Object{{std::string(kBaseURLKey), Value(base)}};
+        engine = DrivingInsight::makeDetached(env);
+        engine->setHistoryDataDelegate(host);
+        engine->setDrivingInsightDelegate(host);
+    }
+    Object bodyOf(const std::string& path) {
+        auto parsed = json::parse(server.requests(path).at(0).body);
+        EXPECT_TRUE(parsed && parsed.value->isObject());
+        return parsed && parsed.value->isObject() ? *parsed.value->asObject() : Object{};
+    }
+    std::shared_ptr<Trip> trip(const std::string& id) {
+        auto t = std::make_shared<Trip>(env);
+        t->DrivingID = id;
+        return t;
+    }
+    std::size_t routeRegistrations() const {
+        return env.notifications->observerCount("passedCoordinatesReturnedFromServer");
+    }
+
+    // The service's dates are local times; the zone is pinned before any request is in flight.
+    ScopedTimeZone zone{"Europe/Istanbul"};
+    // Declared before everything that sends to it, so that it outlives them.
+    TestServer server;
+    Environment env = makeTestEnvironment(server);
+    std::unique_ptr<RestfulCall> call = makeRestfulCall(env);
+    std::unique_ptr<User> account = User::makeDetachedShared(env, *call);
+    std::shared_ptr<RecordingUserDelegate> user = std::make_shared<RecordingUserDelegate>();
+    // Registered after the account, so an answer is recorded only once the account handled it.
+    NotificationRecorder answers{env.notifications,
+                                 {"UserLogedIn", "UserAdded", "FriendAdded", "LeaderShipGot"}};
+    NotificationRecorder draws{env.notifications, {"drawPassedCoordinates"}};
+    std::shared_ptr<RecordingDelegate> host = std::make_shared<RecordingDelegate>();
+    std::unique_ptr<DrivingInsight> engine;
+};
+
+TEST_F(ServiceQueries, AccountRequestsCarryTheirBodiesAndRepliesReachTheHandlingAccount) {
+    server.reply("/api/User/LoginWithToken", R::json(R"({"Id":58,"UserTypeId":3})"));
+    server.reply("/api/User/AddUser", R::text("812"));
+    server.enqueue("/api/General/AddFriend", R::text("OK"));
+    server.enqueue("/api/General/AddFriend", R::text("Zaten arkadaş", 500));
+    account->setReferenceId("REF-1");
+    account->login("5551234567", "t0k3n");
+    ASSERT_EQ(user->waitFor(1).size(), 1u);
+    EXPECT_EQ(account->Id(), 58);
+    EXPECT_EQ(account->Type(), UserType::observer);
+
+    // A registrant made with the public initialiser: the handling account takes the reply.
+    User registrant("Ayşe", "Yılmaz", "ayse@example.org", GenderType::female, "REF-2", env, *call);
+    auto own = std::make_shared<RecordingUserDelegate>();
+    registrant.setDelegate(own);
+    registrant.addUser();
+    ASSERT_EQ(user->waitFor(2).size(), 2u);
+    EXPECT_EQ(account->Id(), 812);
+    EXPECT_EQ(registrant.Id(), 0);
+    EXPECT_TRUE(own->events().empty());
+
+    account->addFriend("REF-9");
+    user->waitFor(3);
+    account->addFriend("REF-9");
+    const auto events = user->waitFor(4);
+    ASSERT_EQ(events.size(), 4u);
+    EXPECT_EQ(events[0].operation, "userDidLogin");
+    EXPECT_EQ(events[0].user, account.get());
+    EXPECT_EQ(events[1].operation, "userDidAdd");
+    EXPECT_EQ(events[1].user, account.get());
+    EXPECT_EQ(events[2].operation, "friendDidAdd");
+    EXPECT_EQ(events[2].friendReferenceId, "OK");  // the reply's body, passed on
+    EXPECT_EQ(events[3].operation, "friendAddDidFail");
+    EXPECT_EQ(events[3].errorTitle, "Arkadaş eklenemedi");
+    EXPECT_EQ(events[3].errorMessage, "Zaten arkadaş");
+
+    EXPECT_EQ(server.requests("/api/User/LoginWithToken").at(0).method, "POST");
+    EXPECT_EQ(bodyOf("/api/User/LoginWithToken"),
+              (Object{{"Mobile", "5551234567"}, {"Token", "t0k3n"}}));
+    EXPECT_EQ(bodyOf("/api/User/AddUser"), (Object{{"FirstName", "Ayşe"},
+                                                   {"LastName", "Yılmaz"},
+                                                   {"Email", "ayse@example.org"},
+                                                   {"GenderId", 2},
+                                                   {"ReferenceId", "REF-2"}}));
+    EXPECT_EQ(
+        bodyOf("/api/General/AddFriend"),
+        (Object{{"ReferenceID", "REF-1"}, {"FriendReferenceID", "REF-9"}, {"LoginTypeID", 1}}));
+}
+
+TEST_F(ServiceQueries, OverlappingLeaderboardRequestsAreToldApartByRankType) {
+    const std::string path = "/api/General/getLeaderShip/57";
+    account->setId(57);
+    // The first request's answer is held back so that the second one overtakes it.
+    server.enqueue(path, R::json(R"([{"UserID":"a1","RankType":1}])").after(500ms));
+    server.enqueue(path, R::json(R"([{"UserID":"a1","RankType":2}])"));
+    account->getLeadership(RankTypes::Country);
+    ASSERT_TRUE(server.waitForRequests(1, path));
+    account->getLeadership(RankTypes::City);
+    auto events = user->waitFor(2);
+    ASSERT_EQ(events.size(), 2u);
+    ASSERT_EQ(events[0].leaderboard.size(), 1u);
+    ASSERT_EQ(events[1].leaderboard.size(), 1u);
+    EXPECT_EQ(events[0].leaderboard[0].RankType, RankTypes::City);
+    EXPECT_EQ(events[1].leaderboard[0].RankType, RankTypes::Country);
+    EXPECT_EQ(server.requests(path).at(0).target, path + "?RankType=1");
+    EXPECT_EQ(server.requests(path).at(1).target, path + "?RankType=2");
+}
+
+// The token may appear in the login body and nowhere else: not in the reports to the host, nor in
+// the answers the call layer posts, whatever way the login fails.
+TEST_F(ServiceQueries, TheLoginTokenAppearsOnlyInTheRequestBody) {
+    const std::string token = "Zq9-SECRET-token-7Hk", path = "/api/User/LoginWithToken";
+    for (const R& reply : {R{.drop = R::Drop::beforeReply},  // not reported
+                           R{.status = 403}, R::text("Hatalı giriş", 500), R::text("not json"),
+                           R::json(R"({"Id":5})")})
+        server.enqueue(path, reply);
+    for (std::size_t i = 1; i <= 5; ++i) {
+        account->login("5551234567", token);
+        ASSERT_TRUE(server.waitForRequests(i, path));
+    }
+    ASSERT_TRUE(answers.waitFor(5));
+    call->setMReachability(std::make_shared<Reachability>(offlineProbe()));
+    account->login("5551234567", token);
+    ASSERT_EQ(answers.count(), 6u);
+    auto events = user->events();
+    ASSERT_EQ(events.size(), 5u);
+
+    for (const auto& request : server.requests()) {
+        EXPECT_NE(request.body.find(token), std::string::npos);  // it was sent ...
+        EXPECT_EQ(request.target.find(token), std::string::npos);
+        for (const auto& [name, value] : request.headers)
+            EXPECT_EQ(value.find(token), std::string::npos) << name;
+    }
+    for (const auto& e : events)  // ... and never reported
+        EXPECT_EQ(e.errorMessage.find(token), std::string::npos) << e.errorMessage;
+    int transportErrors = 0;
+    for (const auto& answer : answers.all()) {
+        ASSERT_TRUE(answer.userInfo);
+        transportErrors += answer.find("error") && answer.find("error")->isError();
+        for (const auto& [key, value] : *answer.userInfo) {
+            auto* e = value.asError();
+            const std::string text =
+                e ? e->domain + " " + e->description : json::write(value).value_or("");
+            EXPECT_EQ(text.find(token), std::string::npos) << key << ": " << text;
+        }
+    }
+    EXPECT_EQ(transportErrors, 1);
+}
+
+constexpr const char* kTwoTrips = R"([
+    {"UserId": 42, "DrivingGuid": "a", "StartDateTime": "2018-03-05T14:07:00",
+     "EndDateTime": "2018-03-05T14:32:13", "StartLocationLatitude": 41.0,
+     "StartLocationLongitude": 29.0, "SharpBrakingPenalty": 3, "TimeElapsed": "0:25:13",
+     "TotalDistance": 12437, "Score": 91.5},
+    {"DrivingGuid": "b"}
+])";
+
+TEST_F(ServiceQueries, HistoryReplyBecomesTheHistoryAndTheLastTrip) {
+    makeEngine();
+    server.reply("/api/Driving/getDriving/42", R::json(kTwoTrips));
+    engine->setUserID(42);
+    engine->getTripHistory();
+    ASSERT_TRUE(host->waitFor(1));
+
+    const auto request = server.requests("/api/Driving/getDriving/42").at(0);
+    EXPECT_EQ(request.method, "GET");
+    EXPECT_EQ(request.header("Content-Type"), "");
+    const auto report = host->reports().at(0);
+    ASSERT_EQ(report.kind, "history");
+    ASSERT_EQ(report.history.size(), 2u);
+    EXPECT_EQ(engine->TripHistory(), report.history);
+    EXPECT_EQ(engine->LastTrip(), report.history[1]);
+    const Trip& a = *report.history[0];
+    EXPECT_EQ(a.UserID, 42);
+    EXPECT_EQ(a.TimeElapsedTotalDistance_Formatted, "0:25:13 sn, 12.4 km");
+    EXPECT_EQ(a.getPassedCoordinatesURL, server.url("/api/Driving/getPassedCoordinates"));
+    EXPECT_EQ(report.history[1]->DrivingID, "b");
+    EXPECT_TRUE(host->settled(1));
+}
+
+// Every failure reaches the host with its code, title and message (the parser's own text is the
+// reader's tests' concern); the history holds none of the reply and the last trip stays. An
+// address that does not parse is reported at once and keeps the history.
+TEST_F(ServiceQueries, HistoryFailuresAreReportedWithTheirCodes) {
+    makeEngine();
+    struct Case {
+        R reply;
+        std::int64_t code;
+        std::string message;  // the whole message, or its start for 1012
+    } cases[] = {
+        {{.status = 500}, 1010, "Sürüş Geçmişi Alınamıyor. Response Code:500"},
+        {{.drop = R::Drop::beforeReply}, 1011, "Sürüş Tarihçesi Alınamıyor"},
+        {R::json(R"([{"DrivingGuid":"a"}, {"Score":"high"}])"), 1012,
+         "Sürüş Tarihçesi Alınamıyor. [1].Score"},
+    };
+    const auto last = engine->LastTrip();
+    std::size_t n = 0;
+    for (const auto& c : cases) {
+        server.enqueue("/api/Driving/getDriving/0", c.reply);
+        engine->getTripHistory();
+        ASSERT_TRUE(host->waitFor(++n)) << c.message;
+        const auto r = host->reports().back();
+        EXPECT_EQ(r.kind, "historyFail") << c.message;
+        EXPECT_EQ(r.code, c.code) << c.message;
+        EXPECT_EQ(r.title, "Sistem Bağlantı Hatası");
+        EXPECT_EQ(c.code == 1012 ? r.message.substr(0, c.message.size()) : r.message, c.message);
+        EXPECT_TRUE(engine->TripHistory().empty());
+        EXPECT_EQ(engine->LastTrip(), last);
+    }
+    EXPECT_TRUE(host->settled(n));
+
+    makeEngine(server.baseURL() + "/a b");
+    const auto kept = std::make_shared<Trip>(env);
+    engine->setTripHistory({kept});
+    engine->getTripHistory();
+    ASSERT_EQ(host->reports().size(), n + 1);  // before the call returned
+    const auto r = host->reports().back();
+    EXPECT_EQ(r.code, 1009);
+    EXPECT_EQ(r.title, "URL Hatası");
+    EXPECT_EQ(r.message, "Tarihçe Servis URLi Hatalı");
+    EXPECT_EQ(engine->TripHistory(), std::vector<std::shared_ptr<Trip>>{kept});
+}
+
+// Neither delegate hears of a reply that comes after its engine ended. The replies wait long
+// enough that a slow (sanitized, loaded) test thread still ends the engine before they come.
+TEST_F(ServiceQueries, EngineThatEndsBeforeTheRepliesIsNotTouched) {
+    makeEngine();
+    server.reply("/api/Driving/getDriving/0", R::json(kTwoTrips).after(1500ms));
+    server.reply("/api/Driving/getDrivingSummary/6",
+                 R::json(R"([{"AverageScore": 1}])").after(1500ms));
+    engine->getTripHistory();
+    engine->getSummaryData(6);
+    ASSERT_TRUE(server.waitForRequests(3));  // with the thresholds
+    engine.reset();
+    EXPECT_TRUE(host->settled(0, 1800ms));
+    EXPECT_EQ(env.notifications->observerCount("summaryDataReady"), 0u);
+}
+
+// Elements are merged member by member into the record. The first reply ends every registration,
+// so overlapping requests share one answer: the first request gets no body, so the only reply
+// comes after both registrations. A failure reports its code, then the unchanged record.
+TEST_F(ServiceQueries, SummaryRepliesMergeIntoTheRecordAndFailuresKeepIt) {
+    makeEngine();
+    const std::string path = "/api/Driving/getDrivingSummary/7";
+    server.enqueue(path, {.body = std::nullopt});
+    server.enqueue(path, R::json(R"([{"AverageScore": 70, "NumberOfTrips": 3},
+                                     {"AverageScore": 80.5}])"));
+    server.enqueue(path, {.status = 500});
+    engine->setSummaryDataRecord(SummaryData(1, 2500, 1));
+    engine->getSummaryData(7);
+    ASSERT_TRUE(server.waitForRequests(1, path));
+    engine->getSummaryData(7);
+    ASSERT_TRUE(host->waitFor(1));
+    EXPECT_TRUE(host->settled(1));
+    EXPECT_EQ(server.requests(path).at(0).method, "GET");
+    EXPECT_EQ(host->reports().at(0).kind, "summary");
+    EXPECT_EQ(host->reports().at(0).summary, SummaryData(80.5, 2500, 3));
+    EXPECT_EQ(engine->getSummaryDataRecord(), SummaryData(80.5, 2500, 3));
+    EXPECT_EQ(env.notifications->observerCount("summaryDataReady"), 0u);
+
+    engine->getSummaryData(7);
+    ASSERT_TRUE(host->waitFor(3));
+    const auto reports = host->reports();
+    EXPECT_EQ(reports[1].kind, "summaryFail");
+    EXPECT_EQ(reports[1].code, 1009);
+    EXPECT_EQ(reports[1].title, "URL Hatası");
+    EXPECT_EQ(reports[1].message, "Özet Veri Servis URLi Hatalı");
+    EXPECT_EQ(reports[2].kind, "summary");
+    EXPECT_EQ(reports[2].summary, SummaryData(80.5, 2500, 3));
+    EXPECT_TRUE(host->settled(3));
+}
+
+// Each reply replaces the route's three lists; failures keep them. Either way the registration
+// ends and the host is told, without an object or a userInfo.
+TEST_F(ServiceQueries, RouteRepliesReplaceTheListsAndFailuresKeepThem) {
+    using Points = std::vector<platform::Coordinate>;
+    const Points two{{41.0, 29.0}, {41.1, 29.1}};
+    struct Case {
+        R reply;
+        Points points;
+        std::size_t faults, fuel;
+    } cases[] = {
+        {R::json(R"([
+            {"Latitude": 41.0, "Longitude": 29.0, "HasFault": false,
+             "FuelEfficiencyPenaltyPerKM": 3.5},
+            {"Latitude": 41.1, "Longitude": 29.1, "HasFault": true, "BrakingPenalty": 2,
+             "BrakingPenaltyPerKM": 0.5}])"),
+         two, 1, 2},
+        {{.status = 500}, two, 1, 2},
+        {{.drop = R::Drop::beforeReply}, two, 1, 2},
+        {R::json(R"([{"Latitude": 40}])"), {{40, 0}}, 0, 1},
+    };
+    auto t = trip("T-1");
+    std::size_t n = 0;
+    for (const auto& c : cases) {
+        server.enqueue(std::string(kRoutePath) + "T-1", c.reply);
+        t->getPassedCoordinatesFromServer();
+        ASSERT_TRUE(draws.waitFor(++n)) << n;
+        auto route = t->route();
+        EXPECT_EQ(route.PassedCoordinates, c.points) << n;
+        EXPECT_EQ(route.Faults.size(), c.faults) << n;
+        EXPECT_EQ(route.FuelDefficiencies.size(), c.fuel) << n;
+        EXPECT_EQ(routeRegistrations(), 0u);
+        EXPECT_EQ(draws.at(n - 1).object, nullptr);
+        EXPECT_FALSE(draws.at(n - 1).userInfo.has_value());
+    }
+    EXPECT_TRUE(draws.settled(n));
+    EXPECT_EQ(server.requests().at(0).method, "GET");
+}
+
+TEST_F(ServiceQueries, ReleasedRecordMissesItsReply) {
+    NotificationRecorder replies(env.notifications, {"passedCoordinatesReturnedFromServer"});
+    server.reply(std::string(kRoutePath) + "R", R::json(R"([{"Latitude": 1}])").after(200ms));
+    auto kept = trip("K");
+    server.reply(std::string(kRoutePath) + "K", {.body = std::nullopt});
+    kept->getPassedCoordinatesFromServer();
+    {
+        auto released = trip("R");
+        released->getPassedCoordinatesFromServer();
+        EXPECT_EQ(routeRegistrations(), 3u);  // the two records and the recorder
+        std::weak_ptr<Trip> watch = released;
+        released.reset();
+        EXPECT_TRUE(watch.expired());
+        EXPECT_EQ(routeRegistrations(), 2u);  // its registration ended with it
+    }
+    ASSERT_TRUE(replies.waitFor(1));
+    ASSERT_TRUE(draws.waitFor(1));  // the kept record took the reply
+    EXPECT_EQ(kept->route().PassedCoordinates.size(), 1u);
+    EXPECT_TRUE(draws.settled(1));
+}
+
+// The host may copy the route at any time, also while a large reply is being applied, and never
+// sees the three lists out of step.
+TEST_F(ServiceQueries, RouteCopiesAreConsistentWhileRepliesArrive) {
+    std::string body = "[";
+    for (int i = 0; i < 2000; ++i) {
+        body += i ? "," : "";
+        body += R"({"Latitude":1,"Longitude":2,"HasFault":true,"FuelEfficiencyPenaltyPerKM":1})";
+    }
+    server.reply(std::string(kRoutePath) + "C", R::json(body + "]"));
+    auto t = trip("C");
+    std::atomic<bool> done{false};
+    std::atomic<int> inconsistent{0};
+    std::thread reader([&] {
+        while (!done) {
+            auto route = t->route();
+            inconsistent += route.PassedCoordinates.size() != route.Faults.size() ||
+                            route.Faults.size() != route.FuelDefficiencies.size();
+        }
+    });
+    for (std::size_t i = 1; i <= 3; ++i) {
+        t->getPassedCoordinatesFromServer();
+        ASSERT_TRUE(draws.waitFor(i, 10s));
+    }
+    done = true;
+    reader.join();
+    EXPECT_EQ(inconsistent, 0);
+    EXPECT_EQ(t->route().PassedCoordinates.size(), 2000u);
+}
+
+}  // namespace
+}  // namespace kestrelvue
