@@ -32,7 +32,14 @@ inline constexpr std::string_view kBaseURLKey = "KestrelvueServiceBaseURL";
 /// The application information key that turns the durable outbox on (see outboxDirectory).
 inline constexpr std::string_view kOutboxDirectoryKey = "KestrelvueOutboxDirectory";
 
+/// The platform members are never empty where the library reads them: a new Environment holds a
+/// null object in each (system clock, random identifiers, an HTTP client that fails every
+/// request at once, no reachability, a queue that runs nothing, the default notification centre,
+/// sensors that deliver nothing, a geocoder that fails every lookup at once, an application and
+/// a device that do nothing), and install() puts one back in any member set to null.
 struct KESTRELVUE_EXPORT Environment {
+    Environment();
+
     std::shared_ptr<platform::Clock> clock;
     std::shared_ptr<platform::IdGenerator> ids;
     std::shared_ptr<platform::HttpClient> http;
@@ -66,7 +73,8 @@ struct KESTRELVUE_EXPORT Environment {
     /// baseURL() + path.
     std::string serviceURL(std::string_view path) const;
 
-    /// Installs the process-wide environment. Takes effect for shared objects created afterwards.
+    /// Installs the process-wide environment, with null objects in the members left null. Takes
+    /// effect for shared objects created afterwards.
     static void install(Environment environment);
     /// The installed environment, or the default one when none was installed.
     static const Environment& current();

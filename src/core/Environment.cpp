@@ -2,6 +2,8 @@
 
 #include <mutex>
 
+#include "core/NullPlatform.h"
+
 #ifndef KESTRELVUE_DEFAULT_BASE_URL
 #define KESTRELVUE_DEFAULT_BASE_URL "http://127.0.0.1:8080"
 #endif
@@ -13,6 +15,10 @@ std::mutex gMutex;
 // the process, and installs are rare.
 const Environment* gEnvironment = nullptr;
 }  // namespace
+
+Environment::Environment() {
+    detail::fillMissing(*this);
+}
 
 std::string_view defaultBaseURL() {
     return KESTRELVUE_DEFAULT_BASE_URL;
@@ -52,6 +58,7 @@ std::string Environment::serviceURL(std::string_view path) const {
 
 void Environment::install(Environment environment) {
     auto* env = new Environment(std::move(environment));
+    detail::fillMissing(*env);
     std::lock_guard lock(gMutex);
     gEnvironment = env;
 }
