@@ -1,7 +1,8 @@
 #pragma once
 // Everything the library needs from its platform, in one place. A host installs its own with
-// Environment::install() before the first use of a shared object; otherwise the default Linux
-// environment (system clock, libcurl, default-route reachability, simulated sensors) serves.
+// Environment::install() before the first use of a shared object; otherwise the default factory
+// builds one: the host's (setDefaultFactory), else the platform layer's (on Linux: system clock,
+// libcurl, default-route reachability, simulated sensors), else one of null objects.
 
 #include <kestrelvue/Export.h>
 #include <kestrelvue/NotificationCenter.h>
@@ -12,6 +13,7 @@
 #include <kestrelvue/platform/OutboxStore.h>
 #include <kestrelvue/platform/ReachabilityProbe.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -32,7 +34,14 @@ inline constexpr std::string_view kBaseURLKey = "KestrelvueServiceBaseURL";
 /// The application information key that turns the durable outbox on (see outboxDirectory).
 inline constexpr std::string_view kOutboxDirectoryKey = "KestrelvueOutboxDirectory";
 
+/// The platform members are never empty where the library reads them: a new Environment holds a
+/// null object in each (system clock, random identifiers, an HTTP client that fails every
+/// request at once, no reachability, a queue that runs nothing, the default notification centre,
+/// sensors that deliver nothing, a geocoder that fails every lookup at once, an application and
+/// a device that do nothing), and install() puts one back in any member set to null.
 struct KESTRELVUE_EXPORT Environment {
+    Environment();
+
     std::shared_ptr<platform::Clock> clock;
     std::shared_ptr<platform::IdGenerator> ids;
     std::shared_ptr<platform::HttpClient> http;
@@ -66,11 +75,17 @@ struct KESTRELVUE_EXPORT Environment {
     /// baseURL() + path.
     std::string serviceURL(std::string_view path) const;
 
-    /// Installs the process-wide environment. Takes effect for shared objects created afterwards.
+    /// Installs the process-wide environment, with null objects in the members left null. Takes
+    /// effect for shared objects created afterwards.
     static void install(Environment environment);
-    /// The installed environment, or the default one when none was installed.
+    /// The installed environment; when none was installed, the one the default factory builds at
+    /// the first call (and keeps for the process).
     static const Environment& current();
-    /// The default Linux environment (defined by the platform layer).
+    /// Sets the factory current() uses when nothing was installed, in place of the platform
+    /// layer's. It may build on makeDefault(), and must not call current().
+    static void setDefaultFactory(std::function<Environment()> factory);
+    /// The platform layer's default environment (on Linux, posix::defaultEnvironment()), or an
+    /// environment of null objects in a build without one.
     static Environment makeDefault();
 };
 

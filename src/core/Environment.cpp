@@ -1,6 +1,9 @@
 #include <kestrelvue/Environment.h>
 
 #include <mutex>
+#include <utility>
+
+#include "core/NullPlatform.h"
 
 #ifndef KESTRELVUE_DEFAULT_BASE_URL
 #define KESTRELVUE_DEFAULT_BASE_URL "http://127.0.0.1:8080"
@@ -12,7 +15,29 @@ std::mutex gMutex;
 // Installed environments are never freed: shared objects keep references to them for the life of
 // the process, and installs are rare.
 const Environment* gEnvironment = nullptr;
+// Held apart from gMutex while the default is built, so that a factory may call makeDefault():
+// the factory runs once.
+std::mutex gBuildMutex;
+
+// Function-local so that the platform layer may register from a static initialiser.
+std::function<Environment()>& hostFactory() {
+    static auto* factory = new std::function<Environment()>;
+    return *factory;
+}
+std::function<Environment()>& platformFactory() {
+    static auto* factory = new std::function<Environment()>;
+    return *factory;
+}
 }  // namespace
+
+Environment::Environment() {
+    detail::fillMissing(*this);
+}
+
+void detail::setPlatformDefaultFactory(std::function<Environment()> factory) {
+    std::lock_guard lock(gMutex);
+    platformFactory() = std::move(factory);
+}
 
 std::string_view defaultBaseURL() {
     return KESTRELVUE_DEFAULT_BASE_URL;
@@ -52,13 +77,42 @@ std::string Environment::serviceURL(std::string_view path) const {
 
 void Environment::install(Environment environment) {
     auto* env = new Environment(std::move(environment));
+    detail::fillMissing(*env);
     std::lock_guard lock(gMutex);
     gEnvironment = env;
 }
 
-const Environment& Environment::current() {
+void Environment::setDefaultFactory(std::function<Environment()> factory) {
     std::lock_guard lock(gMutex);
-    if (!gEnvironment) gEnvironment = new Environment(makeDefault());
+    hostFactory() = std::move(factory);
+}
+
+Environment Environment::makeDefault() {
+    std::function<Environment()> factory;
+    {
+        std::lock_guard lock(gMutex);
+        factory = platformFactory();
+    }
+    return factory ? factory() : Environment();
+}
+
+const Environment& Environment::current() {
+    std::function<Environment()> factory;
+    {
+        std::lock_guard lock(gMutex);
+        if (gEnvironment) return *gEnvironment;
+    }
+    std::lock_guard build(gBuildMutex);
+    {
+        std::lock_guard lock(gMutex);
+        if (gEnvironment) return *gEnvironment;
+        factory = hostFactory();
+    }
+    auto made = std::make_unique<Environment>(factory ? factory() : makeDefault());
+    detail::fillMissing(*made);
+    std::lock_guard lock(gMutex);
+    // An install() while the default was being built wins; the built one was never shared.
+    if (!gEnvironment) gEnvironment = made.release();
     return *gEnvironment;
 }
 

@@ -45,18 +45,12 @@ DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
       getWeatherInfoURL(environment.serviceURL("/api/General/getWeatherDataByLatLon")),
       getSummaryURL(environment.serviceURL("/api/Driving/getDrivingSummary")),
       env_(environment),
-      center_(environment.notifications ? *environment.notifications
-                                        : NotificationCenter::defaultCenter()),
+      center_(*environment.notifications),
       restfulCall_(sharedCall),
       outbox_(detail::Outbox::forEnvironment(environment)) {
     if (!restfulCall_) {
         ownRestfulCall_ = std::make_unique<RestfulCall>(
-            env_.http,
-            env_.notifications
-                ? env_.notifications
-                : std::shared_ptr<NotificationCenter>(&NotificationCenter::defaultCenter(),
-                                                      [](NotificationCenter*) {}),
-            std::make_shared<Reachability>(env_.reachability));
+            env_.http, env_.notifications, std::make_shared<Reachability>(env_.reachability));
         restfulCall_ = ownRestfulCall_.get();
     }
 
@@ -94,10 +88,9 @@ DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
     deviceOrientation = 0;
     eventCount = 0;
 
-    // 4. The sensor managers the environment makes. Without one a trip cannot start: it reports
-    // device motion unsupported, or location services off.
-    motionManager_ = env_.makeMotionManager ? env_.makeMotionManager() : nullptr;
-    locationManager_ = env_.makeLocationManager ? env_.makeLocationManager() : nullptr;
+    // 4. The sensor managers the environment makes.
+    motionManager_ = env_.makeMotionManager();
+    locationManager_ = env_.makeLocationManager();
 
     // 5. The five handlers, for any sender.
     center_.addObserver(this, "motionDataSynced",

@@ -43,7 +43,7 @@ std::string DrivingInsight::Impl::formatAddressFromPlacemark(const platform::Pla
 
 bool DrivingInsight::Impl::startTrip() {
     auto counter = std::make_shared<std::int64_t>(0);
-    if (env_.application) env_.application->setIdleTimerDisabled(true);
+    env_.application->setIdleTimerDisabled(true);
 
     std::shared_ptr<platform::MotionManager> motion = MotionManager();
     if (!motion || !motion->isDeviceMotionAvailable()) {
@@ -93,7 +93,7 @@ bool DrivingInsight::Impl::startTrip() {
 void DrivingInsight::Impl::handleMotionSample(const std::shared_ptr<std::int64_t>& counter,
                                               const std::optional<platform::DeviceMotion>& motion) {
     if (!motion) return;
-    const int given = env_.device ? static_cast<int>(env_.device->orientation()) : 0;
+    const int given = static_cast<int>(env_.device->orientation());
     std::int64_t motionId = 0;
     bool timedOut = false;
     {
@@ -143,7 +143,7 @@ void DrivingInsight::Impl::stopTrip() {
         end = trip.endLocation;
         startKnown = hasPosition(trip.startLocation);
     }
-    if (env_.application) env_.application->setIdleTimerDisabled(false);
+    env_.application->setIdleTimerDisabled(false);
     if (location) location->stopUpdatingLocation();
     if (motion && motion->isDeviceMotionActive()) motion->stopDeviceMotionUpdates();
 
@@ -153,12 +153,6 @@ void DrivingInsight::Impl::stopTrip() {
             if (!trip.endAnnotation) trip.endAnnotation = std::make_shared<platform::MapPin>();
             trip.endAnnotation->coordinate = end->coordinate;
             trip.endAnnotation->subtitle = "Bitiş";
-        }
-        if (!env_.geocoder) {
-            // Without a geocoder the lookup fails at once.
-            setEndLocationStr("???");
-            center_.post("tripStoppedEndAnnotationSetted", &self_);
-            return;
         }
         keepLookup(env_.geocoder->reverseGeocodeLocation(
             *end, [this](const std::optional<std::vector<platform::Placemark>>& placemarks,
@@ -192,10 +186,6 @@ void DrivingInsight::Impl::stopTrip() {
 }
 
 void DrivingInsight::Impl::geocodeStartAddress(const platform::Location& location) {
-    if (!env_.geocoder) {
-        setStartLocationStr("???");
-        return;
-    }
     keepLookup(env_.geocoder->reverseGeocodeLocation(
         location, [this](const std::optional<std::vector<platform::Placemark>>& placemarks,
                          const std::optional<platform::GeocodeError>& error) {

@@ -113,10 +113,6 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
         outbox_->submit(std::move(entries), std::move(completion));
         return;
     }
-    if (!env_.http) {
-        completion(platform::HttpResult{});
-        return;
-    }
     env_.http->send(std::move(request), std::move(completion)).detach();
 }
 

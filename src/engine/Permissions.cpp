@@ -25,7 +25,6 @@ std::shared_ptr<platform::Alert> makePermissionAlert(
     alert->actions.push_back(
         platform::AlertAction{std::move(settingsTitle), platform::AlertAction::Style::defaultStyle,
                               [application = std::move(application)] {
-                                  if (!application) return;
                                   const std::string settings = application->openSettingsURLString();
                                   // Without a settings address the button does nothing.
                                   if (!settings.empty()) application->openURL(settings);

@@ -100,7 +100,6 @@ Outbox::Counts Outbox::pending() const {
 }
 
 bool Outbox::reachable() const {
-    if (!env_.reachability) return true;
     auto flags = env_.reachability->defaultRouteFlags();
     return flags && (*flags & platform::kReachabilityFlagsReachable);
 }
@@ -120,7 +119,7 @@ void Outbox::announce() {
     Object info{{"records", Value(static_cast<long long>(records_.load()))},
                 {"trips", Value(static_cast<long long>(trips_.load()))}};
     if (!problem_.empty()) info["problem"] = Value(std::exchange(problem_, {}));
-    if (env_.notifications) env_.notifications->post(kUploadsPending, nullptr, std::move(info));
+    env_.notifications->post(kUploadsPending, nullptr, std::move(info));
 }
 
 void Outbox::write(std::vector<Submission> batch) {
@@ -160,16 +159,13 @@ void Outbox::attempt(Pending& p) {
     request.setValue("application/json", "Accept");
     request.body = p.entry.body;
     auto state = std::make_shared<Try>();
-    platform::AsyncRequest pending;  // ends with this try, however it ends
-    if (env_.http) {
-        pending = env_.http->send(std::move(request), [state](platform::HttpResult r) {
+    // Ends with this try, however it ends.
+    platform::AsyncRequest pending =
+        env_.http->send(std::move(request), [state](platform::HttpResult r) {
             std::lock_guard lock(state->mutex);
             state->result = std::move(r);
             state->cv.notify_all();
         });
-    } else {
-        state->result = platform::HttpResult{};
-    }
     platform::HttpResult result;
     {
         std::unique_lock lock(state->mutex);

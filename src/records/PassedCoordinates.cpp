@@ -14,17 +14,10 @@ namespace {
 
 constexpr const char* kRouteReplyName = "passedCoordinatesReturnedFromServer";
 
-std::shared_ptr<NotificationCenter> centerOf(const Environment& env) {
-    if (env.notifications) return env.notifications;
-    // The default centre lives for the whole process; the pointer only borrows it.
-    return std::shared_ptr<NotificationCenter>(&NotificationCenter::defaultCenter(),
-                                               [](NotificationCenter*) {});
-}
-
 }  // namespace
 
 void Trip::getPassedCoordinatesFromServer() {
-    const std::shared_ptr<NotificationCenter> center = centerOf(env_);
+    const std::shared_ptr<NotificationCenter> center = env_.notifications;
     // The registration holds the record weakly: a record its holders release before the reply
     // comes misses the reply (its tokens end the registration as it dies). A record that no
     // shared_ptr owns is reached directly; its own destruction ends the registration.
@@ -61,7 +54,7 @@ void Trip::passedCoordinatesReturnedFromServer(const Notification& notification)
         ending.swap(routeObservers_);
     }
     ending.clear();  // ends every registration of this record for the name, outside the lock
-    centerOf(env_)->post("drawPassedCoordinates");
+    env_.notifications->post("drawPassedCoordinates");
 }
 
 Trip::Route Trip::route() const {

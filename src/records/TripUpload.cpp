@@ -92,10 +92,6 @@ void Trip::saveToServer() {
     request.body = std::move(*text);
 
     const auto outbox = detail::Outbox::existing(env);
-    if (!env.http && !outbox) {
-        reportFailure(env, 1017, kConnectionTitle, kNotSentMessage);
-        return;
-    }
     // The pending upload keeps the record alive until its reply has been handled. A record not
     // held by a shared_ptr is uploaded all the same but cannot be handed back on success.
     auto completion = [self = weak_from_this().lock(), &env](platform::HttpResult result) {

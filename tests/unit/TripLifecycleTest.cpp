@@ -156,16 +156,19 @@ TEST_F(TripLifecycle, AddressLookupOutcomes) {
         const char* name;
         G::Answer answer;
         std::string start, end;  // an unanswered end lookup still completes the trip, as "???"
+        bool geocoder = true;    // false: the environment sets none, and stopTrip() answers
     };
     const Case cases[] = {
         {"placemark", G::placemark({"A", "B"}), "A, B", "A, B"},
         {"error", G::failure(), "???", "???"},
         {"nothing", G::nothing(), "", "???"},
         {"empty list", G::Answer{std::vector<platform::Placemark>{}, std::nullopt}, "", "???"},
+        {"no geocoder", G::nothing(), "???", "???", false},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         EngineHarness h2;
+        if (!c.geocoder) h2.env.geocoder = Environment().geocoder;
         auto e = h2.makeEngine();
         h2.geocoder->enqueueAnswer(c.answer);
         ASSERT_TRUE(e->startTrip());
@@ -175,6 +178,7 @@ TEST_F(TripLifecycle, AddressLookupOutcomes) {
         EXPECT_EQ(e->StartLocationStr(), c.start);
         h2.geocoder->enqueueAnswer(c.answer);
         e->stopTrip();
+        EXPECT_EQ(e->EndLocationStr(), c.geocoder ? "" : c.end);
         while (h2.queue->runUntilIdle() + h2.http->deliverAll() > 0) {
         }
         EXPECT_EQ(e->EndLocationStr(), c.end);

@@ -1,23 +1,18 @@
-#include <kestrelvue/Environment.h>
 #include <kestrelvue/posix/CurlHttpClient.h>
+#include <kestrelvue/posix/DefaultEnvironment.h>
 #include <kestrelvue/posix/DefaultRouteProbe.h>
 #include <kestrelvue/posix/SqliteOutboxStore.h>
 
+#include "core/NullPlatform.h"
 #include "platform/sim/Sim.h"
 
-namespace kestrelvue {
+namespace kestrelvue::posix {
 
-Environment Environment::makeDefault() {
+Environment defaultEnvironment() {
     Environment env;
-    env.clock = std::make_shared<platform::SystemClock>();
-    env.ids = std::make_shared<platform::RandomIdGenerator>();
-    env.http = std::make_shared<posix::CurlHttpClient>();
-    env.reachability = std::make_shared<posix::DefaultRouteProbe>();
-    env.notifications = std::shared_ptr<NotificationCenter>(&NotificationCenter::defaultCenter(),
-                                                            [](NotificationCenter*) {});
+    env.http = std::make_shared<CurlHttpClient>();
+    env.reachability = std::make_shared<DefaultRouteProbe>();
 
-    // Linux has no motion or location backend yet: the scriptable ones stand in, delivering
-    // nothing until a host (a replay, say) drives them, on a main queue the host drains.
     auto mainQueue = std::make_shared<sim::MainQueue>();
     env.mainQueue = mainQueue;
     env.makeMotionManager = [] { return std::make_shared<sim::MotionSource>(); };
@@ -26,9 +21,25 @@ Environment Environment::makeDefault() {
     env.application = std::make_shared<sim::Application>();
     env.device = std::make_shared<sim::Device>();
     env.makeOutboxStore = [](const std::string& directory) {
-        return std::make_unique<posix::SqliteOutboxStore>(directory);
+        return std::make_unique<SqliteOutboxStore>(directory);
     };
     return env;
 }
 
-}  // namespace kestrelvue
+namespace {
+
+// Registered before any default-priority static initialiser runs, a host's included, so that
+// even those find the Linux environment.
+struct Registrar {
+    Registrar() { detail::setPlatformDefaultFactory(&defaultEnvironment); }
+};
+__attribute__((init_priority(101))) const Registrar registrar;
+
+}  // namespace
+
+}  // namespace kestrelvue::posix
+
+// Nothing refers to this file but the registrar inside it, so a static link would leave it out.
+// A static kestrelvue names this symbol to the linker as undefined (its link options and its
+// pkg-config file), which keeps the file, and with it the registration, in every host.
+extern "C" void kestrelvue_posix_default_environment() {}
