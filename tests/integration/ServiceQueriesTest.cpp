@@ -11,7 +11,6 @@
 #include <thread>
 
 #include "core/Json.h"
-#include "support/RecordingUserDelegate.h"
 #include "support/TestEnvironment.h"
 #include "support/Time.h"
 
@@ -57,7 +56,7 @@ protected:
     Environment env = makeTestEnvironment(server);
     std::unique_ptr<RestfulCall> call = makeRestfulCall(env);
     std::unique_ptr<User> account = User::makeDetachedShared(env, *call);
-    std::shared_ptr<RecordingUserDelegate> user = std::make_shared<RecordingUserDelegate>();
+    std::shared_ptr<RecordingDelegate> user = std::make_shared<RecordingDelegate>();
     // Registered after the account, so an answer is recorded only once the account handled it.
     NotificationRecorder answers{env.notifications,
                                  {"UserLogedIn", "UserAdded", "FriendAdded", "LeaderShipGot"}};
@@ -73,34 +72,34 @@ TEST_F(ServiceQueries, AccountRequestsCarryTheirBodiesAndRepliesReachTheHandling
     server.enqueue("/api/General/AddFriend", R::text("Zaten arkadaş", 500));
     account->setReferenceId("REF-1");
     account->login("5551234567", "t0k3n");
-    ASSERT_EQ(user->waitFor(1).size(), 1u);
+    ASSERT_TRUE(user->waitFor(1));
     EXPECT_EQ(account->Id(), 58);
     EXPECT_EQ(account->Type(), UserType::observer);
 
     // A registrant made with the public initialiser: the handling account takes the reply.
     User registrant("Ayşe", "Yılmaz", "ayse@example.org", GenderType::female, "REF-2", env, *call);
-    auto own = std::make_shared<RecordingUserDelegate>();
+    auto own = std::make_shared<RecordingDelegate>();
     registrant.setDelegate(own);
     registrant.addUser();
-    ASSERT_EQ(user->waitFor(2).size(), 2u);
+    ASSERT_TRUE(user->waitFor(2));
     EXPECT_EQ(account->Id(), 812);
     EXPECT_EQ(registrant.Id(), 0);
-    EXPECT_TRUE(own->events().empty());
+    EXPECT_TRUE(own->reports().empty());
 
     account->addFriend("REF-9");
-    user->waitFor(3);
+    ASSERT_TRUE(user->waitFor(3));
     account->addFriend("REF-9");
-    const auto events = user->waitFor(4);
-    ASSERT_EQ(events.size(), 4u);
-    EXPECT_EQ(events[0].operation, "userDidLogin");
+    ASSERT_TRUE(user->waitFor(4));
+    const auto events = user->reports();
+    EXPECT_EQ(events[0].kind, "userDidLogin");
     EXPECT_EQ(events[0].user, account.get());
-    EXPECT_EQ(events[1].operation, "userDidAdd");
+    EXPECT_EQ(events[1].kind, "userDidAdd");
     EXPECT_EQ(events[1].user, account.get());
-    EXPECT_EQ(events[2].operation, "friendDidAdd");
+    EXPECT_EQ(events[2].kind, "friendDidAdd");
     EXPECT_EQ(events[2].friendReferenceId, "OK");  // the reply's body, passed on
-    EXPECT_EQ(events[3].operation, "friendAddDidFail");
-    EXPECT_EQ(events[3].errorTitle, "Arkadaş eklenemedi");
-    EXPECT_EQ(events[3].errorMessage, "Zaten arkadaş");
+    EXPECT_EQ(events[3].kind, "friendAddDidFail");
+    EXPECT_EQ(events[3].title, "Arkadaş eklenemedi");
+    EXPECT_EQ(events[3].message, "Zaten arkadaş");
 
     EXPECT_EQ(server.requests("/api/User/LoginWithToken").at(0).method, "POST");
     EXPECT_EQ(bodyOf("/api/User/LoginWithToken"),
@@ -124,8 +123,8 @@ TEST_F(ServiceQueries, OverlappingLeaderboardRequestsAreToldApartByRankType) {
     account->getLeadership(RankTypes::Country);
     ASSERT_TRUE(server.waitForRequests(1, path));
     account->getLeadership(RankTypes::City);
-    auto events = user->waitFor(2);
-    ASSERT_EQ(events.size(), 2u);
+    ASSERT_TRUE(user->waitFor(2));
+    const auto events = user->reports();
     ASSERT_EQ(events[0].leaderboard.size(), 1u);
     ASSERT_EQ(events[1].leaderboard.size(), 1u);
     EXPECT_EQ(events[0].leaderboard[0].RankType, RankTypes::City);
@@ -150,7 +149,7 @@ TEST_F(ServiceQueries, TheLoginTokenAppearsOnlyInTheRequestBody) {
     call->setMReachability(std::make_shared<Reachability>(offlineProbe()));
     account->login("5551234567", token);
     ASSERT_EQ(answers.count(), 6u);
-    auto events = user->events();
+    auto events = user->reports();
     ASSERT_EQ(events.size(), 5u);
 
     for (const auto& request : server.requests()) {
@@ -160,7 +159,7 @@ TEST_F(ServiceQueries, TheLoginTokenAppearsOnlyInTheRequestBody) {
             EXPECT_EQ(value.find(token), std::string::npos) << name;
     }
     for (const auto& e : events)  // ... and never reported
-        EXPECT_EQ(e.errorMessage.find(token), std::string::npos) << e.errorMessage;
+        EXPECT_EQ(e.message.find(token), std::string::npos) << e.message;
     int transportErrors = 0;
     for (const auto& answer : answers.all()) {
         ASSERT_TRUE(answer.userInfo);

@@ -94,7 +94,7 @@ void RecordingDelegate::historyDataDidReceive(const std::vector<std::shared_ptr<
 
 void RecordingDelegate::historyDataReceiveDidFail(std::int64_t code, const std::string& title,
                                                   const std::string& message) {
-    add({.kind = "historyFail", .code = code, .title = title, .message = message});
+    failed("historyFail", code, title, message);
 }
 
 void RecordingDelegate::summaryDataDidReceive(const SummaryData& summaryData) {
@@ -103,7 +103,7 @@ void RecordingDelegate::summaryDataDidReceive(const SummaryData& summaryData) {
 
 void RecordingDelegate::summaryDataReceiveDidFail(std::int64_t code, const std::string& title,
                                                   const std::string& message) {
-    add({.kind = "summaryFail", .code = code, .title = title, .message = message});
+    failed("summaryFail", code, title, message);
 }
 
 std::vector<RecordingDelegate::Report> RecordingDelegate::reports() const {

@@ -4,6 +4,7 @@
 
 #include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/NotificationCenter.h>
+#include <kestrelvue/User.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -62,11 +63,15 @@ private:
     std::vector<std::string> names_;
 };
 
-/// Records every report of the engine's two delegates, in order, from any thread.
-class RecordingDelegate final : public DrivingInsightDelegate, public HistoryDataDelegate {
+/// Records every report of the engine's two delegates and the account's, in order, from any
+/// thread.
+class RecordingDelegate final : public DrivingInsightDelegate,
+                                public HistoryDataDelegate,
+                                public UserDelegate {
 public:
     struct Report {
-        /// "tripDidFinish", "tripDidFail", "history", "historyFail", "summary", "summaryFail"
+        /// "tripDidFinish", "tripDidFail", "history", "historyFail", "summary", "summaryFail", or
+        /// the account delegate's operation name ("userDidLogin", "friendAddDidFail", ...)
         std::string kind;
         std::int64_t code = 0;
         // Initialised members, so that each report names only what it carries.
@@ -75,6 +80,9 @@ public:
         std::shared_ptr<platform::Alert> alert = {};
         std::vector<std::shared_ptr<Trip>> history = {};
         SummaryData summary = {};
+        const User* user = nullptr;
+        std::string friendReferenceId = {};
+        std::vector<LeaderboardItem> leaderboard = {};
     };
     void tripDidFinish(std::shared_ptr<Trip> trip) override;
     void tripDidFail(std::int64_t errorCode, const std::string& errorTitle,
@@ -86,6 +94,30 @@ public:
     void summaryDataDidReceive(const SummaryData& summaryData) override;
     void summaryDataReceiveDidFail(std::int64_t code, const std::string& title,
                                    const std::string& message) override;
+    void userDidLogin(User& user) override { add({.kind = "userDidLogin", .user = &user}); }
+    void userDidAdd(User& user) override { add({.kind = "userDidAdd", .user = &user}); }
+    void friendDidAdd(const std::string& reference) override {
+        add({.kind = "friendDidAdd", .friendReferenceId = reference});
+    }
+    void leadershipDidGet(const std::vector<LeaderboardItem>& leaderboard) override {
+        add({.kind = "leadershipDidGet", .leaderboard = leaderboard});
+    }
+    void userLoginDidFail(std::int64_t code, const std::string& title,
+                          const std::string& message) override {
+        failed("userLoginDidFail", code, title, message);
+    }
+    void userAddDidFail(std::int64_t code, const std::string& title,
+                        const std::string& message) override {
+        failed("userAddDidFail", code, title, message);
+    }
+    void friendAddDidFail(std::int64_t code, const std::string& title,
+                          const std::string& message) override {
+        failed("friendAddDidFail", code, title, message);
+    }
+    void leadershipGetDidFail(std::int64_t code, const std::string& title,
+                              const std::string& message) override {
+        failed("leadershipGetDidFail", code, title, message);
+    }
 
     std::vector<Report> reports() const;
     std::vector<Report> reports(const std::string& kind) const;
@@ -97,6 +129,10 @@ public:
 
 private:
     void add(Report r);
+    void failed(const char* kind, std::int64_t code, const std::string& title,
+                const std::string& message) {
+        add({.kind = kind, .code = code, .title = title, .message = message});
+    }
     mutable std::mutex mutex_;
     mutable std::condition_variable cv_;
     std::vector<Report> reports_;

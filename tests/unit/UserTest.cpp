@@ -13,12 +13,12 @@
 #include <thread>
 
 #include "core/Json.h"
-#include "support/RecordingUserDelegate.h"
+#include "support/TestDoubles.h"
 
 namespace kestrelvue {
 namespace {
 
-using test::RecordingUserDelegate;
+using test::RecordingDelegate;
 
 /// These tests post answers themselves; nothing is sent.
 class UnusedHttpClient : public platform::HttpClient {
@@ -39,7 +39,7 @@ protected:
             std::make_shared<Reachability>(std::make_shared<platform::FixedReachabilityProbe>(
                 platform::kReachabilityFlagsReachable)));
         account = User::makeDetachedShared(env, *call);
-        delegate = std::make_shared<RecordingUserDelegate>();
+        delegate = std::make_shared<RecordingDelegate>();
         account->setDelegate(delegate);
     }
 
@@ -49,7 +49,7 @@ protected:
     std::shared_ptr<NotificationCenter> center;
     std::unique_ptr<RestfulCall> call;
     std::unique_ptr<User> account;
-    std::shared_ptr<RecordingUserDelegate> delegate;
+    std::shared_ptr<RecordingDelegate> delegate;
 };
 
 Object object(std::string_view text) {
@@ -75,15 +75,15 @@ TEST_F(UserTest, LoginRepliesUpdateFieldsAndReportTheHandlingAccount) {
     for (const Case& c : cases) {
         auto fresh = User::makeDetachedShared(env, *call);
         account.reset();  // only `fresh` handles this case's reply
-        auto d = std::make_shared<RecordingUserDelegate>();
+        auto d = std::make_shared<RecordingDelegate>();
         fresh->setDelegate(d);
         fresh->setId(5);
         reply("UserLogedIn", Object{{"Data", object(c.data)}});
         EXPECT_EQ(fresh->Id(), c.id) << c.data;
         EXPECT_EQ(fresh->Type(), c.type) << c.data;
-        auto events = d->events();
+        auto events = d->reports();
         ASSERT_EQ(events.size(), 1u) << c.data;
-        EXPECT_EQ(events[0].operation, "userDidLogin");
+        EXPECT_EQ(events[0].kind, "userDidLogin");
         EXPECT_EQ(events[0].user, fresh.get());
     }
 }
