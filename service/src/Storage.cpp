@@ -131,7 +131,10 @@ bool Storage::exec(const char* sql, std::string& error) {
 
 bool Storage::open(const std::string& path, std::string& error) {
     std::lock_guard lock(mutex_);
-    if (sqlite3_open(path.c_str(), &db_) != SQLITE_OK) {
+    // Without SQLite's own mutex on every call: mutex_ serialises the connection already.
+    if (sqlite3_open_v2(path.c_str(), &db_,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                        nullptr) != SQLITE_OK) {
         error = "cannot open database " + path + ": " + sqlite3_errmsg(db_);
         return false;
     }
