@@ -114,6 +114,12 @@ bool PointRow::hasFault() const {
 }
 
 Storage::~Storage() {
+    {
+        std::lock_guard lock(checkpointMutex_);
+        stopping_ = true;
+    }
+    checkpointWake_.notify_one();
+    if (checkpointer_.joinable()) checkpointer_.join();
     sqlite3_finalize(insertOne_);
     sqlite3_finalize(insertMany_);
     if (db_) sqlite3_close(db_);
@@ -138,13 +144,67 @@ bool Storage::open(const std::string& path, std::string& error) {
         error = "cannot open database " + path + ": " + sqlite3_errmsg(db_);
         return false;
     }
+    path_ = path;
     sqlite3_busy_timeout(db_, 2000);
     if (!exec(kSchema, error)) return false;
+    // Replaces the checkpoint SQLite would run inside the committing request. Called only while
+    // the file is in WAL mode, so never for an in-memory database.
+    sqlite3_wal_hook(db_, &Storage::committed, this);
     for (const char* upgrade : kUpgrades) {
         std::string alreadyThere;
         exec(upgrade, alreadyThere);  // fails with "duplicate column" on a current file
     }
     return exec(kAfterUpgrade, error);
+}
+
+namespace {
+
+// The log is copied back once it holds this many pages (SQLite's own default), and the committing
+// request copies it itself when it grows this far regardless, so that it stays bounded even if the
+// checkpointer falls behind.
+constexpr int kCheckpointPages = 1000, kInlineCheckpointPages = 16000;
+
+}  // namespace
+
+int Storage::committed(void* self, sqlite3* db, const char* schema, int pages) {
+    auto* storage = static_cast<Storage*>(self);
+    if (pages >= kInlineCheckpointPages) {
+        sqlite3_wal_checkpoint_v2(db, schema, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    } else if (pages >= kCheckpointPages) {
+        {
+            std::lock_guard lock(storage->checkpointMutex_);
+            storage->checkpointDue_ = true;
+            if (!storage->checkpointer_.joinable())
+                storage->checkpointer_ = std::thread([storage] { storage->checkpointLoop(); });
+        }
+        storage->checkpointWake_.notify_one();
+    }
+    return SQLITE_OK;
+}
+
+void Storage::checkpointLoop() {
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(path_.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr) !=
+        SQLITE_OK) {
+        sqlite3_close(db);
+        return;  // the committing requests copy the log themselves, past kInlineCheckpointPages
+    }
+    sqlite3_busy_timeout(db, 2000);
+    sqlite3_exec(db, "PRAGMA synchronous = NORMAL", nullptr, nullptr, nullptr);
+    std::unique_lock lock(checkpointMutex_);
+    while (true) {
+        checkpointWake_.wait(lock, [this] { return checkpointDue_ || stopping_; });
+        if (stopping_) break;
+        checkpointDue_ = false;
+        lock.unlock();
+        // First what can be copied without holding up the writer. Writes go on meanwhile, so the
+        // log would seldom be found all copied and could grow for good: the few pages written
+        // since are then copied while the writer waits, and the log starts over.
+        sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+        sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_RESTART, nullptr, nullptr);
+        lock.lock();
+    }
+    sqlite3_close(db);
 }
 
 namespace {
