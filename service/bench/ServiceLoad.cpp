@@ -98,6 +98,7 @@ int main(int argc, char** argv) {
         if (arg == "--db") options.databasePath = argv[i + 1];
     }
     std::remove(options.databasePath.c_str());
+    kestrelvue::service::tuneAllocatorForService();  // as the serve command does
     kestrelvue::service::ReferenceService service(options);
     if (!service.start()) {
         std::fprintf(stderr, "%s\n", service.error().c_str());

@@ -170,19 +170,6 @@ bool writeTrip(std::string& out, const DrivingRow& d) {
     return trip.close();
 }
 
-/// Bulks of a few hundred kilobytes should reuse warm memory, and uploads of megabytes should go
-/// back to the system as soon as they are stored. glibc's defaults do neither here: each worker
-/// thread may get an arena of its own (up to eight per core), and after the first large block is
-/// freed its threshold for mapping blocks apart rises, so large uploads stay in those arenas.
-void tuneAllocator() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        mallopt(M_ARENA_MAX, 2);
-        mallopt(M_MMAP_THRESHOLD, 1 << 20);
-        mallopt(M_TRIM_THRESHOLD, 8 << 20);
-    });
-}
-
 }  // namespace
 
 struct ReferenceService::Impl {
@@ -458,7 +445,6 @@ void ReferenceService::Impl::routes() {
 }
 
 bool ReferenceService::Impl::bind() {
-    tuneAllocator();
     if (!opened && !(opened = storage.open(options.databasePath, error))) return false;
     if (!loadBands()) return false;
     routes();
@@ -471,6 +457,16 @@ bool ReferenceService::Impl::bind() {
         return false;
     }
     return true;
+}
+
+// Bulks of a few hundred kilobytes should reuse warm memory, and uploads of megabytes should go
+// back to the system as soon as they are stored. glibc's defaults do neither here: each worker
+// thread may get an arena of its own (up to eight per core), and after the first large block is
+// freed its threshold for mapping blocks apart rises, so large uploads stay in those arenas.
+void tuneAllocatorForService() {
+    mallopt(M_ARENA_MAX, 2);
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);
+    mallopt(M_TRIM_THRESHOLD, 8 << 20);
 }
 
 ReferenceService::ReferenceService(ServiceOptions options) : impl_(std::make_unique<Impl>()) {
