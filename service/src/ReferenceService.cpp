@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <chrono>
 #include <cmath>
@@ -96,6 +97,79 @@ std::string utcToLocalPattern(const std::string& utc) {
     return out;
 }
 
+/// The members of one JSON object written in turn; the caller names them in the order of their
+/// names, the order in which an Object is written, and numbers are written as json::writeTo
+/// writes them.
+class ObjectWriter {
+public:
+    explicit ObjectWriter(std::string& out) : out_(out) {}
+    ObjectWriter& text(std::string_view name, std::string_view value) {
+        json::escapeTo(key(name), value);
+        return *this;
+    }
+    ObjectWriter& integer(std::string_view name, std::int64_t value) {
+        char buffer[24];
+        key(name).append(buffer, std::to_chars(buffer, buffer + sizeof buffer, value).ptr);
+        return *this;
+    }
+    ObjectWriter& number(std::string_view name, double value) {
+        finite_ = finite_ && std::isfinite(value);
+        char buffer[32];
+        key(name).append(buffer, std::to_chars(buffer, buffer + sizeof buffer, value).ptr);
+        return *this;
+    }
+    /// False when a number was not finite, which JSON cannot carry.
+    bool close() {
+        out_ += open_ ? "}" : "{}";
+        return finite_;
+    }
+
+private:
+    std::string& key(std::string_view name) {  // names here need no escaping
+        out_ += open_ ? ',' : '{';
+        open_ = true;
+        return out_.append(1, '"').append(name).append("\":");
+    }
+    std::string& out_;
+    bool open_ = false, finite_ = true;
+};
+
+/// One trip of the history reply, written straight from its row: a user's history runs to
+/// thousands of trips, and a Value of each cost more than the query.
+bool writeTrip(std::string& out, const DrivingRow& d) {
+    // The kinds in the order of their names: braking, cornering, elevating, lane changing,
+    // speeding.
+    static constexpr int kByName[5] = {2, 0, 3, 4, 1};
+    static const auto names = [] {
+        std::array<std::string, 10> n;
+        for (int i = 0; i < 5; ++i) {
+            n[2 * i] = std::string("Sharp") + kKinds[kByName[i]] + "Count";
+            n[2 * i + 1] = std::string("Sharp") + kKinds[kByName[i]] + "Penalty";
+        }
+        return n;
+    }();
+    ObjectWriter trip(out);
+    trip.text("DrivingGuid", d.guid)
+        .text("EndDateTime", utcToLocalPattern(d.endDateTime))
+        .text("EndLocation", d.endLocation)
+        .number("EndLocationLatitude", d.endLat)
+        .number("EndLocationLongitude", d.endLong)
+        .number("FuelEfficiencyPenalty", d.fuelPenalty)
+        .number("Score", d.score);
+    for (int i = 0; i < 5; ++i) {
+        trip.integer(names[2 * i], d.counts[kByName[i]])
+            .number(names[2 * i + 1], d.penalties[kByName[i]]);
+    }
+    trip.text("StartDateTime", utcToLocalPattern(d.startDateTime))
+        .text("StartLocation", d.startLocation)
+        .number("StartLocationLatitude", d.startLat)
+        .number("StartLocationLongitude", d.startLong)
+        .text("TimeElapsed", d.timeElapsed)
+        .number("TotalDistance", d.totalDistance)
+        .integer("UserId", d.userID);
+    return trip.close();
+}
+
 }  // namespace
 
 struct ReferenceService::Impl {
@@ -164,7 +238,10 @@ void ReferenceService::Impl::routes() {
                          res.status, res.body.size(), ms.count());
         }
         // Large bodies leave the heap fragmented; give the memory back to the system.
-        if (req.body.size() + res.body.size() > (1u << 20)) malloc_trim(0);
+        // (A bulk's body is read past req.body: its announced length counts.)
+        const auto received = std::max<std::uint64_t>(
+            req.body.size(), req.get_header_value<std::uint64_t>("Content-Length"));
+        if (received + res.body.size() > (1u << 20)) malloc_trim(0);
     });
 
     // A known path with another method is 405, not 404.
@@ -194,9 +271,24 @@ void ReferenceService::Impl::routes() {
                });
     only("/api/Driving/getThresholds", "GET");
 
+    // Bulks are read as they arrive into a warm buffer of the announced size, not grown 4 KB at a
+    // time into a fresh string and then copied for the parser.
     server.Post(
-        "/api/Driving/addMotionData", [this](const httplib::Request& req, httplib::Response& res) {
-            auto bulk = parseMotionBulk(req.body);
+        "/api/Driving/addMotionData", [this](const httplib::Request& req, httplib::Response& res,
+                                             const httplib::ContentReader& content) {
+            MotionBulkReader reader(std::min<std::uint64_t>(
+                req.get_header_value<std::uint64_t>("Content-Length"), options.maxBodyBytes));
+            auto gather = [&reader](const char* data, std::size_t size) {
+                reader.append(data, size);
+                return true;
+            };
+            // A form's parts are no body: they are dropped, and the empty bulk is refused.
+            const bool read = req.is_multipart_form_data()
+                                  ? content([](const httplib::MultipartFormData&) { return true; },
+                                            [](const char*, std::size_t) { return true; })
+                                  : content(gather);
+            if (!read) return;  // answered already: 413 beyond the size limit, else 400
+            auto bulk = reader.parse();
             if (!bulk) return badRequest(res, bulk.error);
             if (!storage.addPoints(bulk.value->guid, bulk.value->userID, bulk.value->points)) {
                 res.status = 500;
@@ -233,34 +325,26 @@ void ReferenceService::Impl::routes() {
     });
     only(R"(/api/Driving/getPassedCoordinates/(.+))", "GET");
 
-    server.Get(R"(/api/Driving/getDriving/([^/]+))", [this, userOf](const httplib::Request& req,
-                                                                    httplib::Response& res) {
-        auto user = userOf(req, res);
-        if (!user) return;
-        List list;
-        for (const DrivingRow& d : storage.drivings(*user)) {
-            Object trip{{"UserId", d.userID},
-                        {"DrivingGuid", d.guid},
-                        {"StartDateTime", utcToLocalPattern(d.startDateTime)},
-                        {"StartLocation", d.startLocation},
-                        {"StartLocationLatitude", d.startLat},
-                        {"StartLocationLongitude", d.startLong},
-                        {"EndDateTime", utcToLocalPattern(d.endDateTime)},
-                        {"EndLocation", d.endLocation},
-                        {"EndLocationLatitude", d.endLat},
-                        {"EndLocationLongitude", d.endLong},
-                        {"Score", d.score},
-                        {"FuelEfficiencyPenalty", d.fuelPenalty},
-                        {"TimeElapsed", d.timeElapsed},
-                        {"TotalDistance", d.totalDistance}};
-            for (int i = 0; i < 5; ++i) {
-                trip.emplace(std::string("Sharp") + kKinds[i] + "Count", d.counts[i]);
-                trip.emplace(std::string("Sharp") + kKinds[i] + "Penalty", d.penalties[i]);
-            }
-            list.push_back(std::move(trip));
-        }
-        replyJson(res, list);
-    });
+    server.Get(R"(/api/Driving/getDriving/([^/]+))",
+               [this, userOf](const httplib::Request& req, httplib::Response& res) {
+                   auto user = userOf(req, res);
+                   if (!user) return;
+                   const auto trips = storage.drivings(*user);
+                   std::string body;
+                   body.reserve(trips.size() * 768);
+                   body += '[';
+                   bool finite = true;
+                   for (const DrivingRow& d : trips) {
+                       if (body.size() > 1) body += ',';
+                       finite = writeTrip(body, d) && finite;
+                   }
+                   body += ']';
+                   if (!finite) {
+                       res.status = 500;
+                       return res.set_content("non-finite number in reply", kText);
+                   }
+                   res.set_content(body, kJson);
+               });
     only(R"(/api/Driving/getDriving/([^/]+))", "GET");
 
     server.Get(R"(/api/Driving/getDrivingSummary/([^/]+))",
@@ -373,6 +457,16 @@ bool ReferenceService::Impl::bind() {
         return false;
     }
     return true;
+}
+
+// Bulks of a few hundred kilobytes should reuse warm memory, and uploads of megabytes should go
+// back to the system as soon as they are stored. glibc's defaults do neither here: each worker
+// thread may get an arena of its own (up to eight per core), and after the first large block is
+// freed its threshold for mapping blocks apart rises, so large uploads stay in those arenas.
+void tuneAllocatorForService() {
+    mallopt(M_ARENA_MAX, 2);
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);
+    mallopt(M_TRIM_THRESHOLD, 8 << 20);
 }
 
 ReferenceService::ReferenceService(ServiceOptions options) : impl_(std::make_unique<Impl>()) {

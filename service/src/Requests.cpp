@@ -139,50 +139,45 @@ std::string fieldProblem(std::size_t record, std::size_t field, const char* name
            "): " + what;
 }
 
+}  // namespace
+
 /// A JSON parser with its buffers and a padded copy of the text, kept between motion bulks: a bulk
 /// is a few hundred kilobytes, and fresh buffers of that size for each one cost more in page
-/// faults than the parse itself. Parsers of very large bodies are let go, so that one outsized
-/// request does not hold its memory for good.
+/// faults than the parse itself.
 struct WarmParser {
     simdjson::dom::parser parser;
-    std::vector<char> text;
+    std::vector<char> text;  // the body, then at least simdjson's padding
 };
 
+namespace {
+
+/// A parser lent for one body of `bytes` bytes from a small pool. Parsers of very large bodies are
+/// let go, so that one outsized request does not hold its memory for good.
 class WarmParsers {
 public:
-    /// One parser, lent for one body of `bytes` bytes.
-    class Lease {
-    public:
-        explicit Lease(std::size_t bytes) : bytes_(bytes), parser_(pool().take()) {}
-        ~Lease() {
-            if (bytes_ <= kKeepBytes) pool().give(std::move(parser_));
-        }
-        Lease(const Lease&) = delete;
-        Lease& operator=(const Lease&) = delete;
-        WarmParser& operator*() { return *parser_; }
-
-    private:
-        std::size_t bytes_;
-        std::unique_ptr<WarmParser> parser_;
-    };
+    static std::unique_ptr<WarmParser> take() {
+        WarmParsers& p = pool();
+        std::lock_guard lock(p.mutex_);
+        if (p.idle_.empty()) return std::make_unique<WarmParser>();
+        auto parser = std::move(p.idle_.back());
+        p.idle_.pop_back();
+        return parser;
+    }
+    static void give(std::unique_ptr<WarmParser> parser, std::size_t bytes) {
+        if (bytes > kKeepBytes) return;
+        WarmParsers& p = pool();
+        std::lock_guard lock(p.mutex_);
+        if (p.idle_.size() < kKeepParsers) p.idle_.push_back(std::move(parser));
+    }
 
 private:
-    // A parser takes some 14 bytes per byte of text: two kept for bulks up to 1 MiB.
-    static constexpr std::size_t kKeepBytes = std::size_t{1} << 20, kKeepParsers = 2;
+    // A parser takes some 14 bytes per byte of text, most of it never touched by a bulk of plain
+    // records: four kept for bulks up to 1 MiB, as many as a few busy clients have parsed at once.
+    // With fewer, every other bulk faulted in a parser's memory afresh.
+    static constexpr std::size_t kKeepBytes = std::size_t{1} << 20, kKeepParsers = 4;
     static WarmParsers& pool() {
         static auto* parsers = new WarmParsers;  // never destroyed: any thread may still lend
         return *parsers;
-    }
-    std::unique_ptr<WarmParser> take() {
-        std::lock_guard lock(mutex_);
-        if (idle_.empty()) return std::make_unique<WarmParser>();
-        auto parser = std::move(idle_.back());
-        idle_.pop_back();
-        return parser;
-    }
-    void give(std::unique_ptr<WarmParser> parser) {
-        std::lock_guard lock(mutex_);
-        if (idle_.size() < kKeepParsers) idle_.push_back(std::move(parser));
     }
     std::mutex mutex_;
     std::vector<std::unique_ptr<WarmParser>> idle_;
@@ -220,10 +215,9 @@ Parsed<MotionBulk> parseMotionBulkAsValue(std::string_view body);
 Parsed<std::vector<PointRow>> parseMotionText(std::string_view text) {
     using Result = Parsed<std::vector<PointRow>>;
     std::vector<PointRow> points;
-    // One allocation for a bulk; bounded by the shortest well-formed record (39 commas and a
-    // ';'), so that a text of bare ';' reserves no more than real records would.
-    points.reserve(std::min(static_cast<std::size_t>(std::count(text.begin(), text.end(), ';')),
-                            text.size() / (kFieldsPerRecord + 1)));
+    // One allocation for a usual bulk without counting its records first (a pass over the whole
+    // text): the library's records run to some 300 bytes; shorter ones grow the vector.
+    points.reserve(text.size() / 256 + 1);
     std::string_view fields[kFieldsPerRecord];
     for (std::size_t number = 1; !text.empty(); ++number) {
         const std::size_t end = text.find(';');
@@ -299,10 +293,32 @@ Parsed<MotionBulk> parseMotionBulkAsValue(std::string_view body) {
 // motion text is read where the parser left it instead of being copied twice. A body that is
 // not a JSON object goes the general way, so that its refusal is worded the same.
 Parsed<MotionBulk> parseMotionBulk(std::string_view body) {
-    WarmParsers::Lease lease(body.size());
-    WarmParser& warm = *lease;
-    warm.text.resize(body.size() + simdjson::SIMDJSON_PADDING);
-    std::copy(body.begin(), body.end(), warm.text.begin());
+    MotionBulkReader reader(body.size());
+    reader.append(body.data(), body.size());
+    return reader.parse();
+}
+
+MotionBulkReader::MotionBulkReader(std::size_t expectedBytes) : warm_(WarmParsers::take()) {
+    // Only grows: the spare bytes past a body are the parser's padding.
+    if (warm_->text.size() < expectedBytes + simdjson::SIMDJSON_PADDING)
+        warm_->text.resize(expectedBytes + simdjson::SIMDJSON_PADDING);
+}
+
+MotionBulkReader::~MotionBulkReader() {
+    WarmParsers::give(std::move(warm_), size_);
+}
+
+void MotionBulkReader::append(const char* data, std::size_t size) {
+    std::vector<char>& text = warm_->text;
+    if (text.size() < size_ + size + simdjson::SIMDJSON_PADDING)
+        text.resize(std::max(size_ + size, 2 * size_) + simdjson::SIMDJSON_PADDING);
+    std::copy(data, data + size, text.begin() + static_cast<std::ptrdiff_t>(size_));
+    size_ += size;
+}
+
+Parsed<MotionBulk> MotionBulkReader::parse() {
+    WarmParser& warm = *warm_;
+    const std::string_view body(warm.text.data(), size_);
     simdjson::dom::element root;
     simdjson::dom::object object;
     if (warm.parser.parse(warm.text.data(), body.size(), false).get(root) ||

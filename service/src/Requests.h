@@ -5,6 +5,7 @@
 #include <kestrelvue/Value.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,6 +34,28 @@ struct MotionBulk {
 /// An "addMotionData" body: "UserID", "DrivingGuid" (required) and "MotionStr", whose records
 /// each hold 39 comma-terminated fields and end with ";".
 Parsed<MotionBulk> parseMotionBulk(std::string_view body);
+struct WarmParser;
+
+/// parseMotionBulk for a body that arrives in pieces: they are gathered into a buffer lent from a
+/// small pool of warm ones and read where they lie, so that bulk after bulk reuses memory instead
+/// of faulting in a fresh copy of each body.
+class MotionBulkReader {
+public:
+    /// `expectedBytes` (the announced length, or 0) is reserved at once.
+    explicit MotionBulkReader(std::size_t expectedBytes);
+    ~MotionBulkReader();
+    MotionBulkReader(const MotionBulkReader&) = delete;
+    MotionBulkReader& operator=(const MotionBulkReader&) = delete;
+
+    void append(const char* data, std::size_t size);
+    /// The body appended so far, read as parseMotionBulk reads it.
+    Parsed<MotionBulk> parse();
+
+private:
+    std::size_t size_ = 0;
+    std::unique_ptr<WarmParser> warm_;
+};
+
 /// The records of a motion text; a malformed one is named by its number and field.
 Parsed<std::vector<PointRow>> parseMotionText(std::string_view text);
 

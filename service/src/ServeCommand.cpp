@@ -114,6 +114,7 @@ int runServeCommand(int argc, char** argv) {
     sigaddset(&signals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &signals, &previous);
     int status = 0;
+    tuneAllocatorForService();
     {
         ReferenceService service(options);
         if (!service.start()) {

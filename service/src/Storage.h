@@ -1,11 +1,15 @@
 #pragma once
 // SQLite storage of the reference service. One connection, serialised by a mutex: the service's
-// load is a handful of phones, and SQLite writes are serial anyway.
+// load is a handful of phones, and SQLite writes are serial anyway. A second connection on a thread
+// of its own copies the write-ahead log back into the database file, so that no request waits
+// for that copy and its syncs.
 
+#include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 struct sqlite3;
@@ -89,9 +93,17 @@ private:
     /// The insert of one point, or of kRowsPerInsert points, prepared once.
     sqlite3_stmt* prepared(std::size_t rows);
     static constexpr std::size_t kRowsPerInsert = 32;
+    /// Called after each commit with the log's length in pages; wakes the checkpointer.
+    static int committed(void* self, sqlite3* db, const char* schema, int pages);
+    void checkpointLoop();
     std::mutex mutex_;
     sqlite3* db_ = nullptr;
     sqlite3_stmt *insertOne_ = nullptr, *insertMany_ = nullptr;
+    std::string path_;
+    std::thread checkpointer_;
+    std::mutex checkpointMutex_;
+    std::condition_variable checkpointWake_;
+    bool checkpointDue_ = false, stopping_ = false;
 };
 
 }  // namespace kestrelvue::service

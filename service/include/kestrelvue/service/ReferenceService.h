@@ -68,6 +68,12 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
+/// Sets glibc's allocator for a process whose work is this service: two arenas, blocks of 1 MiB
+/// and more mapped apart so that large uploads go back to the system when freed, and up to 8 MiB
+/// of freed memory kept for the next bulks. Process-wide, so it is the process's choice: the serve
+/// command makes it; a host that embeds the service (the replay tool) keeps its own settings.
+void tuneAllocatorForService();
+
 /// The `serve` command line: `[--db FILE] [--host ADDRESS] [--port N] [--bands FILE] [--quiet]`
 /// serves until SIGINT or SIGTERM (SIGHUP reloads the bands file), and `token MOBILE [--db FILE]`
 /// issues a login token. argv[0] is the command's name. Returns the exit code: 0, 1 when the
