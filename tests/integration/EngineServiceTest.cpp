@@ -215,7 +215,8 @@ TEST_F(EngineService, ThresholdsArriveAfterCreationAndATripAsksForTheWeather) {
     ASSERT_EQ(server_.requests(weatherPath).size(), 1u);
     EXPECT_EQ(server_.requests(weatherPath)[0].target,
               weatherPath + "?latitude=41.0082&longitude=28.9784");
-    const Value* data = weather.at(0).find("Data");
+    const auto answer = weather.at(0);  // a copy: find() points into it
+    const Value* data = answer.find("Data");
     ASSERT_NE(data, nullptr);
     EXPECT_EQ(data->find("Temperature")->asNumber(), 17.5);
     // The host stores the temperature; no further request follows.
