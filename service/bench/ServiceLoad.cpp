@@ -108,6 +108,7 @@ int main(int argc, char** argv) {
     // Bulks: every client its own trips, 1000 records each. The texts are made beforehand, so
     // that the clients, which share the machine with the service, spend little time of their own.
     std::vector<std::string> texts;
+    texts.reserve(10);
     for (int b = 0; b < 10; ++b) texts.push_back(motionText(b * 1000 + 1, 1000));
     std::vector<std::vector<double>> latencies(static_cast<std::size_t>(clients));
     std::atomic<int> failures{0};

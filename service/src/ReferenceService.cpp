@@ -142,7 +142,7 @@ bool writeTrip(std::string& out, const DrivingRow& d) {
     static constexpr int kByName[5] = {2, 0, 3, 4, 1};
     static const auto names = [] {
         std::array<std::string, 10> n;
-        for (int i = 0; i < 5; ++i) {
+        for (std::size_t i = 0; i < 5; ++i) {
             n[2 * i] = std::string("Sharp") + kKinds[kByName[i]] + "Count";
             n[2 * i + 1] = std::string("Sharp") + kKinds[kByName[i]] + "Penalty";
         }
@@ -156,7 +156,7 @@ bool writeTrip(std::string& out, const DrivingRow& d) {
         .number("EndLocationLongitude", d.endLong)
         .number("FuelEfficiencyPenalty", d.fuelPenalty)
         .number("Score", d.score);
-    for (int i = 0; i < 5; ++i) {
+    for (std::size_t i = 0; i < 5; ++i) {
         trip.integer(names[2 * i], d.counts[kByName[i]])
             .number(names[2 * i + 1], d.penalties[kByName[i]]);
     }
