@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "core/Json.h"
+#include "core/JsonElement.h"
 
 namespace kestrelvue::service {
 namespace {
@@ -186,25 +187,9 @@ private:
 /// A member as the general reader would have made it, for Members to check. Only scalars are
 /// kept; a list or an object stands in empty, since any of them is refused alike.
 Value scalarOf(simdjson::dom::element e) {
-    using T = simdjson::dom::element_type;
-    switch (e.type()) {
-        case T::INT64:
-            return Value(static_cast<long long>(e.get_int64().value_unsafe()));
-        case T::UINT64:
-            return Value(static_cast<double>(e.get_uint64().value_unsafe()));
-        case T::DOUBLE:
-            return Value(e.get_double().value_unsafe());
-        case T::STRING:
-            return Value(e.get_string().value_unsafe());
-        case T::BOOL:
-            return Value(e.get_bool().value_unsafe());
-        case T::ARRAY:
-            return Value(List{});
-        case T::OBJECT:
-            return Value(Object{});
-        default:
-            return Value();
-    }
+    if (e.is_array()) return Value(List{});
+    if (e.is_object()) return Value(Object{});
+    return json::scalarValue(e);
 }
 
 /// parseMotionBulk through the general reader: the body as a Value, then its members.

@@ -7,7 +7,28 @@
 #include <cstring>
 #include <string>
 
+#include "core/JsonElement.h"
+
 namespace kestrelvue::json {
+
+Value scalarValue(simdjson::dom::element e) {
+    using T = simdjson::dom::element_type;
+    switch (e.type()) {
+        case T::INT64:
+            return Value(static_cast<long long>(e.get_int64().value_unsafe()));
+        case T::UINT64:
+            return Value(static_cast<double>(e.get_uint64().value_unsafe()));
+        case T::DOUBLE:
+            return Value(e.get_double().value_unsafe());
+        case T::STRING:
+            return Value(std::string(e.get_string().value_unsafe()));
+        case T::BOOL:
+            return Value(e.get_bool().value_unsafe());
+        default:
+            return Value();
+    }
+}
+
 namespace {
 
 constexpr std::size_t kKeepParserBytes = std::size_t{256} << 10;
@@ -32,19 +53,8 @@ Value convert(simdjson::dom::element e) {
             }
             return Value(std::move(obj));
         }
-        case T::INT64:
-            return Value(static_cast<long long>(e.get_int64().value_unsafe()));
-        case T::UINT64:
-            return Value(static_cast<double>(e.get_uint64().value_unsafe()));
-        case T::DOUBLE:
-            return Value(e.get_double().value_unsafe());
-        case T::STRING:
-            return Value(std::string(e.get_string().value_unsafe()));
-        case T::BOOL:
-            return Value(e.get_bool().value_unsafe());
-        case T::NULL_VALUE:
         default:
-            return Value();
+            return scalarValue(e);
     }
 }
 
