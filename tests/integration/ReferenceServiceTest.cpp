@@ -45,7 +45,9 @@ protected:
         return client_->Post(path.c_str(), body, "application/json");
     }
 
-    const std::string bandsFile_ = ::testing::TempDir() + "kv-bands.json";
+    // One file per test process: ctest runs the tests of this fixture side by side.
+    const std::string bandsFile_ =
+        ::testing::TempDir() + "kv-bands-" + std::to_string(::getpid()) + ".json";
     service::ReferenceService service_{[this] {
         service::ServiceOptions options;
         options.maxRoutePoints = 10;
