@@ -204,7 +204,7 @@ private:
         confirmed_[upload.guid].insert(upload.items.begin(), upload.items.end());
     }
     void noteCharges(const service::PointRow& p) {
-        const auto at = recordMillis(p.recordTime);
+        const auto at = recordMillis(p.recordTimeText());
         if (!at) return;
         const double t = static_cast<double>(*at - startMillis_) / 1000.0;
         // The records' kinds run cornering, speeding, braking, elevating, lane changing.

@@ -237,7 +237,7 @@ Parsed<std::vector<PointRow>> parseMotionText(std::string_view text) {
             return Result::refuse(
                 fieldProblem(number, 24, "DateTime", "not yyyy-MM-dd HH:mm:ss:SSS"));
         }
-        p.recordTime = std::string(fields[23]);
+        std::copy(fields[23].begin(), fields[23].end(), p.recordTime.begin());
         double values[11];
         for (std::size_t i = 0; i < 11; ++i) {
             if (!readReal(fields[24 + i], values[i]))

@@ -4,11 +4,13 @@
 // of its own copies the write-ahead log back into the database file, so that no request waits
 // for that copy and its syncs.
 
+#include <array>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -21,12 +23,14 @@ namespace kestrelvue::service {
 /// within the trip it arrived under), position and the eleven penalties.
 struct PointRow {
     std::int64_t itemId = 0;
-    std::string recordTime;  // "yyyy-MM-dd HH:mm:ss:SSS"
+    // "yyyy-MM-dd HH:mm:ss:SSS", always that long: held in place, since a bulk has a thousand.
+    std::array<char, 23> recordTime = {};
     double latitude = 0, longitude = 0;
     double penalty[5] = {};       // cornering, speeding, braking, elevating, lane changing
     double penaltyPerKM[5] = {};  // the same kinds, per kilometre
     double fuelPerKM = 0;
     bool hasFault() const;
+    std::string_view recordTimeText() const { return {recordTime.data(), recordTime.size()}; }
 };
 
 struct DrivingRow {
@@ -90,9 +94,13 @@ public:
 
 private:
     bool exec(const char* sql, std::string& error);
+    /// Moves the records of a file written before they were kept by their key alone.
+    bool upgradePoints(std::string& error);
     /// The insert of one point, or of kRowsPerInsert points, prepared once.
     sqlite3_stmt* prepared(std::size_t rows);
     static constexpr std::size_t kRowsPerInsert = 32;
+    /// The arrival number of the next record stored: a route lists its records in arrival order.
+    std::int64_t nextArrival_ = 1;
     /// Called after each commit with the log's length in pages; wakes the checkpointer.
     static int committed(void* self, sqlite3* db, const char* schema, int pages);
     void checkpointLoop();
