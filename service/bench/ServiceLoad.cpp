@@ -1,8 +1,9 @@
 // kestrelvue_service_load: the reference service under load on loopback, in-process.
-//   kestrelvue_service_load [--clients N] [--bulks N] [--db FILE]
+//   kestrelvue_service_load [--clients N] [--bulks N] [--db FILE] [--keep-alive] [--only bulks]
 // Prints motion bulks per second and their latency (1000 records each, keyed ingestion on), the
 // latency of a 1,000-trip history, and the service's resident memory before and after large
-// uploads.
+// uploads. --keep-alive: the clients keep their connections, as the library's HTTP client does
+// (else each bulk comes on a new one); --only bulks: the first part alone, for a profile.
 
 #include <httplib.h>
 #include <kestrelvue/service/ReferenceService.h>
@@ -89,13 +90,17 @@ long residentKiB() {
 
 int main(int argc, char** argv) {
     int clients = 4, bulksPerClient = 150;
+    bool keepAlive = false, bulksOnly = false;
     kestrelvue::service::ServiceOptions options;
     options.databasePath = "/tmp/kestrelvue-load.db";
-    for (int i = 1; i + 1 < argc; i += 2) {
+    for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
-        if (arg == "--clients") clients = std::atoi(argv[i + 1]);
-        if (arg == "--bulks") bulksPerClient = std::atoi(argv[i + 1]);
-        if (arg == "--db") options.databasePath = argv[i + 1];
+        const char* value = i + 1 < argc ? argv[i + 1] : "";
+        if (arg == "--keep-alive") keepAlive = true;
+        if (arg == "--only") bulksOnly = std::string(value) == "bulks";
+        if (arg == "--clients") clients = std::atoi(value);
+        if (arg == "--bulks") bulksPerClient = std::atoi(value);
+        if (arg == "--db") options.databasePath = value;
     }
     std::remove(options.databasePath.c_str());
     kestrelvue::service::tuneAllocatorForService();  // as the serve command does
@@ -119,6 +124,7 @@ int main(int argc, char** argv) {
     for (int c = 0; c < clients; ++c) {
         threads.emplace_back([&, c] {
             httplib::Client client("127.0.0.1", service.port());
+            client.set_keep_alive(keepAlive);
             std::string body;
             for (int b = 0; b < bulksPerClient; ++b) {
                 bulk(body, "C" + std::to_string(c) + "-" + std::to_string(b / 10), texts[b % 10]);
@@ -136,10 +142,17 @@ int main(int argc, char** argv) {
     std::vector<double> all;
     for (const auto& l : latencies) all.insert(all.end(), l.begin(), l.end());
     std::printf(
-        "motion bulks: %zu of 1000 records from %d clients in %.2f s: %.0f bulks/s, "
+        "motion bulks: %zu of 1000 records from %d clients%s in %.2f s: %.0f bulks/s, "
         "p50 %.1f ms, p99 %.1f ms, %.2f ms of processor time each, %d failed\n",
-        all.size(), clients, seconds, double(all.size()) / seconds, percentile(all, 0.5),
-        percentile(all, 0.99), cpu / double(all.size()), failures.load());
+        all.size(), clients, keepAlive ? " (kept connections)" : "", seconds,
+        double(all.size()) / seconds, percentile(all, 0.5), percentile(all, 0.99),
+        cpu / double(all.size()), failures.load());
+
+    if (bulksOnly) {
+        service.stop();
+        std::remove(options.databasePath.c_str());
+        return failures.load() == 0 ? 0 : 1;
+    }
 
     // History of a user with 1,000 trips.
     httplib::Client client("127.0.0.1", service.port());
