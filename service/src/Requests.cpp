@@ -2,7 +2,12 @@
 
 #include <simdjson.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <memory>
@@ -66,6 +71,32 @@ Parsed<Value> objectBody(std::string_view body) {
     if (!parsed) return Parsed<Value>::refuse("malformed JSON: " + parsed.error);
     if (!parsed.value->isObject()) return Parsed<Value>::refuse("the body must be a JSON object");
     return {std::move(*parsed.value), {}};
+}
+
+/// Splits a record (without its ';') into its comma-terminated fields, keeping the first
+/// kFieldsPerRecord in `fields`: the number of fields, or npos when text follows the last comma.
+std::size_t splitFields(std::string_view record, std::string_view* fields) {
+    std::size_t count = 0, start = 0, at = 0;
+    const auto field = [&](std::size_t comma) {
+        if (count < kFieldsPerRecord) fields[count] = record.substr(start, comma - start);
+        ++count;
+        start = comma + 1;
+    };
+#if defined(__SSE2__)
+    // Sixteen bytes at a time: a record has some 300 bytes and 39 commas, and a call to find each
+    // comma cost more than looking at every byte.
+    const __m128i comma = _mm_set1_epi8(',');
+    for (; at + 16 <= record.size(); at += 16) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(record.data() + at));
+        for (auto mask = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, comma)));
+             mask != 0; mask &= mask - 1)
+            field(at + static_cast<std::size_t>(std::countr_zero(mask)));
+    }
+#endif
+    for (; at < record.size(); ++at) {
+        if (record[at] == ',') field(at);
+    }
+    return start == record.size() ? count : std::string_view::npos;
 }
 
 std::string_view trimmed(std::string_view field) {
@@ -211,16 +242,10 @@ Parsed<std::vector<PointRow>> parseMotionText(std::string_view text) {
         }
         std::string_view record = text.substr(0, end);
         text.remove_prefix(end + 1);
-        std::size_t count = 0;
-        while (!record.empty()) {
-            const std::size_t comma = record.find(',');
-            if (comma == std::string_view::npos) {
-                return Result::refuse("record " + std::to_string(number) +
-                                      ": a field without its closing ','");
-            }
-            if (count < kFieldsPerRecord) fields[count] = record.substr(0, comma);
-            ++count;
-            record.remove_prefix(comma + 1);
+        const std::size_t count = splitFields(record, fields);
+        if (count == std::string_view::npos) {
+            return Result::refuse("record " + std::to_string(number) +
+                                  ": a field without its closing ','");
         }
         if (count != kFieldsPerRecord) {
             return Result::refuse("record " + std::to_string(number) + ": " +
