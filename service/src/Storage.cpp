@@ -5,6 +5,8 @@
 #include <openssl/sha.h>
 #include <sqlite3.h>
 
+#include <chrono>
+#include <thread>
 #include <utility>
 
 namespace kestrelvue::service {
@@ -96,6 +98,16 @@ INSERT OR REPLACE INTO counters VALUES ('arrival', (SELECT COALESCE(MAX(seq), 0)
 DROP TABLE points;
 )sql";
 
+/// Waits for a lock the other connection holds: up to two seconds, looking again every 200 us.
+/// SQLite's own timed wait sleeps 1, 2, 5, 10, 15, 20 ms and so on between looks, so a request
+/// that met a checkpoint's few milliseconds waited tens of them.
+int waitBriefly(void*, int tries) {
+    constexpr int kLookEveryMicros = 200, kGiveUpAfterMicros = 2'000'000;
+    if (tries * kLookEveryMicros >= kGiveUpAfterMicros) return 0;
+    std::this_thread::sleep_for(std::chrono::microseconds(kLookEveryMicros));
+    return 1;
+}
+
 std::string hex(const unsigned char* bytes, std::size_t n) {
     static const char digits[] = "0123456789abcdef";
     std::string out;
@@ -160,7 +172,7 @@ bool Storage::open(const std::string& path, std::string& error) {
         return false;
     }
     path_ = path;
-    sqlite3_busy_timeout(db_, 2000);
+    sqlite3_busy_handler(db_, waitBriefly, nullptr);
     // Larger pages for a new file (an existing one keeps its size): a bulk writes a quarter as
     // many pages to the log, and copies a quarter as many back.
     exec("PRAGMA page_size = 16384", error);
@@ -227,7 +239,7 @@ void Storage::checkpointLoop() {
         sqlite3_close(db);
         return;  // the committing requests copy the log themselves, past kInlineCheckpointPages
     }
-    sqlite3_busy_timeout(db, 2000);
+    sqlite3_busy_handler(db, waitBriefly, nullptr);
     sqlite3_exec(db, "PRAGMA synchronous = NORMAL", nullptr, nullptr, nullptr);
     std::unique_lock lock(checkpointMutex_);
     while (true) {
