@@ -5,6 +5,7 @@
 #include <httplib.h>
 #include <kestrelvue/service/ReferenceService.h>
 #include <netinet/in.h>
+#include <sqlite3.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -227,4 +228,42 @@ TEST_F(ReferenceServiceTest, IdleConnectionsAndASlowSenderDoNotBlockOthers) {
 #endif
     EXPECT_LT(waited, bound);
     for (int fd : idle) ::close(fd);
+}
+
+// A file of the previous version (records numbered by arrival, one from before records had keys)
+// keeps every record, in arrival order, and its keys: a repeat is still refused after the upgrade.
+TEST(ReferenceServiceUpgrade, EarlierFilesKeepTheirRecordsInArrivalOrder) {
+    const std::string db = ::testing::TempDir() + "kv-upgrade-" + std::to_string(::getpid());
+    std::remove(db.c_str());
+    sqlite3* old = nullptr;
+    ASSERT_EQ(sqlite3_open(db.c_str(), &old), SQLITE_OK);
+    const char* previous = R"sql(
+        CREATE TABLE points (guid TEXT NOT NULL, user_id INTEGER, seq INTEGER PRIMARY KEY
+          AUTOINCREMENT, lat REAL, lon REAL, p0 REAL, p1 REAL, p2 REAL, p3 REAL, p4 REAL, k0 REAL,
+          k1 REAL, k2 REAL, k3 REAL, k4 REAL, fuel REAL, item_id INTEGER, record_time TEXT);
+        INSERT INTO points (guid, lat, item_id, record_time) VALUES
+          ('A', 1, 2, '2026-11-16 14:05:09:731'), ('B', 2, 1, '2026-11-16 14:05:09:731'),
+          ('A', 3, 1, '2026-11-16 14:05:09:731'), ('A', 4, NULL, NULL);)sql";
+    ASSERT_EQ(sqlite3_exec(old, previous, nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(old);
+
+    service::ServiceOptions options;
+    options.databasePath = db;
+    service::ReferenceService service(options);
+    ASSERT_TRUE(service.start()) << service.error();
+    httplib::Client client("127.0.0.1", service.port());
+    auto res = client.Post("/api/Driving/addMotionData",
+                           bulkBody("A", motionRecord(5, 0, 0, 0, 1) + motionRecord(6, 0, 0, 0, 3)),
+                           "application/json");
+    ASSERT_TRUE(res && res->status == 200);
+    res = client.Get("/api/Driving/getPassedCoordinates/A");
+    ASSERT_TRUE(res);
+    const auto route = json::parse(res->body);
+    ASSERT_TRUE(route && route.value->isList());
+    std::vector<double> latitudes;
+    for (const Value& p : *route.value->asList())
+        latitudes.push_back(*p.find("Latitude")->asNumber());
+    EXPECT_EQ(latitudes, (std::vector<double>{1, 3, 4, 6}));
+    service.stop();
+    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((db + suffix).c_str());
 }
