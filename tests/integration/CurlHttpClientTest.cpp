@@ -154,26 +154,6 @@ TEST(CurlHttpClient, TransportFailuresCarryAnErrorAndNoResponse) {
     }
 }
 
-TEST(CurlHttpClient, ManyRequestsInFlightAndSendFromACompletion) {
-    TestServer server;
-    server.reply("/slow", ScriptedReply::text("s").after(300ms));
-    server.reply("/fast", ScriptedReply::text("f"));
-    posix::CurlHttpClient client;
-    Completions done;
-    constexpr int kSlow = 12;
-    auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < kSlow; ++i) client.send(get(server.url("/slow")), done.make()).detach();
-    // A completion may start the next request itself.
-    client
-        .send(get(server.url("/fast")),
-              [&](HttpResult) { client.send(get(server.url("/fast")), done.make()).detach(); })
-        .detach();
-    ASSERT_TRUE(done.waitFor(kSlow + 1, 10s));
-    // Twelve 300 ms replies in parallel, not one after another.
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
-    for (std::size_t i = 0; i < done.count(); ++i) EXPECT_FALSE(done.at(i).error);
-}
-
 TEST(CurlHttpClient, DestructionCompletesUnfinishedRequestsAsCancelled) {
     TestServer server;
     server.reply("/hang", ScriptedReply::text("never").after(30s));

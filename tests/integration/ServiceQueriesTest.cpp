@@ -7,8 +7,6 @@
 #include <kestrelvue/Trip.h>
 #include <kestrelvue/User.h>
 
-#include <atomic>
-#include <thread>
 
 #include "core/Json.h"
 #include "support/TestEnvironment.h"
@@ -354,35 +352,6 @@ TEST_F(ServiceQueries, ReleasedRecordMissesItsReply) {
     ASSERT_TRUE(draws.waitFor(1));  // the kept record took the reply
     EXPECT_EQ(kept->route().PassedCoordinates.size(), 1u);
     EXPECT_TRUE(draws.settled(1));
-}
-
-// The host may copy the route at any time, also while a large reply is being applied, and never
-// sees the three lists out of step.
-TEST_F(ServiceQueries, RouteCopiesAreConsistentWhileRepliesArrive) {
-    std::string body = "[";
-    for (int i = 0; i < 2000; ++i) {
-        body += i ? "," : "";
-        body += R"({"Latitude":1,"Longitude":2,"HasFault":true,"FuelEfficiencyPenaltyPerKM":1})";
-    }
-    server.reply(std::string(kRoutePath) + "C", R::json(body + "]"));
-    auto t = trip("C");
-    std::atomic<bool> done{false};
-    std::atomic<int> inconsistent{0};
-    std::thread reader([&] {
-        while (!done) {
-            auto route = t->route();
-            inconsistent += route.PassedCoordinates.size() != route.Faults.size() ||
-                            route.Faults.size() != route.FuelDefficiencies.size();
-        }
-    });
-    for (std::size_t i = 1; i <= 3; ++i) {
-        t->getPassedCoordinatesFromServer();
-        ASSERT_TRUE(draws.waitFor(i, 10s));
-    }
-    done = true;
-    reader.join();
-    EXPECT_EQ(inconsistent, 0);
-    EXPECT_EQ(t->route().PassedCoordinates.size(), 2000u);
 }
 
 }  // namespace

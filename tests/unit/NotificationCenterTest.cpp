@@ -84,23 +84,3 @@ TEST(NotificationCenter, ConcurrentPostsAddsAndRemovesAreSafe) {
     EXPECT_EQ(stable.load(), kPosters * kPosts);
 }
 
-TEST(NotificationCenter, ARemovedObserverIsNotCalledByALaterPost) {
-    // Removal from another thread: once removeObserver returns, later posts never reach it.
-    auto center = NotificationCenter::make();
-    std::atomic<bool> removed{false};
-    std::atomic<int> afterRemoval{0}, calls{0};
-    int owner = 0;
-    center->addObserver(&owner, "n", [&](const Notification&) {
-        ++calls;
-        if (removed) ++afterRemoval;
-    });
-    std::thread poster([&] {
-        for (int i = 0; i < 5000; ++i) center->post("n");
-    });
-    while (calls < 10) std::this_thread::yield();
-    center->removeObserver(&owner);
-    removed = true;
-    poster.join();
-    // A post that had already begun may still finish its call; at most one per poster.
-    EXPECT_LE(afterRemoval.load(), 1);
-}

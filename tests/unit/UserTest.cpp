@@ -7,10 +7,7 @@
 #include <kestrelvue/RestfulCall.h>
 #include <kestrelvue/User.h>
 
-#include <atomic>
 #include <cstdlib>
-#include <mutex>
-#include <thread>
 
 #include "core/Json.h"
 #include "support/TestDoubles.h"
@@ -86,36 +83,6 @@ TEST_F(UserTest, LoginRepliesUpdateFieldsAndReportTheHandlingAccount) {
         EXPECT_EQ(events[0].kind, "userDidLogin");
         EXPECT_EQ(events[0].user, fresh.get());
     }
-}
-
-// Replies arrive on several worker threads at once while the host reads; run under the thread
-// sanitizer this also checks the fields' guard.
-TEST_F(UserTest, ConcurrentLoginRepliesLeaveOneReplysIdAndTypeTogether) {
-    account->setDelegate(nullptr);
-    std::atomic<bool> stop{false};
-    std::thread reader([&] {
-        while (!stop) {
-            (void)account->Id();
-            (void)account->Type();
-        }
-    });
-    std::vector<std::thread> writers;
-    for (int w = 0; w < 4; ++w) {
-        writers.emplace_back([&, w] {
-            for (int i = 0; i < 200; ++i) {
-                // Each reply carries a matching pair: 1/observer or 4/driver.
-                const int typeId = (w + i) % 2 ? 1 : 4;
-                reply("UserLogedIn",
-                      Object{{"Data", Object{{"Id", typeId}, {"UserTypeId", typeId}}}});
-            }
-        });
-    }
-    for (auto& t : writers) t.join();
-    stop = true;
-    reader.join();
-    const auto id = account->Id();
-    EXPECT_TRUE(id == 1 || id == 4);
-    EXPECT_EQ(account->Type(), id == 1 ? UserType::observer : UserType::driver);
 }
 
 // The process-wide account is checked in a child process, so no other test meets it.
