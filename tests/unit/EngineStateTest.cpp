@@ -285,26 +285,5 @@ TEST(MotionUploader, WhatFollowsAnUploadsOutcome) {
     }
 }
 
-TEST(MotionUploader, BulksTakeTheOldestRecordsAndOneGoesAtATime) {
-    MotionUploader u;
-    u.buffer.motionDataArray.resize(5);
-    for (std::size_t i = 0; i < 5; ++i)
-        u.buffer.motionDataArray[i].ItemId = static_cast<std::int64_t>(i);
-    EXPECT_FALSE(u.startWhenFull(6));
-    EXPECT_TRUE(u.startWhenFull(5));
-    EXPECT_FALSE(u.startWhenFull(5));  // one on its way already
-    std::vector<MotionDataItem> bulk;
-    u.takeBulk(3, bulk);
-    ASSERT_EQ(bulk.size(), 3u);
-    EXPECT_EQ(bulk.back().ItemId, 2);
-    EXPECT_EQ(u.bulkInFlight, 3u);
-    const auto rest = u.takeAllButInFlight();  // the in-flight records stay for their answer
-    ASSERT_EQ(rest.size(), 2u);
-    EXPECT_EQ(rest.front().ItemId, 3);
-    EXPECT_EQ(u.buffer.motionDataArray.size(), 3u);
-    u.takeBulk(-1, bulk);
-    EXPECT_TRUE(bulk.empty());
-}
-
 }  // namespace
 }  // namespace kestrelvue::detail
