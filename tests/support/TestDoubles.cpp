@@ -10,11 +10,6 @@ const Value* RecordedNotification::find(const std::string& key) const {
     return it == userInfo->end() ? nullptr : &it->second;
 }
 
-const std::string* RecordedNotification::errorText() const {
-    const Value* v = find("error");
-    return v ? v->asString() : nullptr;
-}
-
 NotificationRecorder::NotificationRecorder(std::shared_ptr<NotificationCenter> center,
                                            std::vector<std::string> names)
     : center_(std::move(center)), state_(std::make_shared<State>()), names_(std::move(names)) {
@@ -32,19 +27,6 @@ NotificationRecorder::NotificationRecorder(std::shared_ptr<NotificationCenter> c
 
 NotificationRecorder::~NotificationRecorder() {
     center_->removeObserver(this);
-}
-
-std::vector<RecordedNotification> NotificationRecorder::all() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->records;
-}
-
-std::vector<RecordedNotification> NotificationRecorder::named(const std::string& name) const {
-    std::lock_guard lock(state_->mutex);
-    std::vector<RecordedNotification> out;
-    for (const auto& r : state_->records)
-        if (r.name == name) out.push_back(r);
-    return out;
 }
 
 RecordedNotification NotificationRecorder::at(std::size_t index) const {

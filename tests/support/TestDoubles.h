@@ -9,8 +9,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -29,8 +27,6 @@ struct RecordedNotification {
 
     /// userInfo's entry for `key`, or nullptr when either is absent.
     const Value* find(const std::string& key) const;
-    /// The "error" entry when it is a text, else nullptr.
-    const std::string* errorText() const;
 };
 
 class NotificationRecorder {
@@ -41,8 +37,6 @@ public:
     NotificationRecorder(const NotificationRecorder&) = delete;
     NotificationRecorder& operator=(const NotificationRecorder&) = delete;
 
-    std::vector<RecordedNotification> all() const;
-    std::vector<RecordedNotification> named(const std::string& name) const;
     RecordedNotification at(std::size_t index) const;  // throws std::out_of_range
     std::size_t count() const;
 

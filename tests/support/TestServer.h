@@ -51,9 +51,9 @@ struct ScriptedReply {
 
 struct ReceivedRequest {
     std::string method;
-    std::string path;    // decoded by the server
-    std::string target;  // path and query exactly as sent
-    HeaderList headers{};
+    std::string path;      // decoded by the server
+    std::string target;    // path and query exactly as sent
+    HeaderList headers{};  // with the bookkeeping entries cpp-httplib adds (REMOTE_ADDR, ...)
     std::string body;
 
     /// The first header of that name (case-insensitive), or "" when absent.
