@@ -1,7 +1,7 @@
 // The real engine driven in virtual time on the simulated platform against a loopback server: the
-// threshold download at creation, and the uploads of the motion buffer and the trip record over
-// whole trips (bulks, continuation, retries, reports, and no record lost or sent twice). The fault
-// soak carries the durable outbox across engines.
+// uploads of the motion buffer and the trip record over whole trips (bulks, continuation, retries,
+// reports, and no record lost or sent twice). The tool's replay covers the threshold download, the
+// fault soak the durable outbox across engines.
 #include <gtest/gtest.h>
 #include <kestrelvue/DrivingInsight.h>
 
@@ -70,19 +70,10 @@ class EngineService : public ::testing::Test {
 protected:
     // Called by each test after scripting the server.
     void SetUpEngine(std::int64_t bulkSize = 1000) {
-        BuildEnvironment(bulkSize);
-        MakeEngine();
-    }
-
-    void BuildEnvironment(std::int64_t bulkSize) {
         env_ = test::makeTestEnvironment(server_);
         sim_.installInto(env_);
         (*env_.applicationInfo)["BulkMotionDataSize"] = Value(bulkSize);
         (*env_.applicationInfo)["CFBundleShortVersionString"] = Value("1.4.2");
-        (*env_.applicationInfo)["CFBundleDisplayName"] = Value("Sürüş Takip");
-    }
-
-    void MakeEngine() {
         engine_ = DrivingInsight::makeDetached(env_);
         // Registered after the engine's own observers, so a recorded outcome means the engine's
         // handler has finished with it.
@@ -175,39 +166,10 @@ protected:
     std::unique_ptr<DrivingInsight> engine_;
 };
 
-TEST_F(EngineService, ThresholdsArriveAfterCreationAndSetTheTrip) {
-    server_.reply(kThresholdPath, R::json(R"([
-        {"_enmThresholdName":"SharpBrakingLevel","_limitStart":0.3,"_limitEnd":0.5,"_impact":2,"_perKilometer":false},
-        {"_enmThresholdName":"SharpBrakingLevel","_limitStart":0.5,"_limitEnd":9,"_impact":5,"_perKilometer":false},
-        {"_enmThresholdName":"DistanceFilter","_limitStart":25,"_limitEnd":75,"_impact":0,"_perKilometer":false},
-        {"_enmThresholdName":"UpdateInterval","_limitStart":0.25,"_limitEnd":0,"_impact":0,"_perKilometer":false}
-    ])"));
-    BuildEnvironment(1000);
-    test::NotificationRecorder got(env_.notifications, {"thresholdsGot"});
-    MakeEngine();
-    ASSERT_TRUE(got.waitFor(1));
-    EXPECT_TRUE(got.settled(1));
-    EXPECT_FALSE(got.at(0).userInfo.has_value());
-    EXPECT_EQ(got.at(0).object, engine_.get());
-    const auto requests = server_.requests(kThresholdPath);
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].method, "GET");
-    EXPECT_EQ(requests[0].target, kThresholdPath);
-    auto s = DrivingInsightTestAccess::settings(*engine_);
-    const ThresholdList& braking = s.level(detail::EventKind::braking);
-    ASSERT_EQ(braking.size(), 2u);
-    EXPECT_EQ(braking[1]->Impact, 5.0);
-    EXPECT_EQ(s.updateInterval, 0.25);
-
-    // The trip samples at the new interval.
-    start();
-    EXPECT_EQ(motion_->deviceMotionUpdateInterval(), 0.25);
-}
-
 TEST_F(EngineService, StoppedTripArrivesInBulksInOrderAndCompletes) {
     server_.reply(kMotionPath, {});
     server_.reply(kScorePath, R::text("kaydedildi"));
-    SetUpEngine(1000);
+    SetUpEngine();
     start();
     const std::string drivingID = engine_->DrivingID();
     drive(2500);
@@ -289,7 +251,7 @@ TEST_F(EngineService, FailureWhileDrivingReportsAndKeepsTheBuffer) {
 TEST_F(EngineService, StoppedTripRetriesThreeTimesThenReports) {
     for (int i = 0; i < 4; ++i) server_.enqueue(kMotionPath, {.status = 500});
     server_.reply(kMotionPath, {});
-    SetUpEngine(1000);
+    SetUpEngine();
     start();
     drive(5);
     stop();
@@ -321,7 +283,7 @@ TEST_F(EngineService, RecordsAppendedDuringAFlushAreNeitherLostNorSentTwice) {
     server_.enqueue(kMotionPath, R{}.after(1000ms));
     server_.reply(kMotionPath, {});
     server_.reply(kScorePath, {});
-    SetUpEngine(1000);
+    SetUpEngine();
     test::NotificationRecorder synced(env_.notifications, {"motionDataSynced"});
     start();
     drive(300);

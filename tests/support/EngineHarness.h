@@ -88,9 +88,6 @@ struct DrivingInsightTestAccess {
         std::lock_guard lock(e.impl_->mutex_);
         how(*e.impl_);
     }
-    static detail::Settings settings(const DrivingInsight& e) {
-        return read(e, [](const auto& s) { return s.settings; });
-    }
     /// A copy of the motion buffer's records, oldest first.
     static std::vector<MotionDataItem> motionRecords(const DrivingInsight& e) {
         return read(e, [](const auto& s) { return s.uploader.buffer.motionDataArray; });

@@ -18,8 +18,6 @@ using test::EngineHarness;
 using Access = DrivingInsightTestAccess;
 
 constexpr int kFaceUp = 5;
-constexpr int kFaceDown = 6;
-constexpr int kPortrait = 1;
 
 ThresholdList band(double start, double end, double impact, bool perKm) {
     return {std::make_shared<const Threshold>(start, end, impact, perKm)};
@@ -184,29 +182,6 @@ TEST(ScriptedDrive, CountsPenaltiesScoreAndBuffer) {
                        trip->SharpLaneChangingPenalty + trip->FuelEfficiencyPenaltyPerKM));
     EXPECT_EQ(engine->Score(), trip->Score);
     EXPECT_EQ(Access::read(*engine, [](const auto& s) { return s.eventCount; }), 3);
-}
-
-TEST(ScriptedDrive, LaneChangeRunsOnIntoTheNextTrip) {
-    EngineHarness h;
-    auto engine = h.makeEngine();
-    Access::setBands(*engine, {.laneChanging = band(1.2, 9, 3, false)});
-    ASSERT_TRUE(engine->startTrip());
-    engine->setCurrentLocation(h.fix(41, 29, 5));
-    Access::setOrientation(*engine, kFaceUp, 1);
-    for (int i = 1; i <= 8; ++i) engine->evaluateActionForDrivingScore(i, {}, {0, 0, 1.5}, {}, {});
-    engine->stopTrip();
-    ASSERT_TRUE(engine->startTrip());  // a new trip does not reset the manoeuvre
-    EXPECT_EQ(Access::read(*engine, [](const auto& s) { return s.laneChangingItems.index; }), 8);
-    engine->setCurrentLocation(h.fix(41, 29, 5));
-    Access::setOrientation(*engine, kFaceUp, 1);
-    std::int64_t id = 0;
-    for (double r : {-1.4, -1.3, -1.1, -0.9})
-        engine->evaluateActionForDrivingScore(++id, {}, {0, 0, r}, {}, {});
-    const auto [count, fault] = Access::read(*engine, [](const auto& s) {
-        return std::pair(s.trip.totals[detail::EventKind::laneChanging].count, s.faultType);
-    });
-    EXPECT_EQ(count, 1);
-    EXPECT_EQ(fault, FaultTypes::sharpLaneChangingLeft);
 }
 
 }  // namespace
