@@ -234,22 +234,5 @@ TEST(MotionText, StampsStayRightAcrossDaylightSavingChanges) {
     EXPECT_EQ(ourStamp(platform::TimePoint{} + microseconds(1999)), "1970-01-01 01:00:00:001");
 }
 
-TEST(MotionText, OneLocalTimeConversionPerDistinctSecond) {
-    ScopedTimeZone tz("Europe/Berlin");
-    MotionData data;
-    const auto t0 = utc(2026, 10, 25, 0, 58, 0, 100);
-    // Samples 0.5 s apart whose fixes lag 0.7 s behind: 600 samples span 301 distinct seconds.
-    for (int i = 0; i < 600; ++i) {
-        MotionDataItem item;
-        item.DateTime = t0 + milliseconds(500 * i);
-        item.Location.timestamp = item.DateTime - milliseconds(700);
-        data.motionDataArray.push_back(item);
-    }
-    const std::uint64_t before = detail::timestampConversions();
-    const std::string bulk = data.bulkMotionDataToString(600);
-    EXPECT_EQ(detail::timestampConversions() - before, 301u);
-    EXPECT_EQ(bulk, test::referenceBulk(data, 600));
-}
-
 }  // namespace
 }  // namespace kestrelvue
