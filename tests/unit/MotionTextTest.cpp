@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <kestrelvue/MotionData.h>
+#include <kestrelvue/Trip.h>
 
 #include <bit>
 #include <chrono>
@@ -185,6 +186,7 @@ TEST(MotionText, RecordsMatchSnprintfAndStrftime) {
     }
 }
 
+// The trip's distance text too.
 TEST(MotionText, NumbersIgnoreADecimalCommaLocale) {
     std::mt19937_64 rng(3);
     std::vector<MotionDataItem> items;
@@ -197,6 +199,7 @@ TEST(MotionText, NumbersIgnoreADecimalCommaLocale) {
     if (!std::setlocale(LC_NUMERIC, "tr_TR.UTF-8") && !std::setlocale(LC_NUMERIC, "de_DE.UTF-8"))
         GTEST_SKIP() << "no locale with a decimal comma is installed";
     for (std::size_t i = 0; i < items.size(); ++i) EXPECT_EQ(items[i].toString(), expected[i]);
+    EXPECT_EQ(Trip::formatTimeElapsedTotalDistance("1:2:3", 1500), "1:2:3 sn, 1.5 km");
     std::setlocale(LC_NUMERIC, old.c_str());
 }
 
