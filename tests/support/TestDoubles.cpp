@@ -56,38 +56,6 @@ void RecordingDelegate::add(Report r) {
     cv_.notify_all();
 }
 
-void RecordingDelegate::tripDidFinish(std::shared_ptr<Trip> trip) {
-    add({.kind = "tripDidFinish", .trip = std::move(trip)});
-}
-
-void RecordingDelegate::tripDidFail(std::int64_t code, const std::string& title,
-                                    const std::string& message,
-                                    std::shared_ptr<platform::Alert> alert) {
-    add({.kind = "tripDidFail",
-         .code = code,
-         .title = title,
-         .message = message,
-         .alert = std::move(alert)});
-}
-
-void RecordingDelegate::historyDataDidReceive(const std::vector<std::shared_ptr<Trip>>& history) {
-    add({.kind = "history", .history = history});
-}
-
-void RecordingDelegate::historyDataReceiveDidFail(std::int64_t code, const std::string& title,
-                                                  const std::string& message) {
-    failed("historyFail", code, title, message);
-}
-
-void RecordingDelegate::summaryDataDidReceive(const SummaryData& summaryData) {
-    add({.kind = "summary", .summary = summaryData});
-}
-
-void RecordingDelegate::summaryDataReceiveDidFail(std::int64_t code, const std::string& title,
-                                                  const std::string& message) {
-    failed("summaryFail", code, title, message);
-}
-
 std::vector<RecordingDelegate::Report> RecordingDelegate::reports() const {
     std::lock_guard lock(mutex_);
     return reports_;

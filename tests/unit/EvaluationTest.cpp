@@ -35,7 +35,7 @@ protected:
 
     void SetUp() override {
         engine->setCurrentLocation(h.fix(41.0082, 28.9784, 5));
-        Access::setOrientation(*engine, kFaceUp, 1);
+        Access::change(*engine, [](auto& s) { s.deviceOrientation = kFaceUp; });
     }
 
     void sample(const Vector3& userAcceleration, const Vector3& rotation = {}) {
@@ -48,7 +48,9 @@ TEST_F(Evaluation, ShowMotionDataCarriesTheTenEntries) {
     std::vector<Notification> seen;
     auto token =
         h.center->addObserver("showMotionData", [&](const Notification& n) { seen.push_back(n); });
-    Access::setBands(*engine, {.cornering = band(0.3, 0.6, 5, false)});
+    Access::change(*engine, [](auto& s) {
+        s.settings.level(detail::EventKind::cornering) = band(0.3, 0.6, 5, false);
+    });
     auto fix = h.fix(41, 29, 5);
     fix.speed = 13.5;
     engine->setCurrentLocation(fix);
@@ -118,10 +120,12 @@ TEST_F(Evaluation, FullBufferStartsOneUploadAndOneWeatherRequest) {
 TEST(ScriptedDrive, CountsPenaltiesScoreAndBuffer) {
     EngineHarness h;
     auto engine = h.makeEngine();
-    Access::setBands(*engine, {.cornering = band(0.3, 0.6, 2, false),
-                               .braking = band(0.3, 1, 4, true),
-                               .laneChanging = band(1.2, 9, 3, false),
-                               .fuel = band(0.25, 1, 4, false)});  // fuel ignores the impact
+    Access::change(*engine, [](auto& s) {
+        s.settings.level(detail::EventKind::cornering) = band(0.3, 0.6, 2, false);
+        s.settings.level(detail::EventKind::braking) = band(0.3, 1, 4, true);
+        s.settings.level(detail::EventKind::laneChanging) = band(1.2, 9, 3, false);
+    });
+    engine->setFuelEfficiencyLevel(band(0.25, 1, 4, false));  // fuel ignores the impact
     ASSERT_TRUE(engine->startTrip());
     engine->didUpdateLocations({h.fix(41.0, 29.0, 5)});
 
