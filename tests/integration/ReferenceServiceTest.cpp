@@ -2,11 +2,11 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <kestrelvue/MotionData.h>
 #include <kestrelvue/service/ReferenceService.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 
 #include "core/Json.h"
 
@@ -51,24 +51,15 @@ protected:
     std::unique_ptr<httplib::Client> client_;
 };
 
-// One bulk record in the library's motion text layout: 39 comma-terminated fields, keyed by its
-// running number and record time.
+// One bulk record as the library writes it, keyed by its running number and record time.
 std::string motionRecord(double lat, double lon, double brakingPenalty, double fuelPerKM,
                          int itemId = 1) {
-    std::ostringstream out;
-    for (int field = 1; field <= 39; ++field) {
-        if (field == 17 || field == 18 || field == 27 || field == 35)
-            out << (field == 17   ? lat
-                    : field == 18 ? lon
-                    : field == 27 ? brakingPenalty
-                                  : fuelPerKM);
-        else if (field == 23)
-            out << "   " << itemId;
-        else
-            out << (field == 24 ? "2026-11-16 14:05:09:731" : "  0.000");
-        out << ',';
-    }
-    return out.str() + ";";
+    MotionDataItem item;
+    item.ItemId = itemId;
+    item.Location.coordinate = {lat, lon};
+    item.Fault.sharpBrakingPenalty = brakingPenalty;
+    item.Fault.fuelEfficiencyPenaltyPerKM = fuelPerKM;
+    return item.toString() + ";";
 }
 
 std::string bulkBody(const std::string& guid, const std::string& records) {
