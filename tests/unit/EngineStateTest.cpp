@@ -78,9 +78,6 @@ TEST(TripState, RecordCarriesEachKindInItsOwnFields) {
     EXPECT_EQ(r->UserID, 42);
     EXPECT_EQ(r->DrivingID, "ID");
     EXPECT_EQ(r->TimeElapsedTotalDistance_Formatted, "0:25:13 sn, 12.4 km");
-    // A trip starts on a placeholder that no accuracy rule accepts, with nothing charged.
-    EXPECT_EQ(trip.odometer.currentLocation->horizontalAccuracy, 1000.0);
-    EXPECT_EQ(TripState::starting("ID", h.clock->now()).totals, PenaltyTotals{});
 }
 
 TEST(Odometer, GeodesicDistanceMatchesTheEllipsoid) {
