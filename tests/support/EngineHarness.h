@@ -88,10 +88,6 @@ struct DrivingInsightTestAccess {
         std::lock_guard lock(e.impl_->mutex_);
         how(*e.impl_);
     }
-    /// A copy of the motion buffer's records, oldest first.
-    static std::vector<MotionDataItem> motionRecords(const DrivingInsight& e) {
-        return read(e, [](const auto& s) { return s.uploader.buffer.motionDataArray; });
-    }
 };
 
 }  // namespace kestrelvue

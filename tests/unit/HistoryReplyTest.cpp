@@ -73,17 +73,6 @@ protected:
     Environment env;
 };
 
-TEST_F(HistoryReplyTest, ElementWithOnlyIdentifierAndStartKeepsEverythingElseInitial) {
-    auto trip = one(R"([{"DrivingGuid":"x","StartDateTime":"2018-03-05T14:07:00"}])");
-    EXPECT_EQ(trip->DrivingID, "x");
-    EXPECT_EQ(trip->StartDateTime, utc(2018, 3, 5, 11, 7, 0));
-    EXPECT_EQ(trip->StartDateTime_Formatted, "05.03.2018 14:07");
-    EXPECT_EQ(trip->EndDateTime, clock->at);
-    EXPECT_EQ(trip->TimeElapsedTotalDistance_Formatted, "");
-    EXPECT_EQ(trip->StartAnnotation->subtitle, "Başlangıç");
-    EXPECT_EQ(trip->EndAnnotation->subtitle, "Bitiş");
-}
-
 TEST_F(HistoryReplyTest, RepliesBeyondTheLimitsAreRefusedBeforeAnyRecordIsMade) {
     std::string tooMany = "[{}";
     for (std::size_t i = 0; i < kMaxHistoryTrips; ++i) tooMany += ",{}";

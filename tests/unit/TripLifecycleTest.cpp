@@ -241,19 +241,6 @@ TEST_F(TripLifecycle, NoPositionForTenSecondsStopsTheTrip) {
     EXPECT_FALSE(h.motion->push(EngineHarness::flatSample()));
 }
 
-TEST_F(TripLifecycle, StopBeforeAnyEvaluatedSampleFinishesWithoutATrip) {
-    ASSERT_TRUE(engine->startTrip());
-    engine->didUpdateLocations({h.fix(41.0, 29.0, 5)});  // a fix, but no sample yet
-    engine->stopTrip();
-    settle();
-    Reports r = h.delegate->reports();
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_EQ(r[0].kind, "tripDidFinish");
-    EXPECT_EQ(r[0].trip, nullptr);
-    EXPECT_TRUE(h.geocoder->requests().empty());
-    EXPECT_TRUE(engine->TripHistory().empty());
-}
-
 TEST(EngineSettings, ApplicationInformation) {
     struct Case {
         const char* name;
