@@ -117,16 +117,14 @@ std::vector<ReceivedRequest> TestServer::requests(std::string_view path) const {
     return out;
 }
 
-std::size_t TestServer::countLocked(std::string_view path) const {
-    return static_cast<std::size_t>(std::count_if(received_.begin(), received_.end(), [&](auto& r) {
-        return path.empty() || r.path == path;
-    }));
-}
-
 bool TestServer::waitForRequests(std::size_t n, std::string_view path,
                                  std::chrono::milliseconds timeout) const {
     std::unique_lock lock(mutex_);
-    return cv_.wait_for(lock, timeout, [&] { return countLocked(path) >= n; });
+    return cv_.wait_for(lock, timeout, [&] {
+        return std::count_if(received_.begin(), received_.end(), [&](auto& r) {
+                   return path.empty() || r.path == path;
+               }) >= static_cast<std::ptrdiff_t>(n);
+    });
 }
 
 // The server's end of the connection from the client's `peerPort`. cpp-httplib does not expose

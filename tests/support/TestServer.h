@@ -84,7 +84,6 @@ public:
                          std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
 
 private:
-    std::size_t countLocked(std::string_view path) const;
     void handle(const void* request, void* response);
     int socketFor(int peerPort) const;
 

@@ -60,18 +60,16 @@ TEST_F(Evaluation, ShowMotionDataCarriesTheTenEntries) {
     sample(accel(-0.4, 0.2), {0.3, 0, 0});
     ASSERT_EQ(seen.size(), 1u);
     EXPECT_EQ(seen[0].object, engine.get());
-    const Object& info = *seen[0].userInfo;
-    EXPECT_EQ(info.size(), 10u);
-    EXPECT_EQ(info.at("corneringRate"), Value(0.4));
-    EXPECT_EQ(info.at("speedingRate"), Value(0.0));
-    EXPECT_EQ(info.at("brakingRate"), Value(0.2));
-    EXPECT_EQ(info.at("elevatingRate"), Value(0.3));
-    EXPECT_EQ(info.at("calculatedSpeed"), Value(47.25));
-    EXPECT_EQ(info.at("locationSpeed"), Value(13.5 * 3600.0 / 1000.0));
-    EXPECT_EQ(info.at("totalDistance"), Value(1.2345));
-    EXPECT_EQ(info.at("timeElapsedSinceStart"), Value("1 saat 7 sn"));
-    EXPECT_EQ(info.at("orientation"), Value(kFaceUp));
-    EXPECT_EQ(info.at("motionID"), Value("1"));
+    EXPECT_EQ(*seen[0].userInfo, (Object{{"corneringRate", 0.4},
+                                         {"speedingRate", 0.0},
+                                         {"brakingRate", 0.2},
+                                         {"elevatingRate", 0.3},
+                                         {"calculatedSpeed", 47.25},
+                                         {"locationSpeed", 13.5 * 3600.0 / 1000.0},
+                                         {"totalDistance", 1.2345},
+                                         {"timeElapsedSinceStart", "1 saat 7 sn"},
+                                         {"orientation", kFaceUp},
+                                         {"motionID", "1"}}));
 }
 
 TEST_F(Evaluation, EachPostCarriesItsOwnSampleAlsoWhenAHandlerEvaluatesOne) {

@@ -61,10 +61,7 @@ TEST(MotionText, ExampleRecordIsByteExact) {
         "-0.432, -0.902, ,L, , , 41.008200, 28.978400,PU,  49,2026-11-16 14:05:09:250,  47,   "
         "1523,2026-11-16 14:05:09:731,  0.000,  2.500,  0.000,  0.000,  0.000,  0.000,  0.000,  "
         "0.000,  0.000,  0.000,  0.125, 87.400,    5, 13.500000,FU,";
-    const std::string text = exampleRecord().toString();
-    EXPECT_EQ(text, expected);
-    EXPECT_EQ(text.size(), 311u);
-    EXPECT_EQ(fields(text).size(), 39u);
+    EXPECT_EQ(exampleRecord().toString(), expected);
 }
 
 // ---- printf equivalence -----------------------------------------------------------------

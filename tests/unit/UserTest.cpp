@@ -10,21 +10,12 @@
 #include <cstdlib>
 
 #include "core/Json.h"
-#include "support/TestDoubles.h"
+#include "support/EngineHarness.h"
 
 namespace kestrelvue {
 namespace {
 
 using test::RecordingDelegate;
-
-/// These tests post answers themselves; nothing is sent.
-class UnusedHttpClient : public platform::HttpClient {
-public:
-    platform::AsyncRequest send(platform::HttpRequest, platform::HttpCompletion) override {
-        ADD_FAILURE();
-        return {};
-    }
-};
 
 class UserTest : public ::testing::Test {
 protected:
@@ -32,12 +23,9 @@ protected:
         env.applicationInfo = Object{{std::string(kBaseURLKey), "http://127.0.0.1:9/svc"}};
         center = NotificationCenter::make();
         call = std::make_unique<RestfulCall>(
-            std::make_shared<UnusedHttpClient>(), center,
+            std::make_shared<test::ScriptedHttpClient>(), center,  // never answers
             std::make_shared<Reachability>(std::make_shared<platform::FixedReachabilityProbe>(
                 platform::kReachabilityFlagsReachable)));
-        account = User::makeDetachedShared(env, *call);
-        delegate = std::make_shared<RecordingDelegate>();
-        account->setDelegate(delegate);
     }
 
     void reply(const std::string& name, UserInfo info) { center->post(name, nullptr, info); }
@@ -45,8 +33,6 @@ protected:
     Environment env;
     std::shared_ptr<NotificationCenter> center;
     std::unique_ptr<RestfulCall> call;
-    std::unique_ptr<User> account;
-    std::shared_ptr<RecordingDelegate> delegate;
 };
 
 Object object(std::string_view text) {
@@ -71,7 +57,6 @@ TEST_F(UserTest, LoginRepliesUpdateFieldsAndReportTheHandlingAccount) {
     };
     for (const Case& c : cases) {
         auto fresh = User::makeDetachedShared(env, *call);
-        account.reset();  // only `fresh` handles this case's reply
         auto d = std::make_shared<RecordingDelegate>();
         fresh->setDelegate(d);
         fresh->setId(5);
