@@ -61,12 +61,6 @@ protected:
         env.applicationInfo = Object{{std::string(kBaseURLKey), Value("http://127.0.0.1:1")}};
     }
     HistoryReply read(std::string_view body) { return readHistoryReply(body, env); }
-    std::shared_ptr<Trip> one(std::string_view body) {
-        auto reply = read(body);
-        EXPECT_TRUE(reply.ok) << reply.error;
-        EXPECT_EQ(reply.trips.size(), 1u);
-        return reply.trips.empty() ? std::make_shared<Trip>(env) : reply.trips.front();
-    }
 
     ScopedTimeZone zone{"Europe/Istanbul"};  // UTC+3 all year since 2016
     std::shared_ptr<CountingClock> clock = std::make_shared<CountingClock>();

@@ -18,20 +18,6 @@ class TripLifecycle : public ::testing::Test {
 protected:
     EngineHarness h;
     std::unique_ptr<DrivingInsight> engine = h.makeEngine();
-
-    /// Starts a trip and gets it recording: one accepted fix and one evaluated sample.
-    void startRecording(double latitude = 41.0, double longitude = 29.0) {
-        ASSERT_TRUE(engine->startTrip());
-        h.clock->advance(1s);
-        engine->didUpdateLocations({h.fix(latitude, longitude, 5)});
-        h.motion->push(EngineHarness::flatSample());
-        h.queue->runUntilIdle();
-    }
-    /// Drains the main queue and answers every HTTP request (200, "[]"), until both are quiet.
-    void settle() {
-        while (h.queue->runUntilIdle() + h.http->deliverAll() > 0) {
-        }
-    }
 };
 
 // Each refusal is reported once, before anything starts; only a refused permission comes with an
