@@ -101,4 +101,11 @@ TEST(Json, WritesCompactJsonAndRefusesNonFiniteNumbers) {
     auto text = json::write(v);
     ASSERT_TRUE(text);
     EXPECT_TRUE(*json::parse(*text).value == v);
+    // Texts are scanned 64 bytes at a time: an escape at any offset of a long text is written.
+    for (std::size_t at = 0; at < 130; ++at) {
+        std::string given(130, 'x'), written = "[\"" + given + "\"]";
+        given[at] = '"';
+        written.replace(at + 2, 1, "\\\"");
+        EXPECT_EQ(json::write(List{given}), written) << at;
+    }
 }
