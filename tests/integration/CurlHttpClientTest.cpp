@@ -110,15 +110,15 @@ TEST(CurlHttpClient, TransportFailuresCarryAnErrorAndNoResponse) {
     server.reply("/drop", {.drop = ScriptedReply::Drop::beforeReply});
     server.reply("/cut", {.body = "0123456789", .drop = ScriptedReply::Drop::afterHeaders});
     server.reply("/slow", ScriptedReply::text("late").after(3s));
-    server.reply("/big", ScriptedReply::text(std::string(300 * 1024, 'x')));
-    server.reply("/medium", ScriptedReply::text(std::string(50 * 1024, 'x')));
+    server.reply("/big", ScriptedReply::text(std::string(std::size_t{300} * 1024, 'x')));
+    server.reply("/medium", ScriptedReply::text(std::string(std::size_t{50} * 1024, 'x')));
     std::string refused;
     {
         TestServer gone;
         refused = gone.url("/x");
     }
     posix::CurlHttpClient::Options options;
-    options.maxBodyBytes = 100 * 1024;
+    options.maxBodyBytes = std::size_t{100} * 1024;
     posix::CurlHttpClient client(options);
 
     struct Case {
@@ -132,7 +132,7 @@ TEST(CurlHttpClient, TransportFailuresCarryAnErrorAndNoResponse) {
         {server.url("/cut"), 60s, platform::kTransportConnectionLost},
         {server.url("/slow"), 300ms, platform::kTransportTimedOut},
         {server.url("/big"), 60s, platform::kTransportBodyTooLarge},
-        {server.url("/medium"), 60s, platform::kTransportBodyTooLarge, 10 * 1024},
+        {server.url("/medium"), 60s, platform::kTransportBodyTooLarge, std::size_t{10} * 1024},
         {refused, 60s, platform::kTransportCannotConnectToHost},
         {"gopher://127.0.0.1/x", 60s, platform::kTransportUnsupportedURL},
     };
@@ -180,7 +180,7 @@ TEST(CurlHttpClient, DroppedRequestsAndOwnersLettingGoInsideACompletion) {
     auto client = std::make_shared<posix::CurlHttpClient>();
     std::atomic<int> early{0};
     {
-        auto dropped = client->send(get(server.url("/early")), [&](HttpResult) { ++early; });
+        auto dropped = client->send(get(server.url("/early")), [&](const HttpResult&) { ++early; });
     }
     Completions done;
     auto* raw = client.get();

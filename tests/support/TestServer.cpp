@@ -168,7 +168,8 @@ void TestServer::handle(const void* request, void* response) {
         // fails to write and it closes the connection.
         if (int fd = socketFor(req.remote_port); fd >= 0) {
             std::string head = "HTTP/1.1 " + std::to_string(script.status) + " Scripted\r\n";
-            for (const auto& [k, v] : script.headers) head += k + ": " + v + "\r\n";
+            for (const auto& [k, v] : script.headers)
+                head.append(k).append(": ").append(v).append("\r\n");
             if (script.body)
                 head += "Content-Length: " + std::to_string(script.body->size()) + "\r\n";
             if (script.drop != ScriptedReply::Drop::beforeReply)

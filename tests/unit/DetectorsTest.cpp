@@ -18,7 +18,6 @@ namespace kestrelvue::detail {
 namespace {
 
 constexpr FaultTypes kNone = FaultTypes::none;
-constexpr int kPortrait = 1;
 
 ThresholdList bands(std::initializer_list<Threshold> list) {
     ThresholdList out;
@@ -173,7 +172,7 @@ TEST(LaneChange, AgreesWithTheWholeSequenceReadingOnRandomDrives) {
         while (yaw.size() < 200) {
             const double size =
                 pick(4) ? sizes[pick(9)] : std::uniform_real_distribution(0.0, 3.0)(rng);
-            yaw.insert(yaw.end(), std::size_t(1 + pick(pick(3) ? 12 : 40)), pick(2) ? size : -size);
+            yaw.insert(yaw.end(), 1 + std::size_t(pick(pick(3) ? 12 : 40)), pick(2) ? size : -size);
         }
         LaneChangeSettings st;
         st.updateInterval = std::array{0.1, 0.25, 0.5, 1.0}[std::size_t(pick(4))];

@@ -72,6 +72,7 @@ TEST(NotificationCenter, ConcurrentPostsAddsAndRemovesAreSafe) {
     constexpr int kPosters = 4, kPosts = 2000;
     std::atomic<bool> done{false};
     std::vector<std::thread> threads;
+    threads.reserve(kPosters + 1);
     for (int t = 0; t < kPosters; ++t) {
         threads.emplace_back([&] {
             for (int i = 0; i < kPosts; ++i) center->post("tick", nullptr, Object{{"i", i}});

@@ -54,7 +54,7 @@ TEST(Outbox, TriesAgainWithJitteredDoublingBackOffUpToTheCapUntilConfirmed) {
                           {2s, 16s, 5ms});
     int firstOutcomes = 0;
     outbox.submit({{0, platform::OutboxKind::motion, 7, "http://127.0.0.1:1/api/x", "x"}},
-                  [&](platform::HttpResult) { ++firstOutcomes; });
+                  [&](const platform::HttpResult&) { ++firstOutcomes; });
     outbox.waitUntilIdle();
     EXPECT_EQ(outbox.pending().records, 7);
     for (int second = 0; second < 120; ++second) {

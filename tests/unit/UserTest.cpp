@@ -28,7 +28,7 @@ protected:
                 platform::kReachabilityFlagsReachable)));
     }
 
-    void reply(const std::string& name, UserInfo info) { center->post(name, nullptr, info); }
+    void reply(const std::string& name, const UserInfo& info) { center->post(name, nullptr, info); }
 
     Environment env;
     std::shared_ptr<NotificationCenter> center;
