@@ -42,7 +42,7 @@ step format
 bash scripts/check-format.sh
 # A ratchet: the suite may not grow against the code. The house rule is a third; lower this as
 # the suite gets there.
-bash scripts/test-ratio.sh --max 0.405
+bash scripts/test-ratio.sh --max 0.333
 
 suite release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKESTRELVUE_WERROR=ON -DKESTRELVUE_BENCHMARKS=ON \
   -DCMAKE_EXPORT_COMPILE_COMMANDS=ON

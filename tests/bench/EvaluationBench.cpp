@@ -67,11 +67,17 @@ void evaluate(benchmark::State& state, bool observed, Upload upload = Upload::no
     engine->setBulkMotionDataSize(upload == Upload::none ? 1'000'000'000 : 1000);
     engine->setCurrentLocation(h.fix(41.0, 29.0, 5));
     engine->setTimeElapsedSinceStart(platform::DateComponents{0, 12, 30});
-    DrivingInsightTestAccess::setOrientation(*engine, 5, 1);
-    DrivingInsightTestAccess::setBands(
-        *engine, {bands({{0.3, 0.6, 2, false}, {0.6, 9, 4, false}}), bands({{0.3, 9, 3, true}}),
-                  bands({{0.3, 9, 3, false}}), bands({{0.3, 9, 1, false}}),
-                  bands({{1.2, 9, 3, false}}), bands({{0.25, 9, 1, true}})});
+    DrivingInsightTestAccess::change(*engine, [&](auto& s) {
+        using K = detail::EventKind;
+        s.deviceOrientation = 5;  // derived from the attitude
+        s.deviceOrientationGiven = 1;
+        s.settings.level(K::cornering) = bands({{0.3, 0.6, 2, false}, {0.6, 9, 4, false}});
+        s.settings.level(K::speeding) = bands({{0.3, 9, 3, true}});
+        s.settings.level(K::braking) = bands({{0.3, 9, 3, false}});
+        s.settings.level(K::elevating) = bands({{0.3, 9, 1, false}});
+        s.settings.level(K::laneChanging) = bands({{1.2, 9, 3, false}});
+        s.settings.fuelEfficiencyLevel = bands({{0.25, 9, 1, true}});
+    });
     std::uint64_t received = 0;
     ObserverToken token;
     if (observed)

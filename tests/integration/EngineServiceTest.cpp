@@ -1,19 +1,16 @@
 // The real engine driven in virtual time on the simulated platform against a loopback server: the
-// threshold download at creation, a trip's weather request, and the uploads of the motion buffer
-// and the trip record over whole trips (bulks, continuation, retries, reports, the durable outbox,
-// and no record lost or sent twice).
+// uploads of the motion buffer and the trip record over whole trips (bulks, continuation, retries,
+// reports, and no record lost or sent twice). The tool's replay covers the threshold download, the
+// fault soak the durable outbox across engines.
 #include <gtest/gtest.h>
 #include <kestrelvue/DrivingInsight.h>
-#include <kestrelvue/posix/SqliteOutboxStore.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
 #include <limits>
 #include <regex>
 
 #include "core/Json.h"
-#include "net/Outbox.h"
 #include "platform/sim/Sim.h"
 #include "support/EngineHarness.h"
 #include "support/TestEnvironment.h"
@@ -73,19 +70,10 @@ class EngineService : public ::testing::Test {
 protected:
     // Called by each test after scripting the server.
     void SetUpEngine(std::int64_t bulkSize = 1000) {
-        BuildEnvironment(bulkSize);
-        MakeEngine();
-    }
-
-    void BuildEnvironment(std::int64_t bulkSize) {
         env_ = test::makeTestEnvironment(server_);
         sim_.installInto(env_);
         (*env_.applicationInfo)["BulkMotionDataSize"] = Value(bulkSize);
         (*env_.applicationInfo)["CFBundleShortVersionString"] = Value("1.4.2");
-        (*env_.applicationInfo)["CFBundleDisplayName"] = Value("Sürüş Takip");
-    }
-
-    void MakeEngine() {
         engine_ = DrivingInsight::makeDetached(env_);
         // Registered after the engine's own observers, so a recorded outcome means the engine's
         // handler has finished with it.
@@ -162,7 +150,8 @@ protected:
     }
 
     std::size_t storedRecords() const {
-        return DrivingInsightTestAccess::motionRecords(*engine_).size();
+        return DrivingInsightTestAccess::read(
+            *engine_, [](const auto& s) { return s.uploader.buffer.motionDataArray.size(); });
     }
 
     test::TestServer server_;
@@ -178,63 +167,10 @@ protected:
     std::unique_ptr<DrivingInsight> engine_;
 };
 
-TEST_F(EngineService, ThresholdsArriveAfterCreationAndATripAsksForTheWeather) {
-    server_.reply(kThresholdPath, R::json(R"([
-        {"_enmThresholdName":"SharpBrakingLevel","_limitStart":0.3,"_limitEnd":0.5,"_impact":2,"_perKilometer":false},
-        {"_enmThresholdName":"SharpBrakingLevel","_limitStart":0.5,"_limitEnd":9,"_impact":5,"_perKilometer":false},
-        {"_enmThresholdName":"DistanceFilter","_limitStart":25,"_limitEnd":75,"_impact":0,"_perKilometer":false},
-        {"_enmThresholdName":"UpdateInterval","_limitStart":0.25,"_limitEnd":0,"_impact":0,"_perKilometer":false}
-    ])"));
-    const std::string weatherPath = "/api/General/getWeatherDataByLatLon/77";
-    server_.reply(weatherPath, R::json(R"({"Temperature":17.5})"));
-    BuildEnvironment(1000);
-    test::NotificationRecorder got(env_.notifications, {"thresholdsGot"});
-    test::NotificationRecorder weather(env_.notifications, {"getWeatherInfo"});
-    MakeEngine();
-    ASSERT_TRUE(got.waitFor(1));
-    EXPECT_TRUE(got.settled(1));
-    EXPECT_FALSE(got.at(0).userInfo.has_value());
-    EXPECT_EQ(got.at(0).object, engine_.get());
-    const auto requests = server_.requests(kThresholdPath);
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].method, "GET");
-    EXPECT_EQ(requests[0].target, kThresholdPath);
-    EXPECT_EQ(requests[0].body, "");
-    auto s = DrivingInsightTestAccess::settings(*engine_);
-    const ThresholdList& braking = s.level(detail::EventKind::braking);
-    ASSERT_EQ(braking.size(), 2u);
-    EXPECT_EQ(braking[1]->Impact, 5.0);
-    EXPECT_EQ(s.distanceFilter, 75.0);
-    EXPECT_EQ(s.distanceFilterForSpeed, 25.0);
-    EXPECT_EQ(s.updateInterval, 0.25);
-
-    // The trip samples at the new interval and asks for the weather where it starts.
-    start();
-    EXPECT_EQ(motion_->deviceMotionUpdateInterval(), 0.25);
-    ASSERT_TRUE(weather.waitFor(1));
-    ASSERT_EQ(server_.requests(weatherPath).size(), 1u);
-    EXPECT_EQ(server_.requests(weatherPath)[0].target,
-              weatherPath + "?latitude=41.0082&longitude=28.9784");
-    const auto answer = weather.at(0);  // a copy: find() points into it
-    const Value* data = answer.find("Data");
-    ASSERT_NE(data, nullptr);
-    EXPECT_EQ(data->find("Temperature")->asNumber(), 17.5);
-    // The host stores the temperature; no further request follows.
-    engine_->setTemperature(17.5);
-    clock_->advance(1s);
-    platform::Location next;
-    next.coordinate = {41.0083, 28.9784};
-    next.horizontalAccuracy = 5;
-    next.timestamp = clock_->now();
-    engine_->didUpdateLocations({next});
-    EXPECT_TRUE(weather.settled(1));
-    EXPECT_EQ(server_.requests(weatherPath).size(), 1u);
-}
-
 TEST_F(EngineService, StoppedTripArrivesInBulksInOrderAndCompletes) {
     server_.reply(kMotionPath, {});
     server_.reply(kScorePath, R::text("kaydedildi"));
-    SetUpEngine(1000);
+    SetUpEngine();
     start();
     const std::string drivingID = engine_->DrivingID();
     drive(2500);
@@ -270,23 +206,6 @@ TEST_F(EngineService, StoppedTripArrivesInBulksInOrderAndCompletes) {
     EXPECT_EQ(history[0]->DrivingID, drivingID);
 }
 
-TEST_F(EngineService, EmptyBulksNeverLoop) {
-    // A bulk size of 0: every upload carries an empty bulk, which can never empty the buffer.
-    server_.reply(kMotionPath, {});
-    SetUpEngine(0);
-    start();
-    drive(3);
-    settleUploads();
-    stop();
-    settleUploads();
-    const auto received = bulks();
-    ASSERT_FALSE(received.empty());
-    EXPECT_LE(received.size(), 4u);  // at most one per sample, and one for the stop
-    EXPECT_TRUE(receivedIds().empty());
-    EXPECT_EQ(storedRecords(), 3u);
-    EXPECT_TRUE(engine_->TripHistory().empty());
-}
-
 TEST_F(EngineService, FailureWhileDrivingReportsAndKeepsTheBuffer) {
     server_.enqueue(kMotionPath, {.status = 500});
     server_.reply(kMotionPath, {});
@@ -316,7 +235,7 @@ TEST_F(EngineService, FailureWhileDrivingReportsAndKeepsTheBuffer) {
 TEST_F(EngineService, StoppedTripRetriesThreeTimesThenReports) {
     for (int i = 0; i < 4; ++i) server_.enqueue(kMotionPath, {.status = 500});
     server_.reply(kMotionPath, {});
-    SetUpEngine(1000);
+    SetUpEngine();
     start();
     drive(5);
     stop();
@@ -348,7 +267,7 @@ TEST_F(EngineService, RecordsAppendedDuringAFlushAreNeitherLostNorSentTwice) {
     server_.enqueue(kMotionPath, R{}.after(1000ms));
     server_.reply(kMotionPath, {});
     server_.reply(kScorePath, {});
-    SetUpEngine(1000);
+    SetUpEngine();
     test::NotificationRecorder synced(env_.notifications, {"motionDataSynced"});
     start();
     drive(300);
@@ -413,52 +332,6 @@ TEST_F(EngineService, TripRecordUploadOutcomes) {
     }
     EXPECT_EQ(delegate_->reports().size(), reports + 2);
     EXPECT_EQ(server_.requests(kScorePath).size(), reports);
-}
-
-// An engine that goes while its trip is still being delivered leaves the rest in the store, and
-// the next engine over the same directory delivers it, every record under its own trip.
-TEST_F(EngineService, AnEngineGoneMidDeliveryLeavesTheRestToTheNextOverTheSameDirectory) {
-    const auto dir =
-        std::filesystem::temp_directory_path() /
-        ("kv-outbox-it-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
-    std::filesystem::remove_all(dir);
-    server_.reply(kMotionPath, {.status = 500});
-    server_.reply(kScorePath, {.status = 500});
-    BuildEnvironment(10);
-    env_.outboxDirectory = dir.string();
-    env_.makeOutboxStore = [](const std::string& d) {
-        return std::make_unique<posix::SqliteOutboxStore>(d);
-    };
-    MakeEngine();
-    start();
-    drive(25);
-    stop();
-    detail::Outbox::existing(env_)->waitUntilIdle();
-    // The host heard of the failures as it always does (the record's upload among them).
-    EXPECT_FALSE(delegate_->reports("tripDidFail").empty());
-    const std::string trip = parseBulk(server_.requests(kMotionPath).at(0)).drivingGuid;
-    const std::size_t before = server_.requests(kMotionPath).size();
-    engine_.reset();
-
-    server_.reply(kMotionPath, {});
-    server_.reply(kScorePath, {});
-    MakeEngine();
-    detail::Outbox::existing(env_)->waitUntilIdle();
-    EXPECT_EQ(detail::Outbox::existing(env_)->pending().records, 0);
-    EXPECT_EQ(detail::Outbox::existing(env_)->pending().trips, 0);
-    engine_.reset();
-
-    const auto all = bulks();
-    std::vector<std::int64_t> delivered;
-    for (std::size_t i = before; i < all.size(); ++i) {
-        EXPECT_EQ(all[i].drivingGuid, trip);
-        delivered.insert(delivered.end(), all[i].ids.begin(), all[i].ids.end());
-    }
-    std::sort(delivered.begin(), delivered.end());
-    EXPECT_EQ(delivered, range(1, 25));
-    EXPECT_EQ(server_.requests(kScorePath).size(), 2u);
-    EXPECT_TRUE(posix::SqliteOutboxStore(dir.string()).load().empty());
-    std::filesystem::remove_all(dir);
 }
 
 }  // namespace

@@ -16,7 +16,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -88,35 +87,6 @@ struct DrivingInsightTestAccess {
     static void change(DrivingInsight& e, Change&& how) {
         std::lock_guard lock(e.impl_->mutex_);
         how(*e.impl_);
-    }
-    static detail::Settings settings(const DrivingInsight& e) {
-        return read(e, [](const auto& s) { return s.settings; });
-    }
-    /// A copy of the motion buffer's records, oldest first.
-    static std::vector<MotionDataItem> motionRecords(const DrivingInsight& e) {
-        return read(e, [](const auto& s) { return s.uploader.buffer.motionDataArray; });
-    }
-    struct Bands {
-        ThresholdList cornering = {}, speeding = {}, braking = {}, elevating = {},
-                      laneChanging = {}, fuel = {};
-    };
-    static void setBands(DrivingInsight& e, Bands b) {
-        change(e, [&](auto& s) {
-            using K = detail::EventKind;
-            s.settings.level(K::cornering) = std::move(b.cornering);
-            s.settings.level(K::speeding) = std::move(b.speeding);
-            s.settings.level(K::braking) = std::move(b.braking);
-            s.settings.level(K::elevating) = std::move(b.elevating);
-            s.settings.level(K::laneChanging) = std::move(b.laneChanging);
-            s.settings.fuelEfficiencyLevel = std::move(b.fuel);
-        });
-    }
-    /// Orientation derived from the attitude and the one the platform gave.
-    static void setOrientation(DrivingInsight& e, int derived, int given) {
-        change(e, [&](auto& s) {
-            s.deviceOrientation = derived;
-            s.deviceOrientationGiven = given;
-        });
     }
 };
 

@@ -10,11 +10,6 @@ const Value* RecordedNotification::find(const std::string& key) const {
     return it == userInfo->end() ? nullptr : &it->second;
 }
 
-const std::string* RecordedNotification::errorText() const {
-    const Value* v = find("error");
-    return v ? v->asString() : nullptr;
-}
-
 NotificationRecorder::NotificationRecorder(std::shared_ptr<NotificationCenter> center,
                                            std::vector<std::string> names)
     : center_(std::move(center)), state_(std::make_shared<State>()), names_(std::move(names)) {
@@ -32,19 +27,6 @@ NotificationRecorder::NotificationRecorder(std::shared_ptr<NotificationCenter> c
 
 NotificationRecorder::~NotificationRecorder() {
     center_->removeObserver(this);
-}
-
-std::vector<RecordedNotification> NotificationRecorder::all() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->records;
-}
-
-std::vector<RecordedNotification> NotificationRecorder::named(const std::string& name) const {
-    std::lock_guard lock(state_->mutex);
-    std::vector<RecordedNotification> out;
-    for (const auto& r : state_->records)
-        if (r.name == name) out.push_back(r);
-    return out;
 }
 
 RecordedNotification NotificationRecorder::at(std::size_t index) const {
@@ -72,38 +54,6 @@ void RecordingDelegate::add(Report r) {
     std::lock_guard lock(mutex_);
     reports_.push_back(std::move(r));
     cv_.notify_all();
-}
-
-void RecordingDelegate::tripDidFinish(std::shared_ptr<Trip> trip) {
-    add({.kind = "tripDidFinish", .trip = std::move(trip)});
-}
-
-void RecordingDelegate::tripDidFail(std::int64_t code, const std::string& title,
-                                    const std::string& message,
-                                    std::shared_ptr<platform::Alert> alert) {
-    add({.kind = "tripDidFail",
-         .code = code,
-         .title = title,
-         .message = message,
-         .alert = std::move(alert)});
-}
-
-void RecordingDelegate::historyDataDidReceive(const std::vector<std::shared_ptr<Trip>>& history) {
-    add({.kind = "history", .history = history});
-}
-
-void RecordingDelegate::historyDataReceiveDidFail(std::int64_t code, const std::string& title,
-                                                  const std::string& message) {
-    failed("historyFail", code, title, message);
-}
-
-void RecordingDelegate::summaryDataDidReceive(const SummaryData& summaryData) {
-    add({.kind = "summary", .summary = summaryData});
-}
-
-void RecordingDelegate::summaryDataReceiveDidFail(std::int64_t code, const std::string& title,
-                                                  const std::string& message) {
-    failed("summaryFail", code, title, message);
 }
 
 std::vector<RecordingDelegate::Report> RecordingDelegate::reports() const {

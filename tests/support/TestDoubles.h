@@ -9,8 +9,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -29,8 +27,6 @@ struct RecordedNotification {
 
     /// userInfo's entry for `key`, or nullptr when either is absent.
     const Value* find(const std::string& key) const;
-    /// The "error" entry when it is a text, else nullptr.
-    const std::string* errorText() const;
 };
 
 class NotificationRecorder {
@@ -41,8 +37,6 @@ public:
     NotificationRecorder(const NotificationRecorder&) = delete;
     NotificationRecorder& operator=(const NotificationRecorder&) = delete;
 
-    std::vector<RecordedNotification> all() const;
-    std::vector<RecordedNotification> named(const std::string& name) const;
     RecordedNotification at(std::size_t index) const;  // throws std::out_of_range
     std::size_t count() const;
 
@@ -84,16 +78,31 @@ public:
         std::string friendReferenceId = {};
         std::vector<LeaderboardItem> leaderboard = {};
     };
-    void tripDidFinish(std::shared_ptr<Trip> trip) override;
-    void tripDidFail(std::int64_t errorCode, const std::string& errorTitle,
-                     const std::string& errorMessage,
-                     std::shared_ptr<platform::Alert> alertController) override;
-    void historyDataDidReceive(const std::vector<std::shared_ptr<Trip>>& history) override;
+    void tripDidFinish(std::shared_ptr<Trip> trip) override {
+        add({.kind = "tripDidFinish", .trip = std::move(trip)});
+    }
+    void tripDidFail(std::int64_t code, const std::string& title, const std::string& message,
+                     std::shared_ptr<platform::Alert> alert) override {
+        add({.kind = "tripDidFail",
+             .code = code,
+             .title = title,
+             .message = message,
+             .alert = alert});
+    }
+    void historyDataDidReceive(const std::vector<std::shared_ptr<Trip>>& history) override {
+        add({.kind = "history", .history = history});
+    }
     void historyDataReceiveDidFail(std::int64_t code, const std::string& title,
-                                   const std::string& message) override;
-    void summaryDataDidReceive(const SummaryData& summaryData) override;
+                                   const std::string& message) override {
+        failed("historyFail", code, title, message);
+    }
+    void summaryDataDidReceive(const SummaryData& summary) override {
+        add({.kind = "summary", .summary = summary});
+    }
     void summaryDataReceiveDidFail(std::int64_t code, const std::string& title,
-                                   const std::string& message) override;
+                                   const std::string& message) override {
+        failed("summaryFail", code, title, message);
+    }
     void userDidLogin(User& user) override { add({.kind = "userDidLogin", .user = &user}); }
     void userDidAdd(User& user) override { add({.kind = "userDidAdd", .user = &user}); }
     void friendDidAdd(const std::string& reference) override {

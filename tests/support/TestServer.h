@@ -51,9 +51,9 @@ struct ScriptedReply {
 
 struct ReceivedRequest {
     std::string method;
-    std::string path;    // decoded by the server
-    std::string target;  // path and query exactly as sent
-    HeaderList headers{};
+    std::string path;      // decoded by the server
+    std::string target;    // path and query exactly as sent
+    HeaderList headers{};  // with the bookkeeping entries cpp-httplib adds (REMOTE_ADDR, ...)
     std::string body;
 
     /// The first header of that name (case-insensitive), or "" when absent.
@@ -84,7 +84,6 @@ public:
                          std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
 
 private:
-    std::size_t countLocked(std::string_view path) const;
     void handle(const void* request, void* response);
     int socketFor(int peerPort) const;
 

@@ -1,11 +1,16 @@
-// Cornering, elevating, speeding/braking, fuel, band walk and score, case by case.
+// The detectors: cornering, elevating, speeding/braking and fuel case by case, and the lane-change
+// state machine against a reading of the whole sequence.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
 #include <memory>
+#include <random>
 #include <string>
+#include <vector>
 
 #include "engine/Detectors.h"
 
@@ -13,7 +18,6 @@ namespace kestrelvue::detail {
 namespace {
 
 constexpr FaultTypes kNone = FaultTypes::none;
-constexpr int kPortrait = 1;
 
 ThresholdList bands(std::initializer_list<Threshold> list) {
     ThresholdList out;
@@ -105,6 +109,89 @@ TEST(Detectors, OnlyFlatOrientationsAreJudged) {
         EXPECT_EQ(checkSharpSpeeding(code, ua, any, any).finding != kNone, faceUp) << code;
         EXPECT_EQ(checkFuelEfficiency(code, ua, any) > 0, faceUp) << code;
     }
+}
+
+// The same rules read over a whole sequence at once: find a start, take the first swing and the
+// swing back, and judge the manoeuvre where it ends. Returns the finding of every sample.
+std::vector<Finding> wholeSequence(const std::vector<double>& yaw, int orientation,
+                                   const LaneChangeSettings& st, const ThresholdList& levels) {
+    std::vector<Finding> out(yaw.size());
+    const auto secs = [&](std::size_t samples) { return double(samples) * st.updateInterval; };
+    const auto same = [](double a, double b) { return a * b > 0; };
+    std::size_t i = 0;
+    while (i < yaw.size()) {
+        const double r0 = yaw[i++];
+        const int sign = orientation == kFaceUp ? 1 : orientation == kFaceDown ? -1 : 0;
+        if (sign == 0 || std::fabs(r0) <= 1.0) continue;
+        const char direction = sign * r0 > 0 ? 'L' : 'R';
+        std::vector<double> taken{r0};
+        std::size_t back = 0;  // samples taken when the swing back began; 0: not yet
+        bool judge = false, dropped = double(st.duration4) < secs(1);
+        while (!dropped && !judge && i < yaw.size()) {
+            const double r = yaw[i++], p = taken.back();
+            if (r == 0 || p == 0) continue;  // no sign: changes nothing
+            if (!same(p, r) && back > 0) {
+                judge = true;  // a third swing ends it, unjoined
+                break;
+            }
+            taken.push_back(r);
+            if (!same(p, r)) back = taken.size();
+            const bool dying =
+                back > 0 && same(p, r) && std::fabs(r) < std::fabs(p) && std::fabs(r) < 1.0;
+            dropped = back == 0 && double(st.duration4) < secs(taken.size());
+            judge = dying || (back > 0 && double(st.duration4) - 1.0 <= secs(taken.size()));
+        }
+        if (!judge) continue;
+        double left = 0, right = 0;
+        for (double r : taken) {
+            left = std::max(left, r);
+            right = std::max(right, -r);
+        }
+        const double whole = secs(taken.size()), first = secs(back);
+        if (double(st.duration3) <= whole && whole <= double(st.duration4) &&
+            double(st.duration1) <= first && first <= double(st.duration2) && back < taken.size() &&
+            (exceedsThresholds(left, levels) || exceedsThresholds(right, levels))) {
+            const auto a = thresholdImpactFor(left, levels), b = thresholdImpactFor(right, levels);
+            out[i - 1] = {direction == 'R' ? FaultTypes::sharpLaneChangingRight
+                                           : FaultTypes::sharpLaneChangingLeft,
+                          std::max(left, right), std::max(a.impact, b.impact), b.isPerKilometer};
+        }
+    }
+    return out;
+}
+
+// Random yaw sequences made of swings of random length and size, around the start value 1.0 and
+// the dying-away value 1.0, with zeros; random durations, sampling intervals and bands.
+TEST(LaneChange, AgreesWithTheWholeSequenceReadingOnRandomDrives) {
+    std::mt19937 rng(20261124);
+    auto pick = [&](int n) { return std::uniform_int_distribution(0, n - 1)(rng); };
+    const double sizes[] = {0.0, 0.5, 0.9, 1.0, 1.01, 1.3, 1.5, 2.0, 3.0};
+    int findings = 0;
+    for (int round = 0; round < 2000; ++round) {
+        std::vector<double> yaw;
+        while (yaw.size() < 200) {
+            const double size =
+                pick(4) ? sizes[pick(9)] : std::uniform_real_distribution(0.0, 3.0)(rng);
+            yaw.insert(yaw.end(), 1 + std::size_t(pick(pick(3) ? 12 : 40)), pick(2) ? size : -size);
+        }
+        LaneChangeSettings st;
+        st.updateInterval = std::array{0.1, 0.25, 0.5, 1.0}[std::size_t(pick(4))];
+        st.duration1 = pick(5);
+        st.duration2 = st.duration1 + pick(10);
+        st.duration3 = pick(6);
+        st.duration4 = st.duration3 + pick(16);
+        ThresholdList levels = {std::make_shared<const Threshold>(1.2, 2.0, pick(6), pick(2) == 0),
+                                std::make_shared<const Threshold>(2.0, 9.0, pick(6), pick(2) == 0)};
+        const int orientation = std::array{kFaceUp, kFaceDown, 1, 0}[std::size_t(pick(4))];
+        const auto expected = wholeSequence(yaw, orientation, st, levels);
+        LaneChangingData state;
+        for (std::size_t i = 0; i < yaw.size(); ++i) {
+            const Finding f = checkSharpLaneChanging(state, orientation, yaw[i], st, levels);
+            ASSERT_EQ(f, expected[i]) << "round " << round << ", sample " << i;
+            findings += f.finding != FaultTypes::none;
+        }
+    }
+    EXPECT_GT(findings, 500);  // the sample reaches the judgement, not only the starts
 }
 
 }  // namespace

@@ -78,9 +78,6 @@ TEST(TripState, RecordCarriesEachKindInItsOwnFields) {
     EXPECT_EQ(r->UserID, 42);
     EXPECT_EQ(r->DrivingID, "ID");
     EXPECT_EQ(r->TimeElapsedTotalDistance_Formatted, "0:25:13 sn, 12.4 km");
-    // A trip starts on a placeholder that no accuracy rule accepts, with nothing charged.
-    EXPECT_EQ(trip.odometer.currentLocation->horizontalAccuracy, 1000.0);
-    EXPECT_EQ(TripState::starting("ID", h.clock->now()).totals, PenaltyTotals{});
 }
 
 TEST(Odometer, GeodesicDistanceMatchesTheEllipsoid) {
@@ -283,27 +280,6 @@ TEST(MotionUploader, WhatFollowsAnUploadsOutcome) {
         EXPECT_EQ(v.buffer.isSyncingToServer, c.failure == F::retry);
         EXPECT_FALSE(u.bulkInFlight || v.bulkInFlight);
     }
-}
-
-TEST(MotionUploader, BulksTakeTheOldestRecordsAndOneGoesAtATime) {
-    MotionUploader u;
-    u.buffer.motionDataArray.resize(5);
-    for (std::size_t i = 0; i < 5; ++i)
-        u.buffer.motionDataArray[i].ItemId = static_cast<std::int64_t>(i);
-    EXPECT_FALSE(u.startWhenFull(6));
-    EXPECT_TRUE(u.startWhenFull(5));
-    EXPECT_FALSE(u.startWhenFull(5));  // one on its way already
-    std::vector<MotionDataItem> bulk;
-    u.takeBulk(3, bulk);
-    ASSERT_EQ(bulk.size(), 3u);
-    EXPECT_EQ(bulk.back().ItemId, 2);
-    EXPECT_EQ(u.bulkInFlight, 3u);
-    const auto rest = u.takeAllButInFlight();  // the in-flight records stay for their answer
-    ASSERT_EQ(rest.size(), 2u);
-    EXPECT_EQ(rest.front().ItemId, 3);
-    EXPECT_EQ(u.buffer.motionDataArray.size(), 3u);
-    u.takeBulk(-1, bulk);
-    EXPECT_TRUE(bulk.empty());
 }
 
 }  // namespace

@@ -64,15 +64,5 @@ TEST(LeaderboardItem, RankTypeReadsEveryPresentValueAsAScope) {
     EXPECT_FALSE(rowFrom("{}").RankType);
 }
 
-TEST(LeaderboardItem, ListKeepsServiceOrderAndRejectsOtherShapes) {
-    auto items = leaderboardFromData(parsed(R"([{"UserRank":2},{"UserRank":1}])"));
-    ASSERT_TRUE(items);
-    ASSERT_EQ(items->size(), 2u);
-    EXPECT_EQ((*items)[1].UserRank, 1);
-    for (const char* text : {R"({"UserRank":1})", R"([{"UserRank":1},2])", "[[]]"})
-        EXPECT_FALSE(leaderboardFromData(parsed(text))) << text;
-    EXPECT_FALSE(leaderboardFromData(Value()));
-}
-
 }  // namespace
 }  // namespace kestrelvue

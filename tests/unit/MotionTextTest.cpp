@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <kestrelvue/MotionData.h>
+#include <kestrelvue/Trip.h>
 
 #include <bit>
 #include <chrono>
@@ -60,10 +61,7 @@ TEST(MotionText, ExampleRecordIsByteExact) {
         "-0.432, -0.902, ,L, , , 41.008200, 28.978400,PU,  49,2026-11-16 14:05:09:250,  47,   "
         "1523,2026-11-16 14:05:09:731,  0.000,  2.500,  0.000,  0.000,  0.000,  0.000,  0.000,  "
         "0.000,  0.000,  0.000,  0.125, 87.400,    5, 13.500000,FU,";
-    const std::string text = exampleRecord().toString();
-    EXPECT_EQ(text, expected);
-    EXPECT_EQ(text.size(), 311u);
-    EXPECT_EQ(fields(text).size(), 39u);
+    EXPECT_EQ(exampleRecord().toString(), expected);
 }
 
 // ---- printf equivalence -----------------------------------------------------------------
@@ -185,6 +183,7 @@ TEST(MotionText, RecordsMatchSnprintfAndStrftime) {
     }
 }
 
+// The trip's distance text too.
 TEST(MotionText, NumbersIgnoreADecimalCommaLocale) {
     std::mt19937_64 rng(3);
     std::vector<MotionDataItem> items;
@@ -197,6 +196,7 @@ TEST(MotionText, NumbersIgnoreADecimalCommaLocale) {
     if (!std::setlocale(LC_NUMERIC, "tr_TR.UTF-8") && !std::setlocale(LC_NUMERIC, "de_DE.UTF-8"))
         GTEST_SKIP() << "no locale with a decimal comma is installed";
     for (std::size_t i = 0; i < items.size(); ++i) EXPECT_EQ(items[i].toString(), expected[i]);
+    EXPECT_EQ(Trip::formatTimeElapsedTotalDistance("1:2:3", 1500), "1:2:3 sn, 1.5 km");
     std::setlocale(LC_NUMERIC, old.c_str());
 }
 
@@ -232,23 +232,6 @@ TEST(MotionText, StampsStayRightAcrossDaylightSavingChanges) {
     // Before the epoch, milliseconds still count forwards within their second.
     EXPECT_EQ(ourStamp(platform::TimePoint{} - milliseconds(1)), "1970-01-01 00:59:59:999");
     EXPECT_EQ(ourStamp(platform::TimePoint{} + microseconds(1999)), "1970-01-01 01:00:00:001");
-}
-
-TEST(MotionText, OneLocalTimeConversionPerDistinctSecond) {
-    ScopedTimeZone tz("Europe/Berlin");
-    MotionData data;
-    const auto t0 = utc(2026, 10, 25, 0, 58, 0, 100);
-    // Samples 0.5 s apart whose fixes lag 0.7 s behind: 600 samples span 301 distinct seconds.
-    for (int i = 0; i < 600; ++i) {
-        MotionDataItem item;
-        item.DateTime = t0 + milliseconds(500 * i);
-        item.Location.timestamp = item.DateTime - milliseconds(700);
-        data.motionDataArray.push_back(item);
-    }
-    const std::uint64_t before = detail::timestampConversions();
-    const std::string bulk = data.bulkMotionDataToString(600);
-    EXPECT_EQ(detail::timestampConversions() - before, 301u);
-    EXPECT_EQ(bulk, test::referenceBulk(data, 600));
 }
 
 }  // namespace

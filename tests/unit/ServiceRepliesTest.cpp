@@ -69,24 +69,6 @@ TEST(RouteReply, FailuresAndWrongShapesLeaveTheListsAlone) {
     for (const auto& info : cases) EXPECT_FALSE(readRouteReply(info)) << "case " << i++;
 }
 
-// Later elements override member by member; numbers of either JSON kind are read.
-TEST(SummaryReply, LaterElementsOverrideMemberByMember) {
-    const std::pair<const char*, SummaryData> cases[] = {
-        {R"([{"AverageScore": 70, "NumberOfTrips": 3}, {"AverageScore": 80.5, "Unknown": "x"},
-             {"TotalDistance": null}])",
-         SummaryData(80.5, 1234.5, 3)},
-        {R"([{"AverageScore": 71, "TotalDistance": 2.5e3, "NumberOfTrips": 4.0}])",
-         SummaryData(71, 2500, 4)},
-    };
-    for (const auto& [body, expected] : cases) {
-        SummaryData record(50, 1234.5, 1);
-        auto read = readSummaryReply(data(body));
-        ASSERT_TRUE(std::holds_alternative<std::vector<SummaryUpdate>>(read)) << body;
-        applySummaryUpdates(record, std::get<std::vector<SummaryUpdate>>(read));
-        EXPECT_EQ(record, expected) << body;
-    }
-}
-
 TEST(SummaryReply, WrongShapesAreDescribed) {
     struct Case {
         UserInfo info;

@@ -1,20 +1,14 @@
-// Band lookups, the band archive, and the handler of the threshold reply.
+// Band lookups and the band archive.
 
 #include <gtest/gtest.h>
+#include <kestrelvue/Threshold.h>
 
 #include <cmath>
-#include <cstdio>
-#include <fstream>
-#include <iterator>
 
-#include "core/Json.h"
 #include "records/KeyedArchive.h"
-#include "support/EngineHarness.h"
 
 namespace kestrelvue {
 namespace {
-
-using test::EngineHarness;
 
 ThresholdList bands(std::initializer_list<Threshold> list) {
     ThresholdList out;
@@ -55,23 +49,6 @@ TEST(BandLookup, Cases) {
 
 // ---- Archive --------------------------------------------------------------------------------
 
-// Runs `script` with an input and an output file; python's complaints go to the test's output.
-std::string python(const std::string& script, const std::string& input = "") {
-    static int serial = 0;
-    const std::string base = ::testing::TempDir() + "kv_plist_" + std::to_string(::getpid()) + "_" +
-                             std::to_string(serial++);
-    std::ofstream(base + ".py") << script;
-    std::ofstream(base + ".in", std::ios::binary) << input;
-    const std::string command = "python3 " + base + ".py " + base + ".in " + base + ".out";
-    EXPECT_EQ(std::system(command.c_str()), 0) << "python3 failed";
-    std::ifstream out(base + ".out", std::ios::binary);
-    return {std::istreambuf_iterator<char>(out), {}};
-}
-
-bool havePython() {
-    return std::system("python3 -c 'import plistlib' >/dev/null 2>&1") == 0;
-}
-
 TEST(BandArchive, RoundTripsMissingKeysReadAsZeroAndOtherArchivesAreRefused) {
     for (const Threshold& t :
          {Threshold{0.3, 0.5, 2, false}, Threshold{-1e300, 1e-300, 0.1, true}}) {
@@ -91,60 +68,6 @@ TEST(BandArchive, RoundTripsMissingKeysReadAsZeroAndOtherArchivesAreRefused) {
     other.encodeDouble(1, "NS.time");
     EXPECT_FALSE(Threshold::unarchive(other.encodedData()));
     EXPECT_FALSE(Threshold::unarchive("<?xml version=\"1.0\"?><plist></plist>"));
-}
-
-TEST(BandArchive, PythonReadsOurArchive) {
-    if (!havePython()) GTEST_SKIP() << "python3 with plistlib is not installed";
-    const std::string script = R"(
-import plistlib, sys
-p = plistlib.loads(open(sys.argv[1], 'rb').read())
-assert p['$archiver'] == 'NSKeyedArchiver', p
-assert p['$version'] == 100000
-objs = p['$objects']
-assert objs[0] == '$null'
-root = objs[p['$top']['root'].data]
-cls = objs[root['$class'].data]
-out = '%s|%s|%r|%r|%r|%r' % (cls['$classname'], ','.join(cls['$classes']), root['LimitStart'],
-      root['LimitEnd'], root['Impact'], root['IsPerKilometer'])
-open(sys.argv[2], 'w').write(out)
-)";
-    EXPECT_EQ(python(script, Threshold(0.25, 9.5, 3, true).archivedData()),
-              "_TtCC10Kestrelvue14DrivingInsight9Threshold|"
-              "_TtCC10Kestrelvue14DrivingInsight9Threshold,NSObject|0.25|9.5|3.0|True");
-}
-
-TEST(BandArchive, WeReadPythonsArchive) {
-    if (!havePython()) GTEST_SKIP() << "python3 with plistlib is not installed";
-    const std::string writer = R"(
-import plistlib, sys
-name = '_TtCC10Kestrelvue14DrivingInsight9Threshold'
-fields = {'$class': plistlib.UID(2), 'LimitStart': 1.5, 'LimitEnd': 4, 'Impact': 2.25}
-if open(sys.argv[1]).read() == 'flag':
-    fields['IsPerKilometer'] = True
-archive = {'$archiver': 'NSKeyedArchiver', '$version': 100000,
-           '$top': {'root': plistlib.UID(1)},
-           '$objects': ['$null', fields, {'$classname': name, '$classes': [name, 'NSObject']}]}
-open(sys.argv[2], 'wb').write(plistlib.dumps(archive, fmt=plistlib.FMT_BINARY))
-)";
-    for (bool flag : {true, false}) {
-        auto band = Threshold::unarchive(python(writer, flag ? "flag" : "none"));
-        ASSERT_TRUE(band) << band.error;
-        EXPECT_EQ(band.value->LimitStart, 1.5);
-        EXPECT_EQ(band.value->LimitEnd, 4.0);  // written as an integer
-        EXPECT_EQ(band.value->Impact, 2.25);
-        EXPECT_EQ(band.value->IsPerKilometer, flag);  // a missing flag reads as false
-    }
-}
-
-TEST(BandArchive, DamagedArchivesAreErrorsNotCrashes) {
-    const std::string good = Threshold(0.3, 0.5, 2, true).archivedData();
-    // Every truncation is refused.
-    for (std::size_t n = 0; n < good.size(); ++n)
-        EXPECT_FALSE(Threshold::unarchive(good.substr(0, n))) << "length " << n;
-    // A trailer that claims a huge object count or offsets past the end.
-    std::string lying = good;
-    for (int i = 0; i < 8; ++i) lying[lying.size() - 24 + i] = '\xFF';
-    EXPECT_FALSE(Threshold::unarchive(lying));
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// Starting, sampling, stopping and completing trips on the simulated platform, in virtual time.
+// Starting, sampling, stopping and completing trips on the simulated platform, in virtual time;
+// the engine's application information and its upload of a trip ended elsewhere.
 
 #include <gtest/gtest.h>
 
@@ -17,20 +18,6 @@ class TripLifecycle : public ::testing::Test {
 protected:
     EngineHarness h;
     std::unique_ptr<DrivingInsight> engine = h.makeEngine();
-
-    /// Starts a trip and gets it recording: one accepted fix and one evaluated sample.
-    void startRecording(double latitude = 41.0, double longitude = 29.0) {
-        ASSERT_TRUE(engine->startTrip());
-        h.clock->advance(1s);
-        engine->didUpdateLocations({h.fix(latitude, longitude, 5)});
-        h.motion->push(EngineHarness::flatSample());
-        h.queue->runUntilIdle();
-    }
-    /// Drains the main queue and answers every HTTP request (200, "[]"), until both are quiet.
-    void settle() {
-        while (h.queue->runUntilIdle() + h.http->deliverAll() > 0) {
-        }
-    }
 };
 
 // Each refusal is reported once, before anything starts; only a refused permission comes with an
@@ -203,6 +190,10 @@ TEST_F(TripLifecycle, EveryFixBatchAsksForTheWeather) {
                         base + "?latitude=41.0&longitude=29.00123",
                     }));
     for (const auto& r : h.http->requests()) EXPECT_EQ(r.method, "GET");
+    const auto sent = h.http->requests().size();
+    engine->setTemperature(17.5);  // known now: no more asking
+    engine->didUpdateLocations({h.fix(41.0, 29.0, 5)});
+    EXPECT_EQ(h.http->requests().size(), sent);
 }
 
 TEST_F(TripLifecycle, NoPositionForTenSecondsStopsTheTrip) {
@@ -236,39 +227,45 @@ TEST_F(TripLifecycle, NoPositionForTenSecondsStopsTheTrip) {
     EXPECT_FALSE(h.motion->push(EngineHarness::flatSample()));
 }
 
-TEST_F(TripLifecycle, StopBeforeAnyEvaluatedSampleFinishesWithoutATrip) {
-    ASSERT_TRUE(engine->startTrip());
-    engine->didUpdateLocations({h.fix(41.0, 29.0, 5)});  // a fix, but no sample yet
-    engine->stopTrip();
-    settle();
-    Reports r = h.delegate->reports();
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_EQ(r[0].kind, "tripDidFinish");
-    EXPECT_EQ(r[0].trip, nullptr);
-    EXPECT_TRUE(h.geocoder->requests().empty());
-    EXPECT_TRUE(engine->TripHistory().empty());
+TEST(EngineSettings, ApplicationInformation) {
+    struct Case {
+        const char* name;
+        std::optional<Object> info;
+        std::int64_t bulk;
+        std::string displayName;
+    };
+    const Case cases[] = {
+        {"both keys", Object{{"BulkMotionDataSize", 500}, {"CFBundleDisplayName", "Sürücü"}}, 500,
+         "Sürücü"},
+        {"mistyped", Object{{"BulkMotionDataSize", "500"}, {"CFBundleDisplayName", 7}}, 1000,
+         "Kestrelvue"},
+        {"fractional size", Object{{"BulkMotionDataSize", 2.5}}, 1000, "Kestrelvue"},
+        {"negative size", Object{{"BulkMotionDataSize", -1}}, 1000, "Kestrelvue"},
+        {"zero size", Object{{"BulkMotionDataSize", 0}}, 0, "Kestrelvue"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EngineHarness h;
+        h.env.applicationInfo = c.info;
+        auto engine = h.makeEngine();
+        EXPECT_EQ(engine->bulkMotionDataSize(), c.bulk);
+        EXPECT_EQ(engine->bundleDisplayName(), c.displayName);
+    }
 }
 
-TEST_F(TripLifecycle, CurrentTripBuildsAFreshRecordEachRead) {
-    startRecording(41.0, 29.0);
-    h.clock->advance(25min + 13s);  // after the first evaluated sample
-    engine->didUpdateLocations({h.fix(41.01, 29.0, 5)});
-    h.motion->push(EngineHarness::flatSample());
-    h.queue->runUntilIdle();
-    engine->setTotalTraveledDistance(12437);
-    auto a = engine->CurrentTrip();
-    ASSERT_NE(a, engine->CurrentTrip());
-    EXPECT_EQ(a->TimeElapsedTotalDistance_Formatted, "0:25:13 sn, 12.4 km");
-    EXPECT_EQ(a->EndLocationLat, 41.01);
-    EXPECT_EQ(a->StartAnnotation, engine->StartAnnotation());  // shared, not copied
-    EXPECT_EQ(a->SystemDate, h.clock->now());
-}
-
-TEST_F(TripLifecycle, DestroyedEngineIgnoresLateAnswers) {
-    startRecording();
-    engine->stopTrip();
-    engine.reset();
-    EXPECT_NO_FATAL_FAILURE(settle());
+TEST(EngineSettings, TripEndedSuccessfullyFromAnySenderUploadsAFreshRecord) {
+    EngineHarness h;
+    auto engine = h.makeEngine();
+    engine->setUserID(9);
+    const int stranger = 0;
+    h.center->post("tripEndedSuccessfully", &stranger);
+    std::vector<platform::HttpRequest> uploads;
+    for (const auto& r : h.http->requests())
+        if (r.url == "http://service.test/api/Driving/addDrivingScore") uploads.push_back(r);
+    ASSERT_EQ(uploads.size(), 1u);
+    EXPECT_EQ(uploads[0].method, "POST");
+    ASSERT_TRUE(uploads[0].body);
+    EXPECT_NE(uploads[0].body->find(engine->DrivingID()), std::string::npos);
 }
 
 }  // namespace

@@ -7,27 +7,15 @@
 #include <kestrelvue/RestfulCall.h>
 #include <kestrelvue/User.h>
 
-#include <atomic>
 #include <cstdlib>
-#include <mutex>
-#include <thread>
 
 #include "core/Json.h"
-#include "support/TestDoubles.h"
+#include "support/EngineHarness.h"
 
 namespace kestrelvue {
 namespace {
 
 using test::RecordingDelegate;
-
-/// These tests post answers themselves; nothing is sent.
-class UnusedHttpClient : public platform::HttpClient {
-public:
-    platform::AsyncRequest send(platform::HttpRequest, platform::HttpCompletion) override {
-        ADD_FAILURE();
-        return {};
-    }
-};
 
 class UserTest : public ::testing::Test {
 protected:
@@ -35,21 +23,16 @@ protected:
         env.applicationInfo = Object{{std::string(kBaseURLKey), "http://127.0.0.1:9/svc"}};
         center = NotificationCenter::make();
         call = std::make_unique<RestfulCall>(
-            std::make_shared<UnusedHttpClient>(), center,
+            std::make_shared<test::ScriptedHttpClient>(), center,  // never answers
             std::make_shared<Reachability>(std::make_shared<platform::FixedReachabilityProbe>(
                 platform::kReachabilityFlagsReachable)));
-        account = User::makeDetachedShared(env, *call);
-        delegate = std::make_shared<RecordingDelegate>();
-        account->setDelegate(delegate);
     }
 
-    void reply(const std::string& name, UserInfo info) { center->post(name, nullptr, info); }
+    void reply(const std::string& name, const UserInfo& info) { center->post(name, nullptr, info); }
 
     Environment env;
     std::shared_ptr<NotificationCenter> center;
     std::unique_ptr<RestfulCall> call;
-    std::unique_ptr<User> account;
-    std::shared_ptr<RecordingDelegate> delegate;
 };
 
 Object object(std::string_view text) {
@@ -74,7 +57,6 @@ TEST_F(UserTest, LoginRepliesUpdateFieldsAndReportTheHandlingAccount) {
     };
     for (const Case& c : cases) {
         auto fresh = User::makeDetachedShared(env, *call);
-        account.reset();  // only `fresh` handles this case's reply
         auto d = std::make_shared<RecordingDelegate>();
         fresh->setDelegate(d);
         fresh->setId(5);
@@ -86,36 +68,6 @@ TEST_F(UserTest, LoginRepliesUpdateFieldsAndReportTheHandlingAccount) {
         EXPECT_EQ(events[0].kind, "userDidLogin");
         EXPECT_EQ(events[0].user, fresh.get());
     }
-}
-
-// Replies arrive on several worker threads at once while the host reads; run under the thread
-// sanitizer this also checks the fields' guard.
-TEST_F(UserTest, ConcurrentLoginRepliesLeaveOneReplysIdAndTypeTogether) {
-    account->setDelegate(nullptr);
-    std::atomic<bool> stop{false};
-    std::thread reader([&] {
-        while (!stop) {
-            (void)account->Id();
-            (void)account->Type();
-        }
-    });
-    std::vector<std::thread> writers;
-    for (int w = 0; w < 4; ++w) {
-        writers.emplace_back([&, w] {
-            for (int i = 0; i < 200; ++i) {
-                // Each reply carries a matching pair: 1/observer or 4/driver.
-                const int typeId = (w + i) % 2 ? 1 : 4;
-                reply("UserLogedIn",
-                      Object{{"Data", Object{{"Id", typeId}, {"UserTypeId", typeId}}}});
-            }
-        });
-    }
-    for (auto& t : writers) t.join();
-    stop = true;
-    reader.join();
-    const auto id = account->Id();
-    EXPECT_TRUE(id == 1 || id == 4);
-    EXPECT_EQ(account->Type(), id == 1 ? UserType::observer : UserType::driver);
 }
 
 // The process-wide account is checked in a child process, so no other test meets it.
