@@ -59,14 +59,14 @@ std::vector<PointRow> thinned(std::vector<PointRow> points, std::size_t limit) {
     std::vector<PointRow> out;
     out.reserve(std::min(points.size(), faults + room));
     std::size_t seen = 0, kept = 0;
-    for (PointRow& p : points) {
+    for (const PointRow& p : points) {
         if (p.hasFault()) {
-            out.push_back(std::move(p));
+            out.push_back(p);
             continue;
         }
         // Keep the plain point when the even share of the room reaches the next whole point.
         if (room > 0 && (seen * room) / plain >= kept) {
-            out.push_back(std::move(p));
+            out.push_back(p);
             ++kept;
         }
         ++seen;

@@ -274,7 +274,7 @@ Parsed<std::vector<PointRow>> parseMotionText(std::string_view text) {
             p.penaltyPerKM[i] = values[5 + i];
         }
         p.fuelPerKM = values[10];
-        points.push_back(std::move(p));
+        points.push_back(p);
     }
     return {std::move(points), {}};
 }
