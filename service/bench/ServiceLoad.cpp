@@ -86,6 +86,13 @@ long residentKiB() {
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
+/// The database and the files beside it: its logs and its record files.
+void removeDatabase(const std::string& path) {
+    for (const std::string file : {"", ".motion-1", ".motion-2", ".motion-3"}) {
+        for (const char* suffix : {"", "-wal", "-shm"}) std::remove((path + file + suffix).c_str());
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -102,7 +109,7 @@ int main(int argc, char** argv) {
         if (arg == "--bulks") bulksPerClient = std::atoi(value);
         if (arg == "--db") options.databasePath = value;
     }
-    std::remove(options.databasePath.c_str());
+    removeDatabase(options.databasePath);
     kestrelvue::service::tuneAllocatorForService();  // as the serve command does
     kestrelvue::service::ReferenceService service(options);
     if (!service.start()) {
@@ -150,7 +157,7 @@ int main(int argc, char** argv) {
 
     if (bulksOnly) {
         service.stop();
-        std::remove(options.databasePath.c_str());
+        removeDatabase(options.databasePath);
         return failures.load() == 0 ? 0 : 1;
     }
 
@@ -192,6 +199,6 @@ int main(int argc, char** argv) {
         "after a trim here)\n",
         before, double(bigBytes) / 1e6, after, residentKiB());
     service.stop();
-    std::remove(options.databasePath.c_str());
+    removeDatabase(options.databasePath);
     return failures.load() == 0 ? 0 : 1;
 }

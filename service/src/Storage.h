@@ -1,23 +1,22 @@
 #pragma once
-// SQLite storage of the reference service. One connection, serialised by a mutex: the service's
-// load is a handful of phones, and SQLite writes are serial anyway. A second connection on a thread
-// of its own copies the write-ahead log back into the database file, so that no request waits
-// for that copy and its syncs.
+// SQLite storage of the reference service. Trips, accounts and friends: one connection,
+// serialised by a mutex. Motion records: MotionFile, spread over files by trip.
 
 #include <array>
-#include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
+#include <unordered_set>
 #include <vector>
 
 struct sqlite3;
-struct sqlite3_stmt;
 
 namespace kestrelvue::service {
+
+class MotionFile;
 
 /// One evaluated sample as the motion text carries it: its key (running number and record time,
 /// within the trip it arrived under), position and the eleven penalties.
@@ -62,7 +61,7 @@ struct LeaderRow {
 
 class Storage {
 public:
-    Storage() = default;
+    Storage();
     ~Storage();
     Storage(const Storage&) = delete;
     Storage& operator=(const Storage&) = delete;
@@ -93,25 +92,16 @@ public:
     std::vector<LeaderRow> leaders(const UserRow& me, int scope);
 
 private:
-    bool exec(const char* sql, std::string& error);
-    /// Moves the records of a file written before they were kept by their key alone.
-    bool upgradePoints(std::string& error);
-    /// The insert of one point, or of kRowsPerInsert points, prepared once.
-    sqlite3_stmt* prepared(std::size_t rows);
-    static constexpr std::size_t kRowsPerInsert = 32;
-    /// The arrival number of the next record stored: a route lists its records in arrival order.
-    std::int64_t nextArrival_ = 1;
-    /// Called after each commit with the log's length in pages; wakes the checkpointer.
-    static int committed(void* self, sqlite3* db, const char* schema, int pages);
-    void checkpointLoop();
+    /// Marks new record files as this database's; false when one is another's.
+    bool claimMotionFiles(const std::string& path, std::string& error);
+    /// The file that keeps `guid`'s records.
+    MotionFile& motionOf(const std::string& guid);
+    /// Four files: bulks of two trips seldom share one, and two cores store side by side.
+    static constexpr std::size_t kMotionFiles = 4;
+    std::vector<std::unique_ptr<MotionFile>> motion_;
+    std::unordered_set<std::string> keptInDatabaseFile_;
     std::mutex mutex_;
     sqlite3* db_ = nullptr;
-    sqlite3_stmt *insertOne_ = nullptr, *insertMany_ = nullptr;
-    std::string path_;
-    std::thread checkpointer_;
-    std::mutex checkpointMutex_;
-    std::condition_variable checkpointWake_;
-    bool checkpointDue_ = false, stopping_ = false;
 };
 
 }  // namespace kestrelvue::service

@@ -216,7 +216,9 @@ TEST_F(ReferenceServiceTest, IdleConnectionsAndASlowSenderDoNotBlockOthers) {
 
 // A file of the previous version (records numbered by arrival, one from before records had keys)
 // keeps every record, in arrival order, and its keys: a repeat is still refused after the upgrade.
-TEST(ReferenceServiceUpgrade, EarlierFilesKeepTheirRecordsInArrivalOrder) {
+// Records of an earlier file stay where they are, trips it knows included, and a record file of
+// another database is refused rather than mixed in.
+TEST(ReferenceServiceFiles, EarlierRecordsStayInOrderAndForeignFilesAreRefused) {
     const std::string db = ::testing::TempDir() + "kv-upgrade-" + std::to_string(::getpid());
     const std::string repeat = motionRecord(5, 0, 0, 0, 1);
     std::string time = repeat;  // its record time, the 24th field, as the old service kept it
@@ -235,18 +237,31 @@ TEST(ReferenceServiceUpgrade, EarlierFilesKeepTheirRecordsInArrivalOrder) {
 
     service::ServiceOptions options;
     options.databasePath = db;
-    service::ReferenceService service(options);
-    ASSERT_TRUE(service.start()) << service.error();
-    httplib::Client client("127.0.0.1", service.port());
-    auto res = client.Post("/api/Driving/addMotionData",
-                           bulkBody("A", repeat + motionRecord(6, 0, 0, 0, 3)), "application/json");
-    ASSERT_TRUE(res && res->status == 200);
-    res = client.Get("/api/Driving/getPassedCoordinates/A");
-    const auto route = json::parse(res ? res->body : "");
-    ASSERT_TRUE(route && route.value->isList());
-    std::vector<double> latitudes;
-    for (const Value& p : *route.value->asList())
-        latitudes.push_back(*p.find("Latitude")->asNumber());
-    EXPECT_EQ(latitudes, (std::vector<double>{1, 3, 4, 6}));
+    {
+        service::ReferenceService service(options);
+        ASSERT_TRUE(service.start()) << service.error();
+        httplib::Client client("127.0.0.1", service.port());
+        // "B" and "F" would go to the same new file; "B" was stored before.
+        for (const auto& [trip, route] : std::vector<std::pair<std::string, std::vector<double>>>{
+                 {"A", {1, 3, 4, 6}}, {"B", {2, 6}}, {"F", {5, 6}}}) {
+            auto res = client.Post("/api/Driving/addMotionData",
+                                   bulkBody(trip, repeat + motionRecord(6, 0, 0, 0, 3)),
+                                   "application/json");
+            ASSERT_TRUE(res && res->status == 200);
+            res = client.Get(("/api/Driving/getPassedCoordinates/" + trip).c_str());
+            const auto parsed = json::parse(res ? res->body : "");
+            ASSERT_TRUE(parsed && parsed.value->isList());
+            std::vector<double> latitudes;
+            for (const Value& p : *parsed.value->asList())
+                latitudes.push_back(*p.find("Latitude")->asNumber());
+            EXPECT_EQ(latitudes, route) << trip;
+        }
+    }
     for (const char* suffix : {"", "-wal", "-shm"}) std::remove((db + suffix).c_str());
+    service::ReferenceService anew(options);
+    EXPECT_FALSE(anew.start());
+    EXPECT_NE(anew.error().find(".motion-1 holds records of another database"), std::string::npos);
+    for (const std::string file : {"", ".motion-1", ".motion-2", ".motion-3"}) {
+        for (const char* suffix : {"", "-wal", "-shm"}) std::remove((db + file + suffix).c_str());
+    }
 }

@@ -1,0 +1,80 @@
+#pragma once
+// Small helpers over SQLite's C interface, shared by the service's stores.
+
+#include <sqlite3.h>
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <thread>
+
+namespace kestrelvue::service {
+
+/// A prepared statement that finalises itself.
+class Statement {
+public:
+    Statement(sqlite3* db, const char* sql) { sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr); }
+    ~Statement() { sqlite3_finalize(stmt_); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    Statement& bind(int i, std::int64_t v) { return sqlite3_bind_int64(stmt_, i, v), *this; }
+    Statement& bind(int i, double v) { return sqlite3_bind_double(stmt_, i, v), *this; }
+    Statement& bind(int i, const std::string& v) {
+        sqlite3_bind_text(stmt_, i, v.data(), static_cast<int>(v.size()), SQLITE_TRANSIENT);
+        return *this;
+    }
+    bool step() { return stmt_ && sqlite3_step(stmt_) == SQLITE_ROW; }
+    bool run() { return stmt_ && sqlite3_step(stmt_) == SQLITE_DONE; }
+    void reset() {
+        sqlite3_reset(stmt_);
+        sqlite3_clear_bindings(stmt_);
+    }
+    std::int64_t integer(int c) { return sqlite3_column_int64(stmt_, c); }
+    double real(int c) { return sqlite3_column_double(stmt_, c); }
+    std::string text(int c) {
+        auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, c));
+        return p ? std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c))) : "";
+    }
+
+private:
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
+/// Runs `sql`; false with SQLite's message in `error` when it fails.
+inline bool execute(sqlite3* db, const char* sql, std::string& error) {
+    char* message = nullptr;
+    if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+        error = message ? message : "SQLite error";
+        sqlite3_free(message);
+        return false;
+    }
+    return true;
+}
+
+/// Waits for a lock another connection holds: up to two seconds, looking again every 200 us.
+/// SQLite's own timed wait sleeps 1, 2, 5, 10, 15, 20 ms and so on between looks, so a request
+/// that met a checkpoint's few milliseconds waited tens of them.
+inline int waitBriefly(void*, int tries) {
+    constexpr int kLookEveryMicros = 200, kGiveUpAfterMicros = 2'000'000;
+    if (tries * kLookEveryMicros >= kGiveUpAfterMicros) return 0;
+    std::this_thread::sleep_for(std::chrono::microseconds(kLookEveryMicros));
+    return 1;
+}
+
+/// Opens `path` for one thread at a time (the caller serialises its use), waiting briefly.
+inline bool openConnection(const std::string& path, sqlite3*& db, std::string& error) {
+    if (sqlite3_open_v2(path.c_str(), &db,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                        nullptr) != SQLITE_OK) {
+        error = "cannot open database " + path + ": " + sqlite3_errmsg(db);
+        return false;
+    }
+    sqlite3_busy_handler(db, waitBriefly, nullptr);
+    // Larger pages for a new file (an existing one keeps its size): a bulk writes a quarter as
+    // many pages to the log, and copies a quarter as many back.
+    sqlite3_exec(db, "PRAGMA page_size = 16384", nullptr, nullptr, nullptr);
+    return true;
+}
+
+}  // namespace kestrelvue::service
