@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <charconv>
 #include <chrono>
 #include <cmath>
@@ -177,6 +178,7 @@ struct ReferenceService::Impl {
     Storage storage;
     httplib::Server server;
     std::thread thread;
+    std::atomic<bool> loopEnded{false};
     int port = 0;
     bool opened = false;
     std::string error;
@@ -483,7 +485,14 @@ ReferenceService::~ReferenceService() {
 bool ReferenceService::start() {
     if (!impl_->bind()) return false;
     // The socket already listens: connections made from now on queue until the loop accepts.
-    impl_->thread = std::thread([impl = impl_.get()] { impl->server.listen_after_bind(); });
+    impl_->thread = std::thread([impl = impl_.get()] {
+        impl->server.listen_after_bind();
+        impl->loopEnded = true;
+    });
+    // httplib's stop ends the loop only once it runs: a stop before then would leave it waiting
+    // in accept for good.
+    while (!impl_->server.is_running() && !impl_->loopEnded)
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
     return true;
 }
 

@@ -265,3 +265,7 @@ TEST(ReferenceServiceFiles, EarlierRecordsStayInOrderAndForeignFilesAreRefused) 
         for (const char* suffix : {"", "-wal", "-shm"}) std::remove((db + file + suffix).c_str());
     }
 }
+
+TEST(ReferenceServiceLifecycle, StopsRightAfterStarting) {
+    for (int i = 0; i < 20; ++i) ASSERT_TRUE(service::ReferenceService({}).start());
+}
