@@ -15,6 +15,7 @@
 #include <string_view>
 #include <thread>
 
+#include "BufferedServer.h"
 #include "DefaultBands.h"
 #include "Requests.h"
 #include "Storage.h"
@@ -176,7 +177,7 @@ bool writeTrip(std::string& out, const DrivingRow& d) {
 struct ReferenceService::Impl {
     ServiceOptions options;
     Storage storage;
-    httplib::Server server;
+    BufferedServer server;
     std::thread thread;
     std::atomic<bool> loopEnded{false};
     int port = 0;
@@ -502,7 +503,7 @@ bool ReferenceService::run() {
 }
 
 void ReferenceService::stop() {
-    impl_->server.stop();
+    impl_->server.shutdown();
     if (impl_->thread.joinable()) impl_->thread.join();
 }
 
