@@ -224,6 +224,9 @@ void ReferenceService::Impl::routes() {
     server.new_task_queue = [workers] { return new httplib::ThreadPool(workers); };
     server.set_read_timeout(options.readTimeoutSeconds, 0);
     server.set_keep_alive_timeout(options.readTimeoutSeconds);
+    // A phone posts a bulk every few seconds while it drives: httplib's default of five requests
+    // a connection would make it connect anew every fifth bulk.
+    server.set_keep_alive_max_count(1000);
     // A reply goes out in two writes (head, then body): with Nagle's algorithm the body waits for
     // the client's delayed acknowledgement of the head, some 40 ms on a kept connection.
     server.set_tcp_nodelay(true);
