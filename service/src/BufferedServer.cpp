@@ -7,8 +7,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 namespace kestrelvue::service {
@@ -97,7 +99,7 @@ private:
 
     int sock_;
     int readMillis_, writeMillis_;
-    std::array<char, 64 * 1024> buffer_;
+    std::array<char, std::size_t{64} * 1024> buffer_;
     std::size_t at_ = 0, filled_ = 0;
 };
 
