@@ -1,16 +1,11 @@
 #include "MotionFile.h"
 
-#include <utility>
-
 #include "Sqlite.h"
 
 namespace kestrelvue::service {
 namespace {
 
 constexpr const char* kSchema = R"sql(
-PRAGMA journal_mode = WAL;
--- Safe against a crash of the service; only a power loss may undo the last commits.
-PRAGMA synchronous = NORMAL;
 -- One b-tree of records ordered by their key: a bulk sent again finds its records where they
 -- would go. The key is three integers (the trip's number, the running number, the record time's
 -- digits), which compare and store in a fraction of the texts' cost. The arrival number orders a
@@ -112,13 +107,10 @@ int MotionFile::committed(void* self, sqlite3* db, const char* schema, int pages
 
 void MotionFile::checkpointLoop() {
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(path_.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr) !=
-        SQLITE_OK) {
+    if (std::string error; !openConnection(path_, db, error)) {
         sqlite3_close(db);
         return;  // the committing requests copy the log themselves, past kInlineCheckpointPages
     }
-    sqlite3_busy_handler(db, waitBriefly, nullptr);
-    sqlite3_exec(db, "PRAGMA synchronous = NORMAL", nullptr, nullptr, nullptr);
     std::unique_lock lock(checkpointMutex_);
     while (true) {
         checkpointWake_.wait(lock, [this] { return checkpointDue_ || stopping_; });

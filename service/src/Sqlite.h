@@ -72,8 +72,15 @@ inline bool openConnection(const std::string& path, sqlite3*& db, std::string& e
     }
     sqlite3_busy_handler(db, waitBriefly, nullptr);
     // Larger pages for a new file (an existing one keeps its size): a bulk writes a quarter as
-    // many pages to the log, and copies a quarter as many back.
-    sqlite3_exec(db, "PRAGMA page_size = 16384", nullptr, nullptr, nullptr);
+    // many pages to the log, and copies a quarter as many back. The write-ahead log lets requests
+    // read while one writes; a commit is then safe against a crash of the service, and only a
+    // power loss may undo the last commits.
+    if (!execute(db,
+                 "PRAGMA page_size = 16384; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL",
+                 error)) {
+        error = "cannot open database " + path + ": " + error;
+        return false;
+    }
     return true;
 }
 

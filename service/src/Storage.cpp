@@ -14,9 +14,6 @@ namespace kestrelvue::service {
 namespace {
 
 constexpr const char* kSchema = R"sql(
-PRAGMA journal_mode = WAL;
--- Safe against a crash of the service; only a power loss may undo the last commits.
-PRAGMA synchronous = NORMAL;
 CREATE TABLE IF NOT EXISTS drivings (
   guid TEXT PRIMARY KEY, user_id INTEGER, start_dt TEXT, end_dt TEXT, start_loc TEXT,
   end_loc TEXT, start_lat REAL, start_lon REAL, end_lat REAL, end_lon REAL, score REAL,
