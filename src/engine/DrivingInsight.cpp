@@ -108,7 +108,7 @@ DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
     getThresholdsFromServer();
 
     // From now on trips made over this environment report their uploads to this engine.
-    detail::registerTripReporter(env_, this, [this] { return drivingInsightDelegate(); });
+    detail::registerTripReporter(env_, this, [this] { return delegateSnapshot(); });
 }
 
 DrivingInsight::Impl::~Impl() {
@@ -129,70 +129,32 @@ std::shared_ptr<DrivingInsightDelegate> DrivingInsight::Impl::delegateSnapshot()
     return drivingInsightDelegate_;
 }
 
-// ---- Host-settable fields ---------------------------------------------------------------------
+// ---- Accessors: each reads or writes its field under the engine's lock ------------------------
 
-std::int64_t DrivingInsight::Impl::bulkMotionDataSize() const {
-    std::lock_guard lock(mutex_);
-    return bulkMotionDataSize_;
-}
-void DrivingInsight::Impl::setBulkMotionDataSize(std::int64_t value) {
-    std::lock_guard lock(mutex_);
-    bulkMotionDataSize_ = value;
-}
-std::string DrivingInsight::Impl::bundleDisplayName() const {
-    std::lock_guard lock(mutex_);
-    return bundleDisplayName_;
-}
-void DrivingInsight::Impl::setBundleDisplayName(std::string value) {
-    std::lock_guard lock(mutex_);
-    bundleDisplayName_ = std::move(value);
-}
-std::shared_ptr<platform::MotionManager> DrivingInsight::Impl::MotionManager() const {
-    std::lock_guard lock(mutex_);
-    return motionManager_;
-}
-void DrivingInsight::Impl::setMotionManager(std::shared_ptr<platform::MotionManager> value) {
-    std::lock_guard lock(mutex_);
-    motionManager_ = std::move(value);
-}
-std::shared_ptr<platform::LocationManager> DrivingInsight::Impl::LocationManager() const {
-    std::lock_guard lock(mutex_);
-    return locationManager_;
-}
-void DrivingInsight::Impl::setLocationManager(std::shared_ptr<platform::LocationManager> value) {
-    std::lock_guard lock(mutex_);
-    locationManager_ = std::move(value);
-}
-std::shared_ptr<HistoryDataDelegate> DrivingInsight::Impl::historyDataDelegate() const {
-    std::lock_guard lock(mutex_);
-    return historyDataDelegate_;
-}
-void DrivingInsight::Impl::setHistoryDataDelegate(std::shared_ptr<HistoryDataDelegate> value) {
-    std::lock_guard lock(mutex_);
-    historyDataDelegate_ = std::move(value);
-}
-std::shared_ptr<DrivingInsightDelegate> DrivingInsight::Impl::drivingInsightDelegate() const {
-    return delegateSnapshot();
-}
-void DrivingInsight::Impl::setDrivingInsightDelegate(
-    std::shared_ptr<DrivingInsightDelegate> value) {
-    std::lock_guard lock(mutex_);
-    drivingInsightDelegate_ = std::move(value);
-}
-
-// ---- Accessors --------------------------------------------------------------------------------
-
-#define KV_GETTER(Type, Name, field)          \
-    Type DrivingInsight::Impl::Name() const { \
-        std::lock_guard lock(mutex_);         \
-        return field;                         \
+#define KV_GETTER(Type, Name, field)         \
+    Type DrivingInsight::Name() const {      \
+        std::lock_guard lock(impl_->mutex_); \
+        return impl_->field;                 \
     }
-#define KV_SETTER(Type, Name, field)              \
-    void DrivingInsight::Impl::Name(Type value) { \
-        std::lock_guard lock(mutex_);             \
-        (field) = std::move(value);               \
+#define KV_SETTER(Type, Name, field)         \
+    void DrivingInsight::Name(Type value) {  \
+        std::lock_guard lock(impl_->mutex_); \
+        impl_->field = std::move(value);     \
     }
 
+KV_GETTER(std::int64_t, bulkMotionDataSize, bulkMotionDataSize_)
+KV_SETTER(std::int64_t, setBulkMotionDataSize, bulkMotionDataSize_)
+KV_GETTER(std::string, bundleDisplayName, bundleDisplayName_)
+KV_SETTER(std::string, setBundleDisplayName, bundleDisplayName_)
+KV_GETTER(std::shared_ptr<platform::MotionManager>, MotionManager, motionManager_)
+KV_SETTER(std::shared_ptr<platform::MotionManager>, setMotionManager, motionManager_)
+KV_GETTER(std::shared_ptr<platform::LocationManager>, LocationManager, locationManager_)
+KV_SETTER(std::shared_ptr<platform::LocationManager>, setLocationManager, locationManager_)
+KV_GETTER(std::shared_ptr<HistoryDataDelegate>, historyDataDelegate, historyDataDelegate_)
+KV_SETTER(std::shared_ptr<HistoryDataDelegate>, setHistoryDataDelegate, historyDataDelegate_)
+KV_GETTER(std::shared_ptr<DrivingInsightDelegate>, drivingInsightDelegate, drivingInsightDelegate_)
+KV_SETTER(std::shared_ptr<DrivingInsightDelegate>, setDrivingInsightDelegate,
+          drivingInsightDelegate_)
 KV_GETTER(std::int64_t, UserID, userID)
 KV_SETTER(std::int64_t, setUserID, userID)
 KV_GETTER(std::string, DrivingID, trip.drivingID)
@@ -247,24 +209,24 @@ KV_SETTER(std::optional<double>, setTemperature, trip.temperature)
 #undef KV_GETTER
 #undef KV_SETTER
 
-void DrivingInsight::Impl::setSummaryDataRecord(const kestrelvue::SummaryData& value) {
-    std::lock_guard lock(mutex_);
-    summaryData = value;
+void DrivingInsight::setSummaryDataRecord(const kestrelvue::SummaryData& value) {
+    std::lock_guard lock(impl_->mutex_);
+    impl_->summaryData = value;
 }
 
-void DrivingInsight::Impl::setCurrentLocation(std::optional<platform::Location> value) {
-    std::lock_guard lock(mutex_);
-    trip.odometer.moveTo(value, settings.distanceFilterForSpeed);
+void DrivingInsight::setCurrentLocation(std::optional<platform::Location> value) {
+    std::lock_guard lock(impl_->mutex_);
+    impl_->trip.odometer.moveTo(value, impl_->settings.distanceFilterForSpeed);
 }
 
-void DrivingInsight::Impl::setTraveledDistanceSinceLastLocation(double value) {
-    std::lock_guard lock(mutex_);
-    trip.odometer.addLeg(value);
+void DrivingInsight::setTraveledDistanceSinceLastLocation(double value) {
+    std::lock_guard lock(impl_->mutex_);
+    impl_->trip.odometer.addLeg(value);
 }
 
-void DrivingInsight::Impl::setCurrentSpeed(double value) {
-    std::lock_guard lock(mutex_);
-    trip.odometer.setSpeed(value);
+void DrivingInsight::setCurrentSpeed(double value) {
+    std::lock_guard lock(impl_->mutex_);
+    impl_->trip.odometer.setSpeed(value);
 }
 
 std::shared_ptr<Trip> DrivingInsight::Impl::CurrentTrip() const {
@@ -294,251 +256,6 @@ RestfulCall& DrivingInsight::restfulCall() const {
 }
 const Environment& DrivingInsight::environment() const {
     return impl_->env_;
-}
-
-std::int64_t DrivingInsight::bulkMotionDataSize() const {
-    return impl_->bulkMotionDataSize();
-}
-
-void DrivingInsight::setBulkMotionDataSize(std::int64_t value) {
-    impl_->setBulkMotionDataSize(value);
-}
-
-std::string DrivingInsight::bundleDisplayName() const {
-    return impl_->bundleDisplayName();
-}
-
-void DrivingInsight::setBundleDisplayName(std::string value) {
-    impl_->setBundleDisplayName(std::move(value));
-}
-
-std::shared_ptr<platform::MotionManager> DrivingInsight::MotionManager() const {
-    return impl_->MotionManager();
-}
-
-void DrivingInsight::setMotionManager(std::shared_ptr<platform::MotionManager> value) {
-    impl_->setMotionManager(std::move(value));
-}
-
-std::shared_ptr<platform::LocationManager> DrivingInsight::LocationManager() const {
-    return impl_->LocationManager();
-}
-
-void DrivingInsight::setLocationManager(std::shared_ptr<platform::LocationManager> value) {
-    impl_->setLocationManager(std::move(value));
-}
-
-std::shared_ptr<HistoryDataDelegate> DrivingInsight::historyDataDelegate() const {
-    return impl_->historyDataDelegate();
-}
-
-void DrivingInsight::setHistoryDataDelegate(std::shared_ptr<HistoryDataDelegate> value) {
-    impl_->setHistoryDataDelegate(std::move(value));
-}
-
-std::shared_ptr<DrivingInsightDelegate> DrivingInsight::drivingInsightDelegate() const {
-    return impl_->drivingInsightDelegate();
-}
-
-void DrivingInsight::setDrivingInsightDelegate(std::shared_ptr<DrivingInsightDelegate> value) {
-    impl_->setDrivingInsightDelegate(std::move(value));
-}
-
-std::int64_t DrivingInsight::UserID() const {
-    return impl_->UserID();
-}
-
-void DrivingInsight::setUserID(std::int64_t value) {
-    impl_->setUserID(value);
-}
-
-std::string DrivingInsight::DrivingID() const {
-    return impl_->DrivingID();
-}
-
-bool DrivingInsight::IsDriving() const {
-    return impl_->IsDriving();
-}
-
-std::shared_ptr<Trip> DrivingInsight::LastTrip() const {
-    return impl_->LastTrip();
-}
-
-std::vector<std::shared_ptr<Trip>> DrivingInsight::TripHistory() const {
-    return impl_->TripHistory();
-}
-
-void DrivingInsight::setTripHistory(std::vector<std::shared_ptr<Trip>> value) {
-    impl_->setTripHistory(std::move(value));
-}
-
-kestrelvue::SummaryData DrivingInsight::getSummaryDataRecord() const {
-    return impl_->getSummaryDataRecord();
-}
-
-void DrivingInsight::setSummaryDataRecord(const kestrelvue::SummaryData& value) {
-    impl_->setSummaryDataRecord(value);
-}
-
-ThresholdList DrivingInsight::FuelEfficiencyLevel() const {
-    return impl_->FuelEfficiencyLevel();
-}
-
-void DrivingInsight::setFuelEfficiencyLevel(ThresholdList value) {
-    impl_->setFuelEfficiencyLevel(std::move(value));
-}
-
-std::optional<platform::TimePoint> DrivingInsight::StartDateTime() const {
-    return impl_->StartDateTime();
-}
-
-void DrivingInsight::setStartDateTime(std::optional<platform::TimePoint> value) {
-    impl_->setStartDateTime(value);
-}
-
-std::optional<platform::TimePoint> DrivingInsight::EndDateTime() const {
-    return impl_->EndDateTime();
-}
-
-void DrivingInsight::setEndDateTime(std::optional<platform::TimePoint> value) {
-    impl_->setEndDateTime(value);
-}
-
-std::optional<platform::Location> DrivingInsight::StartLocation() const {
-    return impl_->StartLocation();
-}
-
-void DrivingInsight::setStartLocation(std::optional<platform::Location> value) {
-    impl_->setStartLocation(value);
-}
-
-std::optional<platform::Location> DrivingInsight::EndLocation() const {
-    return impl_->EndLocation();
-}
-
-void DrivingInsight::setEndLocation(std::optional<platform::Location> value) {
-    impl_->setEndLocation(value);
-}
-
-std::string DrivingInsight::StartLocationStr() const {
-    return impl_->StartLocationStr();
-}
-
-void DrivingInsight::setStartLocationStr(std::string value) {
-    impl_->setStartLocationStr(std::move(value));
-}
-
-std::string DrivingInsight::EndLocationStr() const {
-    return impl_->EndLocationStr();
-}
-
-void DrivingInsight::setEndLocationStr(std::string value) {
-    impl_->setEndLocationStr(std::move(value));
-}
-
-std::optional<platform::Location> DrivingInsight::CurrentLocation() const {
-    return impl_->CurrentLocation();
-}
-
-void DrivingInsight::setCurrentLocation(std::optional<platform::Location> value) {
-    impl_->setCurrentLocation(value);
-}
-
-platform::MapPinRef DrivingInsight::StartAnnotation() const {
-    return impl_->StartAnnotation();
-}
-
-void DrivingInsight::setStartAnnotation(platform::MapPinRef value) {
-    impl_->setStartAnnotation(std::move(value));
-}
-
-platform::MapPinRef DrivingInsight::EndAnnotation() const {
-    return impl_->EndAnnotation();
-}
-
-void DrivingInsight::setEndAnnotation(platform::MapPinRef value) {
-    impl_->setEndAnnotation(std::move(value));
-}
-
-std::vector<platform::Coordinate> DrivingInsight::PassedCoordinates() const {
-    return impl_->PassedCoordinates();
-}
-
-void DrivingInsight::setPassedCoordinates(std::vector<platform::Coordinate> value) {
-    impl_->setPassedCoordinates(std::move(value));
-}
-
-std::optional<platform::DateComponents> DrivingInsight::TimeElapsedSinceStart() const {
-    return impl_->TimeElapsedSinceStart();
-}
-
-void DrivingInsight::setTimeElapsedSinceStart(std::optional<platform::DateComponents> value) {
-    impl_->setTimeElapsedSinceStart(value);
-}
-
-std::optional<platform::DateComponents> DrivingInsight::TimeElapsedSinceLastLocation() const {
-    return impl_->TimeElapsedSinceLastLocation();
-}
-
-void DrivingInsight::setTimeElapsedSinceLastLocation(
-    std::optional<platform::DateComponents> value) {
-    impl_->setTimeElapsedSinceLastLocation(value);
-}
-
-double DrivingInsight::HoursElapsedSinceStart() const {
-    return impl_->HoursElapsedSinceStart();
-}
-
-void DrivingInsight::setHoursElapsedSinceStart(double value) {
-    impl_->setHoursElapsedSinceStart(value);
-}
-
-double DrivingInsight::HoursElapsedSinceLastLocation() const {
-    return impl_->HoursElapsedSinceLastLocation();
-}
-
-void DrivingInsight::setHoursElapsedSinceLastLocation(double value) {
-    impl_->setHoursElapsedSinceLastLocation(value);
-}
-
-double DrivingInsight::TotalTraveledDistance() const {
-    return impl_->TotalTraveledDistance();
-}
-
-void DrivingInsight::setTotalTraveledDistance(double value) {
-    impl_->setTotalTraveledDistance(value);
-}
-
-double DrivingInsight::TraveledDistanceSinceLastLocation() const {
-    return impl_->TraveledDistanceSinceLastLocation();
-}
-
-void DrivingInsight::setTraveledDistanceSinceLastLocation(double value) {
-    impl_->setTraveledDistanceSinceLastLocation(value);
-}
-
-double DrivingInsight::CurrentSpeed() const {
-    return impl_->CurrentSpeed();
-}
-
-void DrivingInsight::setCurrentSpeed(double value) {
-    impl_->setCurrentSpeed(value);
-}
-
-double DrivingInsight::Score() const {
-    return impl_->Score();
-}
-
-void DrivingInsight::setScore(double value) {
-    impl_->setScore(value);
-}
-
-std::optional<double> DrivingInsight::Temperature() const {
-    return impl_->Temperature();
-}
-
-void DrivingInsight::setTemperature(std::optional<double> value) {
-    impl_->setTemperature(value);
 }
 
 std::shared_ptr<Trip> DrivingInsight::CurrentTrip() const {

@@ -1,6 +1,7 @@
 #pragma once
 // The engine's implementation: every piece of state DrivingInsight has, and the operations on
-// it. The public class forwards to it, so that a new field changes nothing hosts compile against.
+// it. The public class's accessors read and write these fields under mutex_, and its operations
+// forward here, so that a new field changes nothing hosts compile against.
 //
 // Threading: host calls, motion samples and geocoder answers arrive on the host's main thread;
 // service replies and the handlers they trigger run on HTTP worker threads. All state below is
@@ -35,73 +36,6 @@ struct DrivingInsight::Impl {
     const std::string getWeatherInfoURL;
     const std::string getSummaryURL;
 
-    // ---- Host-settable fields -------------------------------------------------------------
-    std::int64_t bulkMotionDataSize() const;
-    void setBulkMotionDataSize(std::int64_t value);
-    std::string bundleDisplayName() const;
-    void setBundleDisplayName(std::string value);
-    std::shared_ptr<platform::MotionManager> MotionManager() const;
-    void setMotionManager(std::shared_ptr<platform::MotionManager> value);
-    std::shared_ptr<platform::LocationManager> LocationManager() const;
-    void setLocationManager(std::shared_ptr<platform::LocationManager> value);
-    std::shared_ptr<HistoryDataDelegate> historyDataDelegate() const;
-    void setHistoryDataDelegate(std::shared_ptr<HistoryDataDelegate> value);
-    std::shared_ptr<DrivingInsightDelegate> drivingInsightDelegate() const;
-    void setDrivingInsightDelegate(std::shared_ptr<DrivingInsightDelegate> value);
-
-    // ---- Accessors ------------------------------------------------------------------------
-    std::int64_t UserID() const;
-    void setUserID(std::int64_t value);
-    std::string DrivingID() const;
-    bool IsDriving() const;
-    std::shared_ptr<Trip> LastTrip() const;
-    std::vector<std::shared_ptr<Trip>> TripHistory() const;
-    void setTripHistory(std::vector<std::shared_ptr<Trip>> value);
-    kestrelvue::SummaryData getSummaryDataRecord() const;  // the `SummaryData` accessor
-    void setSummaryDataRecord(const kestrelvue::SummaryData& value);
-    ThresholdList FuelEfficiencyLevel() const;
-    void setFuelEfficiencyLevel(ThresholdList value);
-    std::optional<platform::TimePoint> StartDateTime() const;
-    void setStartDateTime(std::optional<platform::TimePoint> value);
-    std::optional<platform::TimePoint> EndDateTime() const;
-    void setEndDateTime(std::optional<platform::TimePoint> value);
-    std::optional<platform::Location> StartLocation() const;
-    void setStartLocation(std::optional<platform::Location> value);
-    std::optional<platform::Location> EndLocation() const;
-    void setEndLocation(std::optional<platform::Location> value);
-    std::string StartLocationStr() const;
-    void setStartLocationStr(std::string value);
-    std::string EndLocationStr() const;
-    void setEndLocationStr(std::string value);
-    std::optional<platform::Location> CurrentLocation() const;
-    /// Computes speed and distance from the old fix to `value`, then stores it.
-    void setCurrentLocation(std::optional<platform::Location> value);
-    platform::MapPinRef StartAnnotation() const;
-    void setStartAnnotation(platform::MapPinRef value);
-    platform::MapPinRef EndAnnotation() const;
-    void setEndAnnotation(platform::MapPinRef value);
-    std::vector<platform::Coordinate> PassedCoordinates() const;
-    void setPassedCoordinates(std::vector<platform::Coordinate> value);
-    std::optional<platform::DateComponents> TimeElapsedSinceStart() const;
-    void setTimeElapsedSinceStart(std::optional<platform::DateComponents> value);
-    std::optional<platform::DateComponents> TimeElapsedSinceLastLocation() const;
-    void setTimeElapsedSinceLastLocation(std::optional<platform::DateComponents> value);
-    double HoursElapsedSinceStart() const;
-    void setHoursElapsedSinceStart(double value);
-    double HoursElapsedSinceLastLocation() const;
-    void setHoursElapsedSinceLastLocation(double value);
-    double TotalTraveledDistance() const;
-    void setTotalTraveledDistance(double value);
-    double TraveledDistanceSinceLastLocation() const;
-    /// Stores the value, then adds it to the total travelled distance.
-    void setTraveledDistanceSinceLastLocation(double value);
-    double CurrentSpeed() const;
-    /// Copies the old speed into previousSpeed, then stores the new one.
-    void setCurrentSpeed(double value);
-    double Score() const;
-    void setScore(double value);
-    std::optional<double> Temperature() const;
-    void setTemperature(std::optional<double> value);
     /// A fresh record built from the engine's fields at this moment.
     std::shared_ptr<Trip> CurrentTrip() const;
 

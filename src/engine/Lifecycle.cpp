@@ -45,7 +45,11 @@ bool DrivingInsight::Impl::startTrip() {
     auto counter = std::make_shared<std::int64_t>(0);
     env_.application->setIdleTimerDisabled(true);
 
-    std::shared_ptr<platform::MotionManager> motion = MotionManager();
+    std::shared_ptr<platform::MotionManager> motion;
+    {
+        std::lock_guard lock(mutex_);
+        motion = motionManager_;
+    }
     if (!motion || !motion->isDeviceMotionAvailable()) {
         if (auto delegate = delegateSnapshot())
             delegate->tripDidFail(kErrorCode, "Device Motion Desteklenmiyor",

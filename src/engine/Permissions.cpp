@@ -70,7 +70,7 @@ bool DrivingInsight::Impl::checkLocationPermisionWhenInUse() {
     }
 
     if (alert) {
-        if (auto delegate = drivingInsightDelegate())
+        if (auto delegate = delegateSnapshot())
             delegate->tripDidFail(1000, alert->title, alert->message, alert);
         return false;
     }
