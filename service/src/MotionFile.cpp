@@ -257,6 +257,11 @@ std::vector<std::string> MotionFile::trips() {
     return guids;
 }
 
+bool MotionFile::hasRecords() {
+    std::lock_guard lock(mutex_);
+    return Statement(db_, "SELECT 1 FROM motion LIMIT 1").step();
+}
+
 std::int64_t MotionFile::databaseNumber() {
     std::lock_guard lock(mutex_);
     Statement q(db_, "SELECT value FROM counters WHERE name = 'database'");

@@ -34,6 +34,7 @@ public:
     std::vector<PointRow> points(const std::string& guid);
     /// The identifiers of the trips the file has records of.
     std::vector<std::string> trips();
+    bool hasRecords();
     /// The number of the database the file is one of; 0 when it has none yet.
     std::int64_t databaseNumber();
     bool setDatabaseNumber(std::int64_t number);

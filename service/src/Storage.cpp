@@ -133,7 +133,7 @@ bool Storage::claimMotionFiles(const std::string& path, std::string& error) {
         const std::int64_t theirs = motion_[k]->databaseNumber();
         if (theirs == number) continue;
         // A file without records can be taken over whoever made it.
-        if (motion_[k]->trips().empty() && motion_[k]->setDatabaseNumber(number)) continue;
+        if (!motion_[k]->hasRecords() && motion_[k]->setDatabaseNumber(number)) continue;
         error = motionPath(path, k) +
                 " holds records of another database: move it away, or put back the database "
                 "file it was made with";
