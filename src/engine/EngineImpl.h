@@ -14,6 +14,10 @@
 
 namespace kestrelvue {
 
+namespace detail {
+class Deflater;
+}
+
 /// The keys of "showMotionData", in ascending order.
 inline constexpr std::array<const char*, 10> kShowMotionDataKeys = {
     "brakingRate", "calculatedSpeed", "corneringRate", "elevatingRate",         "locationSpeed",
@@ -124,6 +128,9 @@ struct DrivingInsight::Impl {
     std::shared_ptr<Trip> lastTrip;
     /// The durable outbox when the host turned it on (Environment::outboxDirectory), else null.
     std::shared_ptr<detail::Outbox> outbox_;
+    /// Deflates bulks off the sampling thread when the host wants compressed uploads and the
+    /// outbox (which deflates on its own thread) is off; null otherwise.
+    std::unique_ptr<detail::Deflater> deflater_;
 
     detail::Settings settings;
     /// The trip being recorded, or the last one until the next starts.
