@@ -106,7 +106,9 @@ DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
     center_.addObserver(this, "tripEndedSuccessfully",
                         [this](const Notification& n) { tripEndedSuccessfully(n); });
 
-    // 6. The bands and settings; the reply arrives later as "getThresholds".
+    // 6. The bands and settings; the reply arrives later as "getThresholds". Until then, with the
+    // outbox on, the reply kept from an earlier run serves.
+    applyKeptBands();
     getThresholdsFromServer();
 
     // From now on trips made over this environment report their uploads to this engine.
