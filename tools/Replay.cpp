@@ -15,6 +15,7 @@
 
 #include "Outbox.h"
 #include "Requests.h"
+#include "net/Gzip.h"
 #include "net/Outbox.h"
 #include "platform/sim/Sim.h"
 
@@ -95,18 +96,23 @@ public:
     platform::AsyncRequest send(platform::HttpRequest request,
                                 platform::HttpCompletion completion) override {
         const bool motion = request.body && request.url.find("/addMotionData") != std::string::npos;
+        const bool trip = request.body && request.url.find("/addDrivingScore") != std::string::npos;
         std::string key;  // what a repeat of this upload has in common with it
-        if (request.body && request.url.find("/addDrivingScore") != std::string::npos)
-            key = "trip " + *request.body;
+        if (trip) key = "trip " + *request.body;
         // A copy to read: the request goes on first. Kept per thread, so that its memory is
         // reused from bulk to bulk.
         thread_local std::string body;
-        if (motion) body.assign(*request.body);
+        if (motion && !detail::isGzip(*request.body)) {
+            body.assign(*request.body);
+        } else if (motion) {
+            body = detail::gunzip(*request.body, std::size_t{64} << 20).value_or(std::string());
+        }
         auto upload = std::make_shared<Upload>();
         {
             std::lock_guard lock(mutex_);
             inFlight_ += motion ? 2 : 1;  // the reply, and the reading of a bulk
             motionInFlight_ += motion;
+            if (motion || trip) bytesSent_ += request.body->size();
             if (!key.empty() && !sent_.insert(key).second) ++retried_;
         }
         const std::string url = request.url;
@@ -183,6 +189,7 @@ public:
         for (const auto& [guid, items] : confirmed_) out.recordsConfirmed += items.size();
         out.bulksUploaded = bulks_;
         out.uploadsRetried = retried_;
+        out.bytesSent = bytesSent_;
         out.detections = detections_;
         std::sort(out.detections.begin(), out.detections.end(),
                   [](const Detection& a, const Detection& b) { return a.t < b.t; });
@@ -226,7 +233,7 @@ private:
     std::size_t recordsSent_ = 0;
     std::unordered_set<std::string> sent_;
     ItemsByTrip records_, confirmed_;
-    std::size_t bulks_ = 0, retried_ = 0;
+    std::size_t bulks_ = 0, retried_ = 0, bytesSent_ = 0;
     std::vector<Detection> detections_;
     std::string problem_;
     std::int64_t startMillis_ = 0;
@@ -364,6 +371,9 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
     if (options.bulkMotionDataSize) info.emplace("BulkMotionDataSize", *options.bulkMotionDataSize);
     env.applicationInfo = std::move(info);
     if (!options.outboxDirectory.empty()) useOutbox(env, options.outboxDirectory);
+    env.compressUploads = options.compress;
+    result.compressed = options.compress;
+    Awaited unscored(*env.notifications, kTripUnscored);
 
     Awaited thresholds(*env.notifications, "thresholdsGot");
     std::vector<ObserverToken> traces;
@@ -403,6 +413,7 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
 
     auto finish = [&] {
         tap->collect(result);
+        result.unscored = unscored.wait(milliseconds(0)).has_value();
         if (auto outbox = detail::Outbox::existing(env)) {
             const auto left = outbox->pending();
             result.recordsWaiting = left.records;
@@ -427,7 +438,8 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
             return finish();
         }
         say("the service did not answer (" + why +
-            "); recording into the outbox, nothing will be charged");
+            "); recording into the outbox, scored with the bands an earlier run kept there, if "
+            "any");
     } else {
         say("bands received from " + options.baseURL);
     }

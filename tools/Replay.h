@@ -42,6 +42,8 @@ struct ReplayOptions {
     std::string outboxDirectory;
     /// Fetch the trip's route and fault points back from the service when it is uploaded.
     bool fetchRoute = false;
+    /// Send motion bulks gzip-compressed (Environment::compressUploads).
+    bool compress = false;
 };
 
 struct ReplayResult {
@@ -62,6 +64,12 @@ struct ReplayResult {
     std::size_t bulksUploaded = 0;                     // motion uploads answered 200
     std::size_t uploadsRetried = 0;                    // uploads sent again after a failed try
     std::size_t recordsWaiting = 0, tripsWaiting = 0;  // left in the outbox
+    std::size_t bytesSent = 0;  // upload bodies (bulks and trip records) as they went out
+    bool compressed = false;
+    /// The engine completed the trip without any band: its score charges nothing.
+    bool unscored = false;
+    /// Hours of driving the samples cover.
+    double drivingHours() const { return static_cast<double>(samples) * interval / 3600.0; }
     /// Every sample the engine charged, by kind, as its records went to the service.
     std::vector<Detection> detections;
     std::optional<Trip::Route> route;

@@ -116,7 +116,7 @@ struct ReplayArgs {
     std::string drive, server, db, outbox, truth, map;
     std::int64_t user = 1, bulk = 0;
     double timeout = 90;
-    bool json = false, verbose = false;
+    bool json = false, verbose = false, compress = false;
 };
 
 /// A replay hands motion bulks of a few hundred kilobytes between its threads many times a second.
@@ -154,6 +154,7 @@ int replay(const ReplayArgs& args) {
     if (args.bulk > 0) options.bulkMotionDataSize = args.bulk;
     options.verbose = args.verbose;
     options.outboxDirectory = args.outbox;
+    options.compress = args.compress;
     options.fetchRoute = !args.map.empty();
     options.serviceTimeout =
         std::chrono::milliseconds(static_cast<std::int64_t>(args.timeout * 1000));
@@ -278,6 +279,7 @@ int main(int argc, char** argv) {
         ->check(CLI::ExistingFile);
     replayCommand->add_option("--map", rep.map, "write the route and its fault points as SVG");
     replayCommand->add_flag("--json", rep.json, "print the report as one JSON object");
+    replayCommand->add_flag("--compress", rep.compress, "send motion bulks gzip-compressed");
     replayCommand->add_flag("--verbose", rep.verbose, "also print the engine's notifications");
     replayCommand
         ->add_option("--timeout", rep.timeout, "seconds to wait for the service at each step")
