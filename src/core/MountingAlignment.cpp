@@ -2,20 +2,24 @@
 #include <kestrelvue/platform/MountingAlignment.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <mutex>
+#include <vector>
 
 namespace kestrelvue::platform {
 namespace {
 
 constexpr double kG = 9.80665;
-// Gravity this far (cos of 25 degrees) from the settled one, sample after sample: the phone moved.
-constexpr double kMovedCos = 0.906;
+// Gravity this far (25 degrees; the cosine squared) from the settled one, sample after sample:
+// the phone moved.
+constexpr double kMovedCos2 = 0.906 * 0.906;
 constexpr int kMovedSamples = 3;
-// A still phone: the settled gravity follows it slowly, and the rotation is rebuilt when it has
-// drifted by a degree.
-constexpr double kStillAcceleration = 0.05, kStillRotation = 0.1, kGravityFollow = 0.05;
+// A still phone (below 0.05 g and 0.1 rad/s, squared): the settled gravity follows it a step
+// every few samples, and the rotation is rebuilt when it has drifted by a degree.
+constexpr double kStill2 = 0.05 * 0.05, kStillRotation2 = 0.1 * 0.1, kGravityFollow = 0.2;
+constexpr int kSettleEvery = 4;
 constexpr double kRebuildCos = 0.99985;
 // A stretch between two fixes counts towards yaw when the speed changed by this much a second
 // (half a metre per second squared), the car hardly turned, and the phone felt a horizontal
@@ -78,17 +82,63 @@ Matrix levelling(const Vector3& g) {
     return r;
 }
 
+/// The rotation as it is handed on: its matrix and how much of it is known.
+struct Rotation {
+    Matrix matrix;
+    bool gravityKnown = true, yawKnown = true;
+};
+
+/// Pitch and roll of an aligned sample, kept while gravity stays within a hundredth of a g:
+/// the trigonometry would cost more than everything else the alignment does.
+struct AttitudeCache {
+    Vector3 gravity{NAN, NAN, NAN};
+    double pitch = 0, roll = 0;
+};
+
+DeviceMotion turn(const DeviceMotion& s, const Rotation& r, AttitudeCache* cache) {
+    if (!r.gravityKnown) return s;
+    DeviceMotion out;
+    out.gravity = r.matrix * s.gravity;
+    out.userAcceleration = r.matrix * s.userAcceleration;
+    out.rotationRate = r.matrix * s.rotationRate;
+    if (!r.yawKnown) {
+        // Which way is forward is not known yet: only what does not depend on it goes on.
+        out.userAcceleration.x = out.userAcceleration.y = 0;
+        out.rotationRate.x = out.rotationRate.y = 0;
+    }
+    double pitch = 0, roll = 0;
+    const auto near = [&](const Vector3& c) {
+        const Vector3 d{s.gravity.x - c.x, s.gravity.y - c.y, s.gravity.z - c.z};
+        return dot(d, d) < 1e-4;  // NaN, before the first, is never near
+    };
+    if (cache && near(cache->gravity)) {
+        pitch = cache->pitch, roll = cache->roll;
+    } else {
+        const Vector3& g = out.gravity;
+        const double n = norm(g);
+        pitch = n > 0 ? std::asin(std::clamp(-g.y / n, -1.0, 1.0)) : 0.0;
+        roll = std::atan2(-g.x, -g.z);
+        if (cache) *cache = {s.gravity, pitch, roll};
+    }
+    out.attitude = {pitch, roll, s.attitude.z};
+    return out;
+}
+
 }  // namespace
 
+/// The estimate lives on the thread that delivers samples and is touched by nothing else, so a
+/// sample takes no lock: fixes wait in a mailbox it empties, and the rotation is published for
+/// other threads only when it changes.
 struct MountingAlignment::State {
-    mutable std::mutex mutex;
     bool estimating = true;
-    Matrix rotation;  // phone axes to car axes, complete when `yawKnown`
+    // The sample thread's.
+    Rotation working;
+    AttitudeCache attitude;
     bool gravityKnown = false, yawKnown = false;
     Vector3 gravity;      // settled gravity, phone axes, unit
     Vector3 gravityUsed;  // the one `levelled` was built from
     Matrix levelled;      // phone axes to a level frame of unknown yaw
-    int moved = 0;
+    int moved = 0, still = 0;
     double backX = 0, backY = 0;  // the car's back in the level frame, summed over the evidence
     // Between two fixes: the level horizontal acceleration and yaw rate summed.
     double sumX = 0, sumY = 0, sumYawRate = 0;
@@ -97,77 +147,95 @@ struct MountingAlignment::State {
     int runSign = 0, runLength = 0;
     double runX = 0, runY = 0;
 
+    // The mailbox of fixes.
+    std::atomic<bool> fixesWaiting{false};
+    std::mutex fixesMutex;
+    std::vector<Location> fixes;
+
+    // What other threads read.
+    mutable std::mutex publishedMutex;
+    Rotation published;
+
+    void publish() {
+        working.gravityKnown = gravityKnown;
+        working.yawKnown = yawKnown;
+        working.matrix = yawKnown ? aboutZ(std::atan2(backX, backY)) * levelled : levelled;
+        attitude = {};
+        std::lock_guard lock(publishedMutex);
+        published = working;
+    }
+
     void restart(const Vector3& g) {
         gravity = gravityUsed = g;
         gravityKnown = true;
         yawKnown = false;
-        levelled = rotation = levelling(g);
+        levelled = levelling(g);
         backX = backY = sumX = sumY = sumYawRate = runX = runY = 0;
-        samples = runLength = runSign = moved = 0;
+        samples = runLength = runSign = moved = still = 0;
+        publish();
     }
 
     void settle(const Vector3& g) {
-        Vector3 mixed{gravity.x + (g.x - gravity.x) * kGravityFollow,
-                      gravity.y + (g.y - gravity.y) * kGravityFollow,
-                      gravity.z + (g.z - gravity.z) * kGravityFollow};
+        const Vector3 mixed{gravity.x + (g.x - gravity.x) * kGravityFollow,
+                            gravity.y + (g.y - gravity.y) * kGravityFollow,
+                            gravity.z + (g.z - gravity.z) * kGravityFollow};
         const double n = norm(mixed);
         if (!(n > 0)) return;
         gravity = {mixed.x / n, mixed.y / n, mixed.z / n};
         if (dot(gravity, gravityUsed) < kRebuildCos) {
             gravityUsed = gravity;
             levelled = levelling(gravity);
-            rotation = yawKnown ? aboutZ(std::atan2(backX, backY)) * levelled : levelled;
+            publish();
         }
     }
 
-    /// Learns from a sample and returns it aligned. Under the mutex.
+    /// Learns from a sample and returns it aligned. On the sample thread.
     DeviceMotion take(const DeviceMotion& s) {
-        if (estimating) {
-            const double n = norm(s.gravity);
-            if (n > 0.5 && n < 1.5) {
-                const Vector3 g{s.gravity.x / n, s.gravity.y / n, s.gravity.z / n};
-                if (!gravityKnown) {
-                    restart(g);
-                } else if (dot(g, gravity) < kMovedCos) {
-                    if (++moved >= kMovedSamples) restart(g);
-                } else {
-                    moved = 0;
-                    if (norm(s.userAcceleration) < kStillAcceleration &&
-                        norm(s.rotationRate) < kStillRotation)
-                        settle(g);
+        if (!estimating) return turn(s, working, &attitude);
+        if (fixesWaiting.load(std::memory_order_acquire)) {
+            std::vector<Location> arrived;
+            {
+                std::lock_guard lock(fixesMutex);
+                arrived.swap(fixes);
+                fixesWaiting.store(false, std::memory_order_relaxed);
+            }
+            for (const Location& fix : arrived) takeFix(fix);
+        }
+        const double n2 = dot(s.gravity, s.gravity);
+        if (n2 > 0.25 && n2 < 2.25) {
+            if (!gravityKnown) {
+                const double n = std::sqrt(n2);
+                restart({s.gravity.x / n, s.gravity.y / n, s.gravity.z / n});
+            } else if (const double c = dot(s.gravity, gravity); c < 0 || c * c < kMovedCos2 * n2) {
+                if (++moved >= kMovedSamples) {
+                    const double n = std::sqrt(n2);
+                    restart({s.gravity.x / n, s.gravity.y / n, s.gravity.z / n});
+                }
+            } else {
+                moved = 0;
+                // Gravity follows the phone while it is still, a step every few samples.
+                if (dot(s.userAcceleration, s.userAcceleration) < kStill2 &&
+                    dot(s.rotationRate, s.rotationRate) < kStillRotation2 &&
+                    ++still % kSettleEvery == 0) {
+                    const double n = std::sqrt(n2);
+                    settle({s.gravity.x / n, s.gravity.y / n, s.gravity.z / n});
                 }
             }
-            if (gravityKnown) {
-                const Vector3 a = levelled * s.userAcceleration;
-                sumX += a.x;
-                sumY += a.y;
-                const Vector3 up{levelled.m[2][0], levelled.m[2][1], levelled.m[2][2]};
-                sumYawRate += std::fabs(dot(s.rotationRate, up));
-                ++samples;
-            }
         }
-        return aligned(s);
+        if (gravityKnown) {
+            const auto& m = levelled.m;
+            const Vector3& a = s.userAcceleration;
+            sumX += m[0][0] * a.x + m[0][1] * a.y + m[0][2] * a.z;
+            sumY += m[1][0] * a.x + m[1][1] * a.y + m[1][2] * a.z;
+            sumYawRate += std::fabs(m[2][0] * s.rotationRate.x + m[2][1] * s.rotationRate.y +
+                                    m[2][2] * s.rotationRate.z);
+            ++samples;
+        }
+        return turn(s, working, &attitude);
     }
 
-    DeviceMotion aligned(const DeviceMotion& s) const {
-        if (estimating && !gravityKnown) return s;
-        DeviceMotion out;
-        out.gravity = rotation * s.gravity;
-        out.userAcceleration = rotation * s.userAcceleration;
-        out.rotationRate = rotation * s.rotationRate;
-        if (estimating && !yawKnown) {
-            // Which way is forward is not known yet: only what does not depend on it goes on.
-            out.userAcceleration.x = out.userAcceleration.y = 0;
-            out.rotationRate.x = out.rotationRate.y = 0;
-        }
-        const Vector3& g = out.gravity;
-        const double n = norm(g);
-        out.attitude = {n > 0 ? std::asin(std::clamp(-g.y / n, -1.0, 1.0)) : 0.0,
-                        std::atan2(-g.x, -g.z), s.attitude.z};
-        return out;
-    }
-
-    /// A fix: the speed change since the last one, against what the phone felt. Under the mutex.
+    /// A fix: the speed change since the last one, against what the phone felt. On the sample
+    /// thread.
     void takeFix(const Location& fix) {
         const std::optional<Location> last = lastFix;
         const double x = sumX, y = sumY, yawRate = sumYawRate;
@@ -198,7 +266,7 @@ struct MountingAlignment::State {
         runX = runY = 0;
         runLength = 0;
         yawKnown = true;
-        rotation = aboutZ(std::atan2(backX, backY)) * levelled;
+        publish();
     }
 };
 
@@ -207,25 +275,37 @@ MountingAlignment::MountingAlignment(std::shared_ptr<MotionManager> inner, Mount
     state_->estimating = false;
     // The phone's axes in the car's are aboutZ(yaw) aboutX(pitch) aboutY(roll); a sample is
     // turned back by the same product.
-    state_->rotation = aboutZ(angles.yaw) * aboutX(angles.pitch) * aboutY(angles.roll);
+    state_->working.matrix = aboutZ(angles.yaw) * aboutX(angles.pitch) * aboutY(angles.roll);
+    state_->published = state_->working;
 }
 
 MountingAlignment::MountingAlignment(std::shared_ptr<MotionManager> inner)
-    : inner_(std::move(inner)), state_(std::make_shared<State>()) {}
+    : inner_(std::move(inner)), state_(std::make_shared<State>()) {
+    state_->working.gravityKnown = state_->working.yawKnown = false;
+    state_->published = state_->working;
+}
 
 MountingAlignment::~MountingAlignment() = default;
 
 std::optional<MountingAngles> MountingAlignment::rotation() const {
-    std::lock_guard lock(state_->mutex);
-    if (state_->estimating && !state_->yawKnown) return std::nullopt;
-    const auto& m = state_->rotation.m;
+    Rotation r;
+    {
+        std::lock_guard lock(state_->publishedMutex);
+        r = state_->published;
+    }
+    if (!r.gravityKnown || !r.yawKnown) return std::nullopt;
+    const auto& m = r.matrix.m;
     return MountingAngles{std::asin(std::clamp(m[2][1], -1.0, 1.0)), std::atan2(-m[2][0], m[2][2]),
                           std::atan2(-m[0][1], m[1][1])};
 }
 
 DeviceMotion MountingAlignment::align(const DeviceMotion& sample) const {
-    std::lock_guard lock(state_->mutex);
-    return state_->aligned(sample);
+    Rotation r;
+    {
+        std::lock_guard lock(state_->publishedMutex);
+        r = state_->published;
+    }
+    return turn(sample, r, nullptr);
 }
 
 bool MountingAlignment::isDeviceMotionAvailable() const {
@@ -259,19 +339,15 @@ AsyncRequest MountingAlignment::startDeviceMotionUpdates(AttitudeReferenceFrame 
         [state = state_, handler = std::move(handler)](const std::optional<DeviceMotion>& motion,
                                                        const std::optional<MotionError>& error) {
             if (!motion) return handler(motion, error);
-            std::optional<DeviceMotion> aligned;
-            {
-                std::lock_guard lock(state->mutex);
-                aligned = state->take(*motion);
-            }
-            handler(aligned, error);
+            handler(state->take(*motion), error);
         });
 }
 
 void MountingAlignment::locationsDidUpdate(const std::vector<Location>& fixes) {
-    {
-        std::lock_guard lock(state_->mutex);
-        for (const Location& fix : fixes) state_->takeFix(fix);
+    if (state_->estimating && !fixes.empty()) {
+        std::lock_guard lock(state_->fixesMutex);
+        state_->fixes.insert(state_->fixes.end(), fixes.begin(), fixes.end());
+        state_->fixesWaiting.store(true, std::memory_order_release);
     }
     inner_->locationsDidUpdate(fixes);
 }
