@@ -4,6 +4,7 @@
 // real service over HTTP.
 
 #include <kestrelvue/Trip.h>
+#include <kestrelvue/platform/MountingAlignment.h>
 
 #include <chrono>
 #include <cstdint>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "Drive.h"
+#include "Events.h"
 #include "Simulate.h"
 
 namespace kestrelvue::tools {
@@ -42,6 +44,10 @@ struct ReplayOptions {
     std::string outboxDirectory;
     /// Fetch the trip's route and fault points back from the service when it is uploaded.
     bool fetchRoute = false;
+    /// Turn the samples from the phone's axes into the car's before the engine reads them: by
+    /// `alignAngles` when given, else by an estimate.
+    bool align = false;
+    std::optional<platform::MountingAngles> alignAngles;
 };
 
 struct ReplayResult {
@@ -57,13 +63,25 @@ struct ReplayResult {
 
     double interval = 0;  // seconds between motion deliveries, as the engine asked
     std::size_t fixes = 0, samples = 0;
-    std::size_t records = 0;                           // distinct motion records the engine sent
-    std::size_t recordsConfirmed = 0;                  // of them, confirmed by the service
-    std::size_t bulksUploaded = 0;                     // motion uploads answered 200
-    std::size_t uploadsRetried = 0;                    // uploads sent again after a failed try
-    std::size_t recordsWaiting = 0, tripsWaiting = 0;  // left in the outbox
+    std::size_t records = 0;           // distinct motion records the engine sent
+    std::size_t recordsConfirmed = 0;  // of them, confirmed by the service
+    std::size_t bulksUploaded = 0;     // motion uploads answered 200
+    std::size_t uploadsRetried = 0;    // uploads sent again after a failed try
+    /// This drive's records and trip kept in the outbox's store for later, as the store holds
+    /// them (not as the outbox meant to: a write that failed keeps nothing).
+    std::size_t recordsWaiting = 0, tripsWaiting = 0;
+    /// The outbox's own report of trouble ("uploadsPending" with "problem"), if any.
+    std::string outboxProblem;
     /// Every sample the engine charged, by kind, as its records went to the service.
     std::vector<Detection> detections;
+    /// The same as events, by start time.
+    std::vector<Event> events;
+    /// Where the drive went without a fix for more than a few seconds.
+    std::vector<FixGap> fixGaps;
+    /// When the drive began, in Unix seconds: the drive's own start, else when the replay began.
+    std::int64_t startUnix = 0;
+    /// With alignment: the rotation in use at the end (nullopt: never estimated).
+    std::optional<platform::MountingAngles> mounting;
     std::optional<Trip::Route> route;
     std::string routeProblem;
     double wallSeconds = 0;
@@ -74,8 +92,9 @@ struct ReplayResult {
 ReplayResult replay(const Drive& drive, const ReplayOptions& options);
 
 /// Names a place near a coordinate, as the replay's geocoder does: the nearest of a small
-/// gazetteer of Turkish towns and Istanbul districts ("Kadıköy, İstanbul"), or the coordinate
-/// itself far from all of them.
+/// gazetteer of Turkish towns and Istanbul districts ("Kadıköy, İstanbul"); between them, the
+/// distance and way from the nearest ("14 km NE of Beykoz", "İstanbul"); the coordinate itself
+/// only far from all of them.
 std::vector<std::string> placeNear(double latitude, double longitude);
 
 }  // namespace kestrelvue::tools
