@@ -12,9 +12,9 @@ namespace kestrelvue::platform {
 namespace {
 
 constexpr double kG = 9.80665;
-// Gravity this far (25 degrees; the cosine squared) from the settled one, sample after sample:
+// Gravity this far (15 degrees; the cosine squared) from the settled one, sample after sample:
 // the phone moved.
-constexpr double kMovedCos2 = 0.906 * 0.906;
+constexpr double kMovedCos2 = 0.966 * 0.966;
 constexpr int kMovedSamples = 3;
 // A still phone (below 0.05 g and 0.1 rad/s, squared): the settled gravity follows it a step
 // every few samples, and the rotation is rebuilt when it has drifted by a degree.
@@ -27,6 +27,8 @@ constexpr double kRebuildCos = 0.99985;
 // sustained.
 constexpr double kSpeedChange = 0.5, kStraightYawRate = 0.08, kLongestFixGap = 3.0;
 constexpr int kSustained = 2;
+// A sustained run more than 30 degrees from the yaw estimated so far starts it again.
+constexpr double kSameYawCos = 0.866;
 
 struct Matrix {
     double m[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
@@ -261,6 +263,10 @@ struct MountingAlignment::State {
         runX += sign * feltX;
         runY += sign * feltY;
         if (++runLength < kSustained) return;
+        // A run far from the yaw known so far: the phone was turned in its holder, which
+        // gravity does not show when it turns about the vertical. The new run alone counts.
+        const double known = std::hypot(backX, backY), run = std::hypot(runX, runY);
+        if (known > 0 && backX * runX + backY * runY < kSameYawCos * known * run) backX = backY = 0;
         backX += runX;
         backY += runY;
         runX = runY = 0;
