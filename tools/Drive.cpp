@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <istream>
 #include <ostream>
 #include <string_view>
@@ -73,6 +74,44 @@ std::int64_t driveTime(double seconds) {
     return std::llround(seconds * 1e9);
 }
 
+std::optional<std::int64_t> parseUtcTime(std::string_view text) {
+    // Exactly "YYYY-MM-DDTHH:MM:SSZ": other spellings of ISO 8601 are refused, not guessed at.
+    constexpr std::string_view kShape = "dddd-dd-ddTdd:dd:ddZ";
+    if (text.size() != kShape.size()) return std::nullopt;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool digit = text[i] >= '0' && text[i] <= '9';
+        if (kShape[i] == 'd' ? !digit : text[i] != kShape[i]) return std::nullopt;
+    }
+    auto number = [&](std::size_t at, std::size_t digits) {
+        int value = 0;
+        for (std::size_t i = at; i < at + digits; ++i) value = value * 10 + (text[i] - '0');
+        return value;
+    };
+    std::tm tm{};
+    tm.tm_year = number(0, 4) - 1900;
+    tm.tm_mon = number(5, 2) - 1;
+    tm.tm_mday = number(8, 2);
+    tm.tm_hour = number(11, 2);
+    tm.tm_min = number(14, 2);
+    tm.tm_sec = number(17, 2);
+    const std::tm asked = tm;
+    const std::time_t seconds = timegm(&tm);
+    // timegm normalises 31 November to 1 December: a date that moved did not exist.
+    if (tm.tm_mday != asked.tm_mday || tm.tm_mon != asked.tm_mon || tm.tm_hour != asked.tm_hour ||
+        tm.tm_min != asked.tm_min || tm.tm_sec != asked.tm_sec || tm.tm_year < 70)
+        return std::nullopt;
+    return static_cast<std::int64_t>(seconds);
+}
+
+std::string utcTimeText(std::int64_t unixSeconds) {
+    const auto seconds = static_cast<std::time_t>(unixSeconds);
+    std::tm tm{};
+    gmtime_r(&seconds, &tm);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &tm);
+    return text;
+}
+
 DriveParseResult parseDrive(std::istream& in) {
     Drive drive;
     // A file's size tells roughly how many events it holds (a line is 45 to 100 bytes): one
@@ -101,10 +140,19 @@ DriveParseResult parseDrive(std::istream& in) {
         if (kind == kHeader) {
             if (version != 0 || !drive.events.empty()) return fail("the header must come first");
             const auto number = line.next();
-            if (!number || line.next() || (*number != "1" && *number != "2"))
+            if (!number || (*number != "1" && *number != "2"))
                 return fail("unsupported drive format '" + text +
                             "' (this tool reads versions 1 and 2)");
             version = (*number)[0] - '0';
+            if (const auto start = line.next()) {
+                constexpr std::string_view kStart = "start=";
+                const auto at = start->substr(0, kStart.size()) == kStart && version == 2
+                                    ? parseUtcTime(start->substr(kStart.size()))
+                                    : std::nullopt;
+                if (!at || line.next())
+                    return fail("after the version, only start=YYYY-MM-DDTHH:MM:SSZ may follow");
+                drive.start = at;
+            }
             continue;
         }
         if (version == 0) version = 1;  // files from before the header
@@ -163,8 +211,9 @@ DriveParseResult parseDrive(std::istream& in) {
 
 void writeDrive(std::ostream& out, const Drive& drive) {
     char line[512];
-    out << kHeader << ' ' << kDriveFormatVersion
-        << "\n# fix T LAT LON SPEED COURSE ACCURACY\n"
+    out << kHeader << ' ' << kDriveFormatVersion;
+    if (drive.start) out << " start=" << utcTimeText(*drive.start);
+    out << "\n# fix T LAT LON SPEED COURSE ACCURACY\n"
            "# motion T PITCH ROLL YAW RX RY RZ AX AY AZ GX GY GZ ORIENTATION\n";
     for (const DriveEvent& e : drive.events) {
         // Times to the nanosecond, so that a written drive reads back to the same instants.

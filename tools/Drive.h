@@ -1,8 +1,9 @@
 #pragma once
 // Recorded drives: the text files the tool replays, and their reading and writing.
 //
-// Version 2 (what the tool writes) starts with the line "kestrelvue-drive 2"; then one event a
-// line, in time order ('#' starts a comment):
+// Version 2 (what the tool writes) starts with the line "kestrelvue-drive 2", optionally followed
+// by when the drive began, in UTC ("kestrelvue-drive 2 start=2026-11-25T07:10:00Z"); then one
+// event a line, in time order ('#' starts a comment):
 //   fix    T LAT LON SPEED_MPS COURSE_DEG ACCURACY_M
 //   motion T PITCH ROLL YAW RX RY RZ AX AY AZ GX GY GZ ORIENTATION
 // T is seconds since the start of the drive. Attitude in radians, rotation rate in rad/s,
@@ -19,6 +20,7 @@
 #include <iosfwd>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kestrelvue::tools {
@@ -38,6 +40,8 @@ struct DriveEvent {
 
 struct Drive {
     std::vector<DriveEvent> events;
+    /// When the drive began, in Unix seconds; a replay without it is dated now.
+    std::optional<std::int64_t> start;
     double duration() const { return events.empty() ? 0.0 : events.back().seconds(); }
 };
 
@@ -56,5 +60,10 @@ void writeDrive(std::ostream& out, const Drive& drive);
 
 /// Seconds as the drive's nanoseconds, rounded to the nearest.
 std::int64_t driveTime(double seconds);
+
+/// "2026-11-25T07:10:00Z" to Unix seconds; nullopt for anything else.
+std::optional<std::int64_t> parseUtcTime(std::string_view text);
+/// Unix seconds as "2026-11-25T07:10:00Z".
+std::string utcTimeText(std::int64_t unixSeconds);
 
 }  // namespace kestrelvue::tools

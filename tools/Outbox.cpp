@@ -2,6 +2,8 @@
 
 #include <kestrelvue/posix/SqliteOutboxStore.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <thread>
 
 #include "net/Outbox.h"
@@ -13,6 +15,23 @@ void useOutbox(Environment& env, const std::string& directory) {
     env.makeOutboxStore = [](const std::string& d) {
         return std::make_unique<posix::SqliteOutboxStore>(d);
     };
+}
+
+KeptInOutbox keptInOutbox(const std::string& directory, std::int64_t after) {
+    KeptInOutbox kept;
+    std::error_code error;
+    if (!std::filesystem::exists(std::filesystem::path(directory) / "outbox.sqlite", error))
+        return kept;
+    posix::SqliteOutboxStore store(directory);
+    for (const platform::OutboxEntry& e : store.load()) {
+        kept.lastId = std::max(kept.lastId, e.id);
+        if (e.id <= after) continue;
+        if (e.kind == platform::OutboxKind::trip)
+            ++kept.trips;
+        else
+            kept.records += e.records;
+    }
+    return kept;
 }
 
 int deliverOutbox(const std::string& directory, const std::string& server,

@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <ctime>
+#include <iterator>
 #include <mutex>
 #include <string_view>
 #include <unordered_map>
@@ -218,8 +219,9 @@ private:
         constexpr Kind kinds[5] = {Kind::cornering, Kind::acceleration, Kind::braking,
                                    Kind::elevating, Kind::laneChange};
         for (int i = 0; i < 5; ++i)
-            if (p.penalty[i] > 0 || p.penaltyPerKM[i] > 0) detections_.push_back({t, kinds[i]});
-        if (p.fuelPerKM > 0) detections_.push_back({t, Kind::fuel});
+            if (p.penalty[i] > 0 || p.penaltyPerKM[i] > 0)
+                detections_.push_back({t, kinds[i], 0.0, p.penalty[i] + p.penaltyPerKM[i]});
+        if (p.fuelPerKM > 0) detections_.push_back({t, Kind::fuel, 0.0, p.fuelPerKM});
     }
     void done() {
         std::lock_guard lock(mutex_);
@@ -331,6 +333,19 @@ std::vector<std::string> placeNear(double latitude, double longitude) {
         if (nearest->city) return {nearest->name, nearest->city};
         return {nearest->name};
     }
+    if (nearest && best < 150.0) {
+        // Between the named places: how far, and which way, from the nearest.
+        static const char* const kWays[8] = {"N", "NE", "E", "SE", "S", "SW", "W", "NW"};
+        const double north = latitude - nearest->latitude;
+        const double east = (longitude - nearest->longitude) *
+                            std::cos((latitude + nearest->latitude) / 2 * M_PI / 180.0);
+        const double bearing = std::fmod(std::atan2(east, north) * 180.0 / M_PI + 360.0, 360.0);
+        const char* way = kWays[static_cast<int>(std::lround(bearing / 45.0)) % 8];
+        const std::string from =
+            std::to_string(std::lround(best)) + " km " + way + " of " + nearest->name;
+        if (nearest->city) return {from, nearest->city};
+        return {from};
+    }
     char text[64];
     std::snprintf(text, sizeof text, "%.5f, %.5f", latitude, longitude);
     return {text};
@@ -346,7 +361,10 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
     // The simulated phone, as the tests build it; the replay adds a real HTTP client, random
     // trip identifiers and named places, and starts the clock at the present second.
     sim::Platform phone;
-    const auto start = time_point_cast<system_clock::duration>(floor<seconds>(system_clock::now()));
+    const auto start = time_point_cast<system_clock::duration>(
+        drive.start ? system_clock::from_time_t(static_cast<std::time_t>(*drive.start))
+                    : floor<seconds>(system_clock::now()));
+    result.startUnix = duration_cast<seconds>(start.time_since_epoch()).count();
     phone.clock->setNow(start);
     phone.geocoder->setAnswerer([](const platform::Location& at) {
         return sim::Geocoder::placemark(placeNear(at.coordinate.latitude, at.coordinate.longitude));
@@ -370,10 +388,30 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
                 {"CFBundleDisplayName", "Kestrelvue"}};
     if (options.bulkMotionDataSize) info.emplace("BulkMotionDataSize", *options.bulkMotionDataSize);
     env.applicationInfo = std::move(info);
-    if (!options.outboxDirectory.empty()) useOutbox(env, options.outboxDirectory);
     env.compressUploads = options.compress;
     result.compressed = options.compress;
     Awaited unscored(*env.notifications, kTripUnscored);
+    // The store's newest entry before this drive: what is newer is this drive's.
+    std::int64_t keptBefore = 0;
+    std::mutex problemMutex;
+    std::optional<ObserverToken> problems;
+    if (!options.outboxDirectory.empty()) {
+        keptBefore = keptInOutbox(options.outboxDirectory).lastId;
+        useOutbox(env, options.outboxDirectory);
+        problems = env.notifications->addObserver(
+            detail::kUploadsPending, [&result, &problemMutex](const Notification& n) {
+                const Value* problem = nullptr;
+                if (n.userInfo) {
+                    auto it = n.userInfo->find("problem");
+                    if (it != n.userInfo->end()) problem = &it->second;
+                }
+                if (const std::string* text = problem ? problem->asString() : nullptr) {
+                    std::lock_guard lock(problemMutex);
+                    result.outboxProblem = *text;
+                }
+            });
+    }
+    if (options.align) platform::useMountingAlignment(env, options.alignAngles);
 
     Awaited thresholds(*env.notifications, "thresholdsGot");
     std::vector<ObserverToken> traces;
@@ -407,17 +445,40 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
                                 if (auto celsius = t ? t->asNumber() : std::nullopt)
                                     engine->setTemperature(*celsius);
                             });
+    const auto aligner =
+        std::dynamic_pointer_cast<platform::MountingAlignment>(engine->MotionManager());
     auto listener = std::make_shared<Listener>();
     engine->setDrivingInsightDelegate(listener);
     engine->setUserID(options.userID);
 
+    // What the engine was handed at each delivery, to read the detectors' values back from.
+    std::vector<std::pair<std::int64_t, platform::DeviceMotion>> delivered;
     auto finish = [&] {
         tap->collect(result);
         result.unscored = unscored.wait(milliseconds(0)).has_value();
-        if (auto outbox = detail::Outbox::existing(env)) {
-            const auto left = outbox->pending();
-            result.recordsWaiting = left.records;
-            result.tripsWaiting = left.trips;
+        for (Detection& d : result.detections) {
+            // A record's time is its delivery's, to the millisecond.
+            const std::int64_t at = std::llround(d.t * 1e9) + 1'000'000;
+            auto it = std::upper_bound(delivered.begin(), delivered.end(), at,
+                                       [](std::int64_t t, const auto& s) { return t < s.first; });
+            if (it != delivered.begin()) d.value = detectorValue(d.kind, std::prev(it)->second);
+        }
+        result.events = groupEvents(result.detections, result.interval);
+        std::size_t fix = 0;
+        const DriveEvent* lastFix = nullptr;
+        for (Event& e : result.events) {  // by start time, as the drive's events
+            for (; fix < drive.events.size() && drive.events[fix].seconds() <= e.start; ++fix)
+                if (drive.events[fix].fix) lastFix = &drive.events[fix];
+            if (lastFix) e.where = lastFix->fix->coordinate;
+        }
+        result.fixGaps = fixGaps(drive);
+        if (aligner) result.mounting = aligner->rotation();
+        if (!options.outboxDirectory.empty()) {
+            if (auto outbox = detail::Outbox::existing(env)) outbox->waitUntilIdle();
+            const KeptInOutbox kept = keptInOutbox(options.outboxDirectory, keptBefore);
+            result.recordsWaiting = static_cast<std::size_t>(kept.records);
+            result.tripsWaiting = static_cast<std::size_t>(kept.trips);
+            problems.reset();
         }
         result.wallSeconds = duration<double>(steady_clock::now() - wallStart).count();
         return result;
@@ -462,14 +523,19 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
         static_cast<std::size_t>(std::max<std::int64_t>(engine->bulkMotionDataSize(), 0)) * 2;
     const milliseconds paceWait = std::min<milliseconds>(options.serviceTimeout, seconds(2));
     ReplayProgress progress;
-    progress.total = static_cast<std::size_t>(lastNs / intervalNs) + 1;
+    // The last delivery is the first at or after the drive's last event, so that a final fix or
+    // sample between two deliveries is still delivered.
+    const std::int64_t ticks = (lastNs + intervalNs - 1) / intervalNs + 1;
+    progress.total = static_cast<std::size_t>(ticks);
+    delivered.reserve(progress.total);
 
     // Motion goes in at the engine's interval whatever the recording's rate, holding the latest
     // recorded sample between recorded ones; fixes go in when they were recorded. An event at
     // the same instant as a delivery comes first.
     const DriveEvent* latest = nullptr;
     std::size_t next = 0;
-    for (std::int64_t tick = 0; tick <= lastNs; tick += intervalNs) {
+    for (std::int64_t i = 0; i < ticks; ++i) {
+        const std::int64_t tick = i * intervalNs;
         for (; next < drive.events.size() && drive.events[next].t <= tick; ++next) {
             const DriveEvent& e = drive.events[next];
             if (e.motion) latest = &e;
@@ -494,6 +560,8 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
             motion->push(*latest->motion);
             ++result.samples;
             queue->runUntilIdle();
+            delivered.emplace_back(tick,
+                                   aligner ? aligner->align(*latest->motion) : *latest->motion);
         }
         ++progress.done;
         if (options.progress && progress.done % 256 == 0) {
@@ -502,7 +570,7 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
         }
     }
     progress.done = progress.total;
-    progress.driveSeconds = static_cast<double>(lastNs) * 1e-9;
+    progress.driveSeconds = static_cast<double>((ticks - 1) * intervalNs) * 1e-9;
     if (options.progress) options.progress(progress);
 
     engine->stopTrip();

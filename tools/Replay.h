@@ -4,6 +4,7 @@
 // real service over HTTP.
 
 #include <kestrelvue/Trip.h>
+#include <kestrelvue/platform/MountingAlignment.h>
 
 #include <chrono>
 #include <cstdint>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "Drive.h"
+#include "Events.h"
 #include "Simulate.h"
 
 namespace kestrelvue::tools {
@@ -44,6 +46,10 @@ struct ReplayOptions {
     bool fetchRoute = false;
     /// Send motion bulks gzip-compressed (Environment::compressUploads).
     bool compress = false;
+    /// Turn the samples from the phone's axes into the car's before the engine reads them: by
+    /// `alignAngles` when given, else by an estimate.
+    bool align = false;
+    std::optional<platform::MountingAngles> alignAngles;
 };
 
 struct ReplayResult {
@@ -59,19 +65,31 @@ struct ReplayResult {
 
     double interval = 0;  // seconds between motion deliveries, as the engine asked
     std::size_t fixes = 0, samples = 0;
-    std::size_t records = 0;                           // distinct motion records the engine sent
-    std::size_t recordsConfirmed = 0;                  // of them, confirmed by the service
-    std::size_t bulksUploaded = 0;                     // motion uploads answered 200
-    std::size_t uploadsRetried = 0;                    // uploads sent again after a failed try
-    std::size_t recordsWaiting = 0, tripsWaiting = 0;  // left in the outbox
     std::size_t bytesSent = 0;  // upload bodies (bulks and trip records) as they went out
     bool compressed = false;
     /// The engine completed the trip without any band: its score charges nothing.
     bool unscored = false;
     /// Hours of driving the samples cover.
     double drivingHours() const { return static_cast<double>(samples) * interval / 3600.0; }
+    std::size_t records = 0;           // distinct motion records the engine sent
+    std::size_t recordsConfirmed = 0;  // of them, confirmed by the service
+    std::size_t bulksUploaded = 0;     // motion uploads answered 200
+    std::size_t uploadsRetried = 0;    // uploads sent again after a failed try
+    /// This drive's records and trip kept in the outbox's store for later, as the store holds
+    /// them (not as the outbox meant to: a write that failed keeps nothing).
+    std::size_t recordsWaiting = 0, tripsWaiting = 0;
+    /// The outbox's own report of trouble ("uploadsPending" with "problem"), if any.
+    std::string outboxProblem;
     /// Every sample the engine charged, by kind, as its records went to the service.
     std::vector<Detection> detections;
+    /// The same as events, by start time.
+    std::vector<Event> events;
+    /// Where the drive went without a fix for more than a few seconds.
+    std::vector<FixGap> fixGaps;
+    /// When the drive began, in Unix seconds: the drive's own start, else when the replay began.
+    std::int64_t startUnix = 0;
+    /// With alignment: the rotation in use at the end (nullopt: never estimated).
+    std::optional<platform::MountingAngles> mounting;
     std::optional<Trip::Route> route;
     std::string routeProblem;
     double wallSeconds = 0;
@@ -82,8 +100,9 @@ struct ReplayResult {
 ReplayResult replay(const Drive& drive, const ReplayOptions& options);
 
 /// Names a place near a coordinate, as the replay's geocoder does: the nearest of a small
-/// gazetteer of Turkish towns and Istanbul districts ("Kadıköy, İstanbul"), or the coordinate
-/// itself far from all of them.
+/// gazetteer of Turkish towns and Istanbul districts ("Kadıköy, İstanbul"); between them, the
+/// distance and way from the nearest ("14 km NE of Beykoz", "İstanbul"); the coordinate itself
+/// only far from all of them.
 std::vector<std::string> placeNear(double latitude, double longitude);
 
 }  // namespace kestrelvue::tools

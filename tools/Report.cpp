@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <nlohmann/json.hpp>
 #include <ostream>
 
@@ -25,6 +26,36 @@ std::string durationText(double seconds) {
     else
         std::snprintf(text, sizeof text, "%lld min %02lld s", s / 60, s % 60);
     return text;
+}
+
+/// Seconds into the drive as "M:SS" or "H:MM:SS", whole seconds as the clock shows them.
+std::string offsetText(double seconds) {
+    const long long s = static_cast<long long>(std::floor(std::max(0.0, seconds)));
+    char text[32];
+    if (s >= 3600)
+        std::snprintf(text, sizeof text, "%lld:%02lld:%02lld", s / 3600, s / 60 % 60, s % 60);
+    else
+        std::snprintf(text, sizeof text, "%lld:%02lld", s / 60, s % 60);
+    return text;
+}
+
+/// The time of day `offset` seconds into the drive, on the host's clock as the trip's dates are.
+std::string clockText(const ReplayResult& r, double offset) {
+    const auto at = static_cast<std::time_t>(r.startUnix + std::llround(std::floor(offset)));
+    std::tm tm{};
+    localtime_r(&at, &tm);
+    char text[16];
+    std::strftime(text, sizeof text, "%H:%M:%S", &tm);
+    return text;
+}
+
+std::string utcText(const ReplayResult& r, double offset) {
+    return utcTimeText(r.startUnix + std::llround(std::floor(offset)));
+}
+
+/// The unit of what a kind's detector reads.
+const char* unitOf(Kind k) {
+    return k == Kind::elevating || k == Kind::laneChange ? "rad/s" : "g";
 }
 
 double tripSeconds(const Trip& t) {
@@ -80,8 +111,8 @@ std::vector<KindLine> kindLines(const ReplayResult& result) {
     for (Kind k : kKinds) lines.push_back({k});
     if (result.trip) {
         const Trip& t = *result.trip;
-        auto set = [&](Kind k, std::int64_t count, double penalty, double perKM) {
-            lines[static_cast<int>(k)] = {k, count, penalty, perKM};
+        auto set = [&](Kind k, std::int64_t samples, double penalty, double perKM) {
+            lines[static_cast<int>(k)] = {k, 0, samples, penalty, perKM};
         };
         set(Kind::braking, t.SharpBrakingCount, t.SharpBrakingPenalty, t.SharpBrakingPenaltyPerKM);
         set(Kind::acceleration, t.SharpSpeedingCount, t.SharpSpeedingPenalty,
@@ -95,17 +126,30 @@ std::vector<KindLine> kindLines(const ReplayResult& result) {
         set(Kind::fuel, 0, 0, t.FuelEfficiencyPenaltyPerKM);
     }
     for (const Detection& d : result.detections)
-        if (d.kind == Kind::fuel) ++lines[static_cast<int>(Kind::fuel)].count;
+        if (d.kind == Kind::fuel) ++lines[static_cast<int>(Kind::fuel)].samples;
+    for (const Event& e : result.events) ++lines[static_cast<int>(e.kind)].events;
     return lines;
 }
 
+namespace {
+
+std::size_t recordsLost(const ReplayResult& r) {
+    const std::size_t safe = r.recordsConfirmed + r.recordsWaiting;
+    return r.records > safe ? r.records - safe : 0;
+}
+
+const char* tripState(const ReplayResult& r) {
+    return r.finished ? "delivered" : r.tripsWaiting > 0 ? "kept for later" : "lost";
+}
+
+}  // namespace
+
 int exitCodeOf(const ReplayResult& result) {
-    const bool allDelivered = result.recordsConfirmed + result.recordsWaiting >= result.records;
-    return result.finished && allDelivered ? 0 : 1;
+    return (result.finished || result.tripsWaiting > 0) && recordsLost(result) == 0 ? 0 : 1;
 }
 
 void printReport(std::ostream& out, const ReplayResult& r, const std::string& server,
-                 const std::optional<TruthComparison>& truth) {
+                 const std::optional<TruthComparison>& truth, bool timeline) {
     if (r.serviceUnreachable) {
         out << "not played: " << r.failureMessage << "\n";
         return;
@@ -120,18 +164,36 @@ void printReport(std::ostream& out, const ReplayResult& r, const std::string& se
             << t.TimeElapsedTotalDistance_Formatted << "\")\n"
             << "  from       " << t.StartLocation << "  (\"" << t.StartDateTime_Formatted << "\")\n"
             << "  to         " << t.EndLocation << "\n\n";
-        out << "  kind           count    penalty     per km\n";
+        out << "  kind          events  samples    penalty     per km\n";
         for (const KindLine& line : kindLines(r)) {
             char text[128];
-            std::snprintf(text, sizeof text, "  %-12s %7lld %10s %10.3f\n", kindName(line.kind),
-                          static_cast<long long>(line.count),
-                          line.kind == Kind::fuel ? "-" : format("%.2f", line.penalty).c_str(),
-                          line.perKM);
+            std::snprintf(
+                text, sizeof text, "  %-12s %7lld %8lld %10s %10.3f\n", kindName(line.kind),
+                static_cast<long long>(line.events), static_cast<long long>(line.samples),
+                line.kind == Kind::fuel ? "-" : format("%.2f", line.penalty).c_str(), line.perKM);
             out << text;
         }
         out << "\n";
     } else {
         out << "Trip not uploaded\n";
+    }
+    if (r.mounting)
+        out << "  mounting   pitch " << format("%.0f", r.mounting->pitch * 180 / M_PI) << ", roll "
+            << format("%.0f", r.mounting->roll * 180 / M_PI) << ", yaw "
+            << format("%.0f", r.mounting->yaw * 180 / M_PI) << " degrees\n";
+    for (const FixGap& gap : r.fixGaps)
+        out << "  no fix     for " << durationText(gap.length) << " from " << offsetText(gap.start)
+            << " into the drive (" << clockText(r, gap.start) << ")\n";
+    if (timeline && !r.events.empty()) {
+        out << "\n  events        at     clock  kind           length         peak  penalty\n";
+        for (const Event& e : r.events) {
+            char text[160];
+            std::snprintf(text, sizeof text, "  %12s  %8s  %-12s %6.1f s %6.2f %-5s %8.2f\n",
+                          offsetText(e.start).c_str(), clockText(r, e.start).c_str(),
+                          kindName(e.kind), e.duration, e.peak, unitOf(e.kind), e.penalty);
+            out << text;
+        }
+        out << "\n";
     }
     out << "  samples    " << r.samples << " delivered every " << format("%g", r.interval) << " s, "
         << r.fixes << " fixes; " << r.records << " records made, " << r.recordsConfirmed
@@ -139,12 +201,12 @@ void printReport(std::ostream& out, const ReplayResult& r, const std::string& se
         << "  uploads    " << r.bulksUploaded << " motion bulks, " << r.uploadsRetried
         << " retried; " << r.bytesSent << " bytes sent" << (r.compressed ? " compressed" : "")
         << ", " << format("%.2f", bytesPerHour(r) / 1e6) << " MB per driving hour\n";
+    out << "  records    " << r.recordsConfirmed << " delivered, " << r.recordsWaiting
+        << " kept for later, " << recordsLost(r) << " lost\n"
+        << "  trip       " << tripState(r) << "\n";
     if (r.recordsWaiting || r.tripsWaiting)
-        out << "  outbox     " << r.recordsWaiting << " records and " << r.tripsWaiting
-            << " trips still waiting (kestrelvue outbox DIR sends them)\n";
-    else if (r.records > r.recordsConfirmed)
-        out << "  LOST       " << r.records - r.recordsConfirmed
-            << " records never reached the service\n";
+        out << "  outbox     kestrelvue outbox DIR sends what is kept\n";
+    if (!r.outboxProblem.empty()) out << "  outbox     " << r.outboxProblem << "\n";
     if (!r.failure().empty()) out << "  failure    " << r.failure() << "\n";
     if (truth) {
         out << "\n  against the truth    injected   hits  misses  extra\n";
@@ -178,12 +240,36 @@ void printJsonReport(std::ostream& out, const ReplayResult& r, const std::string
                     {"latitude", finite(t.EndLocationLat)},
                     {"longitude", finite(t.EndLocationLong)}};
     }
+    j["start_time"] = utcText(r, 0);
     nlohmann::ordered_json kinds = nlohmann::ordered_json::object();
     for (const KindLine& line : kindLines(r))
-        kinds[kindName(line.kind)] = {{"count", line.count},
+        kinds[kindName(line.kind)] = {{"events", line.events},
+                                      {"samples", line.samples},
                                       {"penalty", finite(line.penalty)},
                                       {"penalty_per_km", finite(line.perKM)}};
     j["kinds"] = kinds;
+    nlohmann::ordered_json events = nlohmann::ordered_json::array();
+    for (const Event& e : r.events)
+        events.push_back({{"kind", kindName(e.kind)},
+                          {"start_s", e.start},
+                          {"time", utcText(r, e.start)},
+                          {"duration_s", e.duration},
+                          {"peak", finite(e.peak)},
+                          {"unit", unitOf(e.kind)},
+                          {"penalty", finite(e.penalty)},
+                          {"samples", e.samples},
+                          {"latitude", e.where.latitude},
+                          {"longitude", e.where.longitude}});
+    j["events"] = events;
+    nlohmann::ordered_json gaps = nlohmann::ordered_json::array();
+    for (const FixGap& g : r.fixGaps)
+        gaps.push_back(
+            {{"start_s", g.start}, {"time", utcText(r, g.start)}, {"length_s", g.length}});
+    j["fix_gaps"] = gaps;
+    if (r.mounting)
+        j["mounting_deg"] = {{"pitch", r.mounting->pitch * 180 / M_PI},
+                             {"roll", r.mounting->roll * 180 / M_PI},
+                             {"yaw", r.mounting->yaw * 180 / M_PI}};
     j["interval_s"] = r.interval;
     j["fixes"] = r.fixes;
     j["samples"] = r.samples;
@@ -196,6 +282,12 @@ void printJsonReport(std::ostream& out, const ReplayResult& r, const std::string
     j["compressed"] = r.compressed;
     j["scored"] = !r.unscored;
     j["outbox"] = {{"records", r.recordsWaiting}, {"trips", r.tripsWaiting}};
+    j["outbox"] = {{"records", r.recordsWaiting},
+                   {"trips", r.tripsWaiting},
+                   {"problem", r.outboxProblem.empty() ? nlohmann::ordered_json()
+                                                       : nlohmann::ordered_json(r.outboxProblem)}};
+    j["records_lost"] = recordsLost(r);
+    j["trip_state"] = tripState(r);
     if (r.route)
         j["route"] = {{"points", r.route->PassedCoordinates.size()},
                       {"faults", r.route->Faults.size()},
@@ -225,11 +317,11 @@ void printJsonReport(std::ostream& out, const ReplayResult& r, const std::string
     out << j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
 }
 
-void writeMapSvg(std::ostream& out, const Trip& trip, const Trip::Route& route) {
+void writeMapSvg(std::ostream& out, const ReplayResult& result, const Trip::Route& route) {
+    const Trip& trip = *result.trip;
     constexpr double kWidth = 960, kHeight = 680, kMargin = 40;
     std::vector<platform::Coordinate> all = route.PassedCoordinates;
-    for (const auto& f : route.Faults) all.push_back(f.Coordinate);
-    for (const auto& f : route.FuelDefficiencies) all.push_back(f.Coordinate);
+    for (const Event& e : result.events) all.push_back(e.where);
     all.push_back({trip.StartLocationLat, trip.StartLocationLong});
     all.push_back({trip.EndLocationLat, trip.EndLocationLong});
     all.erase(std::remove_if(all.begin(), all.end(),
@@ -273,25 +365,23 @@ void writeMapSvg(std::ostream& out, const Trip& trip, const Trip::Route& route) 
     out << "\"/>\n";
 
     int counts[kKindCount] = {};
-    auto marker = [&](const platform::Coordinate& c, Kind k) {
-        ++counts[static_cast<int>(k)];
+    for (const Event& e : result.events) {
+        if (e.where.latitude == 0 && e.where.longitude == 0) continue;  // before any fix
+        const int k = static_cast<int>(e.kind);
+        ++counts[k];
         std::snprintf(text, sizeof text,
                       "<circle class=\"fault %s\" cx=\"%.1f\" cy=\"%.1f\" r=\"6\" fill=\"%s\" "
-                      "fill-opacity=\"0.85\" stroke=\"#fff\"/>\n",
-                      kindName(k), x(c), y(c), kColours[static_cast<int>(k)].fill);
+                      "fill-opacity=\"0.85\" stroke=\"#fff\">",
+                      kindName(e.kind), x(e.where), y(e.where), kColours[k].fill);
         out << text;
-    };
-    for (const auto& f : route.Faults) {
-        // A point charged for several kinds shows the first; the legend counts points.
-        const double p[5] = {f.BrakingPenalty, f.SpeedingPenalty, f.CorneringPenalty,
-                             f.ElevatingPenalty, f.LaneChangingPenalty};
-        int kind = 0;
-        while (kind < 5 && !(p[kind] > 0)) ++kind;
-        marker(f.Coordinate, kind < 5 ? kKinds[kind] : Kind::braking);
+        // The tooltip a browser shows on the marker.
+        std::snprintf(text, sizeof text,
+                      "<title>%s at %s (%s into the drive), %.1f s, peak %.2f %s, penalty "
+                      "%.2f</title></circle>\n",
+                      kColours[k].label, clockText(result, e.start).c_str(),
+                      offsetText(e.start).c_str(), e.duration, e.peak, unitOf(e.kind), e.penalty);
+        out << text;
     }
-    // Every point carries its fuel charge; only those charged are marked.
-    for (const auto& f : route.FuelDefficiencies)
-        if (f.FuelEfficiencyPenalty > 0) marker(f.Coordinate, Kind::fuel);
 
     auto pin = [&](const platform::Coordinate& c, const char* cls, const char* fill,
                    const std::string& label) {

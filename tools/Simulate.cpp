@@ -8,6 +8,8 @@
 #include <random>
 #include <sstream>
 
+#include "Events.h"
+
 namespace kestrelvue::tools {
 namespace {
 
@@ -402,33 +404,27 @@ std::optional<std::vector<TruthEvent>> parseTruth(std::istream& in, std::string&
 
 TruthComparison compareWithTruth(const std::vector<TruthEvent>& truth,
                                  const std::vector<Detection>& detections) {
-    constexpr double kSlack = 1.0;
     TruthComparison result;
+    const std::vector<Event> events = groupEvents(detections, 0);
     for (Kind kind : kKinds) {
         KindScore& score = result.kinds[static_cast<int>(kind)];
-        std::vector<std::pair<double, double>> episodes;
-        for (const Detection& d : detections) {
-            if (d.kind != kind) continue;
-            if (!episodes.empty() && d.t - episodes.back().second <= kSlack)
-                episodes.back().second = d.t;
-            else
-                episodes.emplace_back(d.t, d.t);
-        }
-        auto overlaps = [&](const TruthEvent& e, const std::pair<double, double>& episode) {
-            return episode.second >= e.t - kSlack && episode.first <= e.t + e.duration + kSlack;
+        auto overlaps = [&](const TruthEvent& t, const Event& e) {
+            return e.kind == kind && e.end >= t.t - kEventSlack &&
+                   e.start <= t.t + t.duration + kEventSlack;
         };
-        for (const TruthEvent& e : truth) {
-            if (!isInjected(e.what) || kindOf(e.what) != kind) continue;
+        for (const TruthEvent& t : truth) {
+            if (!isInjected(t.what) || kindOf(t.what) != kind) continue;
             ++score.injected;
-            const bool hit = std::any_of(episodes.begin(), episodes.end(),
-                                         [&](const auto& ep) { return overlaps(e, ep); });
+            const bool hit = std::any_of(events.begin(), events.end(),
+                                         [&](const Event& e) { return overlaps(t, e); });
             ++(hit ? score.hits : score.misses);
         }
-        for (const auto& episode : episodes) {
-            const bool explained = std::any_of(truth.begin(), truth.end(), [&](const auto& e) {
-                return mayCause(e.what, kind) && overlaps(e, episode);
-            });
-            if (!explained) ++score.extra;
+        for (const Event& e : events) {
+            const bool explained =
+                e.kind == kind && std::any_of(truth.begin(), truth.end(), [&](const auto& t) {
+                    return mayCause(t.what, kind) && overlaps(t, e);
+                });
+            if (e.kind == kind && !explained) ++score.extra;
         }
     }
     return result;

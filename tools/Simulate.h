@@ -83,6 +83,8 @@ std::optional<std::vector<TruthEvent>> parseTruth(std::istream& in, std::string&
 struct Detection {
     double t = 0;  // seconds since the start of the drive
     Kind kind = Kind::braking;
+    double value = 0;    // what the detector read (see detectorValue in Events.h)
+    double penalty = 0;  // what the sample was charged, fixed and per-kilometre shares together
 };
 
 struct KindScore {
@@ -91,9 +93,9 @@ struct KindScore {
 struct TruthComparison {
     KindScore kinds[kKindCount];
 };
-/// Injected events against detections, per kind. An injected event is hit when a detection of
-/// its kind falls within a second of it; detections a second or less apart are one episode;
-/// an episode that nothing in the truth explains is extra.
+/// Injected events against detected ones (groupEvents in Events.h), per kind. An injected event
+/// is hit when an event of its kind overlaps it, give or take a second; an event that nothing in
+/// the truth explains is extra.
 TruthComparison compareWithTruth(const std::vector<TruthEvent>& truth,
                                  const std::vector<Detection>& detections);
 

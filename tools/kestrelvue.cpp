@@ -9,8 +9,12 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -37,6 +41,31 @@ const CLI::Validator kHttpUrl(
         return "expected an http:// or https:// URL, got '" + url + "'";
     },
     "URL");
+
+const CLI::Validator kUserID(
+    [](std::string& text) -> std::string {
+        std::int64_t id = 0;
+        const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), id);
+        if (ec == std::errc() && end == text.data() + text.size() && id >= 1) return {};
+        return "expected a user identifier, a whole number of at least 1, got '" + text + "'";
+    },
+    "ID");
+
+/// Edits (insertions, deletions, substitutions, swaps of neighbours) from `a` to `b`.
+std::size_t editDistance(const std::string& a, const std::string& b) {
+    std::vector<std::vector<std::size_t>> d(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
+    for (std::size_t i = 0; i <= a.size(); ++i) d[i][0] = i;
+    for (std::size_t j = 0; j <= b.size(); ++j) d[0][j] = j;
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1,
+                                d[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+                d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+        }
+    }
+    return d[a.size()][b.size()];
+}
 
 /// One line on a terminal, redrawn: samples done, how fast, how long still.
 class ProgressBar {
@@ -67,7 +96,7 @@ private:
 
 struct SimulateArgs {
     tools::SimulationOptions options;
-    std::string events = "all", output, truth;
+    std::string events = "all", output, truth, start;
     std::vector<double> fixGap;
 };
 
@@ -92,7 +121,17 @@ int simulate(const SimulateArgs& args) {
         options.fixGapStart = args.fixGap[0];
         options.fixGapSeconds = args.fixGap[1];
     }
-    const tools::Simulation simulation = tools::simulate(options);
+    tools::Simulation simulation = tools::simulate(options);
+    if (args.start.empty()) {
+        simulation.drive.start = std::chrono::duration_cast<std::chrono::seconds>(
+                                     std::chrono::system_clock::now().time_since_epoch())
+                                     .count();
+    } else if (!(simulation.drive.start = tools::parseUtcTime(args.start))) {
+        std::fprintf(stderr,
+                     "kestrelvue simulate: --start: expected YYYY-MM-DDTHH:MM:SSZ, got '%s'\n",
+                     args.start.c_str());
+        return kUsage;
+    }
     auto writeTo = [](const std::string& path, auto&& write) {
         if (path.empty() || path == "-") {
             write(std::cout);
@@ -113,10 +152,10 @@ int simulate(const SimulateArgs& args) {
 }
 
 struct ReplayArgs {
-    std::string drive, server, db, outbox, truth, map;
+    std::string drive, server, db, outbox, truth, map, align;
     std::int64_t user = 1, bulk = 0;
     double timeout = 90;
-    bool json = false, verbose = false, compress = false;
+    bool json = false, verbose = false, compress = false, events = false;
 };
 
 /// A replay hands motion bulks of a few hundred kilobytes between its threads many times a second.
@@ -156,6 +195,25 @@ int replay(const ReplayArgs& args) {
     options.outboxDirectory = args.outbox;
     options.compress = args.compress;
     options.fetchRoute = !args.map.empty();
+    if (!args.align.empty()) {
+        options.align = true;
+        double degrees[3];
+        int used = 0;
+        if (args.align != "auto") {
+            if (std::sscanf(args.align.c_str(), "%lf,%lf,%lf%n", &degrees[0], &degrees[1],
+                            &degrees[2], &used) != 3 ||
+                used != static_cast<int>(args.align.size()) || !std::isfinite(degrees[0]) ||
+                !std::isfinite(degrees[1]) || !std::isfinite(degrees[2])) {
+                std::fprintf(stderr,
+                             "kestrelvue replay: --align: expected auto or PITCH,ROLL,YAW in "
+                             "degrees, got '%s'\n",
+                             args.align.c_str());
+                return kUsage;
+            }
+            options.alignAngles = platform::MountingAngles{
+                degrees[0] * M_PI / 180, degrees[1] * M_PI / 180, degrees[2] * M_PI / 180};
+        }
+    }
     options.serviceTimeout =
         std::chrono::milliseconds(static_cast<std::int64_t>(args.timeout * 1000));
     options.log = [](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); };
@@ -187,16 +245,24 @@ int replay(const ReplayArgs& args) {
     if (args.json)
         tools::printJsonReport(std::cout, result, options.baseURL, comparison);
     else
-        tools::printReport(std::cout, result, options.baseURL, comparison);
+        tools::printReport(std::cout, result, options.baseURL, comparison, args.events);
 
     int code = tools::exitCodeOf(result);
-    if (!args.map.empty() && result.finished) {
-        if (!result.route) {
-            std::fprintf(stderr, "kestrelvue replay: no map: %s\n", result.routeProblem.c_str());
+    if (!args.map.empty()) {
+        // A map without the route would pass for one: no file, and the reason.
+        std::string missing;
+        if (!result.finished)
+            missing = "the trip was not uploaded, so the service has no route for it";
+        else if (!result.route)
+            missing = result.routeProblem;
+        else if (result.route->PassedCoordinates.empty())
+            missing = "the service returned the trip's route without a single point";
+        if (!missing.empty()) {
+            std::fprintf(stderr, "kestrelvue replay: no map: %s\n", missing.c_str());
             code = kFailed;
         } else {
             std::ofstream svg(args.map);
-            tools::writeMapSvg(svg, *result.trip, *result.route);
+            tools::writeMapSvg(svg, result, *result.route);
             svg.close();
             if (!svg) {
                 std::fprintf(stderr, "kestrelvue replay: cannot write %s\n", args.map.c_str());
@@ -254,6 +320,8 @@ int main(int argc, char** argv) {
         ->type_name("START SECONDS");
     simulateCommand->add_option("-o,--output", sim.output, "drive file (default: standard output)");
     simulateCommand->add_option("--truth", sim.truth, "also write what was injected, and when");
+    simulateCommand->add_option("--start", sim.start,
+                                "when the drive began, YYYY-MM-DDTHH:MM:SSZ (default: now)");
 
     ReplayArgs rep;
     auto* replayCommand = app.add_subcommand(
@@ -268,7 +336,7 @@ int main(int argc, char** argv) {
     replayCommand->add_option("--db", rep.db, "database of the in-process service")
         ->excludes(server);
     replayCommand->add_option("--user", rep.user, "user identifier the trip is recorded for")
-        ->check(CLI::PositiveNumber)
+        ->check(kUserID)
         ->capture_default_str();
     replayCommand
         ->add_option("--bulk", rep.bulk, "motion samples per upload (default: the engine's)")
@@ -280,6 +348,11 @@ int main(int argc, char** argv) {
     replayCommand->add_option("--map", rep.map, "write the route and its fault points as SVG");
     replayCommand->add_flag("--json", rep.json, "print the report as one JSON object");
     replayCommand->add_flag("--compress", rep.compress, "send motion bulks gzip-compressed");
+    replayCommand->add_option("--align", rep.align,
+                              "turn samples into the car's axes: auto (estimated) or "
+                              "PITCH,ROLL,YAW, the phone's angles in its holder in degrees");
+    replayCommand->add_flag("--events", rep.events,
+                            "list every event with its time, length, peak and penalty");
     replayCommand->add_flag("--verbose", rep.verbose, "also print the engine's notifications");
     replayCommand
         ->add_option("--timeout", rep.timeout, "seconds to wait for the service at each step")
@@ -298,6 +371,25 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
 
+    // A word where the command goes that names none: say so, with the nearest command.
+    if (argc > 1 && argv[1][0] != '-') {
+        const std::string word = argv[1];
+        std::string nearest;
+        std::size_t best = 3;  // at most two edits away
+        for (const char* command : {"serve", "simulate", "replay", "outbox"}) {
+            const std::size_t d = editDistance(word, command);
+            if (d == 0) best = 0, nearest.clear();
+            if (d < best) best = d, nearest = command;
+        }
+        if (best != 0) {
+            std::fprintf(stderr,
+                         "kestrelvue: unknown command '%s'%s (commands: serve, simulate, "
+                         "replay, outbox; kestrelvue --help)\n",
+                         word.c_str(),
+                         nearest.empty() ? "" : ("; did you mean '" + nearest + "'?").c_str());
+            return kUsage;
+        }
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -305,8 +397,19 @@ int main(int argc, char** argv) {
     }
     if (simulateCommand->parsed()) return simulate(sim);
     if (replayCommand->parsed()) return replay(rep);
-    if (outboxCommand->parsed())
+    if (outboxCommand->parsed()) {
+        // Pointed at a directory that holds no outbox, it would make one there.
+        std::error_code error;
+        if (!std::filesystem::exists(std::filesystem::path(outboxDirectory) / "outbox.sqlite",
+                                     error)) {
+            std::fprintf(stderr,
+                         "kestrelvue outbox: %s holds no outbox (no outbox.sqlite; replay "
+                         "--outbox DIR makes one)\n",
+                         outboxDirectory.c_str());
+            return kUsage;
+        }
         return tools::deliverOutbox(outboxDirectory, outboxServer, std::chrono::seconds(wait),
                                     std::cout);
+    }
     return kUsage;
 }

@@ -2,6 +2,7 @@
 // detached engine: with nobody observing "showMotionData", and with one observer.
 
 #include <benchmark/benchmark.h>
+#include <kestrelvue/platform/MountingAlignment.h>
 #include <kestrelvue/posix/SqliteOutboxStore.h>
 
 #include <atomic>
@@ -132,6 +133,81 @@ void BM_Evaluate_UploadOutbox(benchmark::State& state) {
     evaluate(state, false, Upload::outbox);
 }
 BENCHMARK(BM_Evaluate_UploadOutbox);
+
+// The mounting alignment's cost per sample, to set against BM_Evaluate_NoObserver: the sample
+// goes through the decorator's handler as a platform would deliver it, the phone turned and
+// pitched, with a fix every 20 samples (10 s at the engine's interval) for the yaw estimate.
+// What it costs is the difference from BM_Align_None, the same delivery undecorated.
+class HeldHandler final : public platform::MotionManager {
+public:
+    bool isDeviceMotionAvailable() const override { return true; }
+    bool isDeviceMotionActive() const override { return true; }
+    double deviceMotionUpdateInterval() const override { return 0.5; }
+    void setDeviceMotionUpdateInterval(double) override {}
+    bool showsDeviceMovementDisplay() const override { return false; }
+    void setShowsDeviceMovementDisplay(bool) override {}
+    platform::AsyncRequest startDeviceMotionUpdates(platform::AttitudeReferenceFrame,
+                                                    std::shared_ptr<platform::Executor>,
+                                                    platform::DeviceMotionHandler h) override {
+        handler = std::move(h);
+        return {};
+    }
+    void stopDeviceMotionUpdates() override {}
+    platform::DeviceMotionHandler handler;
+};
+
+enum class Mounting { none, fixed, estimated };
+
+void align(benchmark::State& state, Mounting mounting) {
+    auto inner = std::make_shared<HeldHandler>();
+    const platform::MountingAngles mounted{1.1, 0.1, 0.7};
+    std::shared_ptr<platform::MotionManager> alignment = inner;
+    if (mounting == Mounting::fixed)
+        alignment = std::make_shared<platform::MountingAlignment>(inner, mounted);
+    else if (mounting == Mounting::estimated)
+        alignment = std::make_shared<platform::MountingAlignment>(inner);
+    double sink = 0;
+    auto session = alignment->startDeviceMotionUpdates(
+        platform::AttitudeReferenceFrame::xArbitraryZVertical, nullptr,
+        [&sink](const std::optional<platform::DeviceMotion>& m,
+                const std::optional<platform::MotionError>&) {
+            // Every value read, as the engine reads them: the baseline touches the sample too.
+            for (const Vector3* v :
+                 {&m->attitude, &m->rotationRate, &m->userAcceleration, &m->gravity})
+                sink += v->x + v->y + v->z;
+        });
+    auto samples = drive();
+    for (auto& s : samples) s.gravity = {0, -0.89, -0.45};
+    std::int64_t i = 0;
+    platform::Location fix;
+    fix.coordinate = {41.0, 29.0};
+    for (auto _ : state) {
+        const auto& s = samples[static_cast<std::size_t>(i) & 4095];
+        if (++i % 20 == 0) {
+            fix.speed = static_cast<double>(i % 400) * 0.1;
+            fix.timestamp += std::chrono::seconds(1);
+            alignment->locationsDidUpdate({fix});
+        }
+        inner->handler(s, std::nullopt);
+    }
+    benchmark::DoNotOptimize(sink);
+}
+
+// The delivery alone, without the decorator: the alignment's cost is what it adds to this.
+void BM_Align_None(benchmark::State& state) {
+    align(state, Mounting::none);
+}
+BENCHMARK(BM_Align_None);
+
+void BM_Align_Fixed(benchmark::State& state) {
+    align(state, Mounting::fixed);
+}
+BENCHMARK(BM_Align_Fixed);
+
+void BM_Align_Estimating(benchmark::State& state) {
+    align(state, Mounting::estimated);
+}
+BENCHMARK(BM_Align_Estimating);
 
 }  // namespace
 }  // namespace kestrelvue

@@ -4,8 +4,12 @@
 #include <kestrelvue/posix/SqliteOutboxStore.h>
 #include <kestrelvue/service/ReferenceService.h>
 
+#include <algorithm>
+#include <array>
+#include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 
 #include "Drive.h"
@@ -22,8 +26,9 @@ class ToolTest : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(service_.start()) << service_.error(); }
 
-    tools::ReplayResult play(const tools::Drive& drive) {
+    tools::ReplayResult play(const tools::Drive& drive, bool align = false) {
         tools::ReplayOptions options;
+        options.align = align;
         options.baseURL = service_.baseURL();
         options.bulkMotionDataSize = 200;  // bulks while driving and a flush after the stop
         tools::ReplayResult result = tools::replay(drive, options);
@@ -111,21 +116,103 @@ TEST_F(ToolTest, AnOfflineStartScoresWithTheKeptBandsAndCompressionSendsASeventh
     std::filesystem::remove_all(dir);
 }
 
+// A fix or a sample after the engine's last whole interval is still delivered: the trip's
+// distance includes the drive's final fix.
+TEST_F(ToolTest, TheLastFixIsDeliveredBetweenTwoIntervals) {
+    tools::SimulationOptions options;
+    options.seconds = 60;
+    options.events.clear();
+    tools::Drive drive = tools::simulate(options).drive;
+    std::erase_if(drive.events, [](const tools::DriveEvent& e) { return e.t > 30'000'000'000; });
+    const tools::ReplayResult whole = play(drive);
+    tools::DriveEvent last = *std::find_if(drive.events.rbegin(), drive.events.rend(),
+                                           [](const tools::DriveEvent& e) { return e.fix; });
+    last.t = drive.events.back().t + 300'000'000;  // between two of the engine's intervals
+    last.fix->coordinate.latitude += 0.0003;
+    drive.events.push_back(last);
+    const tools::ReplayResult longer = play(drive);
+    EXPECT_EQ(longer.fixes, whole.fixes + 1);
+    EXPECT_NEAR(longer.trip->TotalDistance - whole.trip->TotalDistance, 0.0003 * 111'320, 3.0);
+}
+
+// The example drives with the phone turned in its holder (any yaw, tilted up as on a
+// windshield) and moved halfway, replayed with the estimated alignment, find what the
+// straight drives find.
+TEST_F(ToolTest, AlignmentFindsWhatTheStraightDriveFinds) {
+    auto counts = [](const tools::ReplayResult& r) {
+        std::array<int, tools::kKindCount> n{};
+        for (const tools::Event& e : r.events) ++n[static_cast<std::size_t>(e.kind)];
+        return n;
+    };
+    // v in the phone's axes: the car's turned back by yaw, then pitch, then roll.
+    auto turn = [](Vector3 v, const platform::MountingAngles& a) {
+        auto plane = [](double& p, double& q, double angle) {
+            const double c = std::cos(angle), s = std::sin(angle), p0 = p;
+            p = c * p0 - s * q;
+            q = s * p0 + c * q;
+        };
+        plane(v.x, v.y, -a.yaw);
+        plane(v.y, v.z, -a.pitch);
+        plane(v.z, v.x, -a.roll);
+        return v;
+    };
+    std::mt19937 rng(24);
+    // Stood up on the windshield, then laid down on the dashboard.
+    std::uniform_real_distribution<double> anyYaw(-M_PI, M_PI), tilt(0.9, 1.3), flat(0.1, 0.4);
+    for (const char* name :
+         {"city-aggressive.kvd", "motorway.kvd", "city-calm.kvd", "city-tunnel.kvd"}) {
+        SCOPED_TRACE(name);
+        tools::Drive drive = example(name);
+        const auto straight = counts(play(drive));
+        const platform::MountingAngles first{tilt(rng), 0.1, anyYaw(rng)};
+        const platform::MountingAngles second{flat(rng), -0.1, anyYaw(rng)};
+        for (tools::DriveEvent& e : drive.events) {
+            if (!e.motion) continue;
+            platform::DeviceMotion& m = *e.motion;
+            const auto& mounted = e.seconds() < drive.duration() / 2 ? first : second;
+            m.userAcceleration = turn(m.userAcceleration, mounted);
+            m.rotationRate = turn(m.rotationRate, mounted);
+            m.gravity = turn(m.gravity, mounted);
+            m.attitude = {std::asin(-m.gravity.y), std::atan2(-m.gravity.x, -m.gravity.z),
+                          m.attitude.z};
+        }
+        // Given the angles, the alignment turns each sample back exactly.
+        const platform::MountingAlignment fixed(nullptr, first);
+        for (std::size_t i : {1u, 50u, 500u}) {
+            if (!drive.events[i].motion) continue;
+            const Vector3 back = fixed.align(*drive.events[i].motion).userAcceleration;
+            const Vector3 was = example(name).events[i].motion->userAcceleration;
+            EXPECT_NEAR(back.x, was.x, 1e-9);
+            EXPECT_NEAR(back.y, was.y, 1e-9);
+            EXPECT_NEAR(back.z, was.z, 1e-9);
+        }
+        const tools::ReplayResult aligned = play(drive, true);
+        ASSERT_TRUE(aligned.mounting);
+        EXPECT_NEAR(aligned.mounting->pitch, second.pitch, 0.05);
+        EXPECT_NEAR(std::remainder(aligned.mounting->yaw - second.yaw, 2 * M_PI), 0, 0.1);
+        const auto found = counts(aligned);
+        for (std::size_t k = 0; k < found.size(); ++k)
+            EXPECT_NEAR(found[k], straight[k], 1) << tools::kindName(tools::kKinds[k]);
+    }
+}
+
 // Writing and reading back is the command-line check's (simulate -o, then replay).
 TEST(DriveFile, NamesTheLineItRefuses) {
-    const std::string v1 = "fix 0 41 29 1 0 5\nmotion 0.5 0 0 0 0 0 0 0 0 0 0 0 -1\n";
+    const std::string v1 = "fix 0 41 29 1 0 5\nmotion 0.5 0 0 0 0 0 0 0 0 0 0 0 -1";
     struct Case {
         std::string text;
         const char* error;  // "" when the drive is good
     } cases[] = {
-        {v1, ""},                                                  // no header: version 1, face up
-        {"kestrelvue-drive 2\n" + v1, "line 3: a motion sample"},  // its orientation missing
+        {v1 + "\n", ""},  // no header: version 1, face up
+        {"kestrelvue-drive 2\n" + v1 + "\n", "line 3: a motion sample"},  // no orientation
         {"kestrelvue-drive 3\n", "line 1: unsupported drive format"},
         {"fix 0 95 29 1 0 5\n", "line 1: latitude must lie"},
         {"fix 0 41 29 1 0\n", "line 1: a fix needs"},
         {"fix 2 41 29 1 0 5\nfix 1 41 29 1 0 5\n", "line 2: time goes backwards"},
         {"fix 0 41 29 1 0 5\nmotion 1 0 0 0 0 0 0 0 0 0 0 0 nan\n", "line 2: a motion sample"},
         {"jump 0\n", "line 1: unknown event 'jump'"},
+        {"kestrelvue-drive 2 start=2026-11-25T07:10:00Z\n" + v1 + " 5\n", ""},
+        {"kestrelvue-drive 2 start=2026-11-31T07:10:00Z\n", "line 1: after the version"},
     };
     for (const Case& c : cases) {
         std::stringstream in(c.text);

@@ -4,6 +4,7 @@
 #include <kestrelvue/Export.h>
 #include <kestrelvue/platform/AsyncRequest.h>
 #include <kestrelvue/platform/Executor.h>
+#include <kestrelvue/platform/Location.h>
 #include <kestrelvue/platform/Vector3.h>
 
 #include <cstdint>
@@ -11,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kestrelvue::platform {
 
@@ -66,6 +68,11 @@ public:
                                                   std::shared_ptr<Executor> queue,
                                                   DeviceMotionHandler handler) = 0;
     virtual void stopDeviceMotionUpdates() = 0;
+
+    /// The fixes the engine was given while a trip runs, after it took them. A manager that reads
+    /// them (the mounting alignment takes speed changes from them) overrides this; the others
+    /// ignore them.
+    virtual void locationsDidUpdate(const std::vector<Location>& fixes) { (void)fixes; }
 };
 
 }  // namespace kestrelvue::platform

@@ -1,0 +1,372 @@
+#include <kestrelvue/Environment.h>
+#include <kestrelvue/platform/MountingAlignment.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <mutex>
+#include <vector>
+
+namespace kestrelvue::platform {
+namespace {
+
+constexpr double kG = 9.80665;
+// Gravity this far (15 degrees; the cosine squared) from the settled one, sample after sample:
+// the phone moved.
+constexpr double kMovedCos2 = 0.966 * 0.966;
+constexpr int kMovedSamples = 3;
+// A still phone (below 0.05 g and 0.1 rad/s, squared): the settled gravity follows it a step
+// every few samples, and the rotation is rebuilt when it has drifted by a degree.
+constexpr double kStill2 = 0.05 * 0.05, kStillRotation2 = 0.1 * 0.1, kGravityFollow = 0.2;
+constexpr int kSettleEvery = 4;
+constexpr double kRebuildCos = 0.99985;
+// A stretch between two fixes counts towards yaw when the speed changed by this much a second
+// (half a metre per second squared), the car hardly turned, and the phone felt a horizontal
+// acceleration agreeing with the change within a factor of two; two in a row of one sign make it
+// sustained.
+constexpr double kSpeedChange = 0.5, kStraightYawRate = 0.08, kLongestFixGap = 3.0;
+constexpr int kSustained = 2;
+// A sustained run more than 30 degrees from the yaw estimated so far starts it again.
+constexpr double kSameYawCos = 0.866;
+
+struct Matrix {
+    double m[3][3] = {{1, 0, 0}, {0, 1, 0}, {0, 0, 1}};
+
+    Vector3 operator*(const Vector3& v) const {
+        return {m[0][0] * v.x + m[0][1] * v.y + m[0][2] * v.z,
+                m[1][0] * v.x + m[1][1] * v.y + m[1][2] * v.z,
+                m[2][0] * v.x + m[2][1] * v.y + m[2][2] * v.z};
+    }
+    Matrix operator*(const Matrix& o) const {
+        Matrix r;
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j)
+                r.m[i][j] = m[i][0] * o.m[0][j] + m[i][1] * o.m[1][j] + m[i][2] * o.m[2][j];
+        return r;
+    }
+};
+
+Matrix aboutX(double a) {
+    return {{{1, 0, 0}, {0, std::cos(a), -std::sin(a)}, {0, std::sin(a), std::cos(a)}}};
+}
+Matrix aboutY(double a) {
+    return {{{std::cos(a), 0, std::sin(a)}, {0, 1, 0}, {-std::sin(a), 0, std::cos(a)}}};
+}
+Matrix aboutZ(double a) {
+    return {{{std::cos(a), -std::sin(a), 0}, {std::sin(a), std::cos(a), 0}, {0, 0, 1}}};
+}
+
+double dot(const Vector3& a, const Vector3& b) {
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
+double norm(const Vector3& v) {
+    return std::sqrt(dot(v, v));
+}
+
+/// The shortest rotation taking the unit vector `g` to straight down.
+Matrix levelling(const Vector3& g) {
+    // v = g x down, c = g . down, R = I + [v] + [v]^2 / (1 + c).
+    const Vector3 v{-g.y, g.x, 0.0};
+    const double c = -g.z;
+    if (c < -0.9999) return aboutX(M_PI);  // face down: turn it over
+    const double k = 1.0 / (1.0 + c);
+    Matrix r;
+    r.m[0][0] = 1 - k * v.y * v.y;
+    r.m[0][1] = k * v.x * v.y;
+    r.m[0][2] = v.y;
+    r.m[1][0] = k * v.x * v.y;
+    r.m[1][1] = 1 - k * v.x * v.x;
+    r.m[1][2] = -v.x;
+    r.m[2][0] = -v.y;
+    r.m[2][1] = v.x;
+    r.m[2][2] = 1 - k * (v.x * v.x + v.y * v.y);
+    return r;
+}
+
+/// The rotation as it is handed on: its matrix and how much of it is known.
+struct Rotation {
+    Matrix matrix;
+    bool gravityKnown = true, yawKnown = true;
+};
+
+/// Pitch and roll of an aligned sample, kept while gravity stays within a hundredth of a g:
+/// the trigonometry would cost more than everything else the alignment does.
+struct AttitudeCache {
+    Vector3 gravity{NAN, NAN, NAN};
+    double pitch = 0, roll = 0;
+};
+
+DeviceMotion turn(const DeviceMotion& s, const Rotation& r, AttitudeCache* cache) {
+    if (!r.gravityKnown) return s;
+    DeviceMotion out;
+    out.gravity = r.matrix * s.gravity;
+    out.userAcceleration = r.matrix * s.userAcceleration;
+    out.rotationRate = r.matrix * s.rotationRate;
+    if (!r.yawKnown) {
+        // Which way is forward is not known yet: only what does not depend on it goes on.
+        out.userAcceleration.x = out.userAcceleration.y = 0;
+        out.rotationRate.x = out.rotationRate.y = 0;
+    }
+    double pitch = 0, roll = 0;
+    const auto near = [&](const Vector3& c) {
+        const Vector3 d{s.gravity.x - c.x, s.gravity.y - c.y, s.gravity.z - c.z};
+        return dot(d, d) < 1e-4;  // NaN, before the first, is never near
+    };
+    if (cache && near(cache->gravity)) {
+        pitch = cache->pitch, roll = cache->roll;
+    } else {
+        const Vector3& g = out.gravity;
+        const double n = norm(g);
+        pitch = n > 0 ? std::asin(std::clamp(-g.y / n, -1.0, 1.0)) : 0.0;
+        roll = std::atan2(-g.x, -g.z);
+        if (cache) *cache = {s.gravity, pitch, roll};
+    }
+    out.attitude = {pitch, roll, s.attitude.z};
+    return out;
+}
+
+}  // namespace
+
+/// The estimate lives on the thread that delivers samples and is touched by nothing else, so a
+/// sample takes no lock: fixes wait in a mailbox it empties, and the rotation is published for
+/// other threads only when it changes.
+struct MountingAlignment::State {
+    bool estimating = true;
+    // The sample thread's.
+    Rotation working;
+    AttitudeCache attitude;
+    bool gravityKnown = false, yawKnown = false;
+    Vector3 gravity;      // settled gravity, phone axes, unit
+    Vector3 gravityUsed;  // the one `levelled` was built from
+    Matrix levelled;      // phone axes to a level frame of unknown yaw
+    int moved = 0, still = 0;
+    double backX = 0, backY = 0;  // the car's back in the level frame, summed over the evidence
+    // Between two fixes: the level horizontal acceleration and yaw rate summed.
+    double sumX = 0, sumY = 0, sumYawRate = 0;
+    int samples = 0;
+    std::optional<Location> lastFix;
+    int runSign = 0, runLength = 0;
+    double runX = 0, runY = 0;
+
+    // The mailbox of fixes.
+    std::atomic<bool> fixesWaiting{false};
+    std::mutex fixesMutex;
+    std::vector<Location> fixes;
+
+    // What other threads read.
+    mutable std::mutex publishedMutex;
+    Rotation published;
+
+    void publish() {
+        working.gravityKnown = gravityKnown;
+        working.yawKnown = yawKnown;
+        working.matrix = yawKnown ? aboutZ(std::atan2(backX, backY)) * levelled : levelled;
+        attitude = {};
+        std::lock_guard lock(publishedMutex);
+        published = working;
+    }
+
+    void restart(const Vector3& g) {
+        gravity = gravityUsed = g;
+        gravityKnown = true;
+        yawKnown = false;
+        levelled = levelling(g);
+        backX = backY = sumX = sumY = sumYawRate = runX = runY = 0;
+        samples = runLength = runSign = moved = still = 0;
+        publish();
+    }
+
+    void settle(const Vector3& g) {
+        const Vector3 mixed{gravity.x + (g.x - gravity.x) * kGravityFollow,
+                            gravity.y + (g.y - gravity.y) * kGravityFollow,
+                            gravity.z + (g.z - gravity.z) * kGravityFollow};
+        const double n = norm(mixed);
+        if (!(n > 0)) return;
+        gravity = {mixed.x / n, mixed.y / n, mixed.z / n};
+        if (dot(gravity, gravityUsed) < kRebuildCos) {
+            gravityUsed = gravity;
+            levelled = levelling(gravity);
+            publish();
+        }
+    }
+
+    /// Learns from a sample and returns it aligned. On the sample thread.
+    DeviceMotion take(const DeviceMotion& s) {
+        if (!estimating) return turn(s, working, &attitude);
+        if (fixesWaiting.load(std::memory_order_acquire)) {
+            std::vector<Location> arrived;
+            {
+                std::lock_guard lock(fixesMutex);
+                arrived.swap(fixes);
+                fixesWaiting.store(false, std::memory_order_relaxed);
+            }
+            for (const Location& fix : arrived) takeFix(fix);
+        }
+        const double n2 = dot(s.gravity, s.gravity);
+        if (n2 > 0.25 && n2 < 2.25) {
+            if (!gravityKnown) {
+                const double n = std::sqrt(n2);
+                restart({s.gravity.x / n, s.gravity.y / n, s.gravity.z / n});
+            } else if (const double c = dot(s.gravity, gravity); c < 0 || c * c < kMovedCos2 * n2) {
+                if (++moved >= kMovedSamples) {
+                    const double n = std::sqrt(n2);
+                    restart({s.gravity.x / n, s.gravity.y / n, s.gravity.z / n});
+                }
+            } else {
+                moved = 0;
+                // Gravity follows the phone while it is still, a step every few samples.
+                if (dot(s.userAcceleration, s.userAcceleration) < kStill2 &&
+                    dot(s.rotationRate, s.rotationRate) < kStillRotation2 &&
+                    ++still % kSettleEvery == 0) {
+                    const double n = std::sqrt(n2);
+                    settle({s.gravity.x / n, s.gravity.y / n, s.gravity.z / n});
+                }
+            }
+        }
+        if (gravityKnown) {
+            const auto& m = levelled.m;
+            const Vector3& a = s.userAcceleration;
+            sumX += m[0][0] * a.x + m[0][1] * a.y + m[0][2] * a.z;
+            sumY += m[1][0] * a.x + m[1][1] * a.y + m[1][2] * a.z;
+            sumYawRate += std::fabs(m[2][0] * s.rotationRate.x + m[2][1] * s.rotationRate.y +
+                                    m[2][2] * s.rotationRate.z);
+            ++samples;
+        }
+        return turn(s, working, &attitude);
+    }
+
+    /// A fix: the speed change since the last one, against what the phone felt. On the sample
+    /// thread.
+    void takeFix(const Location& fix) {
+        const std::optional<Location> last = lastFix;
+        const double x = sumX, y = sumY, yawRate = sumYawRate;
+        const int n = samples;
+        lastFix = fix;
+        sumX = sumY = sumYawRate = 0;
+        samples = 0;
+        if (!estimating || !gravityKnown || !last || n == 0 || fix.speed < 0 || last->speed < 0)
+            return;
+        const double dt = std::chrono::duration<double>(fix.timestamp - last->timestamp).count();
+        if (!(dt > 0) || dt > kLongestFixGap) return;
+        const double change = (fix.speed - last->speed) / dt;  // m/s^2
+        const double feltX = x / n, feltY = y / n, felt = std::hypot(feltX, feltY) * kG;
+        const bool counts = std::fabs(change) >= kSpeedChange && yawRate / n < kStraightYawRate &&
+                            felt > std::fabs(change) / 2 && felt < std::fabs(change) * 2;
+        const int sign = change < 0 ? 1 : -1;  // braking pushes the phone to the car's back
+        if (!counts || sign != runSign) {
+            runLength = 0;
+            runX = runY = 0;
+        }
+        runSign = counts ? sign : 0;
+        if (!counts) return;
+        runX += sign * feltX;
+        runY += sign * feltY;
+        if (++runLength < kSustained) return;
+        // A run far from the yaw known so far: the phone was turned in its holder, which
+        // gravity does not show when it turns about the vertical. The new run alone counts.
+        const double known = std::hypot(backX, backY), run = std::hypot(runX, runY);
+        if (known > 0 && backX * runX + backY * runY < kSameYawCos * known * run) backX = backY = 0;
+        backX += runX;
+        backY += runY;
+        runX = runY = 0;
+        runLength = 0;
+        yawKnown = true;
+        publish();
+    }
+};
+
+MountingAlignment::MountingAlignment(std::shared_ptr<MotionManager> inner, MountingAngles angles)
+    : inner_(std::move(inner)), state_(std::make_shared<State>()) {
+    state_->estimating = false;
+    // The phone's axes in the car's are aboutZ(yaw) aboutX(pitch) aboutY(roll); a sample is
+    // turned back by the same product.
+    state_->working.matrix = aboutZ(angles.yaw) * aboutX(angles.pitch) * aboutY(angles.roll);
+    state_->published = state_->working;
+}
+
+MountingAlignment::MountingAlignment(std::shared_ptr<MotionManager> inner)
+    : inner_(std::move(inner)), state_(std::make_shared<State>()) {
+    state_->working.gravityKnown = state_->working.yawKnown = false;
+    state_->published = state_->working;
+}
+
+MountingAlignment::~MountingAlignment() = default;
+
+std::optional<MountingAngles> MountingAlignment::rotation() const {
+    Rotation r;
+    {
+        std::lock_guard lock(state_->publishedMutex);
+        r = state_->published;
+    }
+    if (!r.gravityKnown || !r.yawKnown) return std::nullopt;
+    const auto& m = r.matrix.m;
+    return MountingAngles{std::asin(std::clamp(m[2][1], -1.0, 1.0)), std::atan2(-m[2][0], m[2][2]),
+                          std::atan2(-m[0][1], m[1][1])};
+}
+
+DeviceMotion MountingAlignment::align(const DeviceMotion& sample) const {
+    Rotation r;
+    {
+        std::lock_guard lock(state_->publishedMutex);
+        r = state_->published;
+    }
+    return turn(sample, r, nullptr);
+}
+
+bool MountingAlignment::isDeviceMotionAvailable() const {
+    return inner_->isDeviceMotionAvailable();
+}
+bool MountingAlignment::isDeviceMotionActive() const {
+    return inner_->isDeviceMotionActive();
+}
+double MountingAlignment::deviceMotionUpdateInterval() const {
+    return inner_->deviceMotionUpdateInterval();
+}
+void MountingAlignment::setDeviceMotionUpdateInterval(double seconds) {
+    inner_->setDeviceMotionUpdateInterval(seconds);
+}
+bool MountingAlignment::showsDeviceMovementDisplay() const {
+    return inner_->showsDeviceMovementDisplay();
+}
+void MountingAlignment::setShowsDeviceMovementDisplay(bool value) {
+    inner_->setShowsDeviceMovementDisplay(value);
+}
+void MountingAlignment::stopDeviceMotionUpdates() {
+    inner_->stopDeviceMotionUpdates();
+}
+
+AsyncRequest MountingAlignment::startDeviceMotionUpdates(AttitudeReferenceFrame frame,
+                                                         std::shared_ptr<Executor> queue,
+                                                         DeviceMotionHandler handler) {
+    // The inner session owns this handler: ending it ends ours.
+    return inner_->startDeviceMotionUpdates(
+        frame, std::move(queue),
+        [state = state_, handler = std::move(handler)](const std::optional<DeviceMotion>& motion,
+                                                       const std::optional<MotionError>& error) {
+            if (!motion) return handler(motion, error);
+            handler(state->take(*motion), error);
+        });
+}
+
+void MountingAlignment::locationsDidUpdate(const std::vector<Location>& fixes) {
+    if (state_->estimating && !fixes.empty()) {
+        std::lock_guard lock(state_->fixesMutex);
+        state_->fixes.insert(state_->fixes.end(), fixes.begin(), fixes.end());
+        state_->fixesWaiting.store(true, std::memory_order_release);
+    }
+    inner_->locationsDidUpdate(fixes);
+}
+
+void useMountingAlignment(Environment& environment, std::optional<MountingAngles> angles) {
+    auto make = environment.makeMotionManager;
+    environment.makeMotionManager = [make = std::move(make),
+                                     angles]() -> std::shared_ptr<MotionManager> {
+        std::shared_ptr<MotionManager> inner = make ? make() : nullptr;
+        if (!inner) return inner;
+        if (angles) return std::make_shared<MountingAlignment>(std::move(inner), *angles);
+        return std::make_shared<MountingAlignment>(std::move(inner));
+    };
+}
+
+}  // namespace kestrelvue::platform
