@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "Commands.h"
 #include "Drive.h"
 #include "Outbox.h"
 #include "Replay.h"
@@ -296,6 +297,8 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
 
+    const tools::Subcommand importer = tools::addImportCommand(app);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -303,6 +306,7 @@ int main(int argc, char** argv) {
     }
     if (simulateCommand->parsed()) return simulate(sim);
     if (replayCommand->parsed()) return replay(rep);
+    if (importer.command->parsed()) return importer.run();
     if (outboxCommand->parsed())
         return tools::deliverOutbox(outboxDirectory, outboxServer, std::chrono::seconds(wait),
                                     std::cout);
