@@ -60,7 +60,11 @@ TEST(GravityFilter, FindsGravityWithinTwoDegreesWhateverTheMounting) {
         const Rotation r = Rotation::random(rng);
         posix::GravityFilter filter;
         double worst = 0, last = -1;
-        for (const tools::DriveEvent& e : drive.events) {
+        // The computer starts with the ignition: a few readings before the vehicle moves.
+        std::vector<tools::DriveEvent> events(4, tools::DriveEvent{});
+        for (auto& e : events) e.motion = platform::DeviceMotion{{}, {}, {}, {0, 0, -1}};
+        events.insert(events.end(), drive.events.begin(), drive.events.end());
+        for (const tools::DriveEvent& e : events) {
             if (!e.motion) continue;
             const platform::DeviceMotion& m = *e.motion;
             // What an IMU mounted so would read: specific force is minus the total, in m/s².

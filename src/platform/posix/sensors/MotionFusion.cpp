@@ -40,26 +40,27 @@ GravityFilter::GravityFilter(double timeConstantSeconds, double rejectAboveG)
 
 void GravityFilter::reset() {
     gravity_.reset();
-    yaw_ = elapsed_ = 0;
+    yaw_ = 0;
 }
 
 platform::DeviceMotion GravityFilter::update(const ImuReading& reading, double dt) {
     // The phone platforms give the total acceleration with gravity down: minus specific force.
     const Vector3 total = (-1.0 / kStandardGravity) * reading.accel;
     const double magnitude = norm(total);
+    const double trust = std::clamp(1.0 - std::abs(magnitude - 1.0) / rejectAbove_, 0.0, 1.0);
     if (!gravity_) {
-        gravity_ = magnitude > 0.1 ? (1.0 / magnitude) * total : Vector3{0, 0, -1};
-    } else if (dt > 0 && std::isfinite(dt)) {
+        // The first reading near 1 g sets the estimate (a vehicle computer starts with the
+        // ignition, before the vehicle moves); until then each reading stands for itself.
+        const Vector3 guess = magnitude > 0.1 ? (1.0 / magnitude) * total : Vector3{0, 0, -1};
+        if (trust > 0) gravity_ = guess;
+        return sample(reading, total, guess);
+    }
+    if (dt > 0 && std::isfinite(dt)) {
         // A direction fixed in the world turns the other way in a frame turning at omega.
         const double rate = norm(reading.gyro);
         if (rate > 0 && std::isfinite(rate))
             gravity_ = rotate(*gravity_, (1.0 / rate) * reading.gyro, -rate * dt);
-        const double trust = std::clamp(1.0 - std::abs(magnitude - 1.0) / rejectAbove_, 0.0, 1.0);
-        // Fast at first, so the first estimate (one reading, moving or not) settles soon; then
-        // slow, so that a long gentle acceleration does not pass for tilt.
-        elapsed_ += dt;
-        const double timeConstant = std::min(timeConstant_, 1.0 + elapsed_ / 2);
-        const double weight = std::min(1.0, dt / timeConstant) * trust;
+        const double weight = std::min(1.0, dt / timeConstant_) * trust;
         if (weight > 0) {
             const Vector3 pulled = *gravity_ + weight * ((1.0 / magnitude) * total - *gravity_);
             if (const double n = norm(pulled); n > 0) gravity_ = (1.0 / n) * pulled;
@@ -67,7 +68,11 @@ platform::DeviceMotion GravityFilter::update(const ImuReading& reading, double d
         // Rotation about the vertical (up is minus gravity), counter-clockwise positive.
         yaw_ = std::remainder(yaw_ - dot(reading.gyro, *gravity_) * dt, 2 * std::numbers::pi);
     }
-    const Vector3 g = *gravity_;
+    return sample(reading, total, *gravity_);
+}
+
+platform::DeviceMotion GravityFilter::sample(const ImuReading& reading, const Vector3& total,
+                                             const Vector3& g) const {
     platform::DeviceMotion out;
     out.gravity = g;
     out.userAcceleration = total - g;

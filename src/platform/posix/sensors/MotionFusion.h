@@ -43,7 +43,9 @@ private:
     double timeConstant_, rejectAbove_;
     std::optional<Vector3> gravity_;  // unit, pointing down, device frame
     double yaw_ = 0;
-    double elapsed_ = 0;  // seconds since the first reading
+
+    platform::DeviceMotion sample(const ImuReading& reading, const Vector3& total,
+                                  const Vector3& gravity) const;
 };
 
 /// The device's orientation as its gravity shows it: face up or down when gravity is mostly
