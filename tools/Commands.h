@@ -14,5 +14,7 @@ struct Subcommand {
 
 /// `kestrelvue import LOG -o DRIVE`
 Subcommand addImportCommand(CLI::App& app);
+/// `kestrelvue record [--seconds N]`
+Subcommand addRecordCommand(CLI::App& app);
 
 }  // namespace kestrelvue::tools

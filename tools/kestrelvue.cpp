@@ -298,6 +298,7 @@ int main(int argc, char** argv) {
         ->capture_default_str();
 
     const tools::Subcommand importer = tools::addImportCommand(app);
+    const tools::Subcommand recorder = tools::addRecordCommand(app);
 
     try {
         app.parse(argc, argv);
@@ -307,6 +308,7 @@ int main(int argc, char** argv) {
     if (simulateCommand->parsed()) return simulate(sim);
     if (replayCommand->parsed()) return replay(rep);
     if (importer.command->parsed()) return importer.run();
+    if (recorder.command->parsed()) return recorder.run();
     if (outboxCommand->parsed())
         return tools::deliverOutbox(outboxDirectory, outboxServer, std::chrono::seconds(wait),
                                     std::cout);

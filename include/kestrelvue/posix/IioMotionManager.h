@@ -64,6 +64,8 @@ public:
     std::optional<IioReading> read(std::string* error = nullptr) const;
     /// The orientation the latest sample's gravity shows (unknown before the first).
     platform::DeviceOrientation orientation() const;
+    /// Samples delivered since construction.
+    std::size_t samples() const;
 
 private:
     struct Channels;
@@ -80,6 +82,7 @@ private:
     bool showsDisplay_ = false;
     std::uint64_t session_ = 0, lastSession_ = 0;
     platform::DeviceOrientation orientation_ = platform::DeviceOrientation::unknown;
+    std::size_t samples_ = 0;
     std::thread reader_;  // last: ends before the members it uses
 };
 

@@ -175,6 +175,11 @@ platform::DeviceOrientation IioMotionManager::orientation() const {
     return orientation_;
 }
 
+std::size_t IioMotionManager::samples() const {
+    std::lock_guard lock(mutex_);
+    return samples_;
+}
+
 platform::AsyncRequest IioMotionManager::startDeviceMotionUpdates(
     platform::AttitudeReferenceFrame, std::shared_ptr<platform::Executor> queue,
     platform::DeviceMotionHandler handler) {
@@ -229,7 +234,10 @@ void IioMotionManager::run(std::uint64_t session, const std::shared_ptr<platform
             if (live->load()) (*handler)(motion, error);
         });
         lock.lock();
-        if (motion) orientation_ = orientationFromGravity(motion->gravity);
+        if (motion) {
+            orientation_ = orientationFromGravity(motion->gravity);
+            ++samples_;
+        }
         // A late wake-up does not bunch samples: the next one is an interval from now.
         next = std::max(next + interval, steady_clock::now());
         wake_.wait_until(lock, next, [&] { return session_ != session; });
