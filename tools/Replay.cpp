@@ -375,6 +375,7 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
 
     Environment env;
     phone.installInto(env);
+    if (options.live) options.live->install(env, queue);
     env.ids = std::make_shared<platform::RandomIdGenerator>();
     auto tap = std::make_shared<WireTap>(std::make_shared<posix::CurlHttpClient>());
     tap->setStart(duration_cast<milliseconds>(start.time_since_epoch()).count());
@@ -511,9 +512,13 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
         return finish();
     }
     result.interval = motion->deviceMotionUpdateInterval();
+    if (options.live) options.live->run(*engine, *queue, result);
     const std::int64_t intervalNs =
         std::max<std::int64_t>(1'000'000, std::llround(result.interval * 1e9));
-    const std::int64_t lastNs = drive.events.empty() ? 0 : drive.events.back().t;
+    // Live, the trip has run already: there is no drive to play.
+    const std::int64_t lastNs = options.live           ? -1
+                                : drive.events.empty() ? 0
+                                                       : drive.events.back().t;
     // The engine sends a bulk at a time, the next when the last is answered, so playing the drive
     // far ahead of the uploads only piles records up in its buffer (where each answered bulk is
     // erased from the front), to be sent after the drive anyway: hold the drive back to two bulks

@@ -18,7 +18,31 @@
 #include "Events.h"
 #include "Simulate.h"
 
+namespace kestrelvue {
+class DrivingInsight;
+struct Environment;
+namespace sim {
+class MainQueue;
+}
+}  // namespace kestrelvue
+
 namespace kestrelvue::tools {
+
+struct ReplayResult;
+
+/// A live host (`kestrelvue record`): its clock, sensors and device take the simulated phone's
+/// place, and it runs the trip in real time between the start and the stop, where a replay plays
+/// the drive.
+class LiveHost {
+public:
+    virtual ~LiveHost() = default;
+    /// Puts the host's clock, sensors and device into the environment; `queue` is the main queue
+    /// the engine posts to, which run() drains.
+    virtual void install(Environment& env, const std::shared_ptr<sim::MainQueue>& queue) = 0;
+    /// Called once the trip has started; returns when it should stop. Sets the interval, fixes and
+    /// samples of the result.
+    virtual void run(DrivingInsight& engine, sim::MainQueue& queue, ReplayResult& result) = 0;
+};
 
 struct ReplayProgress {
     std::size_t done = 0, total = 0;  // motion deliveries
@@ -50,6 +74,8 @@ struct ReplayOptions {
     /// `alignAngles` when given, else by an estimate.
     bool align = false;
     std::optional<platform::MountingAngles> alignAngles;
+    /// When set, the trip runs live on this host instead of the drive (which is then ignored).
+    std::shared_ptr<LiveHost> live;
 };
 
 struct ReplayResult {

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "Commands.h"
 #include "Drive.h"
 #include "Outbox.h"
 #include "Replay.h"
@@ -376,7 +377,7 @@ int main(int argc, char** argv) {
         const std::string word = argv[1];
         std::string nearest;
         std::size_t best = 3;  // at most two edits away
-        for (const char* command : {"serve", "simulate", "replay", "outbox"}) {
+        for (const char* command : {"serve", "simulate", "replay", "record", "import", "outbox"}) {
             const std::size_t d = editDistance(word, command);
             if (d == 0) best = 0, nearest.clear();
             if (d < best) best = d, nearest = command;
@@ -384,12 +385,15 @@ int main(int argc, char** argv) {
         if (best != 0) {
             std::fprintf(stderr,
                          "kestrelvue: unknown command '%s'%s (commands: serve, simulate, "
-                         "replay, outbox; kestrelvue --help)\n",
+                         "replay, record, import, outbox; kestrelvue --help)\n",
                          word.c_str(),
                          nearest.empty() ? "" : ("; did you mean '" + nearest + "'?").c_str());
             return kUsage;
         }
     }
+    const tools::Subcommand importer = tools::addImportCommand(app);
+    const tools::Subcommand recorder = tools::addRecordCommand(app);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -397,6 +401,8 @@ int main(int argc, char** argv) {
     }
     if (simulateCommand->parsed()) return simulate(sim);
     if (replayCommand->parsed()) return replay(rep);
+    if (importer.command->parsed()) return importer.run();
+    if (recorder.command->parsed()) return recorder.run();
     if (outboxCommand->parsed()) {
         // Pointed at a directory that holds no outbox, it would make one there.
         std::error_code error;
