@@ -74,10 +74,13 @@ inline bool openConnection(const std::string& path, sqlite3*& db, std::string& e
     // Larger pages for a new file (an existing one keeps its size): a bulk writes a quarter as
     // many pages to the log, and copies a quarter as many back. The write-ahead log lets requests
     // read while one writes; a commit is then safe against a crash of the service, and only a
-    // power loss may undo the last commits.
-    if (!execute(db,
-                 "PRAGMA page_size = 16384; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL",
-                 error)) {
+    // power loss may undo the last commits. SQLite copies the log back itself, in the committing
+    // request, once it holds 4 MB: twice as often as its default, each copy half as long a wait.
+    if (!execute(
+            db,
+            "PRAGMA page_size = 16384; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; "
+            "PRAGMA wal_autocheckpoint = 256",
+            error)) {
         error = "cannot open database " + path + ": " + error;
         return false;
     }

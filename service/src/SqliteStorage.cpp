@@ -24,8 +24,9 @@ namespace {
 constexpr std::int64_t kApplicationId = 0x4B565344;
 
 // Motion is kept in the shape the writes want: one row a bulk, its records the text they came
-// in, keyed by the trip and a digest of that text so that a bulk sent again stores nothing. A
-// route reads a trip's bulks in arrival order and drops the record keys it has seen.
+// in, keyed by the trip and the keys of its first and last records and their number, so that a
+// bulk sent again stores nothing. A route reads a trip's bulks in arrival order and drops the
+// record keys it has seen, so bulks that only overlap lose nothing either.
 constexpr const char* kSchemaVersion1 = R"sql(
 CREATE TABLE IF NOT EXISTS trips (
   guid TEXT PRIMARY KEY, user_id INTEGER, start_time TEXT, end_time TEXT, start_location TEXT,
@@ -44,8 +45,8 @@ CREATE TABLE IF NOT EXISTS users (
 CREATE TABLE IF NOT EXISTS friends (
   user_ref TEXT NOT NULL, friend_ref TEXT NOT NULL, PRIMARY KEY (user_ref, friend_ref));
 CREATE TABLE IF NOT EXISTS motion_bulks (
-  id INTEGER PRIMARY KEY, trip TEXT NOT NULL, user_id INTEGER, digest BLOB NOT NULL,
-  records INTEGER NOT NULL, motion_text TEXT NOT NULL, UNIQUE (trip, digest));
+  id INTEGER PRIMARY KEY, trip TEXT NOT NULL, user_id INTEGER, first_and_last TEXT NOT NULL,
+  records INTEGER NOT NULL, motion_text TEXT NOT NULL, UNIQUE (trip, first_and_last, records));
 )sql";
 
 // The earlier layout: trip records in "drivings" with numbered columns, motion records a row
@@ -159,7 +160,7 @@ public:
             if (!execute(db_, sql.c_str(), error)) {
                 std::string ignored;
                 execute(db_, "ROLLBACK", ignored);
-                error = "cannot upgrade " + path + ": " + error;
+                error.insert(0, "cannot upgrade " + path + ": ");
                 return false;
             }
         }
@@ -167,24 +168,20 @@ public:
     }
 
     std::optional<std::size_t> addMotion(const MotionBulk& bulk) override {
-        const Digest digest = digestOf(bulk.text);  // before the lock: it reads the whole text
         std::lock_guard lock(mutex_);
-        return addMotionLocked(bulk, digest);
+        return addMotionLocked(bulk);
     }
 
-    using Digest = std::array<unsigned char, SHA256_DIGEST_LENGTH>;
-    static Digest digestOf(std::string_view text) {
-        Digest digest;
-        SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest.data());
-        return digest;
-    }
-
-    std::optional<std::size_t> addMotionLocked(const MotionBulk& bulk, const Digest& digest) {
+    std::optional<std::size_t> addMotionLocked(const MotionBulk& bulk) {
         if (bulk.records.empty()) return 0;
+        const MotionRecord &first = bulk.records.front(), &last = bulk.records.back();
+        const std::string key =
+            std::to_string(first.itemId) + " " + std::string(first.recordTimeText()) + " " +
+            std::to_string(last.itemId) + " " + std::string(last.recordTimeText());
         Statement q(db_,
-                    "INSERT OR IGNORE INTO motion_bulks(trip, user_id, digest, records, "
+                    "INSERT OR IGNORE INTO motion_bulks(trip, user_id, first_and_last, records, "
                     "motion_text) VALUES (?, ?, ?, ?, ?)");
-        q.bind(1, bulk.guid).bind(2, bulk.userID).blob(3, digest.data(), digest.size());
+        q.bind(1, bulk.guid).bind(2, bulk.userID).bind(3, key);
         q.bind(4, static_cast<std::int64_t>(bulk.records.size())).bind(5, bulk.text);
         if (!q.run()) return std::nullopt;
         return sqlite3_changes(db_) ? bulk.records.size() : 0;
@@ -451,7 +448,7 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
     if (!done) {
         std::string ignored;
         execute(db_, "ROLLBACK", ignored);
-        error = "cannot " + std::string(earlier ? "upgrade " : "create ") + path + ": " + error;
+        error.insert(0, (earlier ? "cannot upgrade " : "cannot create ") + path + ": ");
     }
     for (std::size_t k = 1; k <= attached.size(); ++k) {
         std::string ignored;
@@ -505,7 +502,7 @@ bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& erro
             MotionBulk b{trip, user, std::move(text), std::move(bulk)};
             bulk.clear();
             text.clear();
-            return addMotionLocked(b, digestOf(b.text)).has_value();
+            return addMotionLocked(b).has_value();
         };
         while (q.step()) {
             if (q.view(0) != trip) {
