@@ -37,16 +37,16 @@ struct MotionRecord {
 
 struct DrivingRow {
     std::int64_t userID = 0;
-    std::string guid;
-    std::string startDateTime, endDateTime;  // "yyyy-MM-dd HH:mm:ss +0000"
-    std::string startLocation, endLocation;
+    std::string guid{};
+    std::string startDateTime{}, endDateTime{};  // "yyyy-MM-dd HH:mm:ss +0000"
+    std::string startLocation{}, endLocation{};
     double startLat = 0, startLong = 0, endLat = 0, endLong = 0;
     double score = 0;
     std::int64_t counts[5] = {};  // cornering, speeding, braking, elevating, lane changing
     double penalties[5] = {};
     double fuelPenalty = 0;
     double totalDistance = 0;  // metres
-    std::string timeElapsed;
+    std::string timeElapsed{};
 };
 
 /// A user's trips taken together; the average weighs each trip by its distance.
@@ -57,7 +57,7 @@ struct SummaryRow {
 
 struct UserRow {
     std::int64_t id = 0;
-    std::string referenceId, firstName, lastName, email, city, country;
+    std::string referenceId{}, firstName{}, lastName{}, email{}, city{}, country{};
     std::int64_t genderId = 0, typeId = 4;
 };
 
