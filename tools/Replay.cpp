@@ -2,6 +2,7 @@
 
 #include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/posix/CurlHttpClient.h>
+#include <kestrelvue/service/MotionBulk.h>
 
 #include <algorithm>
 #include <cmath>
@@ -14,7 +15,6 @@
 #include <unordered_set>
 
 #include "Outbox.h"
-#include "Requests.h"
 #include "net/Outbox.h"
 #include "platform/sim/Sim.h"
 

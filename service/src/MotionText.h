@@ -3,7 +3,6 @@
 // ";". Read into records with every field checked, and written back the way the library writes
 // it (for records that earlier files kept only in part).
 
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,16 +10,6 @@
 #include "Rows.h"
 
 namespace kestrelvue::service {
-
-/// A value, or why the request is refused.
-template <class T>
-struct Parsed {
-    std::optional<T> value;
-    std::string error;
-
-    static Parsed refuse(std::string why) { return {std::nullopt, std::move(why)}; }
-    explicit operator bool() const { return value.has_value(); }
-};
 
 /// The records of a motion text. A record that is malformed or holds what cannot be true (a
 /// latitude beyond ±90, a record time that is no date, a penalty that is not finite) refuses the

@@ -15,10 +15,6 @@
 
 namespace kestrelvue::service {
 
-/// An "addMotionData" body: "UserID", "DrivingGuid" (required) and "MotionStr", read as
-/// parseMotionText reads it.
-Parsed<MotionBulk> parseMotionBulk(std::string_view body);
-
 /// An "addDrivingScore" body; "drivingGuid" is required. Coordinates, score, distance and
 /// penalties beyond any real trip are refused.
 Parsed<DrivingRow> parseDrivingScore(std::string_view body);

@@ -13,14 +13,6 @@
 
 namespace kestrelvue::service {
 
-/// A motion bulk as it was read: its records and the text they were read from.
-struct MotionBulk {
-    std::string guid;
-    std::int64_t userID = 0;
-    std::string text;  // the bulk's "MotionStr", each record as it came
-    std::vector<MotionRecord> records;
-};
-
 /// A registration's outcome: the account's identifier, or why there is none.
 struct AddedUser {
     std::int64_t id = 0;
