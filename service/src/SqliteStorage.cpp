@@ -252,9 +252,10 @@ public:
 
     SummaryRow summary(std::int64_t userID) override {
         std::lock_guard lock(mutex_);
-        Statement q(db_, (std::string("SELECT COUNT(*), TOTAL(distance_metres), ") + kWeighedScore +
-                          " FROM trips WHERE user_id = ?")
-                             .c_str());
+        Statement q(db_,
+                    (std::string("SELECT COUNT(*), TOTAL(MIN(MAX(distance_metres, 0), 1e9)), ") +
+                     kWeighedScore + " FROM trips WHERE user_id = ?")
+                        .c_str());
         q.bind(1, userID);
         if (!q.step()) return {};
         return {q.integer(0), q.real(1), q.real(2)};
@@ -365,10 +366,13 @@ public:
 
 private:
     // Short trips swing widely, so an average over trips weighs each by its distance; trips
-    // without any distance are averaged plainly.
+    // without any distance are averaged plainly. Rows stored before values were bounded count at
+    // the bound (kMaxScore, kMaxDistanceMetres), so that no sum can overflow.
     static constexpr const char* kWeighedScore =
-        "CASE WHEN TOTAL(distance_metres) > 0 THEN TOTAL(score * distance_metres) / "
-        "TOTAL(distance_metres) ELSE TOTAL(score) / MAX(COUNT(score), 1) END";
+        "CASE WHEN TOTAL(MIN(MAX(distance_metres, 0), 1e9)) > 0 THEN "
+        "TOTAL(MIN(MAX(score, -1e6), 1e6) * MIN(MAX(distance_metres, 0), 1e9)) / "
+        "TOTAL(MIN(MAX(distance_metres, 0), 1e9)) ELSE "
+        "TOTAL(MIN(MAX(score, -1e6), 1e6)) / MAX(COUNT(score), 1) END";
     static constexpr const char* kUserColumns =
         "id, reference_id, first_name, last_name, email, gender, type, city, country";
 
