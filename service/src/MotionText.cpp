@@ -93,15 +93,17 @@ int twoDigits(const char* p) {
     return (p[0] - '0') * 10 + (p[1] - '0');
 }
 
-/// "yyyy-MM-dd HH:mm:ss:SSS" naming a moment that exists (the library writes second 60 for a
-/// leap second).
-bool readRecordTime(std::string_view s, RecordTime& out) {
+/// "yyyy-MM-dd HH:mm:ss:SSS", when `checked` naming a moment that exists (the library writes
+/// second 60 for a leap second).
+bool readRecordTime(std::string_view s, RecordTime& out, bool checked) {
     constexpr std::string_view pattern = "dddd-dd-dd dd:dd:dd:ddd";
     if (s.size() != pattern.size()) return false;
     for (std::size_t i = 0; i < s.size(); ++i) {
         const bool digit = s[i] >= '0' && s[i] <= '9';
         if (pattern[i] == 'd' ? !digit : s[i] != pattern[i]) return false;
     }
+    std::copy(s.begin(), s.end(), out.begin());
+    if (!checked) return true;
     const int year = twoDigits(&s[0]) * 100 + twoDigits(&s[2]), month = twoDigits(&s[5]),
               day = twoDigits(&s[8]);
     static constexpr int kDays[12] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
@@ -109,9 +111,7 @@ bool readRecordTime(std::string_view s, RecordTime& out) {
     if (month < 1 || month > 12 || day < 1 || day > kDays[month - 1] ||
         (month == 2 && day == 29 && !leap))
         return false;
-    if (twoDigits(&s[11]) > 23 || twoDigits(&s[14]) > 59 || twoDigits(&s[17]) > 60) return false;
-    std::copy(s.begin(), s.end(), out.begin());
-    return true;
+    return twoDigits(&s[11]) <= 23 && twoDigits(&s[14]) <= 59 && twoDigits(&s[17]) <= 60;
 }
 
 bool readOrientation(std::string_view field, std::array<char, 2>& out) {
@@ -167,8 +167,9 @@ constexpr const char* kFieldNames[kFieldsPerRecord] = {
     "orientation",
 };
 
-/// Why field `f` (0-based) of a record cannot be read into `r`, or null when it can.
-const char* readField(std::size_t f, std::string_view text, MotionRecord& r) {
+/// Why field `f` (0-based) of a record cannot be read into `r`, or null when it can. Unless
+/// `checked`, any value of the field's form is read.
+const char* readField(std::size_t f, std::string_view text, MotionRecord& r, bool checked) {
     if (f < 12) {
         double* const vectors[4] = {r.acceleration, r.rotation, r.attitude, r.gravity};
         return readNumber(text, vectors[f / 3][f % 3]) ? nullptr : "not a number";
@@ -184,24 +185,26 @@ const char* readField(std::size_t f, std::string_view text, MotionRecord& r) {
         case 17: {
             double& v = f == 16 ? r.latitude : r.longitude;
             if (!readNumber(text, v)) return "not a number";
-            return std::fabs(v) <= (f == 16 ? 90.0 : 180.0) ? nullptr
-                   : f == 16                                ? "beyond ±90"
-                                                            : "beyond ±180";
+            return !checked || std::fabs(v) <= (f == 16 ? 90.0 : 180.0) ? nullptr
+                   : f == 16                                            ? "beyond ±90"
+                                                                        : "beyond ±180";
         }
         case 18:
             return readOrientation(text, r.orientationGiven) ? nullptr : "not an orientation code";
         case 19:
             return readNumber(text, r.locationSpeedKmh) ? nullptr : "not a number";
         case 20:
-            return readRecordTime(text, r.locationTime) ? nullptr
-                                                        : "not a date yyyy-MM-dd HH:mm:ss:SSS";
+            return readRecordTime(text, r.locationTime, checked)
+                       ? nullptr
+                       : "not a date yyyy-MM-dd HH:mm:ss:SSS";
         case 21:
             return readNumber(text, r.currentSpeedKmh) ? nullptr : "not a number";
         case 22:
             return readInteger(text, r.itemId) ? nullptr : "not an integer";
         case 23:
-            return readRecordTime(text, r.recordTime) ? nullptr
-                                                      : "not a date yyyy-MM-dd HH:mm:ss:SSS";
+            return readRecordTime(text, r.recordTime, checked)
+                       ? nullptr
+                       : "not a date yyyy-MM-dd HH:mm:ss:SSS";
         case 35:
             return readNumber(text, r.course) ? nullptr : "not a number";
         case 36:
@@ -212,8 +215,9 @@ const char* readField(std::size_t f, std::string_view text, MotionRecord& r) {
             return readOrientation(text, r.orientation) ? nullptr : "not an orientation code";
         default: {  // 24 to 34: the penalties
             double& v = f < 29 ? r.penalty[f - 24] : f < 34 ? r.penaltyPerKM[f - 29] : r.fuelPerKM;
-            if (!readNumber(text, v) || !std::isfinite(v)) return "not a finite number";
-            return std::fabs(v) <= kMaxPenalty ? nullptr : "beyond any real trip";
+            if (!readNumber(text, v)) return "not a number";
+            if (checked && !std::isfinite(v)) return "not a finite number";
+            return !checked || std::fabs(v) <= kMaxPenalty ? nullptr : "beyond any real trip";
         }
     }
 }
@@ -227,7 +231,7 @@ bool MotionRecord::hasFault() const {
     return false;
 }
 
-Parsed<std::vector<MotionRecord>> parseMotionText(std::string_view text) {
+Parsed<std::vector<MotionRecord>> parseMotionText(std::string_view text, bool checkValues) {
     using Result = Parsed<std::vector<MotionRecord>>;
     std::vector<MotionRecord> records;
     // One allocation for a usual bulk without counting its records first (a pass over the whole
@@ -247,7 +251,7 @@ Parsed<std::vector<MotionRecord>> parseMotionText(std::string_view text) {
         }
         MotionRecord& r = records.emplace_back();
         for (std::size_t f = 0; f < kFieldsPerRecord; ++f) {
-            if (const char* why = readField(f, fields[f], r)) {
+            if (const char* why = readField(f, fields[f], r, checkValues)) {
                 return Result::refuse(at + ", field " + std::to_string(f + 1) + " (" +
                                       kFieldNames[f] + "): " + why);
             }

@@ -13,8 +13,9 @@ namespace kestrelvue::service {
 
 /// The records of a motion text. A record that is malformed or holds what cannot be true (a
 /// latitude beyond ±90, a record time that is no date, a penalty that is not finite) refuses the
-/// whole text, named by its number and field.
-Parsed<std::vector<MotionRecord>> parseMotionText(std::string_view text);
+/// whole text, named by its number and field. Without `checkValues` only the form is checked:
+/// records stored before values were checked are read as they are.
+Parsed<std::vector<MotionRecord>> parseMotionText(std::string_view text, bool checkValues = true);
 
 /// Appends `record` as the library writes it, ";" included.
 void appendMotionText(std::string& out, const MotionRecord& record);

@@ -198,7 +198,8 @@ public:
         std::vector<MotionRecord> records;
         std::set<std::pair<std::int64_t, RecordTime>> seen;
         for (const std::string& text : texts) {
-            auto parsed = parseMotionText(text);  // read as it was when it was stored
+            // As it was stored: an earlier file's records may hold what is refused today.
+            auto parsed = parseMotionText(text, false);
             if (!parsed) continue;
             for (MotionRecord& r : *parsed.value) {
                 if (seen.emplace(r.itemId, r.recordTime).second) records.push_back(r);

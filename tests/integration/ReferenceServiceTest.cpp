@@ -249,6 +249,10 @@ TEST(ServiceStorage, FourFilesAreUpgradedIntoOne) {
                              part + ".sql");
             std::string sql((std::istreambuf_iterator<char>(in)), {});
             if (foreign && part[7] == '2') sql += "UPDATE counters SET value = 1;";
+            if (part[0] == 'd')  // a record kept before keys and values were checked
+                sql +=
+                    "INSERT INTO trip_ids VALUES (2, 'OLD'); INSERT INTO motion (trip, item_id, "
+                    "record_time, arrival, lat) VALUES (2, -1, 0, 9, 95);";
             sqlite3* f = nullptr;
             ASSERT_TRUE(!sqlite3_open(file.c_str(), &f) &&
                         !sqlite3_exec(f, sql.c_str(), nullptr, nullptr, nullptr));
@@ -272,6 +276,7 @@ TEST(ServiceStorage, FourFilesAreUpgradedIntoOne) {
             EXPECT_EQ(records[n].penalty[2] + records[n].itemId, double((n + 1) % 2 + n + 1));
         }
     }
+    EXPECT_EQ(storage->motion("OLD").at(0).latitude, 95);
     EXPECT_EQ(storage->drivings(7).at(0).score, 91.5);
     EXPECT_TRUE(storage->addUser({.referenceId = "REF-2", .firstName = "X"}).referenceTaken);
     for (const char* side : {".motion-1", ".motion-2", ".motion-3"})
