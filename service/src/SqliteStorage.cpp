@@ -144,7 +144,7 @@ public:
         if (!openConnection(path, db_, error)) return false;
         const std::int64_t app = pragma(db_, "application_id"),
                            version = pragma(db_, "user_version");
-        if (app != 0 && app != kApplicationId) {
+        if ((app != 0 || version != 0) && app != kApplicationId) {
             error = path + " is not a database of this service";
             return false;
         }
