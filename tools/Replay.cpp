@@ -2,6 +2,7 @@
 
 #include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/posix/CurlHttpClient.h>
+#include <kestrelvue/service/MotionBulk.h>
 
 #include <algorithm>
 #include <cmath>
@@ -15,7 +16,6 @@
 #include <unordered_set>
 
 #include "Outbox.h"
-#include "Requests.h"
 #include "net/Gzip.h"
 #include "net/Outbox.h"
 #include "platform/sim/Sim.h"
@@ -143,13 +143,14 @@ public:
         if (!motion) return pending;
         if (auto bulk = service::parseMotionBulk(body)) {
             upload->guid = std::move(bulk.value->guid);
-            for (const service::PointRow& p : bulk.value->points) upload->items.push_back(p.itemId);
+            for (const service::MotionRecord& p : bulk.value->records)
+                upload->items.push_back(p.itemId);
             std::lock_guard lock(mutex_);
             key = "motion " + upload->guid + " " +
                   (upload->items.empty() ? "" : std::to_string(upload->items[0]));
             if (!sent_.insert(key).second) ++retried_;
             auto& sent = records_[upload->guid];
-            for (const service::PointRow& p : bulk.value->points) {
+            for (const service::MotionRecord& p : bulk.value->records) {
                 // A repeat was counted when it was first sent.
                 if (sent.insert(p.itemId).second) {
                     ++recordsSent_;
@@ -211,7 +212,7 @@ private:
         ++bulks_;
         confirmed_[upload.guid].insert(upload.items.begin(), upload.items.end());
     }
-    void noteCharges(const service::PointRow& p) {
+    void noteCharges(const service::MotionRecord& p) {
         const auto at = recordMillis(p.recordTimeText());
         if (!at) return;
         const double t = static_cast<double>(*at - startMillis_) / 1000.0;
