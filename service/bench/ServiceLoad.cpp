@@ -110,7 +110,6 @@ int main(int argc, char** argv) {
         if (arg == "--db") options.databasePath = value;
     }
     removeDatabase(options.databasePath);
-    kestrelvue::service::tuneAllocatorForService();  // as the serve command does
     kestrelvue::service::ReferenceService service(options);
     if (!service.start()) {
         std::fprintf(stderr, "%s\n", service.error().c_str());

@@ -282,6 +282,11 @@ std::optional<UserRow> Storage::user(std::int64_t id) {
     return readUser(q);
 }
 
+bool Storage::healthy() {
+    std::lock_guard lock(mutex_);
+    return db_ && Statement(db_, "SELECT count(*) FROM sqlite_schema").step();
+}
+
 std::vector<LeaderRow> Storage::leaders(const UserRow& me, int scope) {
     std::lock_guard lock(mutex_);
     std::string where = "1";

@@ -90,6 +90,8 @@ public:
     std::optional<UserRow> user(std::int64_t id);
     /// Drivers ranked by average score; scope 1 country, 2 city, 3 friends, else everyone.
     std::vector<LeaderRow> leaders(const UserRow& me, int scope);
+    /// True when the database answers a query.
+    bool healthy();
 
 private:
     /// Marks new record files as this database's; false when one is another's.
