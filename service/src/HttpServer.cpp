@@ -14,6 +14,7 @@
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <unordered_map>
 
 #include "Gzip.h"
 
@@ -91,6 +92,63 @@ private:
     std::vector<std::thread> threads_;
 };
 
+/// Every connection's deadline for the request it is receiving or the reply it is sending,
+/// however slowly its bytes trickle: the server's own time-out only counts silence. A connection
+/// past it is shut down, which the event loop then sees as the client's close. The time a worker
+/// spends on a request does not count against the client.
+class Deadlines {
+public:
+    explicit Deadlines(std::chrono::seconds allowed) : allowed_(allowed) {
+        thread_ = std::thread([this] { sweep(); });
+    }
+    ~Deadlines() {
+        {
+            std::lock_guard lock(mutex_);
+            done_ = true;
+        }
+        wake_.notify_all();
+        thread_.join();
+    }
+    void opened(const void* connection, int fd) {
+        std::lock_guard lock(mutex_);
+        open_[connection] = {fd, Steady::now(), false};
+    }
+    void closed(const void* connection) {
+        std::lock_guard lock(mutex_);
+        open_.erase(connection);
+    }
+    /// From now the connection has a fresh allowance, or none while `busy`.
+    void restart(const void* connection, bool busy) {
+        std::lock_guard lock(mutex_);
+        if (auto it = open_.find(connection); it != open_.end())
+            it->second = {it->second.fd, Steady::now(), busy};
+    }
+
+private:
+    struct Open {
+        int fd;
+        Steady::time_point since;
+        bool busy;
+    };
+    void sweep() {
+        std::unique_lock lock(mutex_);
+        while (!wake_.wait_for(lock, std::chrono::milliseconds(250), [this] { return done_; })) {
+            const auto now = Steady::now();
+            for (auto& [connection, open] : open_) {
+                if (open.busy || now - open.since <= allowed_) continue;
+                ::shutdown(open.fd, SHUT_RDWR);
+                open.busy = true;  // once
+            }
+        }
+    }
+    const std::chrono::seconds allowed_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::unordered_map<const void*, Open> open_;
+    bool done_ = false;
+    std::thread thread_;
+};
+
 }  // namespace
 
 std::string Request::param(std::string_view name) const {
@@ -124,6 +182,7 @@ struct HttpServer::Impl {
     Handler handler;
     MHD_Daemon* daemon = nullptr;
     std::optional<Workers> workers;
+    std::optional<Deadlines> deadlines;
     int port = 0;
     std::mutex jobsMutex;
     std::condition_variable jobsDone;
@@ -142,7 +201,17 @@ struct HttpServer::Impl {
                                 std::size_t* size, void** state);
     static void onCompleted(void* cls, MHD_Connection*, void** state,
                             MHD_RequestTerminationCode toe);
+    static void onConnection(void* cls, MHD_Connection* connection, void** socketState,
+                             MHD_ConnectionNotificationCode code);
 };
+
+void HttpServer::Impl::onConnection(void* cls, MHD_Connection* connection, void**,
+                                    MHD_ConnectionNotificationCode code) {
+    auto& deadlines = *static_cast<Impl*>(cls)->deadlines;
+    if (code == MHD_CONNECTION_NOTIFY_CLOSED) return deadlines.closed(connection);
+    const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    if (info) deadlines.opened(connection, info->connect_fd);
+}
 
 void* HttpServer::Impl::onRequestLine(void* cls, const char* uri, MHD_Connection* connection) {
     auto* ex = new Exchange;
@@ -197,6 +266,8 @@ std::optional<Reply> HttpServer::Impl::checkHead(MHD_Connection* connection, con
     if (lengths > 0 && std::stoull(length) > limits.maxBodyBytes)
         return refusal(
             413, "request body larger than " + std::to_string(limits.maxBodyBytes) + " bytes");
+    // The body arrives in pieces of some kilobytes: its room is made once.
+    if (lengths > 0) req.body.reserve(std::stoull(length));
     return std::nullopt;
 }
 
@@ -260,8 +331,6 @@ MHD_Result HttpServer::Impl::onRequest(void* cls, MHD_Connection* connection, co
         return MHD_YES;
     }
     if (*size > 0) {
-        if (Steady::now() - ex.started > std::chrono::seconds(self.limits.requestSeconds))
-            return MHD_NO;  // closes the connection: it has had its time
         ex.received += *size;
         if (ex.request.body.size() + *size > self.limits.maxBodyBytes) ex.tooLarge = true;
         if (!ex.tooLarge) ex.request.body.append(data, *size);
@@ -285,9 +354,11 @@ MHD_Result HttpServer::Impl::onRequest(void* cls, MHD_Connection* connection, co
         ++self.jobs;
     }
     MHD_suspend_connection(connection);
+    self.deadlines->restart(connection, true);
     self.workers->post([&self, &ex] {
         self.answer(ex);
         ex.answered = true;
+        self.deadlines->restart(ex.connection, false);  // for sending the reply
         // From here the loop owns the exchange again.
         MHD_resume_connection(ex.connection);
         std::lock_guard lock(self.jobsMutex);
@@ -296,11 +367,12 @@ MHD_Result HttpServer::Impl::onRequest(void* cls, MHD_Connection* connection, co
     return MHD_YES;
 }
 
-void HttpServer::Impl::onCompleted(void* cls, MHD_Connection*, void** state,
+void HttpServer::Impl::onCompleted(void* cls, MHD_Connection* connection, void** state,
                                    MHD_RequestTerminationCode toe) {
+    auto& self = *static_cast<Impl*>(cls);
+    self.deadlines->restart(connection, false);  // for the next request
     auto* ex = static_cast<Exchange*>(*state);
     if (!ex) return;
-    const auto& self = *static_cast<Impl*>(cls);
     if (self.log.enabled) self.logLine(*ex, toe);
     delete ex;
     *state = nullptr;
@@ -360,6 +432,7 @@ bool HttpServer::start(const std::string& host, int port, std::string& error) {
 
     impl_->stopping = false;
     impl_->workers.emplace(impl_->limits.workers);
+    impl_->deadlines.emplace(std::chrono::seconds(impl_->limits.requestSeconds));
     unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME;
     if (address.ss_family == AF_INET6) flags |= MHD_USE_IPv6;
     // The connection's memory pool holds its head and its read buffer: twice the head's bound
@@ -369,10 +442,12 @@ bool HttpServer::start(const std::string& host, int port, std::string& error) {
         reinterpret_cast<sockaddr*>(&address), MHD_OPTION_CONNECTION_MEMORY_LIMIT,
         impl_->limits.maxHeadBytes * 2, MHD_OPTION_CONNECTION_TIMEOUT, impl_->limits.idleSeconds,
         MHD_OPTION_LISTEN_BACKLOG_SIZE, impl_->limits.backlog, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
-        impl_->limits.connectionsPerAddress,         MHD_OPTION_URI_LOG_CALLBACK, &Impl::onRequestLine, impl_.get(), MHD_OPTION_NOTIFY_COMPLETED,
-        &Impl::onCompleted, impl_.get(), MHD_OPTION_END);
+        impl_->limits.connectionsPerAddress, MHD_OPTION_URI_LOG_CALLBACK, &Impl::onRequestLine,
+        impl_.get(), MHD_OPTION_NOTIFY_COMPLETED, &Impl::onCompleted, impl_.get(),
+        MHD_OPTION_NOTIFY_CONNECTION, &Impl::onConnection, impl_.get(), MHD_OPTION_END);
     if (!impl_->daemon) {
         impl_->workers.reset();
+        impl_->deadlines.reset();
         error = "cannot listen on " + host + ":" + service + " (is another service using it?)";
         return false;
     }
@@ -392,6 +467,7 @@ void HttpServer::stop() {
     MHD_stop_daemon(impl_->daemon);
     impl_->daemon = nullptr;
     impl_->workers.reset();
+    impl_->deadlines.reset();
 }
 
 int HttpServer::port() const {
