@@ -4,15 +4,10 @@
 #include <httplib.h>
 #include <kestrelvue/MotionData.h>
 #include <kestrelvue/service/ReferenceService.h>
-#include <netinet/in.h>
 #include <sqlite3.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstring>
 #include <fstream>
-#include <thread>
 #include <vector>
 
 #include "core/Json.h"
@@ -190,28 +185,6 @@ TEST_F(ReferenceServiceTest, BandsFileIsServedAndAMalformedReloadKeepsTheOldRepl
     writeBands(R"([])");
     EXPECT_TRUE(service_.reloadBands());
     EXPECT_EQ(bands(), "[]");
-}
-
-// Idle connections and a slow sender each hold a worker until the read time-out (3 s); another
-// client is answered long before any of them lets go.
-TEST_F(ReferenceServiceTest, IdleConnectionsAndASlowSenderDoNotBlockOthers) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(service_.port()));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    std::vector<int> idle(65);
-    for (int& fd : idle) {
-        fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    }
-    // The last one starts a request it never finishes.
-    const char* slow = "POST /api/Driving/addDrivingScore HTTP/1.1\r\nContent-Length: 900\r\n\r\n{";
-    ASSERT_GT(::send(idle.back(), slow, std::strlen(slow), 0), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // let them reach the workers
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(getJson("/api/Driving/getThresholds").isList());
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
-    for (int fd : idle) ::close(fd);
 }
 
 // An earlier file keeps every record in arrival order, and its keys, in the file it is; a record
