@@ -172,6 +172,7 @@ struct Exchange {
     std::string target;  // the request line's target, query included, for the log
     Request request;
     std::size_t received = 0, inflated = 0;
+    std::size_t replyBytes = 0;
     bool headRead = false, tooLarge = false, answered = false, gzip = false;
     Reply reply;
 };
@@ -192,7 +193,7 @@ struct HttpServer::Impl {
     std::optional<Reply> checkHead(MHD_Connection* connection, const char* version,
                                    Exchange& ex) const;
     void answer(Exchange& ex) const;
-    static MHD_Result queue(MHD_Connection* connection, const Reply& reply, bool close);
+    static MHD_Result queue(MHD_Connection* connection, Exchange& ex, bool close);
     void logLine(const Exchange& ex, MHD_RequestTerminationCode toe) const;
 
     static void* onRequestLine(void* cls, const char* uri, MHD_Connection* connection);
@@ -299,11 +300,18 @@ void HttpServer::Impl::answer(Exchange& ex) const {
     ex.reply = handler(req);
 }
 
-MHD_Result HttpServer::Impl::queue(MHD_Connection* connection, const Reply& reply, bool close) {
-    // The body is copied once, into the response, which outlives this call.
-    MHD_Response* response = MHD_create_response_from_buffer(
-        reply.body.size(), const_cast<char*>(reply.body.data()), MHD_RESPMEM_MUST_COPY);
-    if (!response) return MHD_NO;
+MHD_Result HttpServer::Impl::queue(MHD_Connection* connection, Exchange& ex, bool close) {
+    // The response takes the body over (a route may be megabytes) and frees it when sent.
+    const Reply& reply = ex.reply;
+    ex.replyBytes = reply.body.size();
+    auto* body = new std::string(std::move(ex.reply.body));
+    MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
+        body->size(), body->data(), [](void* text) { delete static_cast<std::string*>(text); },
+        body);
+    if (!response) {
+        delete body;
+        return MHD_NO;
+    }
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, reply.contentType.c_str());
     for (const auto& [name, value] : reply.headers)
         MHD_add_response_header(response, name.c_str(), value.c_str());
@@ -326,7 +334,7 @@ MHD_Result HttpServer::Impl::onRequest(void* cls, MHD_Connection* connection, co
         if (auto refused = self.checkHead(connection, version, ex)) {
             ex.reply = std::move(*refused);
             ex.answered = true;
-            return queue(connection, ex.reply, true);
+            return queue(connection, ex, true);
         }
         return MHD_YES;
     }
@@ -337,19 +345,19 @@ MHD_Result HttpServer::Impl::onRequest(void* cls, MHD_Connection* connection, co
         *size = 0;
         return MHD_YES;
     }
-    if (ex.answered) return queue(connection, ex.reply, false);
+    if (ex.answered) return queue(connection, ex, false);
     if (ex.tooLarge) {
         ex.reply = refusal(
             413, "request body larger than " + std::to_string(self.limits.maxBodyBytes) + " bytes");
         ex.answered = true;
-        return queue(connection, ex.reply, true);
+        return queue(connection, ex, true);
     }
     {
         std::lock_guard lock(self.jobsMutex);
         if (self.stopping) {
             ex.reply = refusal(503, "the service is stopping");
             ex.answered = true;
-            return queue(connection, ex.reply, true);
+            return queue(connection, ex, true);
         }
         ++self.jobs;
     }
@@ -402,7 +410,7 @@ void HttpServer::Impl::logLine(const Exchange& ex, MHD_RequestTerminationCode to
     std::fprintf(stderr, "%s.%03dZ %s %s %s %s %zu B %.1f ms%s\n", stamp,
                  static_cast<int>(millis.count()), ex.request.client.c_str(),
                  ex.request.method.empty() ? "-" : ex.request.method.c_str(), ex.target.c_str(),
-                 status.c_str(), ex.answered ? ex.reply.body.size() : 0, ms, gzip);
+                 status.c_str(), ex.replyBytes, ms, gzip);
 }
 
 HttpServer::HttpServer(HttpLimits limits, AccessLog log, Handler handler)
