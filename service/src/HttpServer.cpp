@@ -237,13 +237,12 @@ std::optional<Reply> HttpServer::Impl::checkHead(MHD_Connection* connection, con
     MHD_get_connection_values(connection, MHD_HEADER_KIND, gather, &req.headers);
     MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, gather, &req.query);
     std::size_t headBytes = ex.target.size() + req.method.size() + 12;
-    int hosts = 0, lengths = 0;
-    bool chunked = false;
+    int hosts = 0, lengths = 0, codings = 0;
     std::string length;
     for (const auto& [key, value] : req.headers) {
         headBytes += key.size() + value.size() + 4;
         if (sameName(key, "Host")) ++hosts;
-        if (sameName(key, "Transfer-Encoding")) chunked = true;
+        if (sameName(key, "Transfer-Encoding")) ++codings;
         if (sameName(key, "Content-Length")) {
             if (lengths++ > 0 && value != length)
                 return refusal(400, "conflicting Content-Length headers");
@@ -260,9 +259,9 @@ std::optional<Reply> HttpServer::Impl::checkHead(MHD_Connection* connection, con
                                 std::to_string(limits.maxHeadBytes) + " bytes");
     if (hosts > 1 || (hosts == 0 && std::strcmp(version, MHD_HTTP_VERSION_1_1) == 0))
         return refusal(400, "an HTTP/1.1 request needs exactly one Host header");
-    if (chunked && lengths > 0)
+    if (codings > 0 && lengths > 0)
         return refusal(400, "Transfer-Encoding and Content-Length together");
-    if (chunked && !sameName(req.header("Transfer-Encoding"), "chunked"))
+    if (codings > 1 || (codings == 1 && !sameName(req.header("Transfer-Encoding"), "chunked")))
         return refusal(501, "only the chunked transfer coding is understood");
     if (lengths > 0 && std::stoull(length) > limits.maxBodyBytes)
         return refusal(
