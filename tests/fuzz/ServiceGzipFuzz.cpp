@@ -11,7 +11,8 @@ using namespace kestrelvue::service;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view body(reinterpret_cast<const char*>(data), size);
-    constexpr std::size_t kLimit = std::size_t{16} << 20;  // the service's body limit
+    // The service's bound is 16 MiB; a sixteenth of it runs the same logic many times faster.
+    constexpr std::size_t kLimit = std::size_t{1} << 20;
     std::string out = "left over";
     switch (gunzip(body, kLimit, out)) {
         case Inflated::Whole:
