@@ -440,7 +440,9 @@ bool HttpServer::start(const std::string& host, int port, std::string& error) {
     impl_->stopping = false;
     impl_->workers.emplace(impl_->limits.workers);
     impl_->deadlines.emplace(std::chrono::seconds(impl_->limits.requestSeconds));
-    unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME;
+    // Turbo: read, write and accept before asking epoll, which a busy connection seldom needs.
+    unsigned flags =
+        MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_TURBO;
     if (address.ss_family == AF_INET6) flags |= MHD_USE_IPv6;
     // The connection's memory pool holds its head and its read buffer: twice the head's bound
     // leaves room to read a body in pieces of some kilobytes.
