@@ -5,7 +5,7 @@
 // --server it starts the reference service in-process first (in memory unless --db is given).
 
 #include <kestrelvue/service/ReferenceService.h>
-#include <malloc.h>
+#include <kestrelvue/service/ServeCommand.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -159,18 +159,7 @@ struct ReplayArgs {
     bool json = false, verbose = false, compress = false, events = false;
 };
 
-/// A replay hands motion bulks of a few hundred kilobytes between its threads many times a second.
-/// By default glibc gives each freed bulk back to the system, so that the next one faults fresh
-/// pages in, and gives each of the service's many threads an arena of its own, so that one
-/// thread's freed memory is seldom another's next bulk. Keep freed memory, in two arenas.
-void keepFreedMemory() {
-    mallopt(M_ARENA_MAX, 2);
-    mallopt(M_MMAP_THRESHOLD, 32 << 20);
-    mallopt(M_TRIM_THRESHOLD, 512 << 20);
-}
-
 int replay(const ReplayArgs& args) {
-    keepFreedMemory();
     std::ifstream file(args.drive);
     auto parsed = tools::parseDrive(file);
     if (!parsed.drive) {
@@ -227,10 +216,6 @@ int replay(const ReplayArgs& args) {
     } else {
         service::ServiceOptions serviceOptions;
         if (!args.db.empty()) serviceOptions.databasePath = args.db;
-        // Its only client is this replay, with a handful of requests open at once (a motion bulk,
-        // the weather, the trip, the outbox's one try); the default pool, sized for many phones,
-        // only costs threads to start, wake and stop.
-        serviceOptions.workerThreads = 8;
         embedded = std::make_unique<service::ReferenceService>(serviceOptions);
         if (!embedded->start()) {
             std::fprintf(stderr, "kestrelvue replay: %s\n", embedded->error().c_str());
@@ -279,19 +264,18 @@ int replay(const ReplayArgs& args) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // The service reads its own command line (also `serve token MOBILE`), the same as
-    // kestrelvue-service does.
-    if (argc > 1 && std::string(argv[1]) == "serve")
-        return service::runServeCommand(argc - 1, argv + 1);
-
     CLI::App app{
         "kestrelvue: replays recorded drives through the KestrelvueCore engine, makes "
         "synthetic ones, and runs the reference service.",
         "kestrelvue"};
     app.set_version_flag("--version", std::string("kestrelvue ") + KESTRELVUE_VERSION);
     app.require_subcommand(1);
-    app.add_subcommand("serve",
-                       "run the reference service until interrupted (kestrelvue serve --help)");
+    service::ServeArgs serve;
+    auto* serveCommand =
+        app.add_subcommand("serve",
+                           "run the reference service until interrupted, or issue a "
+                           "login token (serve token MOBILE)");
+    service::addServeOptions(*serveCommand, serve);
 
     SimulateArgs sim;
     auto* simulateCommand =
@@ -399,6 +383,7 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& e) {
         return app.exit(e) == 0 ? 0 : kUsage;
     }
+    if (serveCommand->parsed()) return service::runServe(serve, "kestrelvue serve");
     if (simulateCommand->parsed()) return simulate(sim);
     if (replayCommand->parsed()) return replay(rep);
     if (importer.command->parsed()) return importer.run();

@@ -1,15 +1,18 @@
 // kestrelvue_service_load: the reference service under load on loopback, in-process.
 //   kestrelvue_service_load [--clients N] [--bulks N] [--db FILE] [--keep-alive] [--only bulks]
+//                           [--gzip]
 // Prints motion bulks per second and their latency (1000 records each, keyed ingestion on), the
 // latency of a 1,000-trip history, and the service's resident memory before and after large
 // uploads. --keep-alive: the clients keep their connections, as the library's HTTP client does
-// (else each bulk comes on a new one); --only bulks: the first part alone, for a profile.
+// (else each bulk comes on a new one); --only bulks: the first part alone, for a profile; --gzip:
+// the bulks are sent with Content-Encoding: gzip, compressed before the clients start.
 
 #include <httplib.h>
 #include <kestrelvue/service/ReferenceService.h>
 #include <malloc.h>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <atomic>
@@ -54,10 +57,26 @@ std::string& bulk(std::string& body, const std::string& guid, const std::string&
         .append(R"(","AppVersion":"load"})");
 }
 
+std::string gzip(const std::string& plain) {
+    z_stream z{};
+    deflateInit2(&z, Z_DEFAULT_COMPRESSION, Z_DEFLATED, 16 + MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
+    std::string out(deflateBound(&z, plain.size()), '\0');
+    z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(plain.data()));
+    z.avail_in = static_cast<uInt>(plain.size());
+    z.next_out = reinterpret_cast<Bytef*>(out.data());
+    z.avail_out = static_cast<uInt>(out.size());
+    deflate(&z, Z_FINISH);
+    out.resize(z.total_out);
+    deflateEnd(&z);
+    return out;
+}
+
 /// Posts `body` from where it lies: httplib's string overload would copy it into the request.
-httplib::Result post(httplib::Client& client, const std::string& body) {
+httplib::Result post(httplib::Client& client, const std::string& body, bool gzipped = false) {
+    httplib::Headers headers;
+    if (gzipped) headers.emplace("Content-Encoding", "gzip");
     return client.Post(
-        "/api/Driving/addMotionData", body.size(),
+        "/api/Driving/addMotionData", headers, body.size(),
         [&body](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
             return sink.write(body.data() + offset, length);
         },
@@ -97,20 +116,20 @@ void removeDatabase(const std::string& path) {
 
 int main(int argc, char** argv) {
     int clients = 4, bulksPerClient = 150;
-    bool keepAlive = false, bulksOnly = false;
+    bool keepAlive = false, bulksOnly = false, gzipped = false;
     kestrelvue::service::ServiceOptions options;
     options.databasePath = "/tmp/kestrelvue-load.db";
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         const char* value = i + 1 < argc ? argv[i + 1] : "";
         if (arg == "--keep-alive") keepAlive = true;
+        if (arg == "--gzip") gzipped = true;
         if (arg == "--only") bulksOnly = std::string(value) == "bulks";
         if (arg == "--clients") clients = std::atoi(value);
         if (arg == "--bulks") bulksPerClient = std::atoi(value);
         if (arg == "--db") options.databasePath = value;
     }
     removeDatabase(options.databasePath);
-    kestrelvue::service::tuneAllocatorForService();  // as the serve command does
     kestrelvue::service::ReferenceService service(options);
     if (!service.start()) {
         std::fprintf(stderr, "%s\n", service.error().c_str());
@@ -122,6 +141,19 @@ int main(int argc, char** argv) {
     std::vector<std::string> texts;
     texts.reserve(10);
     for (int b = 0; b < 10; ++b) texts.push_back(motionText(b * 1000 + 1, 1000));
+    auto guid = [](int c, int b) { return "C" + std::to_string(c) + "-" + std::to_string(b / 10); };
+    std::vector<std::vector<std::string>> compressed(static_cast<std::size_t>(clients));
+    std::size_t plainBytes = 0, sentBytes = 0;
+    for (int c = 0; gzipped && c < clients; ++c) {
+        std::string body;
+        for (int b = 0; b < bulksPerClient; ++b) {
+            plainBytes += bulk(body, guid(c, b), texts[std::size_t(b % 10)]).size();
+            sentBytes += compressed[std::size_t(c)].emplace_back(gzip(body)).size();
+        }
+    }
+    if (gzipped)
+        std::printf("gzip: %.1f MB of bulks sent as %.1f MB\n", double(plainBytes) / 1e6,
+                    double(sentBytes) / 1e6);
     std::vector<std::vector<double>> latencies(static_cast<std::size_t>(clients));
     std::atomic<int> failures{0};
     const auto started = Clock::now();
@@ -132,11 +164,13 @@ int main(int argc, char** argv) {
         threads.emplace_back([&, c] {
             httplib::Client client("127.0.0.1", service.port());
             client.set_keep_alive(keepAlive);
+            client.set_tcp_nodelay(true);  // as libcurl does
             std::string body;
             for (int b = 0; b < bulksPerClient; ++b) {
-                bulk(body, "C" + std::to_string(c) + "-" + std::to_string(b / 10), texts[b % 10]);
+                if (!gzipped) bulk(body, guid(c, b), texts[std::size_t(b % 10)]);
                 const auto t0 = Clock::now();
-                auto res = post(client, body);
+                auto res = post(client, gzipped ? compressed[std::size_t(c)][std::size_t(b)] : body,
+                                gzipped);
                 latencies[std::size_t(c)].push_back(
                     std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
                 if (!res || res->status != 200) ++failures;
@@ -149,10 +183,10 @@ int main(int argc, char** argv) {
     std::vector<double> all;
     for (const auto& l : latencies) all.insert(all.end(), l.begin(), l.end());
     std::printf(
-        "motion bulks: %zu of 1000 records from %d clients%s in %.2f s: %.0f bulks/s, "
+        "motion bulks: %zu of 1000 records from %d clients%s%s in %.2f s: %.0f bulks/s, "
         "p50 %.1f ms, p99 %.1f ms, %.2f ms of processor time each, %d failed\n",
-        all.size(), clients, keepAlive ? " (kept connections)" : "", seconds,
-        double(all.size()) / seconds, percentile(all, 0.5), percentile(all, 0.99),
+        all.size(), clients, keepAlive ? " (kept connections)" : "", gzipped ? " (gzip)" : "",
+        seconds, double(all.size()) / seconds, percentile(all, 0.5), percentile(all, 0.99),
         cpu / double(all.size()), failures.load());
 
     if (bulksOnly) {

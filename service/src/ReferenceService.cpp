@@ -1,22 +1,20 @@
-#include <httplib.h>
+#include <kestrelvue/Limits.h>
 #include <kestrelvue/service/ReferenceService.h>
-#include <malloc.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <mutex>
+#include <optional>
 #include <string_view>
-#include <thread>
+#include <unordered_map>
 
-#include "BufferedServer.h"
 #include "DefaultBands.h"
+#include "HttpServer.h"
 #include "Requests.h"
 #include "Storage.h"
 #include "core/Json.h"
@@ -24,23 +22,24 @@
 namespace kestrelvue::service {
 namespace {
 
+using platform::TimePoint;
+
 constexpr const char* kJson = "application/json; charset=utf-8";
 constexpr const char* kText = "text/plain; charset=utf-8";
 constexpr const char* kKinds[5] = {"Cornering", "Speeding", "Braking", "Elevating", "LaneChanging"};
 
-void badRequest(httplib::Response& res, std::string_view why) {
-    res.status = 400;
-    res.set_content(std::string(why), kText);
+Reply text(int status, std::string body) {
+    return Reply{status, kText, std::move(body), {}};
 }
 
-void replyJson(httplib::Response& res, const Value& value) {
+Reply jsonReply(std::string body) {
+    return Reply{200, kJson, std::move(body), {}};
+}
+
+Reply jsonReply(const Value& value) {
     std::string body;
-    if (!json::writeTo(body, value)) {
-        res.status = 500;
-        res.set_content("non-finite number in reply", kText);
-        return;
-    }
-    res.set_content(body, kJson);
+    if (!json::writeTo(body, value)) return text(500, "non-finite number in reply");
+    return jsonReply(std::move(body));
 }
 
 double parseField(std::string_view field) {
@@ -75,10 +74,6 @@ std::vector<MotionRecord> thinned(std::vector<MotionRecord> points, std::size_t 
     }
     return out;
 }
-
-// When the request began, for the access log: the pre-routing handler and the logger run on the
-// worker thread that serves the request.
-thread_local std::chrono::steady_clock::time_point tRequestStart;
 
 /// "yyyy-MM-dd HH:mm:ss +0000" (UTC) to "yyyy-MM-ddTHH:mm:ss" in this machine's local time, which
 /// is how clients read history dates. Unparseable texts are passed through unchanged.
@@ -172,28 +167,299 @@ bool writeTrip(std::string& out, const DrivingRow& d) {
     return trip.close();
 }
 
+/// Logins refused for a while once a mobile number or a client address has failed too often, so
+/// that tokens cannot be guessed at the speed of the network.
+class LoginLimiter {
+public:
+    static constexpr int kPerMobile = 5, kPerAddress = 20;
+    static constexpr std::chrono::seconds kWindow{60};
+
+    /// Seconds to wait before trying again, or 0 when a try is allowed now.
+    std::int64_t wait(const std::string& mobile, const std::string& address, TimePoint now) {
+        std::lock_guard lock(mutex_);
+        return std::max(waitFor("m:" + mobile, kPerMobile, now),
+                        waitFor("a:" + address, kPerAddress, now));
+    }
+    void failed(const std::string& mobile, const std::string& address, TimePoint now) {
+        std::lock_guard lock(mutex_);
+        if (failures_.size() > 100000)
+            std::erase_if(failures_,
+                          [now](const auto& entry) { return now - entry.second.since >= kWindow; });
+        for (const std::string& key : {"m:" + mobile, "a:" + address}) {
+            Window& w = failures_[key];
+            if (now - w.since >= kWindow) w = {now, 0};
+            ++w.count;
+        }
+    }
+
+private:
+    struct Window {
+        TimePoint since;
+        int count = 0;
+    };
+    std::int64_t waitFor(const std::string& key, int allowed, TimePoint now) const {
+        auto it = failures_.find(key);
+        if (it == failures_.end() || it->second.count < allowed) return 0;
+        const auto left = it->second.since + kWindow - now;
+        return left <= std::chrono::seconds(0)
+                   ? 0
+                   : std::chrono::ceil<std::chrono::seconds>(left).count();
+    }
+    std::mutex mutex_;
+    std::unordered_map<std::string, Window> failures_;
+};
+
 }  // namespace
 
 struct ReferenceService::Impl {
     ServiceOptions options;
     std::unique_ptr<Storage> storage;
-    BufferedServer server;
-    std::thread thread;
-    std::atomic<bool> loopEnded{false};
-    int port = 0;
+    std::unique_ptr<HttpServer> server;
     bool opened = false;
     std::string error;
     std::mutex bandsMutex;
     std::string bands;  // the threshold reply's body, checked
+    LoginLimiter logins;
 
-    void routes();
+    TimePoint now() const { return options.clock ? options.clock->now() : TimePoint::clock::now(); }
     bool loadBands();
     bool openStorage() {
         storage = openSqliteStorage(options.databasePath, error);
         return storage != nullptr;
     }
     bool bind();
+    Reply route(Request& req);
+
+    // One handler per endpoint; `req.tail` is what follows the route's path.
+    Reply getThresholds(const Request& req);
+    Reply addMotionData(const Request& req);
+    Reply addDrivingScore(const Request& req);
+    Reply getPassedCoordinates(const Request& req);
+    Reply getDriving(const Request& req);
+    Reply getDrivingSummary(const Request& req);
+    Reply getWeather(const Request& req);
+    Reply loginWithToken(const Request& req);
+    Reply addUser(const Request& req);
+    Reply addFriend(const Request& req);
+    Reply getLeaderShip(const Request& req);
+    Reply healthz(const Request& req);
 };
+
+namespace {
+
+/// The argument after the route's path, or nullopt when the path is not the route's.
+std::optional<std::string_view> match(std::string_view route, bool takesTail,
+                                      std::string_view path) {
+    if (path.substr(0, route.size()) != route) return std::nullopt;
+    path.remove_prefix(route.size());
+    if (!takesTail) return path.empty() ? std::optional(path) : std::nullopt;
+    if (path.size() < 2 || path[0] != '/') return std::nullopt;
+    return path.substr(1);
+}
+
+/// The user identifier at the end of a path; 400 when it is not an integer.
+std::optional<std::int64_t> userOf(const Request& req, Reply& refusal) {
+    auto id = parsePathInteger(req.tail);
+    if (!id) refusal = text(400, "the path must end in an integer user identifier");
+    return id;
+}
+
+}  // namespace
+
+// A known path with another method is 405 (with Allow), an unknown one 404.
+Reply ReferenceService::Impl::route(Request& req) {
+    struct Route {
+        const char* method;
+        std::string_view path;
+        bool takesTail;  // the path goes on with "/" and an argument
+        Reply (Impl::*handle)(const Request&);
+    };
+
+    using I = Impl;
+    static constexpr Route kRoutes[] = {
+        {"GET", "/api/Driving/getThresholds", false, &I::getThresholds},
+        {"POST", "/api/Driving/addMotionData", false, &I::addMotionData},
+        {"POST", "/api/Driving/addDrivingScore", false, &I::addDrivingScore},
+        {"GET", "/api/Driving/getPassedCoordinates", true, &I::getPassedCoordinates},
+        {"GET", "/api/Driving/getDriving", true, &I::getDriving},
+        {"GET", "/api/Driving/getDrivingSummary", true, &I::getDrivingSummary},
+        {"GET", "/api/General/getWeatherDataByLatLon", true, &I::getWeather},
+        {"POST", "/api/User/LoginWithToken", false, &I::loginWithToken},
+        {"POST", "/api/User/AddUser", false, &I::addUser},
+        {"POST", "/api/General/AddFriend", false, &I::addFriend},
+        {"GET", "/api/General/getLeaderShip", true, &I::getLeaderShip},
+        {"GET", "/healthz", false, &I::healthz},
+    };
+    std::string allowed;
+    for (const Route& r : kRoutes) {
+        auto tail = match(r.path, r.takesTail, req.path);
+        if (!tail) continue;
+        if (req.method == r.method) {
+            req.tail = std::string(*tail);
+            return (this->*r.handle)(req);
+        }
+        allowed += allowed.empty() ? r.method : std::string(", ") + r.method;
+    }
+    if (allowed.empty()) return text(404, "no such path");
+    Reply refused = text(405, "method not allowed; use " + allowed);
+    refused.headers.emplace_back("Allow", allowed);
+    return refused;
+}
+
+Reply ReferenceService::Impl::getThresholds(const Request&) {
+    std::lock_guard lock(bandsMutex);
+    return jsonReply(bands);
+}
+
+Reply ReferenceService::Impl::addMotionData(const Request& req) {
+    auto bulk = parseMotionBulk(req.body);
+    if (!bulk) return text(400, bulk.error);
+    if (!storage->addMotion(*bulk.value)) return text(500, "the records could not be stored");
+    return jsonReply(std::string("true"));
+}
+
+Reply ReferenceService::Impl::addDrivingScore(const Request& req) {
+    auto row = parseDrivingScore(req.body);
+    if (!row) return text(400, row.error);
+    if (!storage->saveDriving(*row.value)) return text(500, "the trip could not be stored");
+    return jsonReply(std::string("true"));
+}
+
+// A long trip's route is thinned to what the library accepts, in points and in bytes.
+Reply ReferenceService::Impl::getPassedCoordinates(const Request& req) {
+    const std::vector<MotionRecord> all = storage->motion(req.tail);
+    std::size_t limit = std::min(options.maxRoutePoints, all.size());
+    for (;;) {
+        const std::vector<MotionRecord> points = thinned(all, limit);
+        List list;
+        for (const MotionRecord& p : points) {
+            Object point{{"Latitude", p.latitude},
+                         {"Longitude", p.longitude},
+                         {"HasFault", p.hasFault()},
+                         {"FuelEfficiencyPenaltyPerKM", p.fuelPerKM}};
+            for (int i = 0; i < 5; ++i) {
+                point.emplace(std::string(kKinds[i]) + "Penalty", p.penalty[i]);
+                point.emplace(std::string(kKinds[i]) + "PenaltyPerKM", p.penaltyPerKM[i]);
+            }
+            list.push_back(std::move(point));
+        }
+        Reply reply = jsonReply(list);
+        // Fewer points in proportion, with a margin; the fault points alone are the floor.
+        const std::size_t fits = points.size() * options.maxRouteBytes / (reply.body.size() + 1);
+        if (reply.body.size() <= options.maxRouteBytes || fits * 20 / 21 >= points.size() ||
+            points.size() < limit)
+            return reply;
+        limit = fits * 20 / 21;
+    }
+}
+
+Reply ReferenceService::Impl::getDriving(const Request& req) {
+    Reply refused;
+    auto user = userOf(req, refused);
+    if (!user) return refused;
+    const auto trips = storage->drivings(*user);
+    std::string body;
+    body.reserve(trips.size() * 768);
+    body += '[';
+    bool finite = true;
+    for (const DrivingRow& d : trips) {
+        if (body.size() > 1) body += ',';
+        finite = writeTrip(body, d) && finite;
+    }
+    body += ']';
+    if (!finite) return text(500, "non-finite number in reply");
+    return jsonReply(std::move(body));
+}
+
+Reply ReferenceService::Impl::getDrivingSummary(const Request& req) {
+    Reply refused;
+    auto user = userOf(req, refused);
+    if (!user) return refused;
+    const SummaryRow trips = storage->summary(*user);
+    // Metres, as in the history.
+    Object summary{{"NumberOfTrips", trips.trips},
+                   {"TotalDistance", trips.metres},
+                   {"AverageScore", trips.averageScore}};
+    return jsonReply(List{Value(std::move(summary))});
+}
+
+Reply ReferenceService::Impl::getWeather(const Request& req) {
+    Reply refused;
+    if (!userOf(req, refused)) return refused;
+    const double lat = parseField(req.param("latitude"));
+    const double lon = parseField(req.param("longitude"));
+    if (std::fabs(lat) > 90 || std::fabs(lon) > 180)
+        return text(400, "latitude must be within ±90 and longitude within ±180");
+    // A deterministic stand-in for a weather source: colder away from the equator.
+    const double temperature = std::round((28.0 - std::fabs(lat) * 0.4) * 10.0) / 10.0;
+    return jsonReply(Object{{"Temperature", temperature}, {"Latitude", lat}, {"Longitude", lon}});
+}
+
+Reply ReferenceService::Impl::loginWithToken(const Request& req) {
+    auto login = parseLogin(req.body);
+    if (!login) return text(400, login.error);
+    if (const auto wait = logins.wait(login.value->mobile, req.client, now()); wait > 0) {
+        Reply refused = text(429, "too many failed logins; try again later");
+        refused.headers.emplace_back("Retry-After", std::to_string(wait));
+        return refused;
+    }
+    auto user = storage->login(login.value->mobile, login.value->token);
+    if (!user) {
+        logins.failed(login.value->mobile, req.client, now());
+        // The same answer for an unknown number and a wrong token.
+        return text(403, "expired");
+    }
+    return jsonReply(Object{{"Id", user->id}, {"UserTypeId", user->typeId}});
+}
+
+Reply ReferenceService::Impl::addUser(const Request& req) {
+    auto user = parseAddUser(req.body);
+    if (!user) return text(400, user.error);
+    const AddedUser added = storage->addUser(*user.value);
+    if (added.referenceTaken) return text(409, "ReferenceId: held by another account");
+    if (added.id == 0) return text(400, "user not added");
+    return text(200, std::to_string(added.id));
+}
+
+Reply ReferenceService::Impl::addFriend(const Request& req) {
+    auto request = parseAddFriend(req.body);
+    if (!request) return text(400, request.error);
+    if (!storage->addFriend(request.value->referenceId, request.value->friendReferenceId))
+        return text(404, "Kullanıcı bulunamadı");
+    return text(200, "OK");
+}
+
+Reply ReferenceService::Impl::getLeaderShip(const Request& req) {
+    Reply refused;
+    auto id = userOf(req, refused);
+    if (!id) return refused;
+    const std::string rankType = req.param("RankType");
+    const auto scope =
+        rankType.empty() ? std::optional<std::int64_t>(0) : parsePathInteger(rankType);
+    if (!scope || *scope < 0 || *scope > 3) return text(400, "RankType must be 0, 1, 2 or 3");
+    auto me = storage->user(*id);
+    if (!me) return text(404, "Kullanıcı bulunamadı");
+    auto rows = storage->leaders(*me, static_cast<int>(*scope));
+    List list;
+    std::int64_t rank = 0;
+    for (const LeaderRow& row : rows) {
+        list.push_back(Object{{"UserID", std::to_string(row.id)},
+                              {"RankType", *scope},
+                              {"Name", row.name},
+                              {"CountryName", row.country},
+                              {"CityName", row.city},
+                              {"TotalDriving", row.trips},
+                              {"TotalUser", static_cast<std::int64_t>(rows.size())},
+                              {"AVGDrivingScore", row.averageScore},
+                              {"UserRank", ++rank},
+                              {"IsCurrentUser", row.id == me->id}});
+    }
+    return jsonReply(list);
+}
+
+Reply ReferenceService::Impl::healthz(const Request&) {
+    return storage->healthy() ? text(200, "ok") : text(503, "the storage does not answer");
+}
 
 bool ReferenceService::Impl::loadBands() {
     std::string text;
@@ -222,253 +488,19 @@ bool ReferenceService::Impl::loadBands() {
     return true;
 }
 
-void ReferenceService::Impl::routes() {
-    server.set_payload_max_length(options.maxBodyBytes);
-    const std::size_t workers = options.workerThreads ? options.workerThreads : 1;
-    server.new_task_queue = [workers] { return new httplib::ThreadPool(workers); };
-    server.set_read_timeout(options.readTimeoutSeconds, 0);
-    server.set_keep_alive_timeout(options.readTimeoutSeconds);
-    // A phone posts a bulk every few seconds while it drives: httplib's default of five requests
-    // a connection would make it connect anew every fifth bulk.
-    server.set_keep_alive_max_count(1000);
-    // A reply goes out in two writes (head, then body): with Nagle's algorithm the body waits for
-    // the client's delayed acknowledgement of the head, some 40 ms on a kept connection.
-    server.set_tcp_nodelay(true);
-    // Only SO_REUSEADDR: with SO_REUSEPORT a second service would share a busy port silently.
-    server.set_socket_options([](socket_t sock) {
-        int yes = 1;
-        setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-    });
-    server.set_pre_routing_handler([](const httplib::Request&, httplib::Response&) {
-        tRequestStart = std::chrono::steady_clock::now();
-        return httplib::Server::HandlerResponse::Unhandled;
-    });
-    server.set_logger([this](const httplib::Request& req, const httplib::Response& res) {
-        if (options.accessLog) {
-            const auto ms = std::chrono::duration<double, std::milli>(
-                std::chrono::steady_clock::now() - tRequestStart);
-            std::fprintf(stderr, "%s %s %d %zu %.1f ms\n", req.method.c_str(), req.path.c_str(),
-                         res.status, res.body.size(), ms.count());
-        }
-        // Large bodies leave the heap fragmented; give the memory back to the system.
-        // (A bulk's body is read past req.body: its announced length counts.)
-        const auto received = std::max<std::uint64_t>(
-            req.body.size(), req.get_header_value<std::uint64_t>("Content-Length"));
-        if (received + res.body.size() > (1u << 20)) malloc_trim(0);
-    });
-
-    // A known path with another method is 405, not 404.
-    auto only = [this](const std::string& pattern, const char* allowed) {
-        auto refuse = [allowed](const httplib::Request&, httplib::Response& res) {
-            res.status = 405;
-            res.set_header("Allow", allowed);
-            res.set_content("method not allowed; use " + std::string(allowed), kText);
-        };
-        if (std::string_view(allowed) != "GET") server.Get(pattern, refuse);
-        if (std::string_view(allowed) != "POST") server.Post(pattern, refuse);
-        server.Put(pattern, refuse);
-        server.Delete(pattern, refuse);
-        server.Patch(pattern, refuse);
-    };
-    // A path identifier that is not an integer is 400.
-    auto userOf = [](const httplib::Request& req, httplib::Response& res) {
-        auto id = parsePathInteger(req.matches[1].str());
-        if (!id) badRequest(res, "the path must end in an integer user identifier");
-        return id;
-    };
-
-    server.Get("/api/Driving/getThresholds",
-               [this](const httplib::Request&, httplib::Response& res) {
-                   std::lock_guard lock(bandsMutex);
-                   res.set_content(bands, kJson);
-               });
-    only("/api/Driving/getThresholds", "GET");
-
-    // Bulks are read as they arrive into a warm buffer of the announced size, not grown 4 KB at a
-    // time into a fresh string and then copied for the parser.
-    server.Post("/api/Driving/addMotionData",
-                [this](const httplib::Request& req, httplib::Response& res) {
-                    auto bulk = parseMotionBulk(req.body);
-                    if (!bulk) return badRequest(res, bulk.error);
-                    if (!storage->addMotion(*bulk.value)) {
-                        res.status = 500;
-                        return res.set_content("the records could not be stored", kText);
-                    }
-                    res.set_content("true", kJson);
-                });
-    only("/api/Driving/addMotionData", "POST");
-
-    server.Post("/api/Driving/addDrivingScore",
-                [this](const httplib::Request& req, httplib::Response& res) {
-                    auto row = parseDrivingScore(req.body);
-                    if (!row) return badRequest(res, row.error);
-                    if (!storage->saveDriving(*row.value)) {
-                        res.status = 500;
-                        return res.set_content("the trip could not be stored", kText);
-                    }
-                    res.set_content("true", kJson);
-                });
-    only("/api/Driving/addDrivingScore", "POST");
-
-    server.Get(R"(/api/Driving/getPassedCoordinates/(.+))", [this](const httplib::Request& req,
-                                                                   httplib::Response& res) {
-        List list;
-        for (const MotionRecord& p :
-             thinned(storage->motion(req.matches[1]), options.maxRoutePoints)) {
-            Object point{{"Latitude", p.latitude},
-                         {"Longitude", p.longitude},
-                         {"HasFault", p.hasFault()},
-                         {"FuelEfficiencyPenaltyPerKM", p.fuelPerKM}};
-            for (int i = 0; i < 5; ++i) {
-                point.emplace(std::string(kKinds[i]) + "Penalty", p.penalty[i]);
-                point.emplace(std::string(kKinds[i]) + "PenaltyPerKM", p.penaltyPerKM[i]);
-            }
-            list.push_back(std::move(point));
-        }
-        replyJson(res, list);
-    });
-    only(R"(/api/Driving/getPassedCoordinates/(.+))", "GET");
-
-    server.Get(R"(/api/Driving/getDriving/([^/]+))",
-               [this, userOf](const httplib::Request& req, httplib::Response& res) {
-                   auto user = userOf(req, res);
-                   if (!user) return;
-                   const auto trips = storage->drivings(*user);
-                   std::string body;
-                   body.reserve(trips.size() * 768);
-                   body += '[';
-                   bool finite = true;
-                   for (const DrivingRow& d : trips) {
-                       if (body.size() > 1) body += ',';
-                       finite = writeTrip(body, d) && finite;
-                   }
-                   body += ']';
-                   if (!finite) {
-                       res.status = 500;
-                       return res.set_content("non-finite number in reply", kText);
-                   }
-                   res.set_content(body, kJson);
-               });
-    only(R"(/api/Driving/getDriving/([^/]+))", "GET");
-
-    server.Get(R"(/api/Driving/getDrivingSummary/([^/]+))",
-               [this, userOf](const httplib::Request& req, httplib::Response& res) {
-                   auto user = userOf(req, res);
-                   if (!user) return;
-                   const SummaryRow trips = storage->summary(*user);
-                   // Metres, as in the history.
-                   Object summary{{"NumberOfTrips", trips.trips},
-                                  {"TotalDistance", trips.metres},
-                                  {"AverageScore", trips.averageScore}};
-                   replyJson(res, List{Value(std::move(summary))});
-               });
-    only(R"(/api/Driving/getDrivingSummary/([^/]+))", "GET");
-
-    server.Get(R"(/api/General/getWeatherDataByLatLon/([^/]+))", [userOf](
-                                                                     const httplib::Request& req,
-                                                                     httplib::Response& res) {
-        if (!userOf(req, res)) return;
-        double lat = parseField(req.get_param_value("latitude"));
-        double lon = parseField(req.get_param_value("longitude"));
-        // A deterministic stand-in for a weather source: colder away from the equator.
-        double temperature = std::round((28.0 - std::fabs(lat) * 0.4) * 10.0) / 10.0;
-        replyJson(res, Object{{"Temperature", temperature}, {"Latitude", lat}, {"Longitude", lon}});
-    });
-    only(R"(/api/General/getWeatherDataByLatLon/([^/]+))", "GET");
-
-    server.Post("/api/User/LoginWithToken",
-                [this](const httplib::Request& req, httplib::Response& res) {
-                    auto login = parseLogin(req.body);
-                    if (!login) return badRequest(res, login.error);
-                    auto user = storage->login(login.value->mobile, login.value->token);
-                    if (!user) {
-                        // The same answer for an unknown number and a wrong token.
-                        res.status = 403;
-                        return res.set_content("expired", kText);
-                    }
-                    replyJson(res, Object{{"Id", user->id}, {"UserTypeId", user->typeId}});
-                });
-    only("/api/User/LoginWithToken", "POST");
-
-    server.Post("/api/User/AddUser", [this](const httplib::Request& req, httplib::Response& res) {
-        auto user = parseAddUser(req.body);
-        if (!user) return badRequest(res, user.error);
-        const AddedUser added = storage->addUser(*user.value);
-        if (added.referenceTaken) {
-            res.status = 409;
-            return res.set_content("ReferenceId: held by another account", kText);
-        }
-        if (added.id == 0) return badRequest(res, "user not added");
-        res.set_content(std::to_string(added.id), kText);
-    });
-    only("/api/User/AddUser", "POST");
-
-    server.Post(
-        "/api/General/AddFriend", [this](const httplib::Request& req, httplib::Response& res) {
-            auto request = parseAddFriend(req.body);
-            if (!request) return badRequest(res, request.error);
-            if (!storage->addFriend(request.value->referenceId, request.value->friendReferenceId)) {
-                res.status = 404;
-                return res.set_content("Kullanıcı bulunamadı", kText);
-            }
-            res.set_content("OK", kText);
-        });
-    only("/api/General/AddFriend", "POST");
-
-    server.Get(R"(/api/General/getLeaderShip/([^/]+))",
-               [this, userOf](const httplib::Request& req, httplib::Response& res) {
-                   auto id = userOf(req, res);
-                   if (!id) return;
-                   auto me = storage->user(*id);
-                   if (!me) {
-                       res.status = 404;
-                       return res.set_content("Kullanıcı bulunamadı", kText);
-                   }
-                   auto scope = parsePathInteger(req.get_param_value("RankType")).value_or(0);
-                   if (scope < 0 || scope > 3) scope = 0;
-                   auto rows = storage->leaders(*me, static_cast<int>(scope));
-                   List list;
-                   std::int64_t rank = 0;
-                   for (const LeaderRow& row : rows) {
-                       list.push_back(Object{{"UserID", std::to_string(row.id)},
-                                             {"RankType", scope},
-                                             {"Name", row.name},
-                                             {"CountryName", row.country},
-                                             {"CityName", row.city},
-                                             {"TotalDriving", row.trips},
-                                             {"TotalUser", static_cast<std::int64_t>(rows.size())},
-                                             {"AVGDrivingScore", row.averageScore},
-                                             {"UserRank", ++rank},
-                                             {"IsCurrentUser", row.id == me->id}});
-                   }
-                   replyJson(res, list);
-               });
-    only(R"(/api/General/getLeaderShip/([^/]+))", "GET");
-}
-
 bool ReferenceService::Impl::bind() {
     if (!opened && !(opened = openStorage())) return false;
     if (!loadBands()) return false;
-    routes();
-    port = options.port == 0
-               ? server.bind_to_any_port(options.host)
-               : (server.bind_to_port(options.host, options.port) ? options.port : -1);
-    if (port <= 0) {
-        error = "cannot listen on " + options.host + ":" + std::to_string(options.port) +
-                " (is another service using it?)";
-        return false;
-    }
-    return true;
-}
-
-// Bulks of a few hundred kilobytes should reuse warm memory, and uploads of megabytes should go
-// back to the system as soon as they are stored. glibc's defaults do neither here: each worker
-// thread may get an arena of its own (up to eight per core), and after the first large block is
-// freed its threshold for mapping blocks apart rises, so large uploads stay in those arenas.
-void tuneAllocatorForService() {
-    mallopt(M_ARENA_MAX, 2);
-    mallopt(M_MMAP_THRESHOLD, 1 << 20);
-    mallopt(M_TRIM_THRESHOLD, 8 << 20);
+    HttpLimits limits;
+    limits.maxBodyBytes = options.maxBodyBytes;
+    limits.workers = options.workerThreads;
+    limits.idleSeconds = options.idleTimeoutSeconds;
+    limits.requestSeconds = options.requestTimeoutSeconds;
+    limits.connectionsPerAddress = options.connectionsPerAddress;
+    AccessLog log{options.accessLog, [this] { return now(); }};
+    server = std::make_unique<HttpServer>(limits, std::move(log),
+                                          [this](Request& req) { return route(req); });
+    return server->start(options.host, options.port, error);
 }
 
 ReferenceService::ReferenceService(ServiceOptions options) : impl_(std::make_unique<Impl>()) {
@@ -480,27 +512,11 @@ ReferenceService::~ReferenceService() {
 }
 
 bool ReferenceService::start() {
-    if (!impl_->bind()) return false;
-    // The socket already listens: connections made from now on queue until the loop accepts.
-    impl_->thread = std::thread([impl = impl_.get()] {
-        impl->server.listen_after_bind();
-        impl->loopEnded = true;
-    });
-    // httplib's stop ends the loop only once it runs: a stop before then would leave it waiting
-    // in accept for good.
-    while (!impl_->server.is_running() && !impl_->loopEnded)
-        std::this_thread::sleep_for(std::chrono::microseconds(100));
-    return true;
-}
-
-bool ReferenceService::run() {
-    if (!impl_->bind()) return false;
-    return impl_->server.listen_after_bind();
+    return impl_->bind();
 }
 
 void ReferenceService::stop() {
-    impl_->server.shutdown();
-    if (impl_->thread.joinable()) impl_->thread.join();
+    if (impl_->server) impl_->server->stop();
 }
 
 bool ReferenceService::reloadBands() {
@@ -513,11 +529,11 @@ std::string ReferenceService::issueToken(const std::string& mobile) {
 }
 
 int ReferenceService::port() const {
-    return impl_->port;
+    return impl_->server ? impl_->server->port() : 0;
 }
 
 std::string ReferenceService::baseURL() const {
-    return "http://" + impl_->options.host + ":" + std::to_string(impl_->port);
+    return "http://" + impl_->options.host + ":" + std::to_string(port());
 }
 
 const std::string& ReferenceService::error() const {

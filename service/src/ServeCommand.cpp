@@ -1,99 +1,44 @@
-// The `serve` command line, shared by kestrelvue-service and `kestrelvue serve`.
-
 #include <kestrelvue/service/ReferenceService.h>
+#include <kestrelvue/service/ServeCommand.h>
 #include <pthread.h>
 
-#include <charconv>
 #include <csignal>
 #include <cstdio>
-#include <string>
-#include <string_view>
 
 namespace kestrelvue::service {
-namespace {
 
-void usage(std::FILE* to, const std::string& name) {
-    std::fprintf(to,
-                 "usage: %s [--db FILE] [--host ADDRESS] [--port N] [--bands FILE] [--quiet]\n"
-                 "       %s token MOBILE [--db FILE]\n"
-                 "\n"
-                 "Serves the reference service until SIGINT or SIGTERM; SIGHUP reloads --bands.\n"
-                 "  --db FILE       SQLite database (default kestrelvue.db; :memory: keeps none);\n"
-                 "                  one file (an earlier FILE.motion-1 to -3 is moved into it)\n"
-                 "  --host ADDRESS  address to listen on (default 127.0.0.1)\n"
-                 "  --port N        port (default 8080; 0 lets the system choose and prints it)\n"
-                 "  --bands FILE    JSON threshold reply to serve (default: the shipped one)\n"
-                 "  --quiet         no access log on standard error\n"
-                 "token MOBILE issues a login token for a mobile number and prints it once; only\n"
-                 "its salted hash is stored.\n",
-                 name.c_str(), name.c_str());
+void addServeOptions(CLI::App& app, ServeArgs& args) {
+    app.footer("Serves until SIGINT or SIGTERM; SIGHUP reloads --bands.");
+    app.add_option("--db", args.db,
+                   "SQLite database, one file (:memory: keeps none; an earlier FILE.motion-1 to -3 "
+                   "is moved into it)")
+        ->capture_default_str();
+    app.add_option("--host", args.host, "address to listen on")->capture_default_str();
+    app.add_option("--port", args.port, "port (0 lets the system choose and prints it)")
+        ->check(CLI::Range(0, 65535))
+        ->capture_default_str();
+    app.add_option("--bands", args.bands,
+                   "JSON threshold reply to serve (default: the shipped one)");
+    app.add_flag("--quiet", args.quiet, "no access log on standard error");
+    args.token = app.add_subcommand(
+        "token",
+        "issue a login token for a mobile number and print it once (only its salted "
+        "hash is stored)");
+    args.token->add_option("mobile", args.tokenFor, "mobile number")->required();
+    args.token->add_option("--db", args.db, "SQLite database");
 }
 
-bool parsePort(std::string_view text, int& port) {
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), port);
-    return ec == std::errc() && end == text.data() + text.size() && port >= 0 && port <= 65535;
-}
-
-}  // namespace
-
-int runServeCommand(int argc, char** argv) {
-    std::string name = argc > 0 ? argv[0] : "serve";
-    if (name == "serve") name = "kestrelvue serve";
-    if (auto slash = name.rfind('/'); slash != std::string::npos) name.erase(0, slash + 1);
-
+int runServe(const ServeArgs& args, const std::string& name) {
     ServiceOptions options;
-    options.databasePath = "kestrelvue.db";
-    options.port = 8080;
-    options.accessLog = true;
-    int i = 1;
-    std::string tokenFor;
-    const bool tokenCommand = argc > 1 && std::string_view(argv[1]) == "token";
-    if (tokenCommand) {
-        if (argc < 3 || argv[2][0] == '-') {
-            std::fprintf(stderr, "%s: token needs a mobile number\n", name.c_str());
-            return 2;
-        }
-        tokenFor = argv[2];
-        i = 3;
-    }
-    for (; i < argc; ++i) {
-        const std::string_view arg = argv[i];
-        if (arg == "--help" || arg == "-h") {
-            usage(stdout, name);
-            return 0;
-        }
-        const bool takesValue =
-            arg == "--db" ||
-            (!tokenCommand && (arg == "--host" || arg == "--port" || arg == "--bands"));
-        if (!takesValue && !(arg == "--quiet" && !tokenCommand)) {
-            std::fprintf(stderr, "%s: unknown option %s (see --help)\n", name.c_str(), argv[i]);
-            return 2;
-        }
-        if (arg == "--quiet") {
-            options.accessLog = false;
-            continue;
-        }
-        if (i + 1 >= argc) {
-            std::fprintf(stderr, "%s: %s needs a value\n", name.c_str(), argv[i]);
-            return 2;
-        }
-        const char* value = argv[++i];
-        if (arg == "--db") {
-            options.databasePath = value;
-        } else if (arg == "--host") {
-            options.host = value;
-        } else if (arg == "--bands") {
-            options.bandsFile = value;
-        } else if (!parsePort(value, options.port)) {
-            std::fprintf(stderr, "%s: --port: expected a number from 0 to 65535, got %s\n",
-                         name.c_str(), value);
-            return 2;
-        }
-    }
+    options.databasePath = args.db;
+    options.host = args.host;
+    options.port = args.port;
+    options.bandsFile = args.bands;
+    options.accessLog = !args.quiet;
 
-    if (tokenCommand) {
+    if (args.token && args.token->parsed()) {
         ReferenceService service(options);
-        const std::string token = service.issueToken(tokenFor);
+        const std::string token = service.issueToken(args.tokenFor);
         if (token.empty()) {
             std::fprintf(
                 stderr, "%s: no token issued: %s\n", name.c_str(),
@@ -102,7 +47,7 @@ int runServeCommand(int argc, char** argv) {
         }
         std::printf("%s\n", token.c_str());
         std::fprintf(stderr, "%s: token for %s issued; it is not shown again\n", name.c_str(),
-                     tokenFor.c_str());
+                     args.tokenFor.c_str());
         return 0;
     }
 
@@ -115,7 +60,6 @@ int runServeCommand(int argc, char** argv) {
     sigaddset(&signals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &signals, &previous);
     int status = 0;
-    tuneAllocatorForService();
     {
         ReferenceService service(options);
         if (!service.start()) {

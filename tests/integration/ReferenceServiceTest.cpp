@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fstream>
 #include <tuple>
+#include <vector>
 
 #include "Requests.h"
 #include "Storage.h"

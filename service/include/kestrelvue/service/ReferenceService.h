@@ -8,6 +8,9 @@
 // penalties as uploaded, dates of the history in this machine's local time. The integer at the
 // end of the history, summary, weather and leaderboard paths is the user's identifier.
 
+#include <kestrelvue/Limits.h>
+#include <kestrelvue/platform/Clock.h>
+
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -24,16 +27,24 @@ struct ServiceOptions {
     std::size_t maxBodyBytes = 16u << 20;
     /// A JSON file with the threshold reply to serve; empty serves the shipped, calibrated one.
     std::string bandsFile;
-    /// One line per request on standard error: method, path, status, bytes, milliseconds.
+    /// One line per request on standard error: time stamp (UTC), client address, method, path
+    /// and query, status, reply bytes, milliseconds (and for a compressed body the bytes
+    /// received and inflated).
     bool accessLog = false;
-    /// Requests served at once. Each open connection holds a worker while it is read, so the pool
-    /// is sized for many idle clients, not for the number of cores.
-    std::size_t workerThreads = 128;
-    /// Seconds a connection may take to send a request, or stay idle between requests.
-    int readTimeoutSeconds = 3;
-    /// Points of one trip's route beyond which the reply is thinned evenly (fault points are all
-    /// kept), so that a long drive's route stays well under a client's reply limit.
-    std::size_t maxRoutePoints = 100000;
+    /// Workers that answer requests (storage calls block); connections are read by one event
+    /// loop, however many there are.
+    std::size_t workerThreads = 4;
+    /// Seconds a connection may stay silent, and seconds a request may take to arrive whole.
+    unsigned idleTimeoutSeconds = 10;
+    unsigned requestTimeoutSeconds = 60;
+    /// Connections one client address may hold open at once.
+    unsigned connectionsPerAddress = 128;
+    /// A trip's route is thinned evenly (fault points are all kept) to at most this many points
+    /// and this many bytes, the library's bounds for a reply.
+    std::size_t maxRoutePoints = kMaxCallReplyElements;
+    std::size_t maxRouteBytes = kMaxCallReplyBytes;
+    /// The clock of the access log and of the login limits; null is the system clock.
+    std::shared_ptr<const platform::Clock> clock;
 };
 
 class ReferenceService {
@@ -47,8 +58,6 @@ public:
     /// (with error()) when the database or the bands file cannot be read or the address cannot
     /// be bound (also when another process listens on it).
     bool start();
-    /// Serves on the calling thread until stop() is called from elsewhere.
-    bool run();
     void stop();
 
     /// Reads the bands file again; on any problem keeps the reply it had and returns false with
@@ -67,12 +76,6 @@ private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
-
-/// Sets glibc's allocator for a process whose work is this service: two arenas, blocks of 1 MiB
-/// and more mapped apart so that large uploads go back to the system when freed, and up to 8 MiB
-/// of freed memory kept for the next bulks. Process-wide, so it is the process's choice: the serve
-/// command makes it; a host that embeds the service (the replay tool) keeps its own settings.
-void tuneAllocatorForService();
 
 /// The `serve` command line: `[--db FILE] [--host ADDRESS] [--port N] [--bands FILE] [--quiet]`
 /// serves until SIGINT or SIGTERM (SIGHUP reloads the bands file), and `token MOBILE [--db FILE]`

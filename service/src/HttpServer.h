@@ -1,0 +1,83 @@
+#pragma once
+// The service's HTTP side: libmicrohttpd's event loop reads requests, a small pool of workers
+// answers them. The loop keeps a slow or idle client from holding anything but its socket; the
+// workers keep a slow storage call from holding the loop.
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace kestrelvue::service {
+
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+/// One request as the handlers see it, its body already inflated when it came compressed.
+struct Request {
+    std::string method, path;
+    Fields query, headers;
+    std::string body;
+    std::string client;  // the peer's address
+    std::string tail;    // set by the service's router: what follows a route's path
+
+    /// The first query parameter or header of that name (headers case-insensitively); empty
+    /// when there is none.
+    std::string param(std::string_view name) const;
+    std::string header(std::string_view name) const;
+};
+
+struct Reply {
+    int status = 200;
+    std::string contentType = "text/plain; charset=utf-8";
+    std::string body;
+    Fields headers;
+};
+
+struct HttpLimits {
+    std::size_t maxBodyBytes = 16u << 20;
+    /// The request line and headers, in bytes (431 past it); their number is bounded too.
+    std::size_t maxHeadBytes = 16u << 10;
+    std::size_t maxHeadLines = 100;
+    /// A connection silent for this long is closed.
+    unsigned idleSeconds = 10;
+    /// A request not received whole within this time is dropped, however it trickles.
+    unsigned requestSeconds = 60;
+    unsigned backlog = 256;
+    unsigned connectionsPerAddress = 128;
+    std::size_t workers = 4;
+};
+
+/// One line per request on standard error, or nothing.
+struct AccessLog {
+    bool enabled = false;
+    /// The time stamp's clock (UTC, to the millisecond).
+    std::function<std::chrono::system_clock::time_point()> now;
+};
+
+class HttpServer {
+public:
+    using Handler = std::function<Reply(Request&)>;
+
+    HttpServer(HttpLimits limits, AccessLog log, Handler handler);
+    ~HttpServer();
+    HttpServer(const HttpServer&) = delete;
+    HttpServer& operator=(const HttpServer&) = delete;
+
+    /// Listens and serves on a thread of its own; false with `error` when the address cannot be
+    /// bound (also when another process listens on it).
+    bool start(const std::string& host, int port, std::string& error);
+    /// Answers what is being answered, then closes every connection.
+    void stop();
+    int port() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace kestrelvue::service
