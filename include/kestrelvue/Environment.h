@@ -61,7 +61,8 @@ struct KESTRELVUE_EXPORT Environment {
     std::optional<Object> applicationInfo;
     /// Turns the durable outbox on: the directory its store lives in (made when missing). When
     /// empty, the application information's kOutboxDirectoryKey text serves; without either the
-    /// outbox is off and uploads behave exactly as documented.
+    /// outbox is off and uploads behave exactly as documented. With it on, the last threshold
+    /// reply accepted is kept there too (thresholds.json) and applied when an engine starts.
     std::string outboxDirectory;
     /// Opens the outbox store in a directory. The default Linux environment opens SQLite
     /// (posix::SqliteOutboxStore); without a factory the outbox stays off.

@@ -9,8 +9,10 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <sstream>
+#include <thread>
 #include <utility>
 
 #include "core/Json.h"
@@ -74,7 +76,10 @@ void DrivingInsight::Impl::keepBands(const UserInfo& reply) {
     // Written aside and renamed over the old one, so a crash mid-write never leaves half a file.
     std::error_code ec;
     std::filesystem::create_directories(file.parent_path(), ec);
-    const std::filesystem::path partial = file.string() + ".partial-" + env_.ids->makeUuid();
+    // Named by thread: two engines over one directory may both be keeping a reply.
+    const std::filesystem::path partial =
+        file.string() + ".partial-" +
+        std::to_string(std::hash<std::thread::id>{}(std::this_thread::get_id()));
     {
         std::ofstream out(partial, std::ios::binary | std::ios::trunc);
         out << *text;
