@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "net/Outbox.h"
+#include "records/EnvironmentServices.h"
 
 namespace kestrelvue::tools {
 
@@ -54,7 +55,7 @@ int deliverOutbox(const std::string& directory, const std::string& server,
                     out << "outbox: " << *text << "\n";
             }
         });
-    auto outbox = detail::Outbox::forEnvironment(env);
+    auto outbox = env.services().outbox();
     const auto before = outbox->pending();
     out << "outbox " << directory << ": " << before.records << " records and " << before.trips
         << " trips waiting\n";

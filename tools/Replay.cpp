@@ -19,6 +19,7 @@
 #include "net/Gzip.h"
 #include "net/Outbox.h"
 #include "platform/sim/Sim.h"
+#include "records/EnvironmentServices.h"
 
 namespace kestrelvue::tools {
 namespace {
@@ -476,7 +477,7 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
         result.fixGaps = fixGaps(drive);
         if (aligner) result.mounting = aligner->rotation();
         if (!options.outboxDirectory.empty()) {
-            if (auto outbox = detail::Outbox::existing(env)) outbox->waitUntilIdle();
+            if (auto outbox = env.services().openOutbox()) outbox->waitUntilIdle();
             const KeptInOutbox kept = keptInOutbox(options.outboxDirectory, keptBefore);
             result.recordsWaiting = static_cast<std::size_t>(kept.records);
             result.tripsWaiting = static_cast<std::size_t>(kept.trips);
@@ -590,7 +591,7 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
     queue->runUntilIdle();
     // The trip's outcome can come before its last motion bulk settles.
     tap->waitIdle(deadline);
-    if (auto outbox = detail::Outbox::existing(env)) outbox->waitUntilIdle();
+    if (auto outbox = env.services().openOutbox()) outbox->waitUntilIdle();
     listener->result(result);
     if (!result.finished && result.failure().empty()) {
         result.failureTitle = "no answer from the service";

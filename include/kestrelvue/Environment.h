@@ -15,11 +15,16 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace kestrelvue {
+
+namespace detail {
+class EnvironmentServices;
+}
 
 namespace platform {
 class MotionManager;
@@ -88,6 +93,12 @@ struct KESTRELVUE_EXPORT Environment {
     /// baseURL() + path.
     std::string serviceURL(std::string_view path) const;
 
+    /// What the engines, trip records and uploads made over this environment share: its outbox,
+    /// the engine a trip upload reports to, the service addresses records hold. Made on first
+    /// use and ended with the environment; a copy of an environment is another environment and
+    /// shares none of it. Library machinery: hosts have no use for it.
+    detail::EnvironmentServices& services() const;
+
     /// Installs the process-wide environment, with null objects in the members left null. Takes
     /// effect for shared objects created afterwards.
     static void install(Environment environment);
@@ -100,6 +111,23 @@ struct KESTRELVUE_EXPORT Environment {
     /// The platform layer's default environment (on Linux, posix::defaultEnvironment()), or an
     /// environment of null objects in a build without one.
     static Environment makeDefault();
+
+private:
+    // Holds the services; copying or moving an environment leaves the new one without, so that
+    // each environment object has its own.
+    class KESTRELVUE_EXPORT ServicesSlot {
+    public:
+        ServicesSlot();
+        ServicesSlot(const ServicesSlot&) : ServicesSlot() {}
+        ServicesSlot& operator=(const ServicesSlot&) { return *this; }
+        ~ServicesSlot();
+
+    private:
+        friend struct Environment;
+        std::mutex mutex_;
+        std::unique_ptr<detail::EnvironmentServices> services_;
+    };
+    mutable ServicesSlot services_;
 };
 
 KESTRELVUE_EXPORT std::string_view defaultBaseURL();

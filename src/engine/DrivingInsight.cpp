@@ -11,7 +11,7 @@
 #include "engine/EngineImpl.h"
 #include "net/EncodedUpload.h"
 #include "net/Outbox.h"
-#include "records/TripReporter.h"
+#include "records/EnvironmentServices.h"
 
 namespace kestrelvue {
 
@@ -25,7 +25,7 @@ DrivingInsight& DrivingInsight::sharedInstance() {
 
 std::shared_ptr<DrivingInsightDelegate> DrivingInsight::delegateFor(
     const Environment& environment) {
-    return detail::tripReporterFor(environment);
+    return environment.services().tripReporter();
 }
 
 std::unique_ptr<DrivingInsight> DrivingInsight::makeDetached(const Environment& environment) {
@@ -48,7 +48,7 @@ DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
       env_(environment),
       center_(*environment.notifications),
       restfulCall_(sharedCall),
-      outbox_(detail::Outbox::forEnvironment(environment)) {
+      outbox_(environment.services().outbox()) {
     if (!outbox_ && env_.uploadsCompressed()) deflater_ = std::make_unique<detail::Deflater>();
     if (!restfulCall_) {
         ownRestfulCall_ = std::make_unique<RestfulCall>(
@@ -112,11 +112,11 @@ DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
     getThresholdsFromServer();
 
     // From now on trips made over this environment report their uploads to this engine.
-    detail::registerTripReporter(env_, this, [this] { return delegateSnapshot(); });
+    env_.services().registerTripReporter(this, [this] { return delegateSnapshot(); });
 }
 
 DrivingInsight::Impl::~Impl() {
-    detail::unregisterTripReporter(env_, this);
+    env_.services().unregisterTripReporter(this);
     center_.removeObserver(this);
     std::shared_ptr<platform::MotionManager> motion;
     {

@@ -3,7 +3,6 @@
 #include <kestrelvue/platform/ReachabilityProbe.h>
 
 #include <algorithm>
-#include <map>
 #include <utility>
 
 #include "net/EncodedUpload.h"
@@ -13,12 +12,6 @@
 namespace kestrelvue::detail {
 namespace {
 
-std::mutex gRegistryMutex;
-std::map<const Environment*, std::weak_ptr<Outbox>>& registry() {
-    static auto* outboxes = new std::map<const Environment*, std::weak_ptr<Outbox>>;
-    return *outboxes;
-}
-
 // The one in-flight try, shared with the HTTP completion so that a stopping worker may leave it.
 struct Try {
     std::mutex mutex;
@@ -27,23 +20,6 @@ struct Try {
 };
 
 }  // namespace
-
-std::shared_ptr<Outbox> Outbox::forEnvironment(const Environment& environment) {
-    const std::string directory = environment.outboxPath();
-    if (directory.empty() || !environment.makeOutboxStore) return nullptr;
-    std::lock_guard lock(gRegistryMutex);
-    auto& slot = registry()[&environment];
-    if (auto outbox = slot.lock()) return outbox;
-    auto outbox = std::make_shared<Outbox>(environment, environment.makeOutboxStore(directory));
-    slot = outbox;
-    return outbox;
-}
-
-std::shared_ptr<Outbox> Outbox::existing(const Environment& environment) {
-    std::lock_guard lock(gRegistryMutex);
-    auto it = registry().find(&environment);
-    return it == registry().end() ? nullptr : it->second.lock();
-}
 
 Outbox::Outbox(const Environment& environment, std::unique_ptr<platform::OutboxStore> store,
                Options options)

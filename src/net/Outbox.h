@@ -37,12 +37,7 @@ public:
         std::chrono::milliseconds poll{1000};         // how often the worker looks at the clock
     };
 
-    /// The outbox over `environment`'s directory, shared by every engine made over it; nullptr
-    /// when the host set no directory or no store factory.
-    static std::shared_ptr<Outbox> forEnvironment(const Environment& environment);
-    /// The one an engine over `environment` holds open, if any.
-    static std::shared_ptr<Outbox> existing(const Environment& environment);
-
+    // One per environment, shared by its engines: EnvironmentServices::outbox() makes it.
     Outbox(const Environment& environment, std::unique_ptr<platform::OutboxStore> store,
            Options options);
     Outbox(const Environment& environment, std::unique_ptr<platform::OutboxStore> store)

@@ -6,29 +6,16 @@
 #include <cstdio>
 #include <ctime>
 #include <mutex>
-#include <set>
 #include <string_view>
 
+#include "records/EnvironmentServices.h"
+
 namespace kestrelvue {
-namespace {
-
-// One text per base URL and path for the life of the process: processes talk to one service, or
-// a handful in tests, so the set stays tiny.
-const std::string& sharedAddress(const Environment& environment, std::string_view path) {
-    static std::mutex mutex;
-    static auto* addresses = new std::set<std::string, std::less<>>;
-    const std::string address = environment.serviceURL(path);
-    std::lock_guard lock(mutex);
-    return *addresses->insert(address).first;
-}
-
-}  // namespace
-
 Trip::Trip() : Trip(Environment::current()) {}
 
 Trip::Trip(const Environment& environment)
-    : addDrivingScoreURL(sharedAddress(environment, "/api/Driving/addDrivingScore")),
-      getPassedCoordinatesURL(sharedAddress(environment, "/api/Driving/getPassedCoordinates")),
+    : addDrivingScoreURL(environment.services().address("/api/Driving/addDrivingScore")),
+      getPassedCoordinatesURL(environment.services().address("/api/Driving/getPassedCoordinates")),
       env_(environment) {
     // Each creation-time field reads the clock on its own, in declaration order.
     StartDateTime = env_.clock->now();

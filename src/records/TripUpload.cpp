@@ -10,7 +10,7 @@
 #include "core/Json.h"
 #include "net/Outbox.h"
 #include "net/Url.h"
-#include "records/TripReporter.h"
+#include "records/EnvironmentServices.h"
 
 namespace kestrelvue {
 namespace {
@@ -34,7 +34,7 @@ std::string formatUtc(platform::TimePoint t) {
 
 void reportFailure(const Environment& env, std::int64_t code, const std::string& title,
                    const std::string& message) {
-    if (auto delegate = detail::tripReporterFor(env))
+    if (auto delegate = env.services().tripReporter())
         delegate->tripDidFail(code, title, message, nullptr);
 }
 
@@ -91,14 +91,14 @@ void Trip::saveToServer() {
     }
     request.body = std::move(*text);
 
-    const auto outbox = detail::Outbox::existing(env);
+    const auto outbox = env.services().openOutbox();
     // The pending upload keeps the record alive until its reply has been handled. A record not
     // held by a shared_ptr is uploaded all the same but cannot be handed back on success.
     auto completion = [self = weak_from_this().lock(), &env](platform::HttpResult result) {
         if (!result.response) {
             reportFailure(env, 1017, kConnectionTitle, kNotSentMessage);
         } else if (result.response->statusCode == 200) {
-            if (auto delegate = detail::tripReporterFor(env)) delegate->tripDidFinish(self);
+            if (auto delegate = env.services().tripReporter()) delegate->tripDidFinish(self);
         } else {
             reportFailure(env, 1015, kConnectionTitle,
                           std::string(kNotSentMessage) +

@@ -36,6 +36,7 @@
 #include "core/Json.h"
 #include "net/Outbox.h"
 #include "platform/sim/Sim.h"
+#include "records/EnvironmentServices.h"
 
 using namespace kestrelvue;
 using namespace std::chrono_literals;
@@ -352,7 +353,7 @@ int main(int argc, char** argv) {
 
     // Let what is still on its way arrive: the virtual clock runs ten seconds per 20 ms.
     const auto deadline = std::chrono::steady_clock::now() + 60s;
-    auto outbox = detail::Outbox::existing(env);
+    auto outbox = env.services().openOutbox();
     while (std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(20ms);
         sim.clock->advance(10s);
