@@ -36,10 +36,10 @@ int freePort() {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), length);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+                       ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
     ::close(fd);
-    return ntohs(address.sin_port);
+    return bound ? ntohs(address.sin_port) : 0;
 }
 
 /// gpsfake playing `log` once into a private gpsd on `port`; ended with its process group.
@@ -111,7 +111,7 @@ protected:
         tools::Drive part;
         for (const auto& e : drive_.events)
             if (e.fix && e.seconds() >= from && e.seconds() < to) part.events.push_back(e);
-        const fs::path path = dir_ / name;
+        fs::path path = dir_ / name;
         std::ofstream out(path, std::ios::binary);
         tools::writeNmea(out, part, start_);
         return path;
