@@ -276,8 +276,9 @@ TEST_F(GpsdTest, RecordScoresADriveFromGpsfakeAndAFakeImuAsItsReplayDoes) {
     ASSERT_FALSE(replayed.detections.empty()) << "a slice with nothing to compare";
 
     // The receiver's log starts a little ahead, so that gpsfake's start-up does not make its
-    // first fixes stale; it is played at a sentence every third of a second, a fix a second.
-    start_ = time_point_cast<milliseconds>(system_clock::now()) + seconds(3);
+    // first fixes stale (a loaded machine starts it in seconds); it is played at a sentence every
+    // third of a second, a fix a second, and recorded two seconds past its end.
+    start_ = time_point_cast<milliseconds>(system_clock::now()) + seconds(5);
     const int port = freePort();
     Gpsfake fake(log("drive.nmea", -1, kSeconds + 1), port, 0.33);
     FakeImu imu(dir_ / "iio", slice, start_);
@@ -288,7 +289,7 @@ TEST_F(GpsdTest, RecordScoresADriveFromGpsfakeAndAFakeImuAsItsReplayDoes) {
     sources.gpsdHost = "127.0.0.1";
     sources.gpsdPort = std::to_string(port);
     sources.iioRoot = (dir_ / "iio").string();
-    sources.seconds = duration<double>(start_ - system_clock::now()).count() + kSeconds + 1;
+    sources.seconds = duration<double>(start_ - system_clock::now()).count() + kSeconds + 2;
     options.live = tools::makeLiveHost(sources);
     options.outboxDirectory = (dir_ / "outbox").string();
     const tools::ReplayResult recorded = tools::replay({}, options);
