@@ -137,7 +137,7 @@ TEST_F(GpsdTest, ReportsArriveAsFixesWithTheirOwnTimeAndA68PercentAccuracy) {
     gpsd.setFixHandler(
         [&](const auto& batch) { fixes.insert(fixes.end(), batch.begin(), batch.end()); });
     // Long enough to outlast the probe below: gpsfake starts playing at the first client.
-    Gpsfake fake(log("a.nmea", 10, 40), port, 0.05);
+    Gpsfake fake(log("a.nmea", 10, 70), port, 0.05);
     ASSERT_TRUE(within(seconds(20), h, [&] { return gpsd.locationServicesEnabled(); }));
     EXPECT_EQ(gpsd.authorizationStatus(), platform::AuthorizationStatus::authorizedAlways);
     gpsd.startUpdatingLocation();
