@@ -13,6 +13,7 @@
 #include <ostream>
 #include <string_view>
 
+#include "core/Json.h"
 #include "platform/posix/sensors/GpsdReport.h"
 #include "platform/posix/sensors/MotionFusion.h"
 
@@ -68,7 +69,25 @@ platform::DeviceMotion stillFaceUp() {
 struct TimedFix {
     double t = 0;
     platform::Location fix;
+    std::size_t line = 0;
 };
+
+// What a drive file holds: numbers within a billion, a drive within a week.
+constexpr double kLargest = 1e9;
+constexpr double kLongest = 7 * kDay;
+
+/// Why the drive reader would refuse this fix, or empty.
+std::string outOfRange(const platform::Location& f) {
+    for (double v : {f.altitude, f.horizontalAccuracy, f.verticalAccuracy, f.speed, f.course})
+        if (!std::isfinite(v) || std::abs(v) > kLargest) return "a number out of range";
+    return {};
+}
+
+ImportResult failed(const std::string& name, const Failure& f) {
+    ImportResult result;
+    result.error = name + ":" + std::to_string(f.line) + ": " + f.reason;
+    return result;
+}
 
 /// Fixes alone: each with a still, face-up sample, so that the drive replays and is measured.
 ImportResult positionsOnly(std::vector<TimedFix> fixes, const std::string& name,
@@ -80,6 +99,11 @@ ImportResult positionsOnly(std::vector<TimedFix> fixes, const std::string& name,
     }
     Drive drive;
     const double t0 = fixes.front().t;
+    for (const TimedFix& f : fixes) {
+        std::string why = outOfRange(f.fix);
+        if (f.t - t0 > kLongest) why = "more than a week after the first fix";
+        if (!why.empty()) return failed(name, {f.line, why});
+    }
     for (TimedFix& f : fixes) {
         DriveEvent fix;
         fix.t = driveTime(f.t - t0);
@@ -96,48 +120,6 @@ ImportResult positionsOnly(std::vector<TimedFix> fixes, const std::string& name,
         " holds positions only; the drive carries a device lying still, so distance and speed "
         "are scored but no manoeuvre is");
     return result;
-}
-
-ImportResult failed(const std::string& name, const Failure& f) {
-    ImportResult result;
-    result.error = name + ":" + std::to_string(f.line) + ": " + f.reason;
-    return result;
-}
-
-/// Days from 1970-01-01 to a civil date (Howard Hinnant's algorithm).
-std::int64_t daysFromCivil(std::int64_t y, unsigned m, unsigned d) {
-    y -= m <= 2;
-    const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
-    const auto yoe = static_cast<unsigned>(y - era * 400);
-    const unsigned doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-    const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-    return era * 146097 + static_cast<std::int64_t>(doe) - 719468;
-}
-
-/// "2024-05-01T10:00:00.5Z" (or with an offset, or no zone meaning UTC) to Unix seconds.
-std::optional<double> isoSeconds(std::string_view text) {
-    int y, mo, d, h, mi;
-    double s;
-    int used = 0;
-    const std::string copy(text);
-    if (std::sscanf(copy.c_str(), "%4d-%2d-%2dT%2d:%2d:%lf%n", &y, &mo, &d, &h, &mi, &s, &used) !=
-            6 ||
-        mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || !(s >= 0 && s < 61))
-        return std::nullopt;
-    double offset = 0;
-    std::string_view zone = text.substr(static_cast<std::size_t>(used));
-    if (zone == "Z" || zone.empty()) {
-    } else if (zone.size() == 6 && (zone[0] == '+' || zone[0] == '-') && zone[3] == ':') {
-        auto hh = number(zone.substr(1, 2)), mm = number(zone.substr(4, 2));
-        if (!hh || !mm) return std::nullopt;
-        offset = (zone[0] == '+' ? 1 : -1) * (*hh * 3600 + *mm * 60);
-    } else {
-        return std::nullopt;
-    }
-    return static_cast<double>(
-               daysFromCivil(y, static_cast<unsigned>(mo), static_cast<unsigned>(d))) *
-               kDay +
-           h * 3600.0 + mi * 60.0 + s - offset;
 }
 
 // ---- NMEA 0183 ----------------------------------------------------------------------------
@@ -166,6 +148,7 @@ struct Epoch {
     double tod = -1;
     std::optional<double> latitude, longitude, hdop, speed, course, altitude;
     bool refused = false;  // an RMC said void or a GGA said no fix
+    std::size_t line = 0;  // where the epoch began
 };
 
 }  // namespace
@@ -183,6 +166,7 @@ ImportResult importNmea(std::istream& in, const std::string& name) {
         f.fix.speed = epoch.speed.value_or(-1.0);
         f.fix.course = epoch.course.value_or(-1.0);
         f.fix.altitude = epoch.altitude.value_or(0.0);
+        f.line = epoch.line;
         fixes.push_back(f);
     };
     std::string line;
@@ -239,6 +223,7 @@ ImportResult importNmea(std::istream& in, const std::string& name) {
             lastTime = *tod;
             epoch = Epoch{};
             epoch.tod = *tod;
+            epoch.line = number_;
         }
         const bool rmc = type == "RMC";
         const std::string_view status = rmc ? f[2] : f[6];
@@ -340,13 +325,14 @@ struct GpxReader {
             if (!r.timed) return r.fail("a point without a time", r.pointLine);
             if (!r.fixes.empty() && r.current.t < r.fixes.back().t)
                 return r.fail("time goes backwards", r.pointLine);
+            r.current.line = r.pointLine;
             r.fixes.push_back(r.current);
             r.inPoint = false;
             return;
         }
         if (!r.inPoint || n != r.element) return;
         if (n == "time") {
-            auto t = isoSeconds(r.text);
+            auto t = posix::isoSeconds(r.text);
             if (!t) return r.fail("bad time \"" + r.text + "\"");
             r.current.t = *t;
             r.timed = true;
@@ -407,18 +393,14 @@ ImportResult importGpsd(std::istream& in, const std::string& name) {
         std::string_view text(line);
         while (!text.empty() && (text.back() == '\r' || text.back() == ' ')) text.remove_suffix(1);
         if (text.empty()) continue;
-        if (text.front() != '{' || text.back() != '}')
+        if (text.front() != '{' || !json::parse(text))
             return failed(name, {n, "not a gpsd JSON report"});
         auto fix = posix::fixFromJsonLine(text);
-        if (!fix) {
-            if (text.find("\"TPV\"") != std::string_view::npos)
-                return failed(name, {n, "a TPV report libgps cannot read"});
-            continue;  // SKY, VERSION, DEVICES, WATCH...: nothing to place
-        }
+        if (!fix) continue;  // SKY, VERSION, DEVICES, WATCH, a TPV without a time: nothing to place
         if (fix->coordinate.latitude == 0.0) continue;  // no position yet
         const double t = std::chrono::duration<double>(fix->timestamp.time_since_epoch()).count();
         if (!fixes.empty() && t < fixes.back().t) return failed(name, {n, "time goes backwards"});
-        fixes.push_back({t, *fix});
+        fixes.push_back({t, *fix, n});
     }
     return positionsOnly(std::move(fixes), name, "gpsd capture");
 }
@@ -482,6 +464,10 @@ std::optional<Table> readTable(const fs::path& path, const std::vector<std::stri
             auto v = number(cells[i]);
             if (!v) {
                 failure = {n, "\"" + need + "\" is not a number"};
+                return std::nullopt;
+            }
+            if (need != "time" && std::abs(*v) > kLargest) {
+                failure = {n, "\"" + need + "\" is out of range"};
                 return std::nullopt;
             }
             row[i] = *v;
@@ -617,6 +603,10 @@ ImportResult importSensorLogger(const std::string& directory, std::optional<Phon
         return x.t < y.t || (x.t == y.t && x.fix && !y.fix);
     });
     ImportResult result;
+    if (!events.empty() && static_cast<double>(events.back().t) * 1e-9 > kLongest) {
+        result.error = directory + ": the export spans more than a week";
+        return result;
+    }
     result.drive = Drive{std::move(events), std::nullopt};
     return result;
 }

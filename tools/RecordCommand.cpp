@@ -2,6 +2,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -69,6 +70,9 @@ int runRecord(const RecordArgs& args) {
     ReplayOptions options;
     options.userID = args.user;
     options.fetchRoute = !args.map.empty();
+    // The vehicle is moving while the recorder waits for the bands: it waits briefly, then records
+    // into the outbox; at the stop the outbox keeps what the service has not answered.
+    options.serviceTimeout = std::chrono::seconds(15);
     options.log = [](const std::string& line) { std::fprintf(stderr, "%s\n", line.c_str()); };
     // A vehicle computer loses power and network at any moment: keep every upload on disk until
     // the service has confirmed it.

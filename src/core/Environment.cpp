@@ -19,12 +19,8 @@ const Environment* gEnvironment = nullptr;
 // the factory runs once.
 std::mutex gBuildMutex;
 
-// Function-local so that the platform layer may register from a static initialiser.
+// Function-local so that a host may set it from a static initialiser.
 std::function<Environment()>& hostFactory() {
-    static auto* factory = new std::function<Environment()>;
-    return *factory;
-}
-std::function<Environment()>& platformFactory() {
     static auto* factory = new std::function<Environment()>;
     return *factory;
 }
@@ -32,11 +28,6 @@ std::function<Environment()>& platformFactory() {
 
 Environment::Environment() {
     detail::fillMissing(*this);
-}
-
-void detail::setPlatformDefaultFactory(std::function<Environment()> factory) {
-    std::lock_guard lock(gMutex);
-    platformFactory() = std::move(factory);
 }
 
 std::string_view defaultBaseURL() {
@@ -95,12 +86,7 @@ void Environment::setDefaultFactory(std::function<Environment()> factory) {
 }
 
 Environment Environment::makeDefault() {
-    std::function<Environment()> factory;
-    {
-        std::lock_guard lock(gMutex);
-        factory = platformFactory();
-    }
-    return factory ? factory() : Environment();
+    return detail::platformDefaultEnvironment();
 }
 
 const Environment& Environment::current() {

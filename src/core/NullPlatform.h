@@ -12,8 +12,10 @@ namespace kestrelvue::detail {
 /// members (applicationInfo, outboxDirectory, makeOutboxStore) stay as they are.
 void fillMissing(Environment& environment);
 
-/// The platform layer's default environment, for makeDefault(). A host's own factory
-/// (Environment::setDefaultFactory) comes first whenever both are set.
-void setPlatformDefaultFactory(std::function<Environment()> factory);
+/// The platform's default environment, for makeDefault(). The build links exactly one
+/// definition, the platform's (KESTRELVUE_PLATFORM):
+/// src/platform/<platform>/DefaultEnvironment.cpp. A host's own factory
+/// (Environment::setDefaultFactory) comes first whenever it is set.
+Environment platformDefaultEnvironment();
 
 }  // namespace kestrelvue::detail

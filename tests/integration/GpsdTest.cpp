@@ -36,10 +36,10 @@ int freePort() {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), length);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+                       ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
     ::close(fd);
-    return ntohs(address.sin_port);
+    return bound ? ntohs(address.sin_port) : 0;
 }
 
 /// gpsfake playing `log` once into a private gpsd on `port`; ended with its process group.
@@ -111,7 +111,7 @@ protected:
         tools::Drive part;
         for (const auto& e : drive_.events)
             if (e.fix && e.seconds() >= from && e.seconds() < to) part.events.push_back(e);
-        const fs::path path = dir_ / name;
+        fs::path path = dir_ / name;
         std::ofstream out(path, std::ios::binary);
         tools::writeNmea(out, part, start_);
         return path;
@@ -137,7 +137,7 @@ TEST_F(GpsdTest, ReportsArriveAsFixesWithTheirOwnTimeAndA68PercentAccuracy) {
     gpsd.setFixHandler(
         [&](const auto& batch) { fixes.insert(fixes.end(), batch.begin(), batch.end()); });
     // Long enough to outlast the probe below: gpsfake starts playing at the first client.
-    Gpsfake fake(log("a.nmea", 10, 40), port, 0.05);
+    Gpsfake fake(log("a.nmea", 10, 70), port, 0.05);
     ASSERT_TRUE(within(seconds(20), h, [&] { return gpsd.locationServicesEnabled(); }));
     EXPECT_EQ(gpsd.authorizationStatus(), platform::AuthorizationStatus::authorizedAlways);
     gpsd.startUpdatingLocation();
@@ -276,8 +276,9 @@ TEST_F(GpsdTest, RecordScoresADriveFromGpsfakeAndAFakeImuAsItsReplayDoes) {
     ASSERT_FALSE(replayed.detections.empty()) << "a slice with nothing to compare";
 
     // The receiver's log starts a little ahead, so that gpsfake's start-up does not make its
-    // first fixes stale; it is played at a sentence every third of a second, a fix a second.
-    start_ = time_point_cast<milliseconds>(system_clock::now()) + seconds(3);
+    // first fixes stale (a loaded machine starts it in seconds); it is played at a sentence every
+    // third of a second, a fix a second, and recorded two seconds past its end.
+    start_ = time_point_cast<milliseconds>(system_clock::now()) + seconds(5);
     const int port = freePort();
     Gpsfake fake(log("drive.nmea", -1, kSeconds + 1), port, 0.33);
     FakeImu imu(dir_ / "iio", slice, start_);
@@ -288,7 +289,7 @@ TEST_F(GpsdTest, RecordScoresADriveFromGpsfakeAndAFakeImuAsItsReplayDoes) {
     sources.gpsdHost = "127.0.0.1";
     sources.gpsdPort = std::to_string(port);
     sources.iioRoot = (dir_ / "iio").string();
-    sources.seconds = duration<double>(start_ - system_clock::now()).count() + kSeconds + 1;
+    sources.seconds = duration<double>(start_ - system_clock::now()).count() + kSeconds + 2;
     options.live = tools::makeLiveHost(sources);
     options.outboxDirectory = (dir_ / "outbox").string();
     const tools::ReplayResult recorded = tools::replay({}, options);

@@ -123,8 +123,10 @@ TEST(Import, EveryLineIsCheckedAndAnErrorNamesFileLineAndReason) {
          "x:2: bad time"},
         {ImportFormat::gpx, "<gpx><trkpt lat=\"41\" lon=\"29\">\n</gpx>", "x:2: mismatched tag"},
         {ImportFormat::gpsd, "{\"class\":\"VERSION\"}\nSKY\n", "x:2: not a gpsd JSON report"},
-        {ImportFormat::gpsd, "{\"class\":\"TPV\",\"mode\":\"three\"}\n",
-         "x:1: a TPV report libgps cannot read"},
+        {ImportFormat::gpsd,
+         "{\"class\":\"TPV\",\"mode\":3,\"time\":\"2024-06-01T10:00:00Z\",\"lat\":41,\"lon\":29}\n{"
+         "\"class\":\"TPV\"\n",
+         "x:2: not a gpsd JSON report"},
     };
     for (const auto& c : cases) {
         std::istringstream in(c.text);

@@ -31,20 +31,9 @@ Environment defaultEnvironment() {
     return env;
 }
 
-namespace {
-
-// Registered before any default-priority static initialiser runs, a host's included, so that
-// even those find the Linux environment.
-struct Registrar {
-    Registrar() { detail::setPlatformDefaultFactory(&defaultEnvironment); }
-};
-__attribute__((init_priority(101))) const Registrar registrar;
-
-}  // namespace
-
 }  // namespace kestrelvue::posix
 
-// Nothing refers to this file but the registrar inside it, so a static link would leave it out.
-// A static kestrelvue names this symbol to the linker as undefined (its link options and its
-// pkg-config file), which keeps the file, and with it the registration, in every host.
-extern "C" void kestrelvue_posix_default_environment() {}
+// The build links this file as the platform's default: no registration, nothing to keep alive.
+kestrelvue::Environment kestrelvue::detail::platformDefaultEnvironment() {
+    return posix::defaultEnvironment();
+}

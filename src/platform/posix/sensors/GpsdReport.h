@@ -25,8 +25,12 @@ inline constexpr double kGpsd95To68 = 1.5096 / 2.4477;
 /// cannot be placed in time cannot be measured against the others.
 std::optional<platform::Location> fixFromTpv(const gps_data_t& data);
 
-/// One line of gpsd's JSON (what `gpspipe -w` writes): the fix when it is a TPV report, nullopt
-/// for every other class and for lines libgps cannot read.
+/// One line of gpsd's JSON (what `gpspipe -w` writes): the fix when it is a TPV report with a
+/// time, nullopt for every other class, for a TPV without a time and for text that is not JSON.
 std::optional<platform::Location> fixFromJsonLine(std::string_view line);
+
+/// "2024-05-01T10:00:00.5Z" (or with an offset "+03:00", or no zone, meaning UTC) as Unix
+/// seconds; nullopt when malformed.
+std::optional<double> isoSeconds(std::string_view text);
 
 }  // namespace kestrelvue::posix
