@@ -54,10 +54,6 @@ int runRecord(const RecordArgs& args) {
         return 1;
     if (!args.motionDrive.empty() && !(sources.motionDrive = readDrive(args.motionDrive))) return 1;
     if (args.seconds > 0) sources.seconds = args.seconds;
-    if (!args.align.empty())
-        std::fprintf(stderr,
-                     "kestrelvue record: --align is not available in this build yet; samples are "
-                     "scored in the device's own frame\n");
 
     // The trip ends at the first SIGINT or SIGTERM (a service manager's stop), reported as usual.
     struct sigaction action = {};
@@ -68,6 +64,13 @@ int runRecord(const RecordArgs& args) {
     sources.stop = &stopRequested;
 
     ReplayOptions options;
+    if (!parseAlignment(args.align, options)) {
+        std::fprintf(stderr,
+                     "kestrelvue record: --align: expected auto or PITCH,ROLL,YAW in degrees, got "
+                     "'%s'\n",
+                     args.align.c_str());
+        return 2;
+    }
     options.userID = args.user;
     options.fetchRoute = !args.map.empty();
     // The vehicle is moving while the recorder waits for the bands: it waits briefly, then records
@@ -146,7 +149,8 @@ Subcommand addRecordCommand(CLI::App& app) {
     command->add_flag("--json", args->json, "print the report as one JSON object");
     command->add_option(
         "--align", args->align,
-        "mounting alignment into the vehicle's frame (pending: accepted, not applied)");
+        "turn samples into the vehicle's axes: auto (estimated) or PITCH,ROLL,YAW, the "
+        "device's angles in degrees");
     return {command, [args] { return runRecord(*args); }};
 }
 

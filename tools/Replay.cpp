@@ -353,6 +353,23 @@ std::vector<std::string> placeNear(double latitude, double longitude) {
     return {text};
 }
 
+bool parseAlignment(const std::string& text, ReplayOptions& options) {
+    if (text.empty()) return true;
+    options.align = true;
+    if (text == "auto") return true;
+    double degrees[3];
+    int used = 0;
+    if (std::sscanf(text.c_str(), "%lf,%lf,%lf%n", &degrees[0], &degrees[1], &degrees[2], &used) !=
+            3 ||
+        used != static_cast<int>(text.size()) || !std::isfinite(degrees[0]) ||
+        !std::isfinite(degrees[1]) || !std::isfinite(degrees[2])) {
+        return false;
+    }
+    options.alignAngles = platform::MountingAngles{degrees[0] * M_PI / 180, degrees[1] * M_PI / 180,
+                                                   degrees[2] * M_PI / 180};
+    return true;
+}
+
 ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
     const auto wallStart = steady_clock::now();
     ReplayResult result;

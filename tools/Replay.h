@@ -78,6 +78,10 @@ struct ReplayOptions {
     std::shared_ptr<LiveHost> live;
 };
 
+/// Reads an --align value into `options`: empty (no alignment), "auto" (estimated), or
+/// "PITCH,ROLL,YAW" in degrees. False when the text is none of them.
+bool parseAlignment(const std::string& text, ReplayOptions& options);
+
 struct ReplayResult {
     bool thresholdsArrived = false;
     /// The service could not be reached before the drive: nothing was played.

@@ -185,24 +185,12 @@ int replay(const ReplayArgs& args) {
     options.outboxDirectory = args.outbox;
     options.compress = args.compress;
     options.fetchRoute = !args.map.empty();
-    if (!args.align.empty()) {
-        options.align = true;
-        double degrees[3];
-        int used = 0;
-        if (args.align != "auto") {
-            if (std::sscanf(args.align.c_str(), "%lf,%lf,%lf%n", &degrees[0], &degrees[1],
-                            &degrees[2], &used) != 3 ||
-                used != static_cast<int>(args.align.size()) || !std::isfinite(degrees[0]) ||
-                !std::isfinite(degrees[1]) || !std::isfinite(degrees[2])) {
-                std::fprintf(stderr,
-                             "kestrelvue replay: --align: expected auto or PITCH,ROLL,YAW in "
-                             "degrees, got '%s'\n",
-                             args.align.c_str());
-                return kUsage;
-            }
-            options.alignAngles = platform::MountingAngles{
-                degrees[0] * M_PI / 180, degrees[1] * M_PI / 180, degrees[2] * M_PI / 180};
-        }
+    if (!tools::parseAlignment(args.align, options)) {
+        std::fprintf(stderr,
+                     "kestrelvue replay: --align: expected auto or PITCH,ROLL,YAW in degrees, got "
+                     "'%s'\n",
+                     args.align.c_str());
+        return kUsage;
     }
     options.serviceTimeout =
         std::chrono::milliseconds(static_cast<std::int64_t>(args.timeout * 1000));

@@ -57,6 +57,7 @@ expect 2 "at least 1, got '0'" "$tool" replay drive.kvd --user 0
 expect 2 "did you mean 'replay'" "$tool" repaly drive.kvd
 expect 2 "holds no outbox" "$tool" outbox .
 expect 2 "PITCH,ROLL,YAW" "$tool" replay drive.kvd --align 10,20
+expect 2 "PITCH,ROLL,YAW" "$tool" record --align 1,2 --seconds 1 --no-outbox
 expect 1 "no map: the trip was not uploaded" "$tool" replay drive.kvd --server http://127.0.0.1:1 \
   --timeout 5 --map nothing.svg
 grep -q "did not answer" err.txt && [ ! -e nothing.svg ]
