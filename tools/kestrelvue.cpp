@@ -94,9 +94,23 @@ private:
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now(), lastDraw_;
 };
 
+/// "PITCH,ROLL,YAW" in degrees, three finite numbers and nothing else.
+std::optional<platform::MountingAngles> anglesIn(const std::string& text) {
+    double degrees[3];
+    int used = 0;
+    if (std::sscanf(text.c_str(), "%lf,%lf,%lf%n", &degrees[0], &degrees[1], &degrees[2], &used) !=
+            3 ||
+        used != static_cast<int>(text.size()))
+        return std::nullopt;
+    for (double d : degrees)
+        if (!std::isfinite(d)) return std::nullopt;
+    return platform::MountingAngles{degrees[0] * M_PI / 180, degrees[1] * M_PI / 180,
+                                    degrees[2] * M_PI / 180};
+}
+
 struct SimulateArgs {
     tools::SimulationOptions options;
-    std::string events = "all", output, truth, start;
+    std::string events = "all", output, truth, start, mount;
     std::vector<double> fixGap;
 };
 
@@ -121,7 +135,15 @@ int simulate(const SimulateArgs& args) {
         options.fixGapStart = args.fixGap[0];
         options.fixGapSeconds = args.fixGap[1];
     }
+    std::optional<platform::MountingAngles> mount;
+    if (!args.mount.empty() && !(mount = anglesIn(args.mount))) {
+        std::fprintf(stderr,
+                     "kestrelvue simulate: --mount: expected PITCH,ROLL,YAW in degrees, got '%s'\n",
+                     args.mount.c_str());
+        return kUsage;
+    }
     tools::Simulation simulation = tools::simulate(options);
+    if (mount) tools::mountPhone(simulation.drive, *mount);
     if (args.start.empty()) {
         simulation.drive.start = std::chrono::duration_cast<std::chrono::seconds>(
                                      std::chrono::system_clock::now().time_since_epoch())
@@ -196,21 +218,12 @@ int replay(const ReplayArgs& args) {
     options.fetchRoute = !args.map.empty();
     if (!args.align.empty()) {
         options.align = true;
-        double degrees[3];
-        int used = 0;
-        if (args.align != "auto") {
-            if (std::sscanf(args.align.c_str(), "%lf,%lf,%lf%n", &degrees[0], &degrees[1],
-                            &degrees[2], &used) != 3 ||
-                used != static_cast<int>(args.align.size()) || !std::isfinite(degrees[0]) ||
-                !std::isfinite(degrees[1]) || !std::isfinite(degrees[2])) {
-                std::fprintf(stderr,
-                             "kestrelvue replay: --align: expected auto or PITCH,ROLL,YAW in "
-                             "degrees, got '%s'\n",
-                             args.align.c_str());
-                return kUsage;
-            }
-            options.alignAngles = platform::MountingAngles{
-                degrees[0] * M_PI / 180, degrees[1] * M_PI / 180, degrees[2] * M_PI / 180};
+        if (args.align != "auto" && !(options.alignAngles = anglesIn(args.align))) {
+            std::fprintf(stderr,
+                         "kestrelvue replay: --align: expected auto or PITCH,ROLL,YAW in "
+                         "degrees, got '%s'\n",
+                         args.align.c_str());
+            return kUsage;
         }
     }
     options.serviceTimeout =
@@ -319,6 +332,9 @@ int main(int argc, char** argv) {
         ->type_name("START SECONDS");
     simulateCommand->add_option("-o,--output", sim.output, "drive file (default: standard output)");
     simulateCommand->add_option("--truth", sim.truth, "also write what was injected, and when");
+    simulateCommand->add_option("--mount", sim.mount,
+                                "the phone's angles in its holder, PITCH,ROLL,YAW in degrees "
+                                "(default: face up, top to the front)");
     simulateCommand->add_option("--start", sim.start,
                                 "when the drive began, YYYY-MM-DDTHH:MM:SSZ (default: now)");
 
