@@ -143,11 +143,13 @@ public:
                   (upload->items.empty() ? "" : std::to_string(upload->items[0]));
             if (!sent_.insert(key).second) ++retried_;
             auto& sent = records_[upload->guid];
+            // An outbox over a directory used before also sends earlier drives' records.
+            const bool ours = upload->guid == trip_;
             for (const service::PointRow& p : bulk.value->points) {
                 // A repeat was counted when it was first sent.
                 if (sent.insert(p.itemId).second) {
                     ++recordsSent_;
-                    noteCharges(p);
+                    if (ours) noteCharges(p);
                 }
             }
             upload->read = true;
@@ -158,6 +160,11 @@ public:
     }
 
     void setStart(std::int64_t unixMillis) { startMillis_ = unixMillis; }
+    /// The drive's trip: what the report counts. Set before the drive's first sample.
+    void setTrip(std::string guid) {
+        std::lock_guard lock(mutex_);
+        trip_ = std::move(guid);
+    }
 
     bool waitIdle(steady_clock::time_point deadline) {
         std::unique_lock lock(mutex_);
@@ -180,8 +187,9 @@ public:
     void collect(ReplayResult& out) const {
         std::lock_guard lock(mutex_);
         out.records = out.recordsConfirmed = 0;
-        for (const auto& [guid, items] : records_) out.records += items.size();
-        for (const auto& [guid, items] : confirmed_) out.recordsConfirmed += items.size();
+        if (auto it = records_.find(trip_); it != records_.end()) out.records = it->second.size();
+        if (auto it = confirmed_.find(trip_); it != confirmed_.end())
+            out.recordsConfirmed = it->second.size();
         out.bulksUploaded = bulks_;
         out.uploadsRetried = retried_;
         out.detections = detections_;
@@ -232,6 +240,7 @@ private:
     std::vector<Detection> detections_;
     std::string problem_;
     std::int64_t startMillis_ = 0;
+    std::string trip_;
     // Last, so it ends first: its completions still running at the end find the counts alive.
     std::shared_ptr<platform::HttpClient> inner_;
 };
@@ -498,6 +507,7 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
         if (result.failure().empty()) result.failureTitle = "the trip did not start";
         return finish();
     }
+    tap->setTrip(engine->DrivingID());
     result.interval = motion->deviceMotionUpdateInterval();
     const std::int64_t intervalNs =
         std::max<std::int64_t>(1'000'000, std::llround(result.interval * 1e9));

@@ -63,7 +63,7 @@ struct ReplayResult {
 
     double interval = 0;  // seconds between motion deliveries, as the engine asked
     std::size_t fixes = 0, samples = 0;
-    std::size_t records = 0;           // distinct motion records the engine sent
+    std::size_t records = 0;           // distinct motion records of this trip sent
     std::size_t recordsConfirmed = 0;  // of them, confirmed by the service
     std::size_t bulksUploaded = 0;     // motion uploads answered 200
     std::size_t uploadsRetried = 0;    // uploads sent again after a failed try
