@@ -2,6 +2,7 @@
 
 #include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/posix/CurlHttpClient.h>
+#include <kestrelvue/service/MotionBulk.h>
 
 #include <algorithm>
 #include <cmath>
@@ -15,7 +16,7 @@
 #include <unordered_set>
 
 #include "Outbox.h"
-#include "Requests.h"
+#include "net/Gzip.h"
 #include "net/Outbox.h"
 #include "platform/sim/Sim.h"
 
@@ -96,18 +97,23 @@ public:
     platform::AsyncRequest send(platform::HttpRequest request,
                                 platform::HttpCompletion completion) override {
         const bool motion = request.body && request.url.find("/addMotionData") != std::string::npos;
+        const bool trip = request.body && request.url.find("/addDrivingScore") != std::string::npos;
         std::string key;  // what a repeat of this upload has in common with it
-        if (request.body && request.url.find("/addDrivingScore") != std::string::npos)
-            key = "trip " + *request.body;
+        if (trip) key = "trip " + *request.body;
         // A copy to read: the request goes on first. Kept per thread, so that its memory is
         // reused from bulk to bulk.
         thread_local std::string body;
-        if (motion) body.assign(*request.body);
+        if (motion && !detail::isGzip(*request.body)) {
+            body.assign(*request.body);
+        } else if (motion) {
+            body = detail::gunzip(*request.body, std::size_t{64} << 20).value_or(std::string());
+        }
         auto upload = std::make_shared<Upload>();
         {
             std::lock_guard lock(mutex_);
             inFlight_ += motion ? 2 : 1;  // the reply, and the reading of a bulk
             motionInFlight_ += motion;
+            if (motion || trip) bytesSent_ += request.body->size();
             if (!key.empty() && !sent_.insert(key).second) ++retried_;
         }
         const std::string url = request.url;
@@ -137,7 +143,8 @@ public:
         if (!motion) return pending;
         if (auto bulk = service::parseMotionBulk(body)) {
             upload->guid = std::move(bulk.value->guid);
-            for (const service::PointRow& p : bulk.value->points) upload->items.push_back(p.itemId);
+            for (const service::MotionRecord& p : bulk.value->records)
+                upload->items.push_back(p.itemId);
             std::lock_guard lock(mutex_);
             key = "motion " + upload->guid + " " +
                   (upload->items.empty() ? "" : std::to_string(upload->items[0]));
@@ -145,7 +152,7 @@ public:
             auto& sent = records_[upload->guid];
             // An outbox over a directory used before also sends earlier drives' records.
             const bool ours = upload->guid == trip_;
-            for (const service::PointRow& p : bulk.value->points) {
+            for (const service::MotionRecord& p : bulk.value->records) {
                 // A repeat was counted when it was first sent.
                 if (sent.insert(p.itemId).second) {
                     ++recordsSent_;
@@ -192,6 +199,7 @@ public:
             out.recordsConfirmed = it->second.size();
         out.bulksUploaded = bulks_;
         out.uploadsRetried = retried_;
+        out.bytesSent = bytesSent_;
         out.detections = detections_;
         std::sort(out.detections.begin(), out.detections.end(),
                   [](const Detection& a, const Detection& b) { return a.t < b.t; });
@@ -212,7 +220,7 @@ private:
         ++bulks_;
         confirmed_[upload.guid].insert(upload.items.begin(), upload.items.end());
     }
-    void noteCharges(const service::PointRow& p) {
+    void noteCharges(const service::MotionRecord& p) {
         const auto at = recordMillis(p.recordTimeText());
         if (!at) return;
         const double t = static_cast<double>(*at - startMillis_) / 1000.0;
@@ -236,7 +244,7 @@ private:
     std::size_t recordsSent_ = 0;
     std::unordered_set<std::string> sent_;
     ItemsByTrip records_, confirmed_;
-    std::size_t bulks_ = 0, retried_ = 0;
+    std::size_t bulks_ = 0, retried_ = 0, bytesSent_ = 0;
     std::vector<Detection> detections_;
     std::string problem_;
     std::int64_t startMillis_ = 0;
@@ -377,6 +385,7 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
 
     Environment env;
     phone.installInto(env);
+    if (options.live) options.live->install(env, queue);
     env.ids = std::make_shared<platform::RandomIdGenerator>();
     auto tap = std::make_shared<WireTap>(std::make_shared<posix::CurlHttpClient>());
     tap->setStart(duration_cast<milliseconds>(start.time_since_epoch()).count());
@@ -390,6 +399,9 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
                 {"CFBundleDisplayName", "Kestrelvue"}};
     if (options.bulkMotionDataSize) info.emplace("BulkMotionDataSize", *options.bulkMotionDataSize);
     env.applicationInfo = std::move(info);
+    env.compressUploads = options.compress;
+    result.compressed = options.compress;
+    Awaited unscored(*env.notifications, kTripUnscored);
     // The store's newest entry before this drive: what is newer is this drive's.
     std::int64_t keptBefore = 0;
     std::mutex problemMutex;
@@ -454,6 +466,7 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
     std::vector<std::pair<std::int64_t, platform::DeviceMotion>> delivered;
     auto finish = [&] {
         tap->collect(result);
+        result.unscored = unscored.wait(milliseconds(0)).has_value();
         for (Detection& d : result.detections) {
             // A record's time is its delivery's, to the millisecond.
             const std::int64_t at = std::llround(d.t * 1e9) + 1'000'000;
@@ -497,7 +510,8 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
             return finish();
         }
         say("the service did not answer (" + why +
-            "); recording into the outbox, nothing will be charged");
+            "); recording into the outbox, scored with the bands an earlier run kept there, if "
+            "any");
     } else {
         say("bands received from " + options.baseURL);
     }
@@ -509,9 +523,13 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
     }
     tap->setTrip(engine->DrivingID());
     result.interval = motion->deviceMotionUpdateInterval();
+    if (options.live) options.live->run(*engine, *queue, result);
     const std::int64_t intervalNs =
         std::max<std::int64_t>(1'000'000, std::llround(result.interval * 1e9));
-    const std::int64_t lastNs = drive.events.empty() ? 0 : drive.events.back().t;
+    // Live, the trip has run already: there is no drive to play.
+    const std::int64_t lastNs = options.live           ? -1
+                                : drive.events.empty() ? 0
+                                                       : drive.events.back().t;
     // The engine sends a bulk at a time, the next when the last is answered, so playing the drive
     // far ahead of the uploads only piles records up in its buffer (where each answered bulk is
     // erased from the front), to be sent after the drive anyway: hold the drive back to two bulks

@@ -18,7 +18,31 @@
 #include "Events.h"
 #include "Simulate.h"
 
+namespace kestrelvue {
+class DrivingInsight;
+struct Environment;
+namespace sim {
+class MainQueue;
+}
+}  // namespace kestrelvue
+
 namespace kestrelvue::tools {
+
+struct ReplayResult;
+
+/// A live host (`kestrelvue record`): its clock, sensors and device take the simulated phone's
+/// place, and it runs the trip in real time between the start and the stop, where a replay plays
+/// the drive.
+class LiveHost {
+public:
+    virtual ~LiveHost() = default;
+    /// Puts the host's clock, sensors and device into the environment; `queue` is the main queue
+    /// the engine posts to, which run() drains.
+    virtual void install(Environment& env, const std::shared_ptr<sim::MainQueue>& queue) = 0;
+    /// Called once the trip has started; returns when it should stop. Sets the interval, fixes and
+    /// samples of the result.
+    virtual void run(DrivingInsight& engine, sim::MainQueue& queue, ReplayResult& result) = 0;
+};
 
 struct ReplayProgress {
     std::size_t done = 0, total = 0;  // motion deliveries
@@ -44,10 +68,14 @@ struct ReplayOptions {
     std::string outboxDirectory;
     /// Fetch the trip's route and fault points back from the service when it is uploaded.
     bool fetchRoute = false;
+    /// Send motion bulks gzip-compressed (Environment::compressUploads).
+    bool compress = false;
     /// Turn the samples from the phone's axes into the car's before the engine reads them: by
     /// `alignAngles` when given, else by an estimate.
     bool align = false;
     std::optional<platform::MountingAngles> alignAngles;
+    /// When set, the trip runs live on this host instead of the drive (which is then ignored).
+    std::shared_ptr<LiveHost> live;
 };
 
 struct ReplayResult {
@@ -63,6 +91,12 @@ struct ReplayResult {
 
     double interval = 0;  // seconds between motion deliveries, as the engine asked
     std::size_t fixes = 0, samples = 0;
+    std::size_t bytesSent = 0;  // upload bodies (bulks and trip records) as they went out
+    bool compressed = false;
+    /// The engine completed the trip without any band: its score charges nothing.
+    bool unscored = false;
+    /// Hours of driving the samples cover.
+    double drivingHours() const { return static_cast<double>(samples) * interval / 3600.0; }
     std::size_t records = 0;           // distinct motion records of this trip sent
     std::size_t recordsConfirmed = 0;  // of them, confirmed by the service
     std::size_t bulksUploaded = 0;     // motion uploads answered 200

@@ -99,6 +99,11 @@ std::string escapeXml(const std::string& text) {
     return out;
 }
 
+double bytesPerHour(const ReplayResult& r) {
+    const double hours = r.drivingHours();
+    return hours > 0 ? static_cast<double>(r.bytesSent) / hours : 0.0;
+}
+
 }  // namespace
 
 std::vector<KindLine> kindLines(const ReplayResult& result) {
@@ -152,7 +157,8 @@ void printReport(std::ostream& out, const ReplayResult& r, const std::string& se
     if (r.trip) {
         const Trip& t = *r.trip;
         out << "Trip " << t.DrivingID << " uploaded to " << server << "\n"
-            << "  score      " << format("%.1f", t.Score) << "\n"
+            << "  score      " << format("%.1f", t.Score)
+            << (r.unscored ? "  (NOT SCORED: no bands, none downloaded or kept)" : "") << "\n"
             << "  distance   " << format("%.2f km", t.TotalDistance / 1000.0) << " in "
             << durationText(tripSeconds(t)) << "  (the library's text: \""
             << t.TimeElapsedTotalDistance_Formatted << "\")\n"
@@ -193,7 +199,8 @@ void printReport(std::ostream& out, const ReplayResult& r, const std::string& se
         << r.fixes << " fixes; " << r.records << " records made, " << r.recordsConfirmed
         << " confirmed\n"
         << "  uploads    " << r.bulksUploaded << " motion bulks, " << r.uploadsRetried
-        << " retried\n";
+        << " retried; " << r.bytesSent << " bytes sent" << (r.compressed ? " compressed" : "")
+        << ", " << format("%.2f", bytesPerHour(r) / 1e6) << " MB per driving hour\n";
     out << "  records    " << r.recordsConfirmed << " delivered, " << r.recordsWaiting
         << " kept for later, " << recordsLost(r) << " lost\n"
         << "  trip       " << tripState(r) << "\n";
@@ -270,6 +277,11 @@ void printJsonReport(std::ostream& out, const ReplayResult& r, const std::string
     j["records_confirmed"] = r.recordsConfirmed;
     j["bulks_uploaded"] = r.bulksUploaded;
     j["uploads_retried"] = r.uploadsRetried;
+    j["bytes_sent"] = r.bytesSent;
+    j["bytes_per_driving_hour"] = finite(bytesPerHour(r));
+    j["compressed"] = r.compressed;
+    j["scored"] = !r.unscored;
+    j["outbox"] = {{"records", r.recordsWaiting}, {"trips", r.tripsWaiting}};
     j["outbox"] = {{"records", r.recordsWaiting},
                    {"trips", r.tripsWaiting},
                    {"problem", r.outboxProblem.empty() ? nlohmann::ordered_json()

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "Commands.h"
 #include "Drive.h"
 #include "Outbox.h"
 #include "Replay.h"
@@ -177,7 +178,7 @@ struct ReplayArgs {
     std::string drive, server, db, outbox, truth, map, align;
     std::int64_t user = 1, bulk = 0;
     double timeout = 90;
-    bool json = false, verbose = false, events = false;
+    bool json = false, verbose = false, compress = false, events = false;
 };
 
 /// A replay hands motion bulks of a few hundred kilobytes between its threads many times a second.
@@ -215,6 +216,7 @@ int replay(const ReplayArgs& args) {
     if (args.bulk > 0) options.bulkMotionDataSize = args.bulk;
     options.verbose = args.verbose;
     options.outboxDirectory = args.outbox;
+    options.compress = args.compress;
     options.fetchRoute = !args.map.empty();
     if (!args.align.empty()) {
         options.align = true;
@@ -362,6 +364,7 @@ int main(int argc, char** argv) {
         ->check(CLI::ExistingFile);
     replayCommand->add_option("--map", rep.map, "write the route and its fault points as SVG");
     replayCommand->add_flag("--json", rep.json, "print the report as one JSON object");
+    replayCommand->add_flag("--compress", rep.compress, "send motion bulks gzip-compressed");
     replayCommand->add_option("--align", rep.align,
                               "turn samples into the car's axes: auto (estimated) or "
                               "PITCH,ROLL,YAW, the phone's angles in its holder in degrees");
@@ -390,7 +393,7 @@ int main(int argc, char** argv) {
         const std::string word = argv[1];
         std::string nearest;
         std::size_t best = 3;  // at most two edits away
-        for (const char* command : {"serve", "simulate", "replay", "outbox"}) {
+        for (const char* command : {"serve", "simulate", "replay", "record", "import", "outbox"}) {
             const std::size_t d = editDistance(word, command);
             if (d == 0) best = 0, nearest.clear();
             if (d < best) best = d, nearest = command;
@@ -398,12 +401,15 @@ int main(int argc, char** argv) {
         if (best != 0) {
             std::fprintf(stderr,
                          "kestrelvue: unknown command '%s'%s (commands: serve, simulate, "
-                         "replay, outbox; kestrelvue --help)\n",
+                         "replay, record, import, outbox; kestrelvue --help)\n",
                          word.c_str(),
                          nearest.empty() ? "" : ("; did you mean '" + nearest + "'?").c_str());
             return kUsage;
         }
     }
+    const tools::Subcommand importer = tools::addImportCommand(app);
+    const tools::Subcommand recorder = tools::addRecordCommand(app);
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -411,6 +417,8 @@ int main(int argc, char** argv) {
     }
     if (simulateCommand->parsed()) return simulate(sim);
     if (replayCommand->parsed()) return replay(rep);
+    if (importer.command->parsed()) return importer.run();
+    if (recorder.command->parsed()) return recorder.run();
     if (outboxCommand->parsed()) {
         // Pointed at a directory that holds no outbox, it would make one there.
         std::error_code error;

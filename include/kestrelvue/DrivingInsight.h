@@ -36,6 +36,12 @@ class LocationManager;
 struct Placemark;
 }  // namespace platform
 
+/// Posted (object the engine, user information {"drivingID": text}) just before
+/// "tripEndedSuccessfully" when a trip completes while the engine holds no band at all (the
+/// threshold download has not succeeded and no kept reply served): nothing was charged, so its
+/// score of 100 says nothing about the drive.
+inline constexpr const char* kTripUnscored = "tripUnscored";
+
 class HistoryDataDelegate;
 namespace detail {
 class Outbox;

@@ -33,6 +33,8 @@ class Device;
 inline constexpr std::string_view kBaseURLKey = "KestrelvueServiceBaseURL";
 /// The application information key that turns the durable outbox on (see outboxDirectory).
 inline constexpr std::string_view kOutboxDirectoryKey = "KestrelvueOutboxDirectory";
+/// The application information key that turns compressed uploads on (see compressUploads).
+inline constexpr std::string_view kCompressUploadsKey = "KestrelvueCompressUploads";
 
 /// The platform members are never empty where the library reads them: a new Environment holds a
 /// null object in each (system clock, random identifiers, an HTTP client that fails every
@@ -66,8 +68,18 @@ struct KESTRELVUE_EXPORT Environment {
     std::function<std::unique_ptr<platform::OutboxStore>(const std::string& directory)>
         makeOutboxStore;
 
+    /// Sends motion bulks gzip-compressed with "Content-Encoding: gzip" (about a seventh of the
+    /// bytes); the outbox then keeps them compressed too. A service that answers 415 gets the
+    /// upload again uncompressed, and plain bodies from then on. Off by default: the bodies are
+    /// then exactly as documented. The application information's kCompressUploadsKey (true)
+    /// turns it on as well; the Linux default environment sets it from
+    /// KESTRELVUE_COMPRESS_UPLOADS=1.
+    bool compressUploads = false;
+
     /// outboxDirectory, or the application information's kOutboxDirectoryKey text, or empty.
     std::string outboxPath() const;
+    /// compressUploads, or the application information's kCompressUploadsKey.
+    bool uploadsCompressed() const;
 
     /// The service's base URL: the application information's kBaseURLKey text when present and
     /// non-empty, otherwise the build-time default (KESTRELVUE_DEFAULT_BASE_URL).

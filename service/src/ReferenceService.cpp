@@ -52,16 +52,16 @@ double parseField(std::string_view field) {
 }
 
 /// The route of a long trip, thinned evenly to at most `limit` points; every fault point stays.
-std::vector<PointRow> thinned(std::vector<PointRow> points, std::size_t limit) {
+std::vector<MotionRecord> thinned(std::vector<MotionRecord> points, std::size_t limit) {
     if (points.size() <= limit) return points;
     std::size_t faults = 0;
-    for (const PointRow& p : points) faults += p.hasFault();
+    for (const MotionRecord& p : points) faults += p.hasFault();
     const std::size_t room = limit > faults ? limit - faults : 0;
     const std::size_t plain = points.size() - faults;
-    std::vector<PointRow> out;
+    std::vector<MotionRecord> out;
     out.reserve(std::min(points.size(), faults + room));
     std::size_t seen = 0, kept = 0;
-    for (const PointRow& p : points) {
+    for (const MotionRecord& p : points) {
         if (p.hasFault()) {
             out.push_back(p);
             continue;
@@ -176,7 +176,7 @@ bool writeTrip(std::string& out, const DrivingRow& d) {
 
 struct ReferenceService::Impl {
     ServiceOptions options;
-    Storage storage;
+    std::unique_ptr<Storage> storage;
     BufferedServer server;
     std::thread thread;
     std::atomic<bool> loopEnded{false};
@@ -188,6 +188,10 @@ struct ReferenceService::Impl {
 
     void routes();
     bool loadBands();
+    bool openStorage() {
+        storage = openSqliteStorage(options.databasePath, error);
+        return storage != nullptr;
+    }
     bool bind();
 };
 
@@ -282,36 +286,26 @@ void ReferenceService::Impl::routes() {
 
     // Bulks are read as they arrive into a warm buffer of the announced size, not grown 4 KB at a
     // time into a fresh string and then copied for the parser.
-    server.Post(
-        "/api/Driving/addMotionData", [this](const httplib::Request& req, httplib::Response& res,
-                                             const httplib::ContentReader& content) {
-            MotionBulkReader reader(std::min<std::uint64_t>(
-                req.get_header_value<std::uint64_t>("Content-Length"), options.maxBodyBytes));
-            auto gather = [&reader](const char* data, std::size_t size) {
-                reader.append(data, size);
-                return true;
-            };
-            // A form's parts are no body: they are dropped, and the empty bulk is refused.
-            const bool read = req.is_multipart_form_data()
-                                  ? content([](const httplib::MultipartFormData&) { return true; },
-                                            [](const char*, std::size_t) { return true; })
-                                  : content(gather);
-            if (!read) return;  // answered already: 413 beyond the size limit, else 400
-            auto bulk = reader.parse();
-            if (!bulk) return badRequest(res, bulk.error);
-            if (!storage.addPoints(bulk.value->guid, bulk.value->userID, bulk.value->points)) {
-                res.status = 500;
-                return res.set_content("the records could not be stored", kText);
-            }
-            res.set_content("true", kJson);
-        });
+    server.Post("/api/Driving/addMotionData",
+                [this](const httplib::Request& req, httplib::Response& res) {
+                    auto bulk = parseMotionBulk(req.body);
+                    if (!bulk) return badRequest(res, bulk.error);
+                    if (!storage->addMotion(*bulk.value)) {
+                        res.status = 500;
+                        return res.set_content("the records could not be stored", kText);
+                    }
+                    res.set_content("true", kJson);
+                });
     only("/api/Driving/addMotionData", "POST");
 
     server.Post("/api/Driving/addDrivingScore",
                 [this](const httplib::Request& req, httplib::Response& res) {
                     auto row = parseDrivingScore(req.body);
                     if (!row) return badRequest(res, row.error);
-                    storage.saveDriving(*row.value);
+                    if (!storage->saveDriving(*row.value)) {
+                        res.status = 500;
+                        return res.set_content("the trip could not be stored", kText);
+                    }
                     res.set_content("true", kJson);
                 });
     only("/api/Driving/addDrivingScore", "POST");
@@ -319,7 +313,8 @@ void ReferenceService::Impl::routes() {
     server.Get(R"(/api/Driving/getPassedCoordinates/(.+))", [this](const httplib::Request& req,
                                                                    httplib::Response& res) {
         List list;
-        for (const PointRow& p : thinned(storage.points(req.matches[1]), options.maxRoutePoints)) {
+        for (const MotionRecord& p :
+             thinned(storage->motion(req.matches[1]), options.maxRoutePoints)) {
             Object point{{"Latitude", p.latitude},
                          {"Longitude", p.longitude},
                          {"HasFault", p.hasFault()},
@@ -338,7 +333,7 @@ void ReferenceService::Impl::routes() {
                [this, userOf](const httplib::Request& req, httplib::Response& res) {
                    auto user = userOf(req, res);
                    if (!user) return;
-                   const auto trips = storage.drivings(*user);
+                   const auto trips = storage->drivings(*user);
                    std::string body;
                    body.reserve(trips.size() * 768);
                    body += '[';
@@ -360,17 +355,11 @@ void ReferenceService::Impl::routes() {
                [this, userOf](const httplib::Request& req, httplib::Response& res) {
                    auto user = userOf(req, res);
                    if (!user) return;
-                   auto trips = storage.drivings(*user);
-                   double scores = 0, metres = 0;
-                   for (const DrivingRow& d : trips) {
-                       scores += d.score;
-                       metres += d.totalDistance;
-                   }
+                   const SummaryRow trips = storage->summary(*user);
                    // Metres, as in the history.
-                   Object summary{
-                       {"NumberOfTrips", static_cast<std::int64_t>(trips.size())},
-                       {"TotalDistance", metres},
-                       {"AverageScore", trips.empty() ? 0.0 : scores / double(trips.size())}};
+                   Object summary{{"NumberOfTrips", trips.trips},
+                                  {"TotalDistance", trips.metres},
+                                  {"AverageScore", trips.averageScore}};
                    replyJson(res, List{Value(std::move(summary))});
                });
     only(R"(/api/Driving/getDrivingSummary/([^/]+))", "GET");
@@ -391,7 +380,7 @@ void ReferenceService::Impl::routes() {
                 [this](const httplib::Request& req, httplib::Response& res) {
                     auto login = parseLogin(req.body);
                     if (!login) return badRequest(res, login.error);
-                    auto user = storage.login(login.value->mobile, login.value->token);
+                    auto user = storage->login(login.value->mobile, login.value->token);
                     if (!user) {
                         // The same answer for an unknown number and a wrong token.
                         res.status = 403;
@@ -404,9 +393,13 @@ void ReferenceService::Impl::routes() {
     server.Post("/api/User/AddUser", [this](const httplib::Request& req, httplib::Response& res) {
         auto user = parseAddUser(req.body);
         if (!user) return badRequest(res, user.error);
-        std::int64_t id = storage.addUser(*user.value);
-        if (id == 0) return badRequest(res, "user not added");
-        res.set_content(std::to_string(id), kText);
+        const AddedUser added = storage->addUser(*user.value);
+        if (added.referenceTaken) {
+            res.status = 409;
+            return res.set_content("ReferenceId: held by another account", kText);
+        }
+        if (added.id == 0) return badRequest(res, "user not added");
+        res.set_content(std::to_string(added.id), kText);
     });
     only("/api/User/AddUser", "POST");
 
@@ -414,7 +407,7 @@ void ReferenceService::Impl::routes() {
         "/api/General/AddFriend", [this](const httplib::Request& req, httplib::Response& res) {
             auto request = parseAddFriend(req.body);
             if (!request) return badRequest(res, request.error);
-            if (!storage.addFriend(request.value->referenceId, request.value->friendReferenceId)) {
+            if (!storage->addFriend(request.value->referenceId, request.value->friendReferenceId)) {
                 res.status = 404;
                 return res.set_content("Kullanıcı bulunamadı", kText);
             }
@@ -426,14 +419,14 @@ void ReferenceService::Impl::routes() {
                [this, userOf](const httplib::Request& req, httplib::Response& res) {
                    auto id = userOf(req, res);
                    if (!id) return;
-                   auto me = storage.user(*id);
+                   auto me = storage->user(*id);
                    if (!me) {
                        res.status = 404;
                        return res.set_content("Kullanıcı bulunamadı", kText);
                    }
                    auto scope = parsePathInteger(req.get_param_value("RankType")).value_or(0);
                    if (scope < 0 || scope > 3) scope = 0;
-                   auto rows = storage.leaders(*me, static_cast<int>(scope));
+                   auto rows = storage->leaders(*me, static_cast<int>(scope));
                    List list;
                    std::int64_t rank = 0;
                    for (const LeaderRow& row : rows) {
@@ -454,7 +447,7 @@ void ReferenceService::Impl::routes() {
 }
 
 bool ReferenceService::Impl::bind() {
-    if (!opened && !(opened = storage.open(options.databasePath, error))) return false;
+    if (!opened && !(opened = openStorage())) return false;
     if (!loadBands()) return false;
     routes();
     port = options.port == 0
@@ -515,11 +508,8 @@ bool ReferenceService::reloadBands() {
 }
 
 std::string ReferenceService::issueToken(const std::string& mobile) {
-    if (!impl_->opened &&
-        !(impl_->opened = impl_->storage.open(impl_->options.databasePath, impl_->error))) {
-        return {};
-    }
-    return impl_->storage.issueToken(mobile);
+    if (!impl_->opened && !(impl_->opened = impl_->openStorage())) return {};
+    return impl_->storage->issueToken(mobile);
 }
 
 int ReferenceService::port() const {

@@ -5,67 +5,25 @@
 #include <kestrelvue/Value.h>
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "MotionText.h"
 #include "Storage.h"
 
 namespace kestrelvue::service {
 
-/// A value, or why the request is refused.
-template <class T>
-struct Parsed {
-    std::optional<T> value;
-    std::string error;
-
-    static Parsed refuse(std::string why) { return {std::nullopt, std::move(why)}; }
-    explicit operator bool() const { return value.has_value(); }
-};
-
-struct MotionBulk {
-    std::string guid;
-    std::int64_t userID = 0;
-    std::vector<PointRow> points;
-};
-
-/// An "addMotionData" body: "UserID", "DrivingGuid" (required) and "MotionStr", whose records
-/// each hold 39 comma-terminated fields and end with ";".
-Parsed<MotionBulk> parseMotionBulk(std::string_view body);
-struct WarmParser;
-
-/// parseMotionBulk for a body that arrives in pieces: they are gathered into a buffer lent from a
-/// small pool of warm ones and read where they lie, so that bulk after bulk reuses memory instead
-/// of faulting in a fresh copy of each body.
-class MotionBulkReader {
-public:
-    /// `expectedBytes` (the announced length, or 0) is reserved at once.
-    explicit MotionBulkReader(std::size_t expectedBytes);
-    ~MotionBulkReader();
-    MotionBulkReader(const MotionBulkReader&) = delete;
-    MotionBulkReader& operator=(const MotionBulkReader&) = delete;
-
-    void append(const char* data, std::size_t size);
-    /// The body appended so far, read as parseMotionBulk reads it.
-    Parsed<MotionBulk> parse();
-
-private:
-    std::size_t size_ = 0;
-    std::unique_ptr<WarmParser> warm_;
-};
-
-/// The records of a motion text; a malformed one is named by its number and field.
-Parsed<std::vector<PointRow>> parseMotionText(std::string_view text);
-
-/// An "addDrivingScore" body; "drivingGuid" is required.
+/// An "addDrivingScore" body; "drivingGuid" is required. Coordinates, score, distance and
+/// penalties beyond any real trip are refused.
 Parsed<DrivingRow> parseDrivingScore(std::string_view body);
 
 struct Login {
     std::string mobile, token;
 };
 Parsed<Login> parseLogin(std::string_view body);
+/// A registration; refused when it names nothing at all.
 Parsed<UserRow> parseAddUser(std::string_view body);
 
 struct FriendRequest {
@@ -75,7 +33,7 @@ Parsed<FriendRequest> parseAddFriend(std::string_view body);
 
 /// A threshold reply as the service hands it out: a list of objects, each with a text
 /// "_enmThresholdName", numbers "_limitStart", "_limitEnd" and "_impact" and a boolean
-/// "_perKilometer".
+/// "_perKilometer"; every name one the library knows, and every kind of event with its bands.
 Parsed<Value> parseBands(std::string_view text);
 
 /// A decimal 64-bit integer taken from a path, all of it.

@@ -19,7 +19,7 @@ void usage(std::FILE* to, const std::string& name) {
                  "\n"
                  "Serves the reference service until SIGINT or SIGTERM; SIGHUP reloads --bands.\n"
                  "  --db FILE       SQLite database (default kestrelvue.db; :memory: keeps none);\n"
-                 "                  motion records also in FILE.motion-1, -2 and -3\n"
+                 "                  one file (an earlier FILE.motion-1 to -3 is moved into it)\n"
                  "  --host ADDRESS  address to listen on (default 127.0.0.1)\n"
                  "  --port N        port (default 8080; 0 lets the system choose and prints it)\n"
                  "  --bands FILE    JSON threshold reply to serve (default: the shipped one)\n"

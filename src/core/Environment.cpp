@@ -69,6 +69,13 @@ std::string Environment::outboxPath() const {
     return {};
 }
 
+bool Environment::uploadsCompressed() const {
+    if (compressUploads) return true;
+    if (!applicationInfo) return false;
+    auto it = applicationInfo->find(kCompressUploadsKey);
+    return it != applicationInfo->end() && it->second.asBool().value_or(false);
+}
+
 std::string Environment::serviceURL(std::string_view path) const {
     std::string url = baseURL();
     url += path;

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "engine/EngineImpl.h"
+#include "net/EncodedUpload.h"
 #include "net/Outbox.h"
 #include "records/TripReporter.h"
 
@@ -48,6 +49,7 @@ DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
       center_(*environment.notifications),
       restfulCall_(sharedCall),
       outbox_(detail::Outbox::forEnvironment(environment)) {
+    if (!outbox_ && env_.uploadsCompressed()) deflater_ = std::make_unique<detail::Deflater>();
     if (!restfulCall_) {
         ownRestfulCall_ = std::make_unique<RestfulCall>(
             env_.http, env_.notifications, std::make_shared<Reachability>(env_.reachability));
@@ -104,7 +106,9 @@ DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
     center_.addObserver(this, "tripEndedSuccessfully",
                         [this](const Notification& n) { tripEndedSuccessfully(n); });
 
-    // 6. The bands and settings; the reply arrives later as "getThresholds".
+    // 6. The bands and settings; the reply arrives later as "getThresholds". Until then, with the
+    // outbox on, the reply kept from an earlier run serves.
+    applyKeptBands();
     getThresholdsFromServer();
 
     // From now on trips made over this environment report their uploads to this engine.

@@ -9,10 +9,16 @@
 
 #include <kestrelvue/DrivingInsight.h>
 
+#include <filesystem>
+
 #include "core/FrequentNotification.h"
 #include "engine/EngineState.h"
 
 namespace kestrelvue {
+
+namespace detail {
+class Deflater;
+}
 
 /// The keys of "showMotionData", in ascending order.
 inline constexpr std::array<const char*, 10> kShowMotionDataKeys = {
@@ -92,6 +98,12 @@ struct DrivingInsight::Impl {
     // Permissions.cpp (upload): true when a trip may start; makes its own report otherwise.
     bool checkLocationPermisionWhenInUse();
 
+    // Thresholds.cpp: with the outbox on, the last accepted reply is kept in its directory and
+    // applied at start-up, so a trip started without network is still scored.
+    std::filesystem::path keptBandsFile() const;  // empty when the outbox is off
+    void applyKeptBands();
+    void keepBands(const UserInfo& reply);
+
     // Motion upload (upload): sends one bulk; the caller has set tripMotion.isSyncingToServer.
     void sendMotionDataToServer();
     /// Where the trip stands for an upload's outcome (Locked).
@@ -124,8 +136,13 @@ struct DrivingInsight::Impl {
     std::shared_ptr<Trip> lastTrip;
     /// The durable outbox when the host turned it on (Environment::outboxDirectory), else null.
     std::shared_ptr<detail::Outbox> outbox_;
+    /// Deflates bulks off the sampling thread when the host wants compressed uploads and the
+    /// outbox (which deflates on its own thread) is off; null otherwise.
+    std::unique_ptr<detail::Deflater> deflater_;
 
     detail::Settings settings;
+    /// The settings hold the reply kept from an earlier run, not yet replaced by a download.
+    bool keptBandsApplied_ = false;
     /// The trip being recorded, or the last one until the next starts.
     detail::TripState trip;
     detail::MotionUploader uploader;

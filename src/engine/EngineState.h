@@ -184,6 +184,12 @@ struct Settings {
     };
     /// Applies a checked reply whole: scalars replaced, bands appended.
     void apply(const Reply& reply);
+    /// True when any list holds a band: without one no event is ever charged.
+    bool hasBands() const {
+        for (const auto& list : levels)
+            if (!list.empty()) return true;
+        return !fuelEfficiencyLevel.empty();
+    }
 };
 
 /// Where the trip stands when an upload's outcome arrives.

@@ -240,6 +240,7 @@ void DrivingInsight::Impl::tripStoppedEndAnnotationSetted(const Notification&) {
 }
 
 void DrivingInsight::Impl::completeStoppedTrip() {
+    std::optional<std::string> unscored;
     {
         std::lock_guard lock(mutex_);
         if (trip.endLocationStr.empty()) return;
@@ -247,7 +248,11 @@ void DrivingInsight::Impl::completeStoppedTrip() {
         const platform::TimePoint now = env_.clock->now();
         lastTrip = trip.record(env_, userID, now);
         tripHistory.push_back(trip.record(env_, userID, now));
+        if (!settings.hasBands()) unscored = trip.drivingID;
     }
+    // Without any band no event is charged, and the score of 100 says nothing: the host hears
+    // so before the record goes, so that it never passes for a perfect drive.
+    if (unscored) center_.post(kTripUnscored, &self_, Object{{"drivingID", Value(*unscored)}});
     center_.post("tripEndedSuccessfully", &self_);
 }
 

@@ -7,6 +7,8 @@
 #include "core/Json.h"
 #include "engine/EngineImpl.h"
 #include "engine/MotionUploadBody.h"
+#include "net/EncodedUpload.h"
+#include "net/Gzip.h"
 #include "net/Outbox.h"
 #include "net/Url.h"
 
@@ -111,6 +113,17 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
         std::vector<platform::OutboxEntry> entries;
         entries.push_back(std::move(entry));
         outbox_->submit(std::move(entries), std::move(completion));
+        return;
+    }
+    if (deflater_) {
+        // Deflated on the deflater's thread: a bulk is ~300 KB and this may be the host's.
+        deflater_->post([http = env_.http, request = std::move(request),
+                         completion = std::move(completion)]() mutable {
+            if (detail::compressFor(true, request.url)) {
+                if (auto packed = detail::gzip(*request.body)) request.body = std::move(*packed);
+            }
+            detail::sendUpload(http, std::move(request), std::move(completion)).detach();
+        });
         return;
     }
     env_.http->send(std::move(request), std::move(completion)).detach();

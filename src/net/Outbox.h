@@ -7,7 +7,9 @@
 // One worker thread writes submissions in batches and sends one entry at a time, oldest first.
 // An entry's first try reports its outcome to the submitter (so the host hears what it always
 // heard); later tries report only through "uploadsPending", posted with the counts of records
-// and trips still waiting whenever they change.
+// and trips still waiting whenever they change. With compressed uploads on, motion bulks are
+// deflated as they are written and kept so; bodies written plain (by an earlier version too) send
+// as they are.
 
 #include <kestrelvue/Environment.h>
 #include <kestrelvue/platform/OutboxStore.h>

@@ -18,8 +18,27 @@ struct CachedSecond {
     char text[kMaxTimestampLength];
 };
 
+/// A local calendar time, as far as the text needs it.
+struct Civil {
+    std::int64_t year;
+    int month, day, hour, minute, second;
+};
+
+/// The local time's offset from UTC over one block of 15 UTC minutes, found by converting both
+/// ends. Zones change their offset at whole quarter hours of UTC, so nearly every block has one
+/// offset and its seconds are local = UTC + offset, computed without the C library; a block whose
+/// ends disagree (a change inside it, a leap second) is converted second by second.
+struct CachedBlock {
+    std::int64_t block = 0;
+    bool filled = false;
+    bool uniform = false;
+    std::int64_t offset = 0;
+};
+constexpr std::int64_t kBlockSeconds = 900;
+
 // Four slots: a record's two stamps and its neighbours' mostly fall into one or two seconds.
 thread_local CachedSecond tCache[4];
+thread_local CachedBlock tBlock;
 thread_local std::uint64_t tConversions = 0;
 
 char* writeTwoDigits(char* out, int v) {
@@ -27,28 +46,86 @@ char* writeTwoDigits(char* out, int v) {
     return out + 2;
 }
 
-int formatSecond(char* out, std::int64_t second) {
+std::int64_t floorDiv(std::int64_t a, std::int64_t b) {
+    return a / b - (a % b < 0 ? 1 : 0);
+}
+
+/// The proleptic Gregorian date of a day counted from 1970-01-01 (Howard Hinnant's algorithm).
+Civil civilFromSeconds(std::int64_t t) {
+    const std::int64_t days = floorDiv(t, 86400);
+    const auto daySecond = static_cast<int>(t - days * 86400);
+    const std::int64_t z = days + 719468;
+    const std::int64_t era = floorDiv(z, 146097);
+    const std::int64_t doe = z - era * 146097;
+    const std::int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    const std::int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+    const std::int64_t mp = (5 * doy + 2) / 153;
+    const auto month = static_cast<int>(mp < 10 ? mp + 3 : mp - 9);
+    return {yoe + era * 400 + (month <= 2 ? 1 : 0),
+            month,
+            static_cast<int>(doy - (153 * mp + 2) / 5 + 1),
+            daySecond / 3600,
+            daySecond / 60 % 60,
+            daySecond % 60};
+}
+
+/// Seconds from 1970-01-01 00:00:00 to the given calendar time, read as if it were UTC.
+std::int64_t secondsFromCivil(const std::tm& tm) {
+    const std::int64_t m = tm.tm_mon + 1;
+    const std::int64_t y = static_cast<std::int64_t>(tm.tm_year) + 1900 - (m <= 2 ? 1 : 0);
+    const std::int64_t era = floorDiv(y, 400);
+    const std::int64_t yoe = y - era * 400;
+    const std::int64_t doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + tm.tm_mday - 1;
+    const std::int64_t doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+    const std::int64_t days = era * 146097 + doe - 719468;
+    return days * 86400 + std::int64_t{tm.tm_hour} * 3600 + std::int64_t{tm.tm_min} * 60 +
+           tm.tm_sec;
+}
+
+Civil localCivil(std::int64_t second, std::int64_t* offset) {
     const std::time_t tt = static_cast<std::time_t>(second);
     std::tm tm{};
     if (localtime_r(&tt, &tm) == nullptr) tm = std::tm{};
+    ++tConversions;
+    if (offset != nullptr) *offset = secondsFromCivil(tm) - second;
+    return {static_cast<std::int64_t>(tm.tm_year) + 1900,
+            tm.tm_mon + 1,
+            tm.tm_mday,
+            tm.tm_hour,
+            tm.tm_min,
+            std::min(tm.tm_sec, 60)};
+}
+
+Civil toLocal(std::int64_t second) {
+    const std::int64_t block = floorDiv(second, kBlockSeconds);
+    if (!tBlock.filled || tBlock.block != block) {
+        std::int64_t first = 0, last = 0;
+        localCivil(block * kBlockSeconds, &first);
+        localCivil(block * kBlockSeconds + kBlockSeconds - 1, &last);
+        tBlock = {block, true, first == last, first};
+    }
+    return tBlock.uniform ? civilFromSeconds(second + tBlock.offset) : localCivil(second, nullptr);
+}
+
+int formatSecond(char* out, std::int64_t second) {
+    const Civil c = toLocal(second);
     char* p = out;
-    const long long year = static_cast<long long>(tm.tm_year) + 1900;
-    if (year >= 0 && year < 10000) {
-        p = writeTwoDigits(p, static_cast<int>(year / 100));
-        p = writeTwoDigits(p, static_cast<int>(year % 100));
+    if (c.year >= 0 && c.year < 10000) {
+        p = writeTwoDigits(p, static_cast<int>(c.year / 100));
+        p = writeTwoDigits(p, static_cast<int>(c.year % 100));
     } else {
-        p = std::to_chars(p, p + 12, year).ptr;
+        p = std::to_chars(p, p + 12, static_cast<long long>(c.year)).ptr;
     }
     *p++ = '-';
-    p = writeTwoDigits(p, tm.tm_mon + 1);
+    p = writeTwoDigits(p, c.month);
     *p++ = '-';
-    p = writeTwoDigits(p, tm.tm_mday);
+    p = writeTwoDigits(p, c.day);
     *p++ = ' ';
-    p = writeTwoDigits(p, tm.tm_hour);
+    p = writeTwoDigits(p, c.hour);
     *p++ = ':';
-    p = writeTwoDigits(p, tm.tm_min);
+    p = writeTwoDigits(p, c.minute);
     *p++ = ':';
-    p = writeTwoDigits(p, std::min(tm.tm_sec, 60));
+    p = writeTwoDigits(p, c.second);
     return static_cast<int>(p - out);
 }
 
@@ -66,7 +143,6 @@ char* formatTimestamp(char* out, platform::TimePoint t) {
     CachedSecond& slot = tCache[static_cast<std::uint64_t>(second) & 3];
     if (slot.length == 0 || slot.second != second) {
         slot.length = formatSecond(slot.text, second);
-        ++tConversions;
         slot.second = second;
     }
     copySmall(out, slot.text,
@@ -83,6 +159,7 @@ std::uint64_t timestampConversions() {
 
 void clearTimestampCache() {
     for (CachedSecond& slot : tCache) slot.length = 0;
+    tBlock.filled = false;
 }
 
 }  // namespace detail
@@ -110,21 +187,21 @@ namespace {
 
 /// "%7.3f,": a motion quantity, an angle or a penalty.
 char* quantityField(char* p, double v) {
-    p = detail::formatFixed(p, v, 7, 3, false);
+    p = detail::formatFixed<3, false>(p, v, 7);
     *p = ',';
     return p + 1;
 }
 
 /// "%10.6f,": a coordinate or a speed to the micro-unit.
 char* preciseField(char* p, double v) {
-    p = detail::formatFixed(p, v, 10, 6, false);
+    p = detail::formatFixed<6, false>(p, v, 10);
     *p = ',';
     return p + 1;
 }
 
 /// "% *.0f,": a whole number right-aligned in `width`, a space where a plus sign would be.
 char* wholeField(char* p, double v, int width) {
-    p = detail::formatFixed(p, v, width, 0, true);
+    p = detail::formatFixed<0, true>(p, v, width);
     *p = ',';
     return p + 1;
 }

@@ -3,16 +3,20 @@
 
 #include <benchmark/benchmark.h>
 #include <kestrelvue/platform/MountingAlignment.h>
+#include <kestrelvue/posix/IioMotionManager.h>
 #include <kestrelvue/posix/SqliteOutboxStore.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <new>
 #include <random>
 #include <vector>
 
 #include "AllocationCounter.h"
+#include "platform/posix/sensors/GpsdReport.h"
+#include "platform/posix/sensors/MotionFusion.h"
 #include "support/EngineHarness.h"
 
 namespace kestrelvue {
@@ -208,6 +212,45 @@ void BM_Align_Estimating(benchmark::State& state) {
     align(state, Mounting::estimated);
 }
 BENCHMARK(BM_Align_Estimating);
+// What a live recording adds per sample on a vehicle computer, against the evaluation above: the
+// six channel reads of an IIO device (from a directory shaped like sysfs), the gravity filter,
+// and the reading of one gpsd TPV report.
+void BM_Sensors_IioRead(benchmark::State& state) {
+    const auto root = std::filesystem::temp_directory_path() / "kv-sensors-bench-iio";
+    std::filesystem::create_directories(root / "iio:device0");
+    for (const char* kind : {"accel", "anglvel"}) {
+        std::ofstream(root / "iio:device0" / ("in_" + std::string(kind) + "_scale")) << "0.001\n";
+        for (const char* axis : {"_x_raw", "_y_raw", "_z_raw"})
+            std::ofstream(root / "iio:device0" / ("in_" + std::string(kind) + axis)) << "-1234\n";
+    }
+    posix::IioMotionManager iio({root.string()});
+    for (auto _ : state) benchmark::DoNotOptimize(iio.read());
+    std::filesystem::remove_all(root);
+}
+BENCHMARK(BM_Sensors_IioRead);
+
+void BM_Sensors_GravityFilter(benchmark::State& state) {
+    const auto samples = drive();
+    posix::GravityFilter filter;
+    std::size_t i = 0;
+    for (auto _ : state) {
+        const auto& s = samples[i++ & 4095];
+        const posix::ImuReading reading{{-s.userAcceleration.x * 9.8, -s.userAcceleration.y * 9.8,
+                                         9.8 - s.userAcceleration.z * 9.8},
+                                        s.rotationRate};
+        benchmark::DoNotOptimize(filter.update(reading, 0.5));
+    }
+}
+BENCHMARK(BM_Sensors_GravityFilter);
+
+void BM_Sensors_GpsdReport(benchmark::State& state) {
+    const std::string tpv =
+        R"({"class":"TPV","device":"/dev/ttyUSB0","mode":3,"time":"2024-06-01T10:00:03.000Z",)"
+        R"("ept":0.005,"lat":41.008469800,"lon":28.978400000,"altHAE":40.0,"altMSL":40.0,)"
+        R"("epx":9.0,"epy":9.0,"epv":20.0,"track":12.5,"speed":10.0,"climb":0.0,"eph":13.0})";
+    for (auto _ : state) benchmark::DoNotOptimize(posix::fixFromJsonLine(tpv));
+}
+BENCHMARK(BM_Sensors_GpsdReport);
 
 }  // namespace
 }  // namespace kestrelvue

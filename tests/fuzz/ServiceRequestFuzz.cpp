@@ -1,7 +1,8 @@
 // The reference service's reading of request bodies: any bytes, for any endpoint, are read or
-// refused with a reason, never a crash; what a motion bulk accepts has its records keyed.
+// refused with a reason, never a crash; motion records accepted are written back as they read.
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "FuzzInput.h"
@@ -23,9 +24,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             if (bulk && bulk.value->guid.empty()) __builtin_trap();
             break;
         }
-        case 1:
-            check(parseMotionText(body));
+        case 1: {
+            auto records = parseMotionText(body);
+            check(records);
+            if (!records) break;
+            std::string again;
+            for (const MotionRecord& r : *records.value) appendMotionText(again, r);
+            auto reread = parseMotionText(again);
+            if (!reread || reread.value->size() != records.value->size()) __builtin_trap();
             break;
+        }
         case 2:
             check(parseDrivingScore(body));
             break;

@@ -46,10 +46,12 @@ struct Completions {
 };
 
 HttpRequest get(const std::string& url, std::chrono::milliseconds timeout = 60s,
-                std::size_t maxBody = 0) {
+                std::size_t maxBody = 0,
+                std::chrono::milliseconds deadline = HttpRequest::kDefaultDeadline) {
     HttpRequest r;
     r.url = url;
     r.timeout = timeout;
+    r.deadline = deadline;
     r.maxBodyBytes = maxBody;
     return r;
 }
@@ -110,6 +112,7 @@ TEST(CurlHttpClient, TransportFailuresCarryAnErrorAndNoResponse) {
     server.reply("/drop", {.drop = ScriptedReply::Drop::beforeReply});
     server.reply("/cut", {.body = "0123456789", .drop = ScriptedReply::Drop::afterHeaders});
     server.reply("/slow", ScriptedReply::text("late").after(3s));
+    server.reply("/trickle", {.body = std::string(100, 'x'), .trickle = 50ms});
     server.reply("/big", ScriptedReply::text(std::string(std::size_t{300} * 1024, 'x')));
     server.reply("/medium", ScriptedReply::text(std::string(std::size_t{50} * 1024, 'x')));
     std::string refused;
@@ -126,11 +129,13 @@ TEST(CurlHttpClient, TransportFailuresCarryAnErrorAndNoResponse) {
         std::chrono::milliseconds timeout;
         std::int64_t code;
         std::size_t maxBody = 0;  // the request's own limit
+        std::chrono::milliseconds deadline = HttpRequest::kDefaultDeadline;
     };
     const Case cases[] = {
         {server.url("/drop"), 60s, platform::kTransportConnectionLost},
         {server.url("/cut"), 60s, platform::kTransportConnectionLost},
         {server.url("/slow"), 300ms, platform::kTransportTimedOut},
+        {server.url("/trickle"), 60s, platform::kTransportTimedOut, 0, 300ms},  // never idle
         {server.url("/big"), 60s, platform::kTransportBodyTooLarge},
         {server.url("/medium"), 60s, platform::kTransportBodyTooLarge, std::size_t{10} * 1024},
         {refused, 60s, platform::kTransportCannotConnectToHost},
@@ -139,7 +144,7 @@ TEST(CurlHttpClient, TransportFailuresCarryAnErrorAndNoResponse) {
     for (const Case& c : cases) {
         Completions done;
         auto start = std::chrono::steady_clock::now();
-        client.send(get(c.url, c.timeout, c.maxBody), done.make()).detach();
+        client.send(get(c.url, c.timeout, c.maxBody, c.deadline), done.make()).detach();
         ASSERT_TRUE(done.waitFor(1)) << c.url;
         HttpResult r = done.at(0);
         ASSERT_TRUE(r.error) << c.url;

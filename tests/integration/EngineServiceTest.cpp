@@ -1,7 +1,7 @@
 // The real engine driven in virtual time on the simulated platform against a loopback server: the
 // uploads of the motion buffer and the trip record over whole trips (bulks, continuation, retries,
-// reports, and no record lost or sent twice). The tool's replay covers the threshold download, the
-// fault soak the durable outbox across engines.
+// reports, no record lost or sent twice; the first test compressed). The tool's replay covers
+// the threshold download, the fault soak the durable outbox across engines.
 #include <gtest/gtest.h>
 #include <kestrelvue/DrivingInsight.h>
 
@@ -69,8 +69,9 @@ platform::DeviceMotion sampleFor(std::int64_t n) {
 class EngineService : public ::testing::Test {
 protected:
     // Called by each test after scripting the server.
-    void SetUpEngine(std::int64_t bulkSize = 1000) {
+    void SetUpEngine(std::int64_t bulkSize = 1000, bool compress = false) {
         env_ = test::makeTestEnvironment(server_);
+        env_.compressUploads = compress;
         sim_.installInto(env_);
         (*env_.applicationInfo)["BulkMotionDataSize"] = Value(bulkSize);
         (*env_.applicationInfo)["CFBundleShortVersionString"] = Value("1.4.2");
@@ -170,7 +171,7 @@ protected:
 TEST_F(EngineService, StoppedTripArrivesInBulksInOrderAndCompletes) {
     server_.reply(kMotionPath, {});
     server_.reply(kScorePath, R::text("kaydedildi"));
-    SetUpEngine();
+    SetUpEngine(1000, true);
     start();
     const std::string drivingID = engine_->DrivingID();
     drive(2500);
@@ -189,6 +190,8 @@ TEST_F(EngineService, StoppedTripArrivesInBulksInOrderAndCompletes) {
     EXPECT_EQ(received[2].ids.size(), 500u);
     EXPECT_EQ(receivedIds(), range(1, 2500));
     for (const auto& bulk : received) EXPECT_EQ(bulk.drivingGuid, drivingID);
+    for (const auto& r : server_.requests(kMotionPath))
+        EXPECT_EQ(r.header("Content-Encoding"), "gzip");
 
     // The completion: the record in the history and the upload of a fresh one.
     const auto scores = server_.requests(kScorePath);
@@ -204,6 +207,23 @@ TEST_F(EngineService, StoppedTripArrivesInBulksInOrderAndCompletes) {
     const auto history = engine_->TripHistory();
     ASSERT_EQ(history.size(), 1u);
     EXPECT_EQ(history[0]->DrivingID, drivingID);
+}
+
+// A service that refuses compression gets the refused bulk again plain, and plain from then on.
+TEST_F(EngineService, AServiceThatRefusesCompressionGetsPlainBodies) {
+    server_.enqueue(kMotionPath, {.status = 415});
+    server_.reply(kMotionPath, {});
+    SetUpEngine(1000, true);
+    start();
+    drive(1500);
+    stop();
+    settleUploads();
+    const auto got = server_.requests(kMotionPath);
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_EQ(got[0].header("Content-Encoding") + got[1].header("Content-Encoding") +
+                  got[2].header("Content-Encoding"),
+              "gzip");
+    EXPECT_EQ(got[1].body, got[0].body);  // the server inflated the first
 }
 
 TEST_F(EngineService, FailureWhileDrivingReportsAndKeepsTheBuffer) {

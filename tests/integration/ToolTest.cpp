@@ -1,18 +1,22 @@
 // The kestrelvue tool's replay, end to end through its own code into the in-process service.
 
 #include <gtest/gtest.h>
+#include <kestrelvue/posix/SqliteOutboxStore.h>
 #include <kestrelvue/service/ReferenceService.h>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
 
 #include "Drive.h"
+#include "Outbox.h"
 #include "Replay.h"
 #include "Simulate.h"
+#include "core/Json.h"
 
 using namespace kestrelvue;
 
@@ -76,6 +80,40 @@ TEST_F(ToolTest, InjectedEventsAreDetectedWhateverTheRecordingRate) {
 TEST_F(ToolTest, ExampleDrivesScoreAsTheirNamesSay) {
     EXPECT_GE(play(example("city-calm.kvd")).trip->Score, 90.0);
     EXPECT_LE(play(example("city-aggressive.kvd")).trip->Score, 75.0);
+}
+
+// After an online run kept the bands in the outbox directory, the same drive started without
+// network and delivered later scores as online; sent compressed it costs a seventh of the bytes.
+TEST_F(ToolTest, AnOfflineStartScoresWithTheKeptBandsAndCompressionSendsASeventh) {
+    const std::string dir = ::testing::TempDir() + "kv-tool-kept-bands";
+    std::filesystem::remove_all(dir);
+    const tools::Drive drive = example("city-aggressive.kvd");
+    tools::ReplayOptions options;
+    options.baseURL = service_.baseURL();
+    options.outboxDirectory = dir;
+    const tools::ReplayResult online = tools::replay(drive, options);
+    ASSERT_TRUE(online.finished) << online.failure();
+    options.compress = true;
+    options.userID = 2;
+    const tools::ReplayResult compressed = tools::replay(drive, options);
+    ASSERT_TRUE(compressed.finished) << compressed.failure();
+    EXPECT_LE(compressed.bytesSent * 7, online.bytesSent);
+
+    options.userID = 3;
+    options.baseURL = "http://127.0.0.1:9";  // nothing listens there
+    EXPECT_EQ(tools::replay(drive, options).tripsWaiting, 1u);
+    const auto waiting = posix::SqliteOutboxStore(dir).load();
+    ASSERT_EQ(waiting.back().kind, platform::OutboxKind::trip);  // scored as online:
+    EXPECT_EQ(json::parse(waiting.back().body).value->find("Score")->asNumber(),
+              online.trip->Score);
+    std::ostringstream out;
+    EXPECT_EQ(tools::deliverOutbox(dir, service_.baseURL(), std::chrono::seconds(30), out), 0)
+        << out.str();
+    // A damaged kept reply is set aside, and the trip played without bands says so.
+    std::ofstream(dir + "/thresholds.json") << "[{";
+    EXPECT_TRUE(tools::replay(drive, options).unscored);
+    EXPECT_FALSE(std::filesystem::exists(dir + "/thresholds.json"));
+    std::filesystem::remove_all(dir);
 }
 
 // A fix or a sample after the engine's last whole interval is still delivered: the trip's

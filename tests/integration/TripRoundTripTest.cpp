@@ -113,10 +113,11 @@ TEST(TripRoundTrip, EveryWireFieldComesBackFromTheHistory) {
         EXPECT_EQ(b.TimeElapsed, a.TimeElapsed);
     }
 
-    // The summary adds the same trips up (the service sums in its own order).
+    // The summary adds the same trips up (the service sums in its own order), each score
+    // weighed by its trip's distance.
     double scores = 0, metres = 0;
     for (const auto& [id, trip] : sent) {
-        scores += trip->Score;
+        scores += trip->Score * trip->TotalDistance;
         metres += trip->TotalDistance;
     }
     engine->getSummaryData(4242);
@@ -124,7 +125,7 @@ TEST(TripRoundTrip, EveryWireFieldComesBackFromTheHistory) {
     const auto summary = host->reports("summary");
     ASSERT_EQ(summary.size(), 1u);
     EXPECT_EQ(summary[0].summary.numberOfTrips, kTrips);
-    EXPECT_NEAR(summary[0].summary.averageScore, scores / kTrips, 1e-9);
+    EXPECT_NEAR(summary[0].summary.averageScore, scores / metres, 1e-9);
     EXPECT_NEAR(summary[0].summary.totalDistance, metres, 1e-3);
 }
 

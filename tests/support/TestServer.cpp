@@ -188,6 +188,15 @@ void TestServer::handle(const void* request, void* response) {
         else
             res.set_header(k, v);
     }
+    if (script.trickle.count() > 0) {
+        res.set_content_provider(script.body->size(), contentType,
+                                 [body = *script.body, pause = script.trickle](
+                                     std::size_t at, std::size_t, httplib::DataSink& sink) {
+                                     std::this_thread::sleep_for(pause);
+                                     return sink.write(body.data() + at, 1);
+                                 });
+        return;
+    }
     res.set_content(*script.body, contentType);
 }
 

@@ -42,6 +42,8 @@ struct ScriptedReply {
     HeaderList headers{};
     std::chrono::milliseconds delay{0};
     Drop drop = Drop::none;
+    /// When set, the body goes one byte at a time, this far apart.
+    std::chrono::milliseconds trickle{0};
 
     static ScriptedReply json(std::string body, int status = 200);
     static ScriptedReply text(std::string body, int status = 200);

@@ -225,6 +225,13 @@ TEST(MotionText, StampsStayRightAcrossDaylightSavingChanges) {
         for (auto t = change + seconds(5); t > change - seconds(5); t -= milliseconds(250))
             ASSERT_EQ(ourStamp(t), referenceStamp(t));
     }
+    // A rule that changes at an odd second of UTC, inside a block the library treats as one.
+    {
+        ScopedTimeZone odd("AAA-1BBB,M3.5.0/2:07:31,M10.5.0/3:07:31");
+        for (const auto change : {utc(2026, 3, 29, 1, 7, 31, 0), utc(2026, 10, 25, 1, 7, 31, 0)})
+            for (auto t = change - seconds(3); t < change + seconds(3); t += milliseconds(250))
+                ASSERT_EQ(ourStamp(t), referenceStamp(t));
+    }
     EXPECT_EQ(ourStamp(utc(2026, 3, 29, 0, 59, 59, 999)), "2026-03-29 01:59:59:999");
     EXPECT_EQ(ourStamp(utc(2026, 3, 29, 1, 0, 0, 0)), "2026-03-29 03:00:00:000");
     EXPECT_EQ(ourStamp(utc(2026, 10, 25, 0, 59, 59, 500)), "2026-10-25 02:59:59:500");

@@ -1,16 +1,18 @@
-// The durable outbox's back-off over the virtual clock, on its SQLite store. Damaged store files
+// The durable outbox's back-off over the virtual clock, on its SQLite store, with compressed
+// bodies beside plain ones. Damaged store files
 // are the OutboxStore fuzz target's, the hand-over between engines the fault soak's.
 
 #include <gtest/gtest.h>
 #include <kestrelvue/posix/SqliteOutboxStore.h>
 
+#include <atomic>
 #include <filesystem>
 #include <mutex>
 
+#include "net/Gzip.h"
 #include "net/Outbox.h"
 #include "platform/sim/Sim.h"
 #include "support/EngineHarness.h"
-#include "support/TestEnvironment.h"
 
 using namespace kestrelvue;
 using namespace std::chrono_literals;
@@ -31,26 +33,21 @@ struct TempDir {
 
 TEST(Outbox, TriesAgainWithJitteredDoublingBackOffUpToTheCapUntilConfirmed) {
     TempDir dir;
-    auto clock = std::make_shared<sim::VirtualClock>();
-    auto http = std::make_shared<test::ScriptedHttpClient>();
+    test::EngineHarness h;  // virtual clock, scripted client, a reachable route
+    const auto& clock = h.clock;
     std::mutex mutex;  // guards the two below: requests are sent on the outbox's thread
     long status = 500;
     std::vector<platform::TimePoint> times;
-    http->setResponder([&](const platform::HttpRequest&) {
+    h.http->setResponder([&](const platform::HttpRequest&) {
         std::lock_guard lock(mutex);
         times.push_back(clock->now());
         return test::ScriptedHttpClient::reply(status, "");
     });
-    http->answerAtOnce();
-    Environment env;
-    env.clock = clock;
-    env.http = http;
-    env.reachability = test::reachableProbe();
-    env.notifications = NotificationCenter::make();
+    h.http->answerAtOnce();
     Object lastAnnounced;
-    auto token = env.notifications->addObserver(
-        detail::kUploadsPending, [&](const Notification& n) { lastAnnounced = *n.userInfo; });
-    detail::Outbox outbox(env, std::make_unique<posix::SqliteOutboxStore>(dir.path.string()),
+    auto token = h.center->addObserver(detail::kUploadsPending,
+                                       [&](const Notification& n) { lastAnnounced = *n.userInfo; });
+    detail::Outbox outbox(h.env, std::make_unique<posix::SqliteOutboxStore>(dir.path.string()),
                           {2s, 16s, 5ms});
     int firstOutcomes = 0;
     outbox.submit({{0, platform::OutboxKind::motion, 7, "http://127.0.0.1:1/api/x", "x"}},
@@ -80,4 +77,40 @@ TEST(Outbox, TriesAgainWithJitteredDoublingBackOffUpToTheCapUntilConfirmed) {
     EXPECT_EQ(outbox.pending().records, 0);
     EXPECT_EQ(lastAnnounced["records"], Value(0LL));
     EXPECT_TRUE(posix::SqliteOutboxStore(dir.path.string()).load().empty());
+}
+
+// With compression on, a new bulk is kept deflated and sent with its encoding; an entry an earlier
+// version wrote plain goes as it is.
+TEST(Outbox, KeepsNewBulksCompressedAndSendsOldPlainEntriesAsTheyAre) {
+    TempDir dir;
+    const std::string url = "http://127.0.0.1:1/api/Driving/addMotionData";
+    const std::string bodies[] = {R"({"MotionStr":"old"})",
+                                  R"({"MotionStr":")" + std::string(4000, '7') + R"("})"};
+    std::vector<platform::OutboxEntry> old{{0, platform::OutboxKind::motion, 3, url, bodies[0]}};
+    ASSERT_TRUE(posix::SqliteOutboxStore(dir.path.string()).add(old));
+    test::EngineHarness h;
+    std::atomic<long> status = 500;
+    h.http->setResponder(
+        [&](const platform::HttpRequest&) { return test::ScriptedHttpClient::reply(status, ""); });
+    h.http->answerAtOnce();
+    h.env.compressUploads = true;
+    detail::Outbox outbox(h.env, std::make_unique<posix::SqliteOutboxStore>(dir.path.string()),
+                          {1s, 1s, 5ms});
+    outbox.submit({{0, platform::OutboxKind::motion, 9, url, bodies[1]}});
+    outbox.waitUntilIdle();
+    const auto kept = posix::SqliteOutboxStore(dir.path.string()).load();
+    ASSERT_EQ(kept.size(), 2u);
+    EXPECT_LT(kept[1].body.size(), bodies[1].size() / 10);
+
+    status = 200;
+    h.clock->advance(2s);
+    outbox.wake();
+    outbox.waitUntilIdle();
+    const auto sent = h.http->requests();
+    ASSERT_EQ(sent.size(), 4u);  // each tried once failing, then once confirmed
+    EXPECT_EQ(sent[2].body, bodies[0]);
+    EXPECT_EQ(sent[2].headers.size() + 1, sent[3].headers.size());
+    EXPECT_EQ(sent[3].headers.back(),
+              (std::pair<std::string, std::string>{"Content-Encoding", "gzip"}));
+    EXPECT_EQ(detail::gunzip(*sent[3].body, 1 << 20), bodies[1]);
 }

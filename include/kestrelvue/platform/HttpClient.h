@@ -19,11 +19,18 @@
 namespace kestrelvue::platform {
 
 struct KESTRELVUE_EXPORT HttpRequest {
+    /// Long enough for a plain 300 KB motion bulk over a slow mobile link.
+    static constexpr std::chrono::milliseconds kDefaultDeadline{120'000};
+
     std::string method = "GET";
     std::string url;
     std::vector<std::pair<std::string, std::string>> headers;
     std::optional<std::string> body;
+    /// Idle time-out: the request fails when no byte moved either way for this long.
     std::chrono::milliseconds timeout{60'000};
+    /// Total deadline from send(): a reply that keeps trickling still fails at this point, as a
+    /// time-out does, so no server can hold a call for ever. 0 or less: none.
+    std::chrono::milliseconds deadline{kDefaultDeadline};
     /// The largest reply body this request accepts; 0 leaves it to the client. A larger body
     /// fails with kTransportBodyTooLarge, so that a hostile reply is never held whole.
     std::size_t maxBodyBytes = 0;

@@ -11,7 +11,8 @@
 // Behaviour: http and https only; redirects are followed (at most 10); replies in gzip or deflate
 // are decoded; no signal is used or raised (safe in multithreaded hosts). The request's timeout is
 // an idle timeout: the request fails with kTransportTimedOut when no byte moved either way for
-// that long (connecting included). A body larger than maxBodyBytes fails with
+// that long (connecting included); the request's deadline bounds the whole call the same way,
+// however steadily a reply trickles. A body larger than maxBodyBytes fails with
 // kTransportBodyTooLarge before it can exhaust memory. By default every request uses a fresh
 // connection, like a session per call.
 

@@ -91,6 +91,7 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<CurlHttpClient::Impl>
         bool bodyTooLarge = false;
         std::size_t maxBody = 0;
         Clock::time_point lastActivity{};
+        Clock::time_point started{};
         curl_off_t lastDown = 0, lastUp = 0;
         char errorBuffer[CURL_ERROR_SIZE] = {};
 
@@ -98,9 +99,15 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<CurlHttpClient::Impl>
             if (easy) curl_easy_cleanup(easy);
             if (headerList) curl_slist_free_all(headerList);
         }
+        // The earlier of the idle time-out and the total deadline.
         std::optional<Clock::time_point> deadline() const {
-            if (request.timeout.count() <= 0) return std::nullopt;
-            return lastActivity + request.timeout;
+            std::optional<Clock::time_point> at;
+            if (request.timeout.count() > 0) at = lastActivity + request.timeout;
+            if (request.deadline.count() > 0) {
+                const auto total = started + request.deadline;
+                at = at ? std::min(*at, total) : total;
+            }
+            return at;
         }
     };
 
@@ -247,6 +254,7 @@ struct CurlHttpClient::Impl : std::enable_shared_from_this<CurlHttpClient::Impl>
         t.maxBody = t.request.maxBodyBytes ? std::min(options.maxBodyBytes, t.request.maxBodyBytes)
                                            : options.maxBodyBytes;
         t.lastActivity = Clock::now();
+        t.started = t.lastActivity;
         CURL* e = t.easy;
         curl_easy_setopt(e, CURLOPT_URL, t.request.url.c_str());
         curl_easy_setopt(e, CURLOPT_PRIVATE, &t);

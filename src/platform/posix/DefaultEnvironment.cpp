@@ -3,6 +3,9 @@
 #include <kestrelvue/posix/DefaultRouteProbe.h>
 #include <kestrelvue/posix/SqliteOutboxStore.h>
 
+#include <cstdlib>
+#include <string_view>
+
 #include "core/NullPlatform.h"
 #include "platform/sim/Sim.h"
 
@@ -23,6 +26,8 @@ Environment defaultEnvironment() {
     env.makeOutboxStore = [](const std::string& directory) {
         return std::make_unique<SqliteOutboxStore>(directory);
     };
+    const char* compress = std::getenv("KESTRELVUE_COMPRESS_UPLOADS");
+    env.compressUploads = compress && std::string_view(compress) == "1";
     return env;
 }
 

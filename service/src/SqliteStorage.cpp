@@ -1,0 +1,548 @@
+// The SQLite storage: one file, one connection serialised by a mutex. SQLite writes one
+// transaction at a time to a file anyway, and a bulk is one row, so a second connection would
+// only wait for the same lock.
+
+#include <openssl/crypto.h>
+#include <openssl/rand.h>
+#include <openssl/sha.h>
+#include <sqlite3.h>
+
+#include <array>
+#include <cstdio>
+#include <mutex>
+#include <set>
+#include <utility>
+
+#include "MotionText.h"
+#include "Sqlite.h"
+#include "Storage.h"
+
+namespace kestrelvue::service {
+namespace {
+
+/// "KVSD": marks a file as this service's database.
+constexpr std::int64_t kApplicationId = 0x4B565344;
+
+// Motion is kept in the shape the writes want: one row a bulk, its records the text they came
+// in, keyed by the trip and the keys of its first and last records and their number, so that a
+// bulk sent again stores nothing. A route reads a trip's bulks in arrival order and drops the
+// record keys it has seen, so bulks that only overlap lose nothing either.
+constexpr const char* kSchemaVersion1 = R"sql(
+CREATE TABLE IF NOT EXISTS trips (
+  guid TEXT PRIMARY KEY, user_id INTEGER, start_time TEXT, end_time TEXT, start_location TEXT,
+  end_location TEXT, start_latitude REAL, start_longitude REAL, end_latitude REAL,
+  end_longitude REAL, score REAL, cornering_count INTEGER, speeding_count INTEGER,
+  braking_count INTEGER, elevating_count INTEGER, lane_changing_count INTEGER,
+  cornering_penalty REAL, speeding_penalty REAL, braking_penalty REAL, elevating_penalty REAL,
+  lane_changing_penalty REAL, fuel_penalty REAL, distance_metres REAL, elapsed TEXT,
+  received INTEGER);
+CREATE INDEX IF NOT EXISTS trips_of_user ON trips(user_id, received);
+CREATE TABLE IF NOT EXISTS users (
+  id INTEGER PRIMARY KEY AUTOINCREMENT, reference_id TEXT UNIQUE, mobile TEXT UNIQUE,
+  first_name TEXT DEFAULT '', last_name TEXT DEFAULT '', email TEXT DEFAULT '',
+  gender INTEGER DEFAULT 0, type INTEGER DEFAULT 4, city TEXT DEFAULT '', country TEXT DEFAULT '',
+  token_salt TEXT, token_hash TEXT);
+CREATE TABLE IF NOT EXISTS friends (
+  user_ref TEXT NOT NULL, friend_ref TEXT NOT NULL, PRIMARY KEY (user_ref, friend_ref));
+CREATE TABLE IF NOT EXISTS motion_bulks (
+  id INTEGER PRIMARY KEY, trip TEXT NOT NULL, user_id INTEGER, first_and_last TEXT NOT NULL,
+  records INTEGER NOT NULL, motion_text TEXT NOT NULL, UNIQUE (trip, first_and_last, records));
+)sql";
+
+// The earlier layout: trip records in "drivings" with numbered columns, motion records a row
+// each in the database file and three files beside it. Its tables are renamed in place.
+constexpr const char* kRenameEarlierTables = R"sql(
+ALTER TABLE drivings RENAME TO trips;
+ALTER TABLE trips RENAME COLUMN start_dt TO start_time;
+ALTER TABLE trips RENAME COLUMN end_dt TO end_time;
+ALTER TABLE trips RENAME COLUMN start_loc TO start_location;
+ALTER TABLE trips RENAME COLUMN end_loc TO end_location;
+ALTER TABLE trips RENAME COLUMN start_lat TO start_latitude;
+ALTER TABLE trips RENAME COLUMN start_lon TO start_longitude;
+ALTER TABLE trips RENAME COLUMN end_lat TO end_latitude;
+ALTER TABLE trips RENAME COLUMN end_lon TO end_longitude;
+ALTER TABLE trips RENAME COLUMN c0 TO cornering_count;
+ALTER TABLE trips RENAME COLUMN c1 TO speeding_count;
+ALTER TABLE trips RENAME COLUMN c2 TO braking_count;
+ALTER TABLE trips RENAME COLUMN c3 TO elevating_count;
+ALTER TABLE trips RENAME COLUMN c4 TO lane_changing_count;
+ALTER TABLE trips RENAME COLUMN p0 TO cornering_penalty;
+ALTER TABLE trips RENAME COLUMN p1 TO speeding_penalty;
+ALTER TABLE trips RENAME COLUMN p2 TO braking_penalty;
+ALTER TABLE trips RENAME COLUMN p3 TO elevating_penalty;
+ALTER TABLE trips RENAME COLUMN p4 TO lane_changing_penalty;
+ALTER TABLE trips RENAME COLUMN fuel TO fuel_penalty;
+ALTER TABLE trips RENAME COLUMN distance TO distance_metres;
+DROP INDEX IF EXISTS drivings_user;
+ALTER TABLE users DROP COLUMN token;
+)sql";
+
+/// Later changes of the schema, each run once, in order: the first makes version 2 of a file at
+/// version 1, and so on. A file's `user_version` is the version it has.
+constexpr std::array<std::string_view, 0> kLaterMigrations{};
+constexpr int kVersion = 1 + static_cast<int>(kLaterMigrations.size());
+
+std::string hex(const unsigned char* bytes, std::size_t n) {
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    for (std::size_t i = 0; i < n; ++i) {
+        out += digits[bytes[i] >> 4];
+        out += digits[bytes[i] & 15];
+    }
+    return out;
+}
+
+std::string randomHex(std::size_t bytes) {
+    unsigned char buffer[32];
+    if (bytes > sizeof buffer || RAND_bytes(buffer, static_cast<int>(bytes)) != 1) return {};
+    return hex(buffer, bytes);
+}
+
+std::string saltedHash(const std::string& salt, const std::string& token) {
+    const std::string input = salt + token;
+    unsigned char digest[SHA256_DIGEST_LENGTH];
+    SHA256(reinterpret_cast<const unsigned char*>(input.data()), input.size(), digest);
+    return hex(digest, sizeof digest);
+}
+
+bool hasTable(sqlite3* db, const char* schema, const char* table) {
+    const std::string sql =
+        std::string("SELECT 1 FROM ") + schema + ".sqlite_master WHERE type = 'table' AND name = ?";
+    return Statement(db, sql.c_str()).bind(1, std::string_view(table)).step();
+}
+
+std::int64_t pragma(sqlite3* db, const char* name) {
+    Statement q(db, (std::string("PRAGMA ") + name).c_str());
+    return q.step() ? q.integer(0) : -1;
+}
+
+/// The record time kept as its seventeen digits (20261116140509250) as its text again.
+RecordTime recordTimeOf(std::int64_t digits) {
+    char text[32];
+    const auto part = [&](int width) {
+        std::int64_t p = 1;
+        for (int i = 0; i < width; ++i) p *= 10;
+        const std::int64_t v = digits % p;
+        digits /= p;
+        return static_cast<int>(v);
+    };
+    const int ms = part(3), s = part(2), mi = part(2), h = part(2), d = part(2), mo = part(2);
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d:%03d",
+                  static_cast<int>(digits % 10000), mo, d, h, mi, s, ms);
+    RecordTime out{};
+    std::copy(text, text + out.size(), out.begin());
+    return out;
+}
+
+class SqliteStorage final : public Storage {
+public:
+    ~SqliteStorage() override {
+        if (db_) sqlite3_close(db_);
+    }
+
+    bool open(const std::string& path, std::string& error) {
+        if (!openConnection(path, db_, error)) return false;
+        const std::int64_t app = pragma(db_, "application_id"),
+                           version = pragma(db_, "user_version");
+        if ((app != 0 || version != 0) && app != kApplicationId) {
+            error = path + " is not a database of this service";
+            return false;
+        }
+        if (version > kVersion) {
+            error = path + " was written by a newer version of this service (schema " +
+                    std::to_string(version) + ")";
+            return false;
+        }
+        if (version == 0 && !createOrUpgrade(path, error)) return false;
+        for (int v = static_cast<int>(std::max<std::int64_t>(version, 1)); v < kVersion; ++v) {
+            const std::string sql = "BEGIN; " + std::string(kLaterMigrations.at(v - 1)) +
+                                    "; PRAGMA user_version = " + std::to_string(v + 1) + "; COMMIT";
+            if (!execute(db_, sql.c_str(), error)) {
+                std::string ignored;
+                execute(db_, "ROLLBACK", ignored);
+                error.insert(0, "cannot upgrade " + path + ": ");
+                return false;
+            }
+        }
+        return true;
+    }
+
+    std::optional<std::size_t> addMotion(const MotionBulk& bulk) override {
+        std::lock_guard lock(mutex_);
+        return addMotionLocked(bulk);
+    }
+
+    std::optional<std::size_t> addMotionLocked(const MotionBulk& bulk) {
+        if (bulk.records.empty()) return 0;
+        const MotionRecord &first = bulk.records.front(), &last = bulk.records.back();
+        const std::string key =
+            std::to_string(first.itemId) + " " + std::string(first.recordTimeText()) + " " +
+            std::to_string(last.itemId) + " " + std::string(last.recordTimeText());
+        Statement q(db_,
+                    "INSERT OR IGNORE INTO motion_bulks(trip, user_id, first_and_last, records, "
+                    "motion_text) VALUES (?, ?, ?, ?, ?)");
+        q.bind(1, bulk.guid).bind(2, bulk.userID).bind(3, key);
+        q.bind(4, static_cast<std::int64_t>(bulk.records.size())).bind(5, bulk.text);
+        if (!q.run()) return std::nullopt;
+        return sqlite3_changes(db_) ? bulk.records.size() : 0;
+    }
+
+    std::vector<MotionRecord> motion(const std::string& guid) override {
+        std::vector<std::string> texts;
+        {
+            std::lock_guard lock(mutex_);
+            Statement q(db_, "SELECT motion_text FROM motion_bulks WHERE trip = ? ORDER BY id");
+            q.bind(1, guid);
+            while (q.step()) texts.push_back(q.text(0));
+        }
+        std::vector<MotionRecord> records;
+        std::set<std::pair<std::int64_t, RecordTime>> seen;
+        for (const std::string& text : texts) {
+            // As it was stored: an earlier file's records may hold what is refused today.
+            auto parsed = parseMotionText(text, false);
+            if (!parsed) continue;
+            for (MotionRecord& r : *parsed.value) {
+                if (seen.emplace(r.itemId, r.recordTime).second) records.push_back(r);
+            }
+        }
+        return records;
+    }
+
+    bool saveDriving(const DrivingRow& d) override {
+        std::lock_guard lock(mutex_);
+        Statement q(db_,
+                    "INSERT OR REPLACE INTO trips VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
+                    "?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, (SELECT COALESCE(MAX(received), 0) + 1 FROM "
+                    "trips))");
+        q.bind(1, d.guid).bind(2, d.userID).bind(3, d.startDateTime).bind(4, d.endDateTime);
+        q.bind(5, d.startLocation).bind(6, d.endLocation).bind(7, d.startLat).bind(8, d.startLong);
+        q.bind(9, d.endLat).bind(10, d.endLong).bind(11, d.score);
+        for (int i = 0; i < 5; ++i) q.bind(12 + i, d.counts[i]).bind(17 + i, d.penalties[i]);
+        q.bind(22, d.fuelPenalty).bind(23, d.totalDistance).bind(24, d.timeElapsed);
+        return q.run();
+    }
+
+    std::vector<DrivingRow> drivings(std::int64_t userID) override {
+        std::lock_guard lock(mutex_);
+        std::vector<DrivingRow> rows;
+        Statement q(db_, "SELECT * FROM trips WHERE user_id = ? ORDER BY received");
+        q.bind(1, userID);
+        while (q.step()) {
+            DrivingRow& d = rows.emplace_back();
+            d.guid = q.text(0);
+            d.userID = q.integer(1);
+            d.startDateTime = q.text(2);
+            d.endDateTime = q.text(3);
+            d.startLocation = q.text(4);
+            d.endLocation = q.text(5);
+            d.startLat = q.real(6);
+            d.startLong = q.real(7);
+            d.endLat = q.real(8);
+            d.endLong = q.real(9);
+            d.score = q.real(10);
+            for (int i = 0; i < 5; ++i) {
+                d.counts[i] = q.integer(11 + i);
+                d.penalties[i] = q.real(16 + i);
+            }
+            d.fuelPenalty = q.real(21);
+            d.totalDistance = q.real(22);
+            d.timeElapsed = q.text(23);
+        }
+        return rows;
+    }
+
+    SummaryRow summary(std::int64_t userID) override {
+        std::lock_guard lock(mutex_);
+        Statement q(db_,
+                    (std::string("SELECT COUNT(*), TOTAL(MIN(MAX(distance_metres, 0), 1e9)), ") +
+                     kWeighedScore + " FROM trips WHERE user_id = ?")
+                        .c_str());
+        q.bind(1, userID);
+        if (!q.step()) return {};
+        return {q.integer(0), q.real(1), q.real(2)};
+    }
+
+    std::optional<UserRow> login(const std::string& mobile, const std::string& token) override {
+        std::lock_guard lock(mutex_);
+        Statement q(db_, (std::string("SELECT ") + kUserColumns +
+                          ", token_salt, token_hash FROM users WHERE mobile = ?")
+                             .c_str());
+        q.bind(1, mobile);
+        if (!q.step()) return std::nullopt;
+        const std::string salt = q.text(9), stored = q.text(10);
+        const std::string offered = saltedHash(salt, token);
+        if (stored.size() != offered.size() ||
+            CRYPTO_memcmp(stored.data(), offered.data(), stored.size()) != 0) {
+            return std::nullopt;
+        }
+        return readUser(q);
+    }
+
+    std::string issueToken(const std::string& mobile) override {
+        const std::string token = randomHex(16), salt = randomHex(16);
+        if (token.empty() || salt.empty()) return {};
+        const std::string hash = saltedHash(salt, token);
+        std::lock_guard lock(mutex_);
+        Statement q(db_,
+                    "INSERT INTO users(reference_id, mobile, token_salt, token_hash) VALUES (?1, "
+                    "?1, ?2, ?3) ON CONFLICT(mobile) DO UPDATE SET token_salt = ?2, token_hash = "
+                    "?3");
+        q.bind(1, mobile).bind(2, salt).bind(3, hash);
+        return q.run() ? token : std::string();
+    }
+
+    AddedUser addUser(const UserRow& user) override {
+        std::lock_guard lock(mutex_);
+        // A known reference is never written over: the same registration sent again is answered
+        // with its account, any other is refused.
+        if (!user.referenceId.empty()) {
+            Statement known(db_,
+                            "SELECT id, first_name = ?2 AND last_name = ?3 AND email = ?4 AND "
+                            "gender = ?5 FROM users WHERE reference_id = ?1");
+            known.bind(1, user.referenceId).bind(2, user.firstName).bind(3, user.lastName);
+            known.bind(4, user.email).bind(5, user.genderId);
+            if (known.step()) {
+                if (known.integer(1)) return {known.integer(0), false};
+                return {0, true};
+            }
+        }
+        Statement q(db_,
+                    "INSERT INTO users(reference_id, first_name, last_name, email, gender) "
+                    "VALUES (NULLIF(?, ''), ?, ?, ?, ?) RETURNING id");
+        q.bind(1, user.referenceId).bind(2, user.firstName).bind(3, user.lastName);
+        q.bind(4, user.email).bind(5, user.genderId);
+        return {q.step() ? q.integer(0) : 0, false};
+    }
+
+    bool addFriend(const std::string& referenceId, const std::string& friendReferenceId) override {
+        std::lock_guard lock(mutex_);
+        Statement known(db_, "SELECT COUNT(*) FROM users WHERE reference_id IN (?, ?)");
+        known.bind(1, referenceId).bind(2, friendReferenceId);
+        if (!known.step() || known.integer(0) != (referenceId == friendReferenceId ? 1 : 2)) {
+            return false;
+        }
+        Statement q(db_, "INSERT OR IGNORE INTO friends VALUES (?1, ?2), (?2, ?1)");
+        q.bind(1, referenceId).bind(2, friendReferenceId);
+        return q.run();
+    }
+
+    std::optional<UserRow> user(std::int64_t id) override {
+        std::lock_guard lock(mutex_);
+        Statement q(db_,
+                    (std::string("SELECT ") + kUserColumns + " FROM users WHERE id = ?").c_str());
+        q.bind(1, id);
+        if (!q.step()) return std::nullopt;
+        return readUser(q);
+    }
+
+    std::vector<LeaderRow> leaders(const UserRow& me, int scope) override {
+        std::lock_guard lock(mutex_);
+        std::string where = "1";
+        if (scope == 1) where = "u.country = ?2";
+        if (scope == 2) where = "u.city = ?2";
+        if (scope == 3) {
+            where =
+                "(u.id = ?1 OR u.reference_id IN (SELECT friend_ref FROM friends WHERE user_ref = "
+                "?3))";
+        }
+        const std::string sql =
+            "SELECT u.id, TRIM(u.first_name || ' ' || u.last_name), u.city, u.country, "
+            "COUNT(guid), " +
+            std::string(kWeighedScore) + " FROM users u LEFT JOIN trips ON user_id = u.id WHERE " +
+            where + " GROUP BY u.id ORDER BY 6 DESC, 1 ASC";
+        Statement q(db_, sql.c_str());
+        q.bind(1, me.id).bind(2, scope == 1 ? me.country : me.city).bind(3, me.referenceId);
+        std::vector<LeaderRow> rows;
+        while (q.step()) {
+            rows.push_back(
+                {q.integer(0), q.text(1), q.text(2), q.text(3), q.integer(4), q.real(5)});
+        }
+        return rows;
+    }
+
+    bool healthy() override {
+        std::lock_guard lock(mutex_);
+        return Statement(db_, "SELECT EXISTS (SELECT 1 FROM motion_bulks)").step();
+    }
+
+private:
+    // Short trips swing widely, so an average over trips weighs each by its distance; trips
+    // without any distance are averaged plainly. Rows stored before values were bounded count at
+    // the bound (kMaxScore, kMaxDistanceMetres), so that no sum can overflow.
+    static constexpr const char* kWeighedScore =
+        "CASE WHEN TOTAL(MIN(MAX(distance_metres, 0), 1e9)) > 0 THEN "
+        "TOTAL(MIN(MAX(score, -1e6), 1e6) * MIN(MAX(distance_metres, 0), 1e9)) / "
+        "TOTAL(MIN(MAX(distance_metres, 0), 1e9)) ELSE "
+        "TOTAL(MIN(MAX(score, -1e6), 1e6)) / MAX(COUNT(score), 1) END";
+    static constexpr const char* kUserColumns =
+        "id, reference_id, first_name, last_name, email, gender, type, city, country";
+
+    static UserRow readUser(Statement& q) {
+        UserRow u;
+        u.id = q.integer(0);
+        u.referenceId = q.text(1);
+        u.firstName = q.text(2);
+        u.lastName = q.text(3);
+        u.email = q.text(4);
+        u.genderId = q.integer(5);
+        u.typeId = q.integer(6);
+        u.city = q.text(7);
+        u.country = q.text(8);
+        return u;
+    }
+
+    bool createOrUpgrade(const std::string& path, std::string& error);
+    bool moveEarlierMotion(const std::string& path, std::string& error);
+
+    std::mutex mutex_;
+    sqlite3* db_ = nullptr;
+};
+
+/// The files the earlier layout kept motion records in beside the database file.
+std::vector<std::string> earlierMotionFiles(const std::string& path) {
+    std::vector<std::string> files;
+    for (int k = 1; k <= 3; ++k) {
+        const std::string file = path + ".motion-" + std::to_string(k);
+        if (std::FILE* f = std::fopen(file.c_str(), "rb")) {
+            std::fclose(f);
+            files.push_back(file);
+        }
+    }
+    return files;
+}
+
+// A new file gets the schema; a file of the earlier layout is upgraded in one transaction, its
+// three motion files read in, so that a failure leaves it as it was.
+bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error) {
+    const bool earlier = hasTable(db_, "main", "drivings");
+    if (!earlier && Statement(db_, "SELECT 1 FROM sqlite_master").step()) {
+        error = path + " is not a database of this service";
+        return false;
+    }
+    if (hasTable(db_, "main", "points")) {
+        error = path + " is older than the four-file layout: open it with the release before";
+        return false;
+    }
+    std::vector<std::string> attached;
+    if (earlier && path != ":memory:") {
+        for (const std::string& file : earlierMotionFiles(path)) {
+            const std::string name = "m" + std::to_string(attached.size() + 1);
+            Statement attach(db_, ("ATTACH DATABASE ? AS " + name).c_str());
+            if (!attach.bind(1, file).run()) {
+                error = "cannot read " + file + ": " + sqlite3_errmsg(db_);
+                return false;
+            }
+            attached.push_back(file);
+        }
+    }
+    bool done = execute(db_, "BEGIN IMMEDIATE", error);
+    if (done && earlier) {
+        std::string ignored;  // a file made before tokens were hashed lacks their columns
+        execute(db_, "ALTER TABLE users ADD COLUMN token_salt TEXT", ignored);
+        execute(db_, "ALTER TABLE users ADD COLUMN token_hash TEXT", ignored);
+        done = execute(db_, kRenameEarlierTables, error);
+    }
+    done = done && execute(db_, kSchemaVersion1, error);
+    done = done && (!earlier || moveEarlierMotion(path, error));
+    done = done && execute(db_,
+                           ("PRAGMA application_id = " + std::to_string(kApplicationId) +
+                            "; PRAGMA user_version = 1")
+                               .c_str(),
+                           error);
+    done = done && execute(db_, "COMMIT", error);
+    if (!done) {
+        std::string ignored;
+        execute(db_, "ROLLBACK", ignored);
+        error.insert(0, (earlier ? "cannot upgrade " : "cannot create ") + path + ": ");
+    }
+    for (std::size_t k = 1; k <= attached.size(); ++k) {
+        std::string ignored;
+        execute(db_, ("DETACH DATABASE m" + std::to_string(k)).c_str(), ignored);
+    }
+    if (!done) return false;
+    // Every record is in the one file now: the others would only mislead.
+    for (const std::string& file : attached) {
+        for (const char* suffix : {"", "-wal", "-shm"}) std::remove((file + suffix).c_str());
+    }
+    return true;
+}
+
+// The earlier rows kept a record's key, position and penalties; they are packed a thousand to a
+// bulk, as the library would have written them with its other fields zero. A key kept in two of
+// the files (a trip whose records changed file) is moved once.
+bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& error) {
+    std::vector<std::string> schemas = {"main"};
+    for (int k = 1; hasTable(db_, ("m" + std::to_string(k)).c_str(), "motion"); ++k)
+        schemas.push_back("m" + std::to_string(k));
+    const auto number = [&](const std::string& schema) {
+        Statement q(db_,
+                    ("SELECT value FROM " + schema + ".counters WHERE name = 'database'").c_str());
+        return q.step() ? q.integer(0) : 0;
+    };
+    std::string rows;
+    for (std::size_t k = 0; k < schemas.size(); ++k) {
+        if (!hasTable(db_, schemas[k].c_str(), "motion")) continue;
+        if (k > 0 && number(schemas[k]) != number("main")) {
+            error = path + ".motion-" + std::to_string(k) +
+                    " holds records of another database: move it away, or put back the database "
+                    "file it was made with";
+            return false;
+        }
+        rows += std::string(rows.empty() ? "" : " UNION ALL ") +
+                "SELECT t.guid, m.user_id, m.item_id, m.record_time, m.lat, m.lon, m.p0, m.p1, "
+                "m.p2, m.p3, m.p4, m.k0, m.k1, m.k2, m.k3, m.k4, m.fuel, " +
+                std::to_string(k) + " AS file, m.arrival FROM " + schemas[k] + ".motion m JOIN " +
+                schemas[k] + ".trip_ids t ON t.id = m.trip";
+    }
+    if (!rows.empty()) {
+        Statement q(db_, ("SELECT * FROM (" + rows + ") ORDER BY 1, file, arrival").c_str());
+        std::string trip, text;
+        std::int64_t user = 0;
+        std::vector<MotionRecord> bulk;
+        std::set<std::pair<std::int64_t, std::int64_t>> seen;
+        const auto flush = [&] {
+            if (bulk.empty()) return true;
+            text.clear();
+            for (const MotionRecord& r : bulk) appendMotionText(text, r);
+            MotionBulk b{trip, user, std::move(text), std::move(bulk)};
+            bulk.clear();
+            text.clear();
+            return addMotionLocked(b).has_value();
+        };
+        while (q.step()) {
+            if (q.view(0) != trip) {
+                if (!flush()) return false;
+                trip = q.text(0);
+                seen.clear();
+            }
+            if (!seen.emplace(q.integer(2), q.integer(3)).second) continue;
+            MotionRecord& r = bulk.emplace_back();
+            user = q.integer(1);
+            r.itemId = q.integer(2);
+            r.recordTime = r.locationTime = recordTimeOf(q.integer(3));
+            r.latitude = q.real(4);
+            r.longitude = q.real(5);
+            for (int i = 0; i < 5; ++i) {
+                r.penalty[i] = q.real(6 + i);
+                r.penaltyPerKM[i] = q.real(11 + i);
+            }
+            r.fuelPerKM = q.real(16);
+            if (bulk.size() == 1000 && !flush()) return false;
+        }
+        if (!flush()) return false;
+    }
+    return execute(db_,
+                   "DROP TABLE IF EXISTS main.motion; DROP TABLE IF EXISTS main.trip_ids; "
+                   "DROP TABLE IF EXISTS main.counters",
+                   error);
+}
+
+}  // namespace
+
+std::unique_ptr<Storage> openSqliteStorage(const std::string& path, std::string& error) {
+    auto storage = std::make_unique<SqliteStorage>();
+    if (!storage->open(path, error)) return nullptr;
+    return storage;
+}
+
+}  // namespace kestrelvue::service
