@@ -27,6 +27,11 @@ constexpr double kRebuildCos = 0.99985;
 // sustained.
 constexpr double kSpeedChange = 0.5, kStraightYawRate = 0.08, kLongestFixGap = 3.0;
 constexpr int kSustained = 2;
+// A turn (the car's yaw rate above a tenth of a radian a second) pushes the phone towards the
+// turn's centre, to the car's left when turning left: the sign of the yaw rate times the
+// horizontal acceleration points to the car's left whether the fixes come or not (a tunnel).
+// Every second and a half of turning that felt at least 0.05 g on average counts.
+constexpr double kTurning = 0.1, kTurnSeconds = 1.5, kTurnFelt = 0.05;
 // A sustained run more than 30 degrees from the yaw estimated so far starts it again.
 constexpr double kSameYawCos = 0.866;
 
@@ -148,6 +153,10 @@ struct MountingAlignment::State {
     std::optional<Location> lastFix;
     int runSign = 0, runLength = 0;
     double runX = 0, runY = 0;
+    // The turn under way: the car's left summed, and its samples.
+    double turnX = 0, turnY = 0;
+    int turnSamples = 0;
+    double interval = 0;  // seconds a sample stands for; set before the first
 
     // The mailbox of fixes.
     std::atomic<bool> fixesWaiting{false};
@@ -172,8 +181,8 @@ struct MountingAlignment::State {
         gravityKnown = true;
         yawKnown = false;
         levelled = levelling(g);
-        backX = backY = sumX = sumY = sumYawRate = runX = runY = 0;
-        samples = runLength = runSign = moved = still = 0;
+        backX = backY = sumX = sumY = sumYawRate = runX = runY = turnX = turnY = 0;
+        samples = runLength = runSign = moved = still = turnSamples = 0;
         publish();
     }
 
@@ -227,13 +236,52 @@ struct MountingAlignment::State {
         if (gravityKnown) {
             const auto& m = levelled.m;
             const Vector3& a = s.userAcceleration;
-            sumX += m[0][0] * a.x + m[0][1] * a.y + m[0][2] * a.z;
-            sumY += m[1][0] * a.x + m[1][1] * a.y + m[1][2] * a.z;
-            sumYawRate += std::fabs(m[2][0] * s.rotationRate.x + m[2][1] * s.rotationRate.y +
-                                    m[2][2] * s.rotationRate.z);
+            const double x = m[0][0] * a.x + m[0][1] * a.y + m[0][2] * a.z;
+            const double y = m[1][0] * a.x + m[1][1] * a.y + m[1][2] * a.z;
+            const double yawRate = m[2][0] * s.rotationRate.x + m[2][1] * s.rotationRate.y +
+                                   m[2][2] * s.rotationRate.z;
+            sumX += x;
+            sumY += y;
+            sumYawRate += std::fabs(yawRate);
             ++samples;
+            if (std::fabs(yawRate) >= kTurning) {
+                takeTurning(yawRate > 0 ? x : -x, yawRate > 0 ? y : -y);
+            } else {
+                turnX = turnY = 0;
+                turnSamples = 0;
+            }
         }
         return turn(s, working, &attitude);
+    }
+
+    /// A turning sample's horizontal acceleration, towards the car's left if it is a turn. On
+    /// the sample thread.
+    void takeTurning(double leftX, double leftY) {
+        turnX += leftX;
+        turnY += leftY;
+        if (!(++turnSamples * interval >= kTurnSeconds)) return;
+        const double x = turnX / turnSamples, y = turnY / turnSamples;
+        const double seconds = turnSamples * interval;
+        turnX = turnY = 0;
+        turnSamples = 0;
+        // Turning in place (a car hardly moving, or the phone turned in its holder) pushes
+        // nothing sideways.
+        if (std::hypot(x, y) < kTurnFelt) return;
+        // The back is the left turned a quarter clockwise; weighed by the seconds it covers, as
+        // a run of fixes is.
+        learnBack(-y * seconds, x * seconds);
+    }
+
+    /// Evidence of where the car's back lies in the level frame.
+    void learnBack(double x, double y) {
+        // Evidence far from the yaw known so far: the phone was turned in its holder, which
+        // gravity does not show when it turns about the vertical. The new evidence alone counts.
+        const double known = std::hypot(backX, backY), run = std::hypot(x, y);
+        if (known > 0 && backX * x + backY * y < kSameYawCos * known * run) backX = backY = 0;
+        backX += x;
+        backY += y;
+        yawKnown = true;
+        publish();
     }
 
     /// A fix: the speed change since the last one, against what the phone felt. On the sample
@@ -263,16 +311,9 @@ struct MountingAlignment::State {
         runX += sign * feltX;
         runY += sign * feltY;
         if (++runLength < kSustained) return;
-        // A run far from the yaw known so far: the phone was turned in its holder, which
-        // gravity does not show when it turns about the vertical. The new run alone counts.
-        const double known = std::hypot(backX, backY), run = std::hypot(runX, runY);
-        if (known > 0 && backX * runX + backY * runY < kSameYawCos * known * run) backX = backY = 0;
-        backX += runX;
-        backY += runY;
+        learnBack(runX, runY);
         runX = runY = 0;
         runLength = 0;
-        yawKnown = true;
-        publish();
     }
 };
 
@@ -339,6 +380,8 @@ void MountingAlignment::stopDeviceMotionUpdates() {
 AsyncRequest MountingAlignment::startDeviceMotionUpdates(AttitudeReferenceFrame frame,
                                                          std::shared_ptr<Executor> queue,
                                                          DeviceMotionHandler handler) {
+    // The interval is set before a session starts; samples come only after.
+    state_->interval = inner_->deviceMotionUpdateInterval();
     // The inner session owns this handler: ending it ends ours.
     return inner_->startDeviceMotionUpdates(
         frame, std::move(queue),
