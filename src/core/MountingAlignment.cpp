@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <limits>
 #include <mutex>
 #include <vector>
 
@@ -102,9 +103,12 @@ struct AttitudeCache {
     double pitch = 0, roll = 0;
 };
 
-DeviceMotion turn(const DeviceMotion& s, const Rotation& r, AttitudeCache* cache) {
-    if (!r.gravityKnown) return s;
-    DeviceMotion out;
+/// Writes `s` turned by `r` into `out` (never `s` itself).
+void turn(const DeviceMotion& s, const Rotation& r, AttitudeCache* cache, DeviceMotion& out) {
+    if (!r.gravityKnown) {
+        out = s;
+        return;
+    }
     out.gravity = r.matrix * s.gravity;
     out.userAcceleration = r.matrix * s.userAcceleration;
     out.rotationRate = r.matrix * s.rotationRate;
@@ -128,7 +132,6 @@ DeviceMotion turn(const DeviceMotion& s, const Rotation& r, AttitudeCache* cache
         if (cache) *cache = {s.gravity, pitch, roll};
     }
     out.attitude = {pitch, roll, s.attitude.z};
-    return out;
 }
 
 }  // namespace
@@ -141,6 +144,9 @@ struct MountingAlignment::State {
     // The sample thread's.
     Rotation working;
     AttitudeCache attitude;
+    // The sample handed on, written in place each time: the handler takes an optional, and
+    // making one per sample would copy the sample once more.
+    std::optional<DeviceMotion> out{DeviceMotion{}};
     bool gravityKnown = false, yawKnown = false;
     Vector3 gravity;      // settled gravity, phone axes, unit
     Vector3 gravityUsed;  // the one `levelled` was built from
@@ -156,12 +162,15 @@ struct MountingAlignment::State {
     // The turn under way: the car's left summed, and its samples.
     double turnX = 0, turnY = 0;
     int turnSamples = 0;
-    double interval = 0;  // seconds a sample stands for; set before the first
+    double interval = 0;  // seconds a sample stands for; set before the first sample
+    int turnWindow = std::numeric_limits<int>::max();  // samples of turning that count
+    double backUsedX = 0, backUsedY = 0;  // the back the rotation in use was built from, unit
 
     // The mailbox of fixes.
     std::atomic<bool> fixesWaiting{false};
     std::mutex fixesMutex;
     std::vector<Location> fixes;
+    std::vector<Location> arrived;  // the sample thread's, swapped with `fixes`
 
     // What other threads read.
     mutable std::mutex publishedMutex;
@@ -170,7 +179,16 @@ struct MountingAlignment::State {
     void publish() {
         working.gravityKnown = gravityKnown;
         working.yawKnown = yawKnown;
-        working.matrix = yawKnown ? aboutZ(std::atan2(backX, backY)) * levelled : levelled;
+        working.matrix = levelled;
+        if (yawKnown) {
+            // Turned about the vertical until the back lies along y: the cosine and sine of
+            // that angle are the back's own components.
+            const double r = std::sqrt(backX * backX + backY * backY);
+            backUsedX = backX / r, backUsedY = backY / r;
+            working.matrix =
+                Matrix{{{backUsedY, -backUsedX, 0}, {backUsedX, backUsedY, 0}, {0, 0, 1}}} *
+                levelled;
+        }
         attitude = {};
         std::lock_guard lock(publishedMutex);
         published = working;
@@ -200,17 +218,22 @@ struct MountingAlignment::State {
         }
     }
 
-    /// Learns from a sample and returns it aligned. On the sample thread.
-    DeviceMotion take(const DeviceMotion& s) {
-        if (!estimating) return turn(s, working, &attitude);
+    /// Turns a sample into `out`, learning from it while estimating. On the sample thread.
+    void take(const DeviceMotion& s) {
+        if (estimating) learn(s);
+        turn(s, working, &attitude, *out);
+    }
+
+    /// Learns from a sample. On the sample thread.
+    void learn(const DeviceMotion& s) {
         if (fixesWaiting.load(std::memory_order_acquire)) {
-            std::vector<Location> arrived;
             {
                 std::lock_guard lock(fixesMutex);
                 arrived.swap(fixes);
                 fixesWaiting.store(false, std::memory_order_relaxed);
             }
             for (const Location& fix : arrived) takeFix(fix);
+            arrived.clear();  // both keep their room: no allocation after the first fixes
         }
         const double n2 = dot(s.gravity, s.gravity);
         if (n2 > 0.25 && n2 < 2.25) {
@@ -244,42 +267,51 @@ struct MountingAlignment::State {
             sumY += y;
             sumYawRate += std::fabs(yawRate);
             ++samples;
-            if (std::fabs(yawRate) >= kTurning) {
-                takeTurning(yawRate > 0 ? x : -x, yawRate > 0 ? y : -y);
-            } else {
-                turnX = turnY = 0;
-                turnSamples = 0;
-            }
+            // Summed towards the car's left while turning, dropped when not: written without
+            // branches, which noisy yaw rates would mispredict sample after sample.
+            const bool turning = std::fabs(yawRate) >= kTurning;
+            const double side = std::copysign(1.0, yawRate);
+            turnX = turning ? turnX + side * x : 0.0;
+            turnY = turning ? turnY + side * y : 0.0;
+            turnSamples = turning ? turnSamples + 1 : 0;
+            if (turnSamples >= turnWindow) takeTurn();
         }
-        return turn(s, working, &attitude);
     }
 
-    /// A turning sample's horizontal acceleration, towards the car's left if it is a turn. On
-    /// the sample thread.
-    void takeTurning(double leftX, double leftY) {
-        turnX += leftX;
-        turnY += leftY;
-        if (!(++turnSamples * interval >= kTurnSeconds)) return;
-        const double x = turnX / turnSamples, y = turnY / turnSamples;
-        const double seconds = turnSamples * interval;
+    /// A turn long enough to count: its push towards the car's left, if any. On the sample
+    /// thread.
+    void takeTurn() {
+        const double x = turnX, y = turnY, n = turnSamples;
         turnX = turnY = 0;
         turnSamples = 0;
         // Turning in place (a car hardly moving, or the phone turned in its holder) pushes
-        // nothing sideways.
-        if (std::hypot(x, y) < kTurnFelt) return;
-        // The back is the left turned a quarter clockwise; weighed by the seconds it covers, as
-        // a run of fixes is.
-        learnBack(-y * seconds, x * seconds);
+        // nothing sideways: the average push, n times over, against the least.
+        if (x * x + y * y < kTurnFelt * kTurnFelt * n * n) return;
+        // The back is the left turned a quarter clockwise; the average push weighed by the
+        // seconds it covers (the sum times the interval), as a run of fixes is.
+        learnBack(-y * interval, x * interval, false);
     }
 
-    /// Evidence of where the car's back lies in the level frame.
-    void learnBack(double x, double y) {
+    /// Evidence of where the car's back lies in the level frame. `confirmed`: by the fixes.
+    void learnBack(double x, double y, bool confirmed) {
         // Evidence far from the yaw known so far: the phone was turned in its holder, which
-        // gravity does not show when it turns about the vertical. The new evidence alone counts.
-        const double known = std::hypot(backX, backY), run = std::hypot(x, y);
-        if (known > 0 && backX * x + backY * y < kSameYawCos * known * run) backX = backY = 0;
+        // gravity does not show when it turns about the vertical, and the new evidence alone
+        // counts. A turn's push alone (braking into the turn adds to it) only sets or refines.
+        // Angles are compared as squared cosines: no root on the way.
+        const double known2 = backX * backX + backY * backY, agree = backX * x + backY * y;
+        if (known2 > 0 &&
+            (agree < 0 || agree * agree < kSameYawCos * kSameYawCos * known2 * (x * x + y * y))) {
+            if (!confirmed) return;
+            backX = backY = 0;
+        }
         backX += x;
         backY += y;
+        const double r2 = backX * backX + backY * backY;
+        if (!(r2 > 0)) return;
+        // Evidence mostly agrees with what is known: the rotation is rebuilt only when it moved
+        // the yaw by a degree, as for gravity.
+        const double kept = backX * backUsedX + backY * backUsedY;
+        if (yawKnown && kept > 0 && kept * kept >= kRebuildCos * kRebuildCos * r2) return;
         yawKnown = true;
         publish();
     }
@@ -298,7 +330,8 @@ struct MountingAlignment::State {
         const double dt = std::chrono::duration<double>(fix.timestamp - last->timestamp).count();
         if (!(dt > 0) || dt > kLongestFixGap) return;
         const double change = (fix.speed - last->speed) / dt;  // m/s^2
-        const double feltX = x / n, feltY = y / n, felt = std::hypot(feltX, feltY) * kG;
+        const double feltX = x / n, feltY = y / n,
+                     felt = std::sqrt(feltX * feltX + feltY * feltY) * kG;
         const bool counts = std::fabs(change) >= kSpeedChange && yawRate / n < kStraightYawRate &&
                             felt > std::fabs(change) / 2 && felt < std::fabs(change) * 2;
         const int sign = change < 0 ? 1 : -1;  // braking pushes the phone to the car's back
@@ -311,7 +344,7 @@ struct MountingAlignment::State {
         runX += sign * feltX;
         runY += sign * feltY;
         if (++runLength < kSustained) return;
-        learnBack(runX, runY);
+        learnBack(runX, runY, true);
         runX = runY = 0;
         runLength = 0;
     }
@@ -352,7 +385,9 @@ DeviceMotion MountingAlignment::align(const DeviceMotion& sample) const {
         std::lock_guard lock(state_->publishedMutex);
         r = state_->published;
     }
-    return turn(sample, r, nullptr);
+    DeviceMotion out;
+    turn(sample, r, nullptr, out);
+    return out;
 }
 
 bool MountingAlignment::isDeviceMotionAvailable() const {
@@ -381,14 +416,18 @@ AsyncRequest MountingAlignment::startDeviceMotionUpdates(AttitudeReferenceFrame 
                                                          std::shared_ptr<Executor> queue,
                                                          DeviceMotionHandler handler) {
     // The interval is set before a session starts; samples come only after.
-    state_->interval = inner_->deviceMotionUpdateInterval();
+    const double interval = inner_->deviceMotionUpdateInterval();
+    state_->interval = interval;
+    if (interval > 0)
+        state_->turnWindow = static_cast<int>(std::ceil(kTurnSeconds / interval - 1e-9));
     // The inner session owns this handler: ending it ends ours.
     return inner_->startDeviceMotionUpdates(
         frame, std::move(queue),
         [state = state_, handler = std::move(handler)](const std::optional<DeviceMotion>& motion,
                                                        const std::optional<MotionError>& error) {
             if (!motion) return handler(motion, error);
-            handler(state->take(*motion), error);
+            state->take(*motion);
+            handler(state->out, error);
         });
 }
 
