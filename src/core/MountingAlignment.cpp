@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <limits>
 #include <mutex>
 #include <vector>
 
@@ -31,7 +30,8 @@ constexpr int kSustained = 2;
 // A turn (the car's yaw rate above a tenth of a radian a second) pushes the phone towards the
 // turn's centre, to the car's left when turning left: the sign of the yaw rate times the
 // horizontal acceleration points to the car's left whether the fixes come or not (a tunnel).
-// Every second and a half of turning that felt at least 0.05 g on average counts.
+// While yaw is not known, a window of a second and a half, turning throughout, that felt at
+// least 0.05 g on average gives it.
 constexpr double kTurning = 0.1, kTurnSeconds = 1.5, kTurnFelt = 0.05;
 // A sustained run more than 30 degrees from the yaw estimated so far starts it again.
 constexpr double kSameYawCos = 0.866;
@@ -159,11 +159,13 @@ struct MountingAlignment::State {
     std::optional<Location> lastFix;
     int runSign = 0, runLength = 0;
     double runX = 0, runY = 0;
-    // The turn under way: the car's left summed, and its samples.
+    // The window of samples under way: the car's left summed over its turning samples.
     double turnX = 0, turnY = 0;
-    int turnSamples = 0;
-    double interval = 0;  // seconds a sample stands for; set before the first sample
-    int turnWindow = std::numeric_limits<int>::max();  // samples of turning that count
+    int turnSamples = 0, windowSamples = 0;
+    // Seconds a sample stands for (set before the first sample; a hundredth until then) and the
+    // samples a window holds.
+    double interval = 0.01;
+    int turnWindow = 150;
     double backUsedX = 0, backUsedY = 0;  // the back the rotation in use was built from, unit
 
     // The mailbox of fixes.
@@ -200,7 +202,7 @@ struct MountingAlignment::State {
         yawKnown = false;
         levelled = levelling(g);
         backX = backY = sumX = sumY = sumYawRate = runX = runY = turnX = turnY = 0;
-        samples = runLength = runSign = moved = still = turnSamples = 0;
+        samples = runLength = runSign = moved = still = turnSamples = windowSamples = 0;
         publish();
     }
 
@@ -267,41 +269,46 @@ struct MountingAlignment::State {
             sumY += y;
             sumYawRate += std::fabs(yawRate);
             ++samples;
-            // Summed towards the car's left while turning, dropped when not: written without
-            // branches, which noisy yaw rates would mispredict sample after sample.
-            const bool turning = std::fabs(yawRate) >= kTurning;
-            const double side = std::copysign(1.0, yawRate);
-            turnX = turning ? turnX + side * x : 0.0;
-            turnY = turning ? turnY + side * y : 0.0;
-            turnSamples = turning ? turnSamples + 1 : 0;
-            if (turnSamples >= turnWindow) takeTurn();
+            // Turns matter only until yaw is known (a push into a turn is bent by braking; the
+            // fixes refine it). Summed towards the car's left while turning, without branches
+            // (noisy yaw rates would mispredict them sample after sample); looked at once a
+            // window.
+            if (!yawKnown) {
+                const bool turning = std::fabs(yawRate) >= kTurning;
+                const double side = turning ? std::copysign(1.0, yawRate) : 0.0;
+                turnX += side * x;
+                turnY += side * y;
+                turnSamples += turning ? 1 : 0;
+                if (++windowSamples >= turnWindow) takeWindow();
+            }
         }
     }
 
-    /// A turn long enough to count: its push towards the car's left, if any. On the sample
-    /// thread.
-    void takeTurn() {
+    /// A window of samples: a turn if every one of them turned, and its push towards the car's
+    /// left, if any. On the sample thread.
+    void takeWindow() {
         const double x = turnX, y = turnY, n = turnSamples;
+        const bool turn = turnSamples == windowSamples;
         turnX = turnY = 0;
-        turnSamples = 0;
+        turnSamples = windowSamples = 0;
+        if (!turn) return;
         // Turning in place (a car hardly moving, or the phone turned in its holder) pushes
         // nothing sideways: the average push, n times over, against the least.
         if (x * x + y * y < kTurnFelt * kTurnFelt * n * n) return;
         // The back is the left turned a quarter clockwise; the average push weighed by the
         // seconds it covers (the sum times the interval), as a run of fixes is.
-        learnBack(-y * interval, x * interval, false);
+        learnBack(-y * interval, x * interval);
     }
 
-    /// Evidence of where the car's back lies in the level frame. `confirmed`: by the fixes.
-    void learnBack(double x, double y, bool confirmed) {
+    /// Evidence of where the car's back lies in the level frame.
+    void learnBack(double x, double y) {
         // Evidence far from the yaw known so far: the phone was turned in its holder, which
         // gravity does not show when it turns about the vertical, and the new evidence alone
-        // counts. A turn's push alone (braking into the turn adds to it) only sets or refines.
+        // counts.
         // Angles are compared as squared cosines: no root on the way.
         const double known2 = backX * backX + backY * backY, agree = backX * x + backY * y;
         if (known2 > 0 &&
             (agree < 0 || agree * agree < kSameYawCos * kSameYawCos * known2 * (x * x + y * y))) {
-            if (!confirmed) return;
             backX = backY = 0;
         }
         backX += x;
@@ -344,7 +351,7 @@ struct MountingAlignment::State {
         runX += sign * feltX;
         runY += sign * feltY;
         if (++runLength < kSustained) return;
-        learnBack(runX, runY, true);
+        learnBack(runX, runY);
         runX = runY = 0;
         runLength = 0;
     }
@@ -416,10 +423,11 @@ AsyncRequest MountingAlignment::startDeviceMotionUpdates(AttitudeReferenceFrame 
                                                          std::shared_ptr<Executor> queue,
                                                          DeviceMotionHandler handler) {
     // The interval is set before a session starts; samples come only after.
-    const double interval = inner_->deviceMotionUpdateInterval();
-    state_->interval = interval;
-    if (interval > 0)
-        state_->turnWindow = static_cast<int>(std::ceil(kTurnSeconds / interval - 1e-9));
+    if (const double interval = inner_->deviceMotionUpdateInterval(); interval > 0) {
+        state_->interval = interval;
+        state_->turnWindow =
+            std::max(1, static_cast<int>(std::ceil(kTurnSeconds / interval - 1e-9)));
+    }
     // The inner session owns this handler: ending it ends ours.
     return inner_->startDeviceMotionUpdates(
         frame, std::move(queue),
