@@ -162,10 +162,12 @@ struct MountingAlignment::State {
     // The window of samples under way: the car's left summed over its turning samples.
     double turnX = 0, turnY = 0;
     int turnSamples = 0, windowSamples = 0;
-    // Seconds a sample stands for (set before the first sample; a hundredth until then) and the
+    // Seconds a sample stands for (a hundredth until a session says), written by the thread
+    // that starts a session while a straggling sample of the last one may still run; and the
     // samples a window holds.
-    double interval = 0.01;
-    int turnWindow = 150;
+    std::atomic<double> interval{0.01};
+    double windowInterval = 0;  // the interval turnWindow was counted for
+    int turnWindow = 1;
     double backUsedX = 0, backUsedY = 0;  // the back the rotation in use was built from, unit
 
     // The mailbox of fixes.
@@ -279,6 +281,12 @@ struct MountingAlignment::State {
                 turnX += side * x;
                 turnY += side * y;
                 turnSamples += turning ? 1 : 0;
+                if (const double seconds = interval.load(std::memory_order_relaxed);
+                    seconds != windowInterval) {
+                    windowInterval = seconds;
+                    turnWindow =
+                        std::max(1, static_cast<int>(std::ceil(kTurnSeconds / seconds - 1e-9)));
+                }
                 if (++windowSamples >= turnWindow) takeWindow();
             }
         }
@@ -297,7 +305,7 @@ struct MountingAlignment::State {
         if (x * x + y * y < kTurnFelt * kTurnFelt * n * n) return;
         // The back is the left turned a quarter clockwise; the average push weighed by the
         // seconds it covers (the sum times the interval), as a run of fixes is.
-        learnBack(-y * interval, x * interval);
+        learnBack(-y * windowInterval, x * windowInterval);
     }
 
     /// Evidence of where the car's back lies in the level frame.
@@ -423,11 +431,8 @@ AsyncRequest MountingAlignment::startDeviceMotionUpdates(AttitudeReferenceFrame 
                                                          std::shared_ptr<Executor> queue,
                                                          DeviceMotionHandler handler) {
     // The interval is set before a session starts; samples come only after.
-    if (const double interval = inner_->deviceMotionUpdateInterval(); interval > 0) {
-        state_->interval = interval;
-        state_->turnWindow =
-            std::max(1, static_cast<int>(std::ceil(kTurnSeconds / interval - 1e-9)));
-    }
+    if (const double interval = inner_->deviceMotionUpdateInterval(); interval > 0)
+        state_->interval.store(interval, std::memory_order_relaxed);
     // The inner session owns this handler: ending it ends ours.
     return inner_->startDeviceMotionUpdates(
         frame, std::move(queue),
