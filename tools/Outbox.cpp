@@ -3,7 +3,6 @@
 #include <kestrelvue/posix/SqliteOutboxStore.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <thread>
 
 #include "net/Outbox.h"
@@ -20,11 +19,8 @@ void useOutbox(Environment& env, const std::string& directory) {
 
 KeptInOutbox keptInOutbox(const std::string& directory, std::int64_t after) {
     KeptInOutbox kept;
-    std::error_code error;
-    if (!std::filesystem::exists(std::filesystem::path(directory) / "outbox.sqlite", error))
-        return kept;
-    posix::SqliteOutboxStore store(directory);
-    for (const platform::OutboxEntry& e : store.load()) {
+    // Read-only: counting must not make a store, nor set one aside, where an outbox works.
+    for (const platform::OutboxEntry& e : posix::SqliteOutboxStore::peek(directory)) {
         kept.lastId = std::max(kept.lastId, e.id);
         if (e.id <= after) continue;
         if (e.kind == platform::OutboxKind::trip)

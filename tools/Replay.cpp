@@ -151,11 +151,13 @@ public:
                   (upload->items.empty() ? "" : std::to_string(upload->items[0]));
             if (!sent_.insert(key).second) ++retried_;
             auto& sent = records_[upload->guid];
+            // An outbox over a directory used before also sends earlier drives' records.
+            const bool ours = upload->guid == trip_;
             for (const service::MotionRecord& p : bulk.value->records) {
                 // A repeat was counted when it was first sent.
                 if (sent.insert(p.itemId).second) {
                     ++recordsSent_;
-                    noteCharges(p);
+                    if (ours) noteCharges(p);
                 }
             }
             upload->read = true;
@@ -166,6 +168,11 @@ public:
     }
 
     void setStart(std::int64_t unixMillis) { startMillis_ = unixMillis; }
+    /// The drive's trip: what the report counts. Set before the drive's first sample.
+    void setTrip(std::string guid) {
+        std::lock_guard lock(mutex_);
+        trip_ = std::move(guid);
+    }
 
     bool waitIdle(steady_clock::time_point deadline) {
         std::unique_lock lock(mutex_);
@@ -188,8 +195,9 @@ public:
     void collect(ReplayResult& out) const {
         std::lock_guard lock(mutex_);
         out.records = out.recordsConfirmed = 0;
-        for (const auto& [guid, items] : records_) out.records += items.size();
-        for (const auto& [guid, items] : confirmed_) out.recordsConfirmed += items.size();
+        if (auto it = records_.find(trip_); it != records_.end()) out.records = it->second.size();
+        if (auto it = confirmed_.find(trip_); it != confirmed_.end())
+            out.recordsConfirmed = it->second.size();
         out.bulksUploaded = bulks_;
         out.uploadsRetried = retried_;
         out.bytesSent = bytesSent_;
@@ -241,6 +249,7 @@ private:
     std::vector<Detection> detections_;
     std::string problem_;
     std::int64_t startMillis_ = 0;
+    std::string trip_;
     // Last, so it ends first: its completions still running at the end find the counts alive.
     std::shared_ptr<platform::HttpClient> inner_;
 };
@@ -353,21 +362,25 @@ std::vector<std::string> placeNear(double latitude, double longitude) {
     return {text};
 }
 
-bool parseAlignment(const std::string& text, ReplayOptions& options) {
-    if (text.empty()) return true;
-    options.align = true;
-    if (text == "auto") return true;
+std::optional<platform::MountingAngles> parseAngles(const std::string& text) {
     double degrees[3];
     int used = 0;
     if (std::sscanf(text.c_str(), "%lf,%lf,%lf%n", &degrees[0], &degrees[1], &degrees[2], &used) !=
             3 ||
-        used != static_cast<int>(text.size()) || !std::isfinite(degrees[0]) ||
-        !std::isfinite(degrees[1]) || !std::isfinite(degrees[2])) {
-        return false;
-    }
-    options.alignAngles = platform::MountingAngles{degrees[0] * M_PI / 180, degrees[1] * M_PI / 180,
-                                                   degrees[2] * M_PI / 180};
-    return true;
+        used != static_cast<int>(text.size()))
+        return std::nullopt;
+    for (double d : degrees)
+        if (!std::isfinite(d)) return std::nullopt;
+    return platform::MountingAngles{degrees[0] * M_PI / 180, degrees[1] * M_PI / 180,
+                                    degrees[2] * M_PI / 180};
+}
+
+bool parseAlignment(const std::string& text, ReplayOptions& options) {
+    if (text.empty()) return true;
+    options.align = true;
+    if (text == "auto") return true;
+    options.alignAngles = parseAngles(text);
+    return options.alignAngles.has_value();
 }
 
 ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
@@ -530,6 +543,7 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
         if (result.failure().empty()) result.failureTitle = "the trip did not start";
         return finish();
     }
+    tap->setTrip(engine->DrivingID());
     result.interval = motion->deviceMotionUpdateInterval();
     if (options.live) options.live->run(*engine, *queue, result);
     const std::int64_t intervalNs =

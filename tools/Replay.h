@@ -78,6 +78,9 @@ struct ReplayOptions {
     std::shared_ptr<LiveHost> live;
 };
 
+/// "PITCH,ROLL,YAW" in degrees, three finite numbers and nothing else.
+std::optional<platform::MountingAngles> parseAngles(const std::string& text);
+
 /// Reads an --align value into `options`: empty (no alignment), "auto" (estimated), or
 /// "PITCH,ROLL,YAW" in degrees. False when the text is none of them.
 bool parseAlignment(const std::string& text, ReplayOptions& options);
@@ -101,7 +104,7 @@ struct ReplayResult {
     bool unscored = false;
     /// Hours of driving the samples cover.
     double drivingHours() const { return static_cast<double>(samples) * interval / 3600.0; }
-    std::size_t records = 0;           // distinct motion records the engine sent
+    std::size_t records = 0;           // distinct motion records of this trip sent
     std::size_t recordsConfirmed = 0;  // of them, confirmed by the service
     std::size_t bulksUploaded = 0;     // motion uploads answered 200
     std::size_t uploadsRetried = 0;    // uploads sent again after a failed try

@@ -178,9 +178,9 @@ void printReport(std::ostream& out, const ReplayResult& r, const std::string& se
         out << "Trip not uploaded\n";
     }
     if (r.mounting)
-        out << "  mounting   pitch " << format("%.0f", r.mounting->pitch * 180 / M_PI) << ", roll "
-            << format("%.0f", r.mounting->roll * 180 / M_PI) << ", yaw "
-            << format("%.0f", r.mounting->yaw * 180 / M_PI) << " degrees\n";
+        out << "  mounting   pitch " << std::lround(r.mounting->pitch * 180 / M_PI) << ", roll "
+            << std::lround(r.mounting->roll * 180 / M_PI) << ", yaw "
+            << std::lround(r.mounting->yaw * 180 / M_PI) << " degrees\n";
     for (const FixGap& gap : r.fixGaps)
         out << "  no fix     for " << durationText(gap.length) << " from " << offsetText(gap.start)
             << " into the drive (" << clockText(r, gap.start) << ")\n";

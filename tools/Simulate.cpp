@@ -350,6 +350,31 @@ Simulation simulate(const SimulationOptions& o) {
     return out;
 }
 
+void mountPhone(Drive& drive, const platform::MountingAngles& angles, double from, double to) {
+    // The car's axes turned back by yaw, then pitch, then roll: the phone's.
+    auto turn = [&](Vector3 v) {
+        auto plane = [](double& p, double& q, double angle) {
+            const double c = std::cos(angle), s = std::sin(angle), p0 = p;
+            p = c * p0 - s * q;
+            q = s * p0 + c * q;
+        };
+        plane(v.x, v.y, -angles.yaw);
+        plane(v.y, v.z, -angles.pitch);
+        plane(v.z, v.x, -angles.roll);
+        return v;
+    };
+    for (DriveEvent& e : drive.events) {
+        if (!e.motion || e.seconds() < from || e.seconds() >= to) continue;
+        platform::DeviceMotion& m = *e.motion;
+        m.userAcceleration = turn(m.userAcceleration);
+        m.rotationRate = turn(m.rotationRate);
+        m.gravity = turn(m.gravity);
+        // The attitude a platform derives from that gravity.
+        m.attitude = {std::asin(std::clamp(-m.gravity.y, -1.0, 1.0)),
+                      std::atan2(-m.gravity.x, -m.gravity.z), m.attitude.z};
+    }
+}
+
 void writeTruth(std::ostream& out, const std::vector<TruthEvent>& truth) {
     out << kTruthHeader << "\n# T DURATION WHAT MAGNITUDE (g; rad/s for bump and lane-*)\n";
     char line[128];

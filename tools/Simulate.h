@@ -2,6 +2,8 @@
 // Synthetic drives with ground truth: what was done, when, and how hard, so that a replay can
 // be checked against it.
 
+#include <kestrelvue/platform/MountingAlignment.h>
+
 #include <cstdint>
 #include <iosfwd>
 #include <optional>
@@ -74,6 +76,11 @@ struct Simulation {
 /// A drive around Istanbul on the phone lying face up. The same options give the same drive,
 /// and drives that differ only in `rate` agree on every instant they share.
 Simulation simulate(const SimulationOptions& options);
+
+/// The drive's samples as a phone mounted at `angles` in the car would have measured them (see
+/// platform::MountingAngles), from `from` seconds until `to`: the simulator's phone lies face up.
+void mountPhone(Drive& drive, const platform::MountingAngles& angles, double from = 0,
+                double to = 1e18);
 
 void writeTruth(std::ostream& out, const std::vector<TruthEvent>& truth);
 /// Reads what writeTruth wrote; on a bad line, nullopt and "line N: what is wrong".

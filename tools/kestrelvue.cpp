@@ -97,7 +97,7 @@ private:
 
 struct SimulateArgs {
     tools::SimulationOptions options;
-    std::string events = "all", output, truth, start;
+    std::string events = "all", output, truth, start, mount;
     std::vector<double> fixGap;
 };
 
@@ -122,7 +122,15 @@ int simulate(const SimulateArgs& args) {
         options.fixGapStart = args.fixGap[0];
         options.fixGapSeconds = args.fixGap[1];
     }
+    std::optional<platform::MountingAngles> mount;
+    if (!args.mount.empty() && !(mount = tools::parseAngles(args.mount))) {
+        std::fprintf(stderr,
+                     "kestrelvue simulate: --mount: expected PITCH,ROLL,YAW in degrees, got '%s'\n",
+                     args.mount.c_str());
+        return kUsage;
+    }
     tools::Simulation simulation = tools::simulate(options);
+    if (mount) tools::mountPhone(simulation.drive, *mount);
     if (args.start.empty()) {
         simulation.drive.start = std::chrono::duration_cast<std::chrono::seconds>(
                                      std::chrono::system_clock::now().time_since_epoch())
@@ -293,6 +301,9 @@ int main(int argc, char** argv) {
         ->type_name("START SECONDS");
     simulateCommand->add_option("-o,--output", sim.output, "drive file (default: standard output)");
     simulateCommand->add_option("--truth", sim.truth, "also write what was injected, and when");
+    simulateCommand->add_option("--mount", sim.mount,
+                                "the phone's angles in its holder, PITCH,ROLL,YAW in degrees "
+                                "(default: face up, top to the front)");
     simulateCommand->add_option("--start", sim.start,
                                 "when the drive began, YYYY-MM-DDTHH:MM:SSZ (default: now)");
 

@@ -27,6 +27,12 @@ constexpr double kRebuildCos = 0.99985;
 // sustained.
 constexpr double kSpeedChange = 0.5, kStraightYawRate = 0.08, kLongestFixGap = 3.0;
 constexpr int kSustained = 2;
+// A turn (the car's yaw rate above a tenth of a radian a second) pushes the phone towards the
+// turn's centre, to the car's left when turning left: the sign of the yaw rate times the
+// horizontal acceleration points to the car's left whether the fixes come or not (a tunnel).
+// While yaw is not known, a window of a second and a half, turning throughout, that felt at
+// least 0.05 g on average gives it.
+constexpr double kTurning = 0.1, kTurnSeconds = 1.5, kTurnFelt = 0.05;
 // A sustained run more than 30 degrees from the yaw estimated so far starts it again.
 constexpr double kSameYawCos = 0.866;
 
@@ -97,9 +103,12 @@ struct AttitudeCache {
     double pitch = 0, roll = 0;
 };
 
-DeviceMotion turn(const DeviceMotion& s, const Rotation& r, AttitudeCache* cache) {
-    if (!r.gravityKnown) return s;
-    DeviceMotion out;
+/// Writes `s` turned by `r` into `out` (never `s` itself).
+void turn(const DeviceMotion& s, const Rotation& r, AttitudeCache* cache, DeviceMotion& out) {
+    if (!r.gravityKnown) {
+        out = s;
+        return;
+    }
     out.gravity = r.matrix * s.gravity;
     out.userAcceleration = r.matrix * s.userAcceleration;
     out.rotationRate = r.matrix * s.rotationRate;
@@ -123,7 +132,6 @@ DeviceMotion turn(const DeviceMotion& s, const Rotation& r, AttitudeCache* cache
         if (cache) *cache = {s.gravity, pitch, roll};
     }
     out.attitude = {pitch, roll, s.attitude.z};
-    return out;
 }
 
 }  // namespace
@@ -136,6 +144,9 @@ struct MountingAlignment::State {
     // The sample thread's.
     Rotation working;
     AttitudeCache attitude;
+    // The sample handed on, written in place each time: the handler takes an optional, and
+    // making one per sample would copy the sample once more.
+    std::optional<DeviceMotion> out{DeviceMotion{}};
     bool gravityKnown = false, yawKnown = false;
     Vector3 gravity;      // settled gravity, phone axes, unit
     Vector3 gravityUsed;  // the one `levelled` was built from
@@ -148,11 +159,22 @@ struct MountingAlignment::State {
     std::optional<Location> lastFix;
     int runSign = 0, runLength = 0;
     double runX = 0, runY = 0;
+    // The window of samples under way: the car's left summed over its turning samples.
+    double turnX = 0, turnY = 0;
+    int turnSamples = 0, windowSamples = 0;
+    // Seconds a sample stands for (a hundredth until a session says), written by the thread
+    // that starts a session while a straggling sample of the last one may still run; and the
+    // samples a window holds.
+    std::atomic<double> interval{0.01};
+    double windowInterval = 0;  // the interval turnWindow was counted for
+    int turnWindow = 1;
+    double backUsedX = 0, backUsedY = 0;  // the back the rotation in use was built from, unit
 
     // The mailbox of fixes.
     std::atomic<bool> fixesWaiting{false};
     std::mutex fixesMutex;
     std::vector<Location> fixes;
+    std::vector<Location> arrived;  // the sample thread's, swapped with `fixes`
 
     // What other threads read.
     mutable std::mutex publishedMutex;
@@ -161,7 +183,16 @@ struct MountingAlignment::State {
     void publish() {
         working.gravityKnown = gravityKnown;
         working.yawKnown = yawKnown;
-        working.matrix = yawKnown ? aboutZ(std::atan2(backX, backY)) * levelled : levelled;
+        working.matrix = levelled;
+        if (yawKnown) {
+            // Turned about the vertical until the back lies along y: the cosine and sine of
+            // that angle are the back's own components.
+            const double r = std::sqrt(backX * backX + backY * backY);
+            backUsedX = backX / r, backUsedY = backY / r;
+            working.matrix =
+                Matrix{{{backUsedY, -backUsedX, 0}, {backUsedX, backUsedY, 0}, {0, 0, 1}}} *
+                levelled;
+        }
         attitude = {};
         std::lock_guard lock(publishedMutex);
         published = working;
@@ -172,8 +203,8 @@ struct MountingAlignment::State {
         gravityKnown = true;
         yawKnown = false;
         levelled = levelling(g);
-        backX = backY = sumX = sumY = sumYawRate = runX = runY = 0;
-        samples = runLength = runSign = moved = still = 0;
+        backX = backY = sumX = sumY = sumYawRate = runX = runY = turnX = turnY = 0;
+        samples = runLength = runSign = moved = still = turnSamples = windowSamples = 0;
         publish();
     }
 
@@ -191,17 +222,22 @@ struct MountingAlignment::State {
         }
     }
 
-    /// Learns from a sample and returns it aligned. On the sample thread.
-    DeviceMotion take(const DeviceMotion& s) {
-        if (!estimating) return turn(s, working, &attitude);
+    /// Turns a sample into `out`, learning from it while estimating. On the sample thread.
+    void take(const DeviceMotion& s) {
+        if (estimating) learn(s);
+        turn(s, working, &attitude, *out);
+    }
+
+    /// Learns from a sample. On the sample thread.
+    void learn(const DeviceMotion& s) {
         if (fixesWaiting.load(std::memory_order_acquire)) {
-            std::vector<Location> arrived;
             {
                 std::lock_guard lock(fixesMutex);
                 arrived.swap(fixes);
                 fixesWaiting.store(false, std::memory_order_relaxed);
             }
             for (const Location& fix : arrived) takeFix(fix);
+            arrived.clear();  // both keep their room: no allocation after the first fixes
         }
         const double n2 = dot(s.gravity, s.gravity);
         if (n2 > 0.25 && n2 < 2.25) {
@@ -227,13 +263,72 @@ struct MountingAlignment::State {
         if (gravityKnown) {
             const auto& m = levelled.m;
             const Vector3& a = s.userAcceleration;
-            sumX += m[0][0] * a.x + m[0][1] * a.y + m[0][2] * a.z;
-            sumY += m[1][0] * a.x + m[1][1] * a.y + m[1][2] * a.z;
-            sumYawRate += std::fabs(m[2][0] * s.rotationRate.x + m[2][1] * s.rotationRate.y +
-                                    m[2][2] * s.rotationRate.z);
+            const double x = m[0][0] * a.x + m[0][1] * a.y + m[0][2] * a.z;
+            const double y = m[1][0] * a.x + m[1][1] * a.y + m[1][2] * a.z;
+            const double yawRate = m[2][0] * s.rotationRate.x + m[2][1] * s.rotationRate.y +
+                                   m[2][2] * s.rotationRate.z;
+            sumX += x;
+            sumY += y;
+            sumYawRate += std::fabs(yawRate);
             ++samples;
+            // Turns matter only until yaw is known (a push into a turn is bent by braking; the
+            // fixes refine it). Summed towards the car's left while turning, without branches
+            // (noisy yaw rates would mispredict them sample after sample); looked at once a
+            // window.
+            if (!yawKnown) {
+                const bool turning = std::fabs(yawRate) >= kTurning;
+                const double side = turning ? std::copysign(1.0, yawRate) : 0.0;
+                turnX += side * x;
+                turnY += side * y;
+                turnSamples += turning ? 1 : 0;
+                if (const double seconds = interval.load(std::memory_order_relaxed);
+                    seconds != windowInterval) {
+                    windowInterval = seconds;
+                    turnWindow =
+                        std::max(1, static_cast<int>(std::ceil(kTurnSeconds / seconds - 1e-9)));
+                }
+                if (++windowSamples >= turnWindow) takeWindow();
+            }
         }
-        return turn(s, working, &attitude);
+    }
+
+    /// A window of samples: a turn if every one of them turned, and its push towards the car's
+    /// left, if any. On the sample thread.
+    void takeWindow() {
+        const double x = turnX, y = turnY, n = turnSamples;
+        const bool turn = turnSamples == windowSamples;
+        turnX = turnY = 0;
+        turnSamples = windowSamples = 0;
+        if (!turn) return;
+        // Turning in place (a car hardly moving, or the phone turned in its holder) pushes
+        // nothing sideways: the average push, n times over, against the least.
+        if (x * x + y * y < kTurnFelt * kTurnFelt * n * n) return;
+        // The back is the left turned a quarter clockwise; the average push weighed by the
+        // seconds it covers (the sum times the interval), as a run of fixes is.
+        learnBack(-y * windowInterval, x * windowInterval);
+    }
+
+    /// Evidence of where the car's back lies in the level frame.
+    void learnBack(double x, double y) {
+        // Evidence far from the yaw known so far: the phone was turned in its holder, which
+        // gravity does not show when it turns about the vertical, and the new evidence alone
+        // counts.
+        // Angles are compared as squared cosines: no root on the way.
+        const double known2 = backX * backX + backY * backY, agree = backX * x + backY * y;
+        if (known2 > 0 &&
+            (agree < 0 || agree * agree < kSameYawCos * kSameYawCos * known2 * (x * x + y * y))) {
+            backX = backY = 0;
+        }
+        backX += x;
+        backY += y;
+        const double r2 = backX * backX + backY * backY;
+        if (!(r2 > 0)) return;
+        // Evidence mostly agrees with what is known: the rotation is rebuilt only when it moved
+        // the yaw by a degree, as for gravity.
+        const double kept = backX * backUsedX + backY * backUsedY;
+        if (yawKnown && kept > 0 && kept * kept >= kRebuildCos * kRebuildCos * r2) return;
+        yawKnown = true;
+        publish();
     }
 
     /// A fix: the speed change since the last one, against what the phone felt. On the sample
@@ -250,7 +345,8 @@ struct MountingAlignment::State {
         const double dt = std::chrono::duration<double>(fix.timestamp - last->timestamp).count();
         if (!(dt > 0) || dt > kLongestFixGap) return;
         const double change = (fix.speed - last->speed) / dt;  // m/s^2
-        const double feltX = x / n, feltY = y / n, felt = std::hypot(feltX, feltY) * kG;
+        const double feltX = x / n, feltY = y / n,
+                     felt = std::sqrt(feltX * feltX + feltY * feltY) * kG;
         const bool counts = std::fabs(change) >= kSpeedChange && yawRate / n < kStraightYawRate &&
                             felt > std::fabs(change) / 2 && felt < std::fabs(change) * 2;
         const int sign = change < 0 ? 1 : -1;  // braking pushes the phone to the car's back
@@ -263,16 +359,9 @@ struct MountingAlignment::State {
         runX += sign * feltX;
         runY += sign * feltY;
         if (++runLength < kSustained) return;
-        // A run far from the yaw known so far: the phone was turned in its holder, which
-        // gravity does not show when it turns about the vertical. The new run alone counts.
-        const double known = std::hypot(backX, backY), run = std::hypot(runX, runY);
-        if (known > 0 && backX * runX + backY * runY < kSameYawCos * known * run) backX = backY = 0;
-        backX += runX;
-        backY += runY;
+        learnBack(runX, runY);
         runX = runY = 0;
         runLength = 0;
-        yawKnown = true;
-        publish();
     }
 };
 
@@ -311,7 +400,9 @@ DeviceMotion MountingAlignment::align(const DeviceMotion& sample) const {
         std::lock_guard lock(state_->publishedMutex);
         r = state_->published;
     }
-    return turn(sample, r, nullptr);
+    DeviceMotion out;
+    turn(sample, r, nullptr, out);
+    return out;
 }
 
 bool MountingAlignment::isDeviceMotionAvailable() const {
@@ -339,13 +430,17 @@ void MountingAlignment::stopDeviceMotionUpdates() {
 AsyncRequest MountingAlignment::startDeviceMotionUpdates(AttitudeReferenceFrame frame,
                                                          std::shared_ptr<Executor> queue,
                                                          DeviceMotionHandler handler) {
+    // The interval is set before a session starts; samples come only after.
+    if (const double interval = inner_->deviceMotionUpdateInterval(); interval > 0)
+        state_->interval.store(interval, std::memory_order_relaxed);
     // The inner session owns this handler: ending it ends ours.
     return inner_->startDeviceMotionUpdates(
         frame, std::move(queue),
         [state = state_, handler = std::move(handler)](const std::optional<DeviceMotion>& motion,
                                                        const std::optional<MotionError>& error) {
             if (!motion) return handler(motion, error);
-            handler(state->take(*motion), error);
+            state->take(*motion);
+            handler(state->out, error);
         });
 }
 

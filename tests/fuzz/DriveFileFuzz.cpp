@@ -1,5 +1,5 @@
 // The drive-file reader of the replay tool: any text is a drive or an error naming its line,
-// never a crash; a drive it accepts is written back and read again to the same events.
+// never a crash; a drive it accepts is written back and read again to the same events and start.
 #include <cstddef>
 #include <cstdint>
 #include <sstream>
@@ -17,6 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::stringstream text;
     kestrelvue::tools::writeDrive(text, *parsed.drive);
     auto again = kestrelvue::tools::parseDrive(text);
-    if (!again.drive || again.drive->events.size() != parsed.drive->events.size()) __builtin_trap();
+    if (!again.drive || again.drive->events.size() != parsed.drive->events.size() ||
+        again.drive->start != parsed.drive->start)
+        __builtin_trap();
     return 0;
 }

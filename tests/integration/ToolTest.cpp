@@ -144,18 +144,6 @@ TEST_F(ToolTest, AlignmentFindsWhatTheStraightDriveFinds) {
         for (const tools::Event& e : r.events) ++n[static_cast<std::size_t>(e.kind)];
         return n;
     };
-    // v in the phone's axes: the car's turned back by yaw, then pitch, then roll.
-    auto turn = [](Vector3 v, const platform::MountingAngles& a) {
-        auto plane = [](double& p, double& q, double angle) {
-            const double c = std::cos(angle), s = std::sin(angle), p0 = p;
-            p = c * p0 - s * q;
-            q = s * p0 + c * q;
-        };
-        plane(v.x, v.y, -a.yaw);
-        plane(v.y, v.z, -a.pitch);
-        plane(v.z, v.x, -a.roll);
-        return v;
-    };
     std::mt19937 rng(24);
     // Stood up on the windshield, then laid down on the dashboard.
     std::uniform_real_distribution<double> anyYaw(-M_PI, M_PI), tilt(0.9, 1.3), flat(0.1, 0.4);
@@ -166,16 +154,8 @@ TEST_F(ToolTest, AlignmentFindsWhatTheStraightDriveFinds) {
         const auto straight = counts(play(drive));
         const platform::MountingAngles first{tilt(rng), 0.1, anyYaw(rng)};
         const platform::MountingAngles second{flat(rng), -0.1, anyYaw(rng)};
-        for (tools::DriveEvent& e : drive.events) {
-            if (!e.motion) continue;
-            platform::DeviceMotion& m = *e.motion;
-            const auto& mounted = e.seconds() < drive.duration() / 2 ? first : second;
-            m.userAcceleration = turn(m.userAcceleration, mounted);
-            m.rotationRate = turn(m.rotationRate, mounted);
-            m.gravity = turn(m.gravity, mounted);
-            m.attitude = {std::asin(-m.gravity.y), std::atan2(-m.gravity.x, -m.gravity.z),
-                          m.attitude.z};
-        }
+        tools::mountPhone(drive, first, 0, drive.duration() / 2);
+        tools::mountPhone(drive, second, drive.duration() / 2);
         // Given the angles, the alignment turns each sample back exactly.
         const platform::MountingAlignment fixed(nullptr, first);
         for (std::size_t i : {1u, 50u, 500u}) {

@@ -25,9 +25,10 @@ struct KESTRELVUE_EXPORT MountingAngles {
 
 /// Wraps any motion manager. With fixed angles it rotates every sample by them. Estimating, it
 /// takes pitch and roll from gravity while the phone is still, and yaw from the first sustained
-/// straight acceleration or braking whose speed change the fixes confirm; until yaw is known it
-/// passes only what does not depend on it (vertical acceleration, yaw rate), so nothing is
-/// charged to the wrong kind. A jump in gravity (the phone moved in its holder) starts the
+/// straight acceleration or braking whose speed change the fixes confirm, or from the first turn
+/// (its sideways push points to the turn's centre; no fix needed, as in a tunnel); until yaw is
+/// known it passes only what does not depend on it (vertical acceleration, yaw rate), so nothing
+/// is charged to the wrong kind. A jump in gravity (the phone moved in its holder) starts the
 /// estimate again. The attitude handed on is the aligned one (pitch and roll from the aligned
 /// gravity, the yaw as measured).
 ///

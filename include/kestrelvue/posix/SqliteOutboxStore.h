@@ -24,6 +24,12 @@ public:
     std::vector<platform::OutboxEntry> load() override;
     std::string openingReport() const override;
 
+    /// What the store in `directory` holds, read through a read-only connection: nothing is
+    /// written, made or set aside, so it may be asked while an outbox has the store open. Each
+    /// entry's id, kind and records; its url and body are left empty. Empty when there is no
+    /// store there or it cannot be read as one.
+    static std::vector<platform::OutboxEntry> peek(const std::string& directory);
+
 private:
     struct Impl;
     std::unique_ptr<Impl> impl_;

@@ -146,6 +146,36 @@ bool SqliteOutboxStore::remove(std::int64_t id) {
     return ok;
 }
 
+std::vector<platform::OutboxEntry> SqliteOutboxStore::peek(const std::string& directory) {
+    std::vector<platform::OutboxEntry> out;
+    const std::filesystem::path file = std::filesystem::path(directory) / "outbox.sqlite";
+    std::error_code ec;
+    if (!std::filesystem::is_regular_file(file, ec)) return out;
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+        sqlite3_busy_timeout(db, 2000);
+        bool ok = false;
+        sqlite3_stmt* st = nullptr;
+        if (pragmaInt(db, "PRAGMA application_id", ok) == kApplicationId && ok &&
+            sqlite3_prepare_v2(db,
+                               "SELECT id, kind, records FROM entries"
+                               " WHERE typeof(id) = 'integer' AND id > 0 ORDER BY id",
+                               -1, &st, nullptr) == SQLITE_OK) {
+            while (sqlite3_step(st) == SQLITE_ROW) {
+                platform::OutboxEntry e;
+                e.id = sqlite3_column_int64(st, 0);
+                e.kind = sqlite3_column_int(st, 1) == 1 ? platform::OutboxKind::trip
+                                                        : platform::OutboxKind::motion;
+                e.records = sqlite3_column_int64(st, 2);
+                out.push_back(std::move(e));
+            }
+        }
+        sqlite3_finalize(st);
+    }
+    sqlite3_close_v2(db);
+    return out;
+}
+
 std::vector<platform::OutboxEntry> SqliteOutboxStore::load() {
     std::vector<platform::OutboxEntry> out;
     sqlite3* db = impl_->db;
