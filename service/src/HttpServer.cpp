@@ -16,7 +16,7 @@
 #include <thread>
 #include <unordered_map>
 
-#include "Gzip.h"
+#include "net/Gzip.h"
 
 namespace kestrelvue::service {
 namespace {
@@ -283,15 +283,15 @@ void HttpServer::Impl::answer(Exchange& ex) const {
         }
         ex.gzip = true;
         std::string plain;
-        switch (gunzip(req.body, limits.maxBodyBytes, plain)) {
-            case Inflated::TooLarge:
+        switch (detail::gunzip(req.body, limits.maxBodyBytes, plain)) {
+            case detail::Inflated::TooLarge:
                 ex.reply = refusal(413, "request body inflates past " +
                                             std::to_string(limits.maxBodyBytes) + " bytes");
                 return;
-            case Inflated::Damaged:
+            case detail::Inflated::Damaged:
                 ex.reply = refusal(400, "damaged gzip body");
                 return;
-            case Inflated::Whole:
+            case detail::Inflated::Whole:
                 ex.inflated = plain.size();
                 req.body = std::move(plain);
         }
