@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <fstream>
 #include <mutex>
 #include <optional>
 #include <string_view>
@@ -94,77 +95,27 @@ std::string utcToLocalPattern(const std::string& utc) {
     return out;
 }
 
-/// The members of one JSON object written in turn; the caller names them in the order of their
-/// names, the order in which an Object is written, and numbers are written as json::writeTo
-/// writes them.
-class ObjectWriter {
-public:
-    explicit ObjectWriter(std::string& out) : out_(out) {}
-    ObjectWriter& text(std::string_view name, std::string_view value) {
-        json::escapeTo(key(name), value);
-        return *this;
-    }
-    ObjectWriter& integer(std::string_view name, std::int64_t value) {
-        char buffer[24];
-        key(name).append(buffer, std::to_chars(buffer, buffer + sizeof buffer, value).ptr);
-        return *this;
-    }
-    ObjectWriter& number(std::string_view name, double value) {
-        finite_ = finite_ && std::isfinite(value);
-        char buffer[32];
-        key(name).append(buffer, std::to_chars(buffer, buffer + sizeof buffer, value).ptr);
-        return *this;
-    }
-    /// False when a number was not finite, which JSON cannot carry.
-    bool close() {
-        out_ += open_ ? "}" : "{}";
-        return finite_;
-    }
-
-private:
-    std::string& key(std::string_view name) {  // names here need no escaping
-        out_ += open_ ? ',' : '{';
-        open_ = true;
-        return out_.append(1, '"').append(name).append("\":");
-    }
-    std::string& out_;
-    bool open_ = false, finite_ = true;
-};
-
-/// One trip of the history reply, written straight from its row: a user's history runs to
-/// thousands of trips, and a Value of each cost more than the query.
-bool writeTrip(std::string& out, const DrivingRow& d) {
-    // The kinds in the order of their names: braking, cornering, elevating, lane changing,
-    // speeding.
-    static constexpr int kByName[5] = {2, 0, 3, 4, 1};
-    static const auto names = [] {
-        std::array<std::string, 10> n;
-        for (std::size_t i = 0; i < 5; ++i) {
-            n[2 * i] = std::string("Sharp") + kKinds[kByName[i]] + "Count";
-            n[2 * i + 1] = std::string("Sharp") + kKinds[kByName[i]] + "Penalty";
-        }
-        return n;
-    }();
-    ObjectWriter trip(out);
-    trip.text("DrivingGuid", d.guid)
-        .text("EndDateTime", utcToLocalPattern(d.endDateTime))
-        .text("EndLocation", d.endLocation)
-        .number("EndLocationLatitude", d.endLat)
-        .number("EndLocationLongitude", d.endLong)
-        .number("FuelEfficiencyPenalty", d.fuelPenalty)
-        .number("Score", d.score);
+/// One trip of the history reply.
+Object tripOf(const DrivingRow& d) {
+    Object trip{{"DrivingGuid", d.guid},
+                {"EndDateTime", utcToLocalPattern(d.endDateTime)},
+                {"EndLocation", d.endLocation},
+                {"EndLocationLatitude", d.endLat},
+                {"EndLocationLongitude", d.endLong},
+                {"FuelEfficiencyPenalty", d.fuelPenalty},
+                {"Score", d.score},
+                {"StartDateTime", utcToLocalPattern(d.startDateTime)},
+                {"StartLocation", d.startLocation},
+                {"StartLocationLatitude", d.startLat},
+                {"StartLocationLongitude", d.startLong},
+                {"TimeElapsed", d.timeElapsed},
+                {"TotalDistance", d.totalDistance},
+                {"UserId", d.userID}};
     for (std::size_t i = 0; i < 5; ++i) {
-        trip.integer(names[2 * i], d.counts[kByName[i]])
-            .number(names[2 * i + 1], d.penalties[kByName[i]]);
+        trip.emplace(std::string("Sharp") + kKinds[i] + "Count", d.counts[i]);
+        trip.emplace(std::string("Sharp") + kKinds[i] + "Penalty", d.penalties[i]);
     }
-    trip.text("StartDateTime", utcToLocalPattern(d.startDateTime))
-        .text("StartLocation", d.startLocation)
-        .number("StartLocationLatitude", d.startLat)
-        .number("StartLocationLongitude", d.startLong)
-        .text("TimeElapsed", d.timeElapsed)
-        .number("TotalDistance", d.totalDistance)
-        .integer("UserId", d.userID);
-    return trip.close();
+    return trip;
 }
 
 /// Logins refused for a while once a mobile number or a client address has failed too often, so
@@ -357,18 +308,9 @@ Reply ReferenceService::Impl::getDriving(const Request& req) {
     Reply refused;
     auto user = userOf(req, refused);
     if (!user) return refused;
-    const auto trips = storage->drivings(*user);
-    std::string body;
-    body.reserve(trips.size() * 768);
-    body += '[';
-    bool finite = true;
-    for (const DrivingRow& d : trips) {
-        if (body.size() > 1) body += ',';
-        finite = writeTrip(body, d) && finite;
-    }
-    body += ']';
-    if (!finite) return text(500, "non-finite number in reply");
-    return jsonReply(std::move(body));
+    List trips;
+    for (const DrivingRow& d : storage->drivings(*user)) trips.emplace_back(tripOf(d));
+    return jsonReply(trips);
 }
 
 Reply ReferenceService::Impl::getDrivingSummary(const Request& req) {
@@ -462,19 +404,14 @@ Reply ReferenceService::Impl::healthz(const Request&) {
 }
 
 bool ReferenceService::Impl::loadBands() {
-    std::string text;
-    if (options.bandsFile.empty()) {
-        text = std::string(shippedBands());
-    } else {
-        std::FILE* f = std::fopen(options.bandsFile.c_str(), "rb");
-        if (!f) {
+    std::string text(shippedBands());
+    if (!options.bandsFile.empty()) {
+        std::ifstream file(options.bandsFile, std::ios::binary);
+        if (!file) {
             error = "cannot read bands file " + options.bandsFile;
             return false;
         }
-        char buffer[8192];
-        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, f)) > 0;)
-            text.append(buffer, n);
-        std::fclose(f);
+        text.assign(std::istreambuf_iterator<char>(file), {});
     }
     auto parsed = parseBands(text);
     if (!parsed) {

@@ -4,8 +4,6 @@
 
 #include <charconv>
 #include <cmath>
-#include <memory>
-#include <mutex>
 #include <set>
 
 #include "core/Json.h"
@@ -73,51 +71,18 @@ Parsed<Value> objectBody(std::string_view body) {
 
 }  // namespace
 
-namespace {
-
-/// simdjson parsers lent for one bulk each: a parser takes some 14 bytes per byte of text, and a
-/// fresh one's memory cost more in page faults than the parse. Four are kept, as many as a few
-/// busy clients use at once (one per server thread would keep hundreds of megabytes), and only
-/// those of bodies up to 1 MiB.
-class Parsers {
-public:
-    static std::unique_ptr<simdjson::dom::parser> take() {
-        std::lock_guard lock(mutex());
-        auto& idle = pool();
-        if (idle.empty()) return std::make_unique<simdjson::dom::parser>();
-        auto parser = std::move(idle.back());
-        idle.pop_back();
-        return parser;
-    }
-    static void give(std::unique_ptr<simdjson::dom::parser> parser) {
-        if (parser->capacity() > std::size_t{1} << 20) return;
-        std::lock_guard lock(mutex());
-        if (pool().size() < 4) pool().push_back(std::move(parser));
-    }
-
-private:
-    // Never destroyed: a server thread may still give one back while the process exits.
-    static std::mutex& mutex() {
-        static auto* m = new std::mutex;
-        return *m;
-    }
-    static std::vector<std::unique_ptr<simdjson::dom::parser>>& pool() {
-        static auto* p = new std::vector<std::unique_ptr<simdjson::dom::parser>>;
-        return *p;
-    }
-};
-
-}  // namespace
-
 // Read with simdjson straight, not through the general reader: a bulk's motion text is some 300
-// KB, which the general reader would copy into a Value with a parser of its own each time.
+// KB, which the general reader would copy into a Value with a parser of its own each time. Each
+// thread keeps its parser (a parser takes some 14 bytes per byte of text, and a fresh one's memory
+// cost more in page faults than the parse), but lets go of one grown past 1 MiB.
 Parsed<MotionBulk> parseMotionBulk(std::string_view body) {
     using Result = Parsed<MotionBulk>;
-    struct Lent {
-        std::unique_ptr<simdjson::dom::parser> parser = Parsers::take();
-        ~Lent() { Parsers::give(std::move(parser)); }
-    } lent;
-    simdjson::dom::parser& parser = *lent.parser;
+    thread_local simdjson::dom::parser parser;
+    struct Shrink {
+        ~Shrink() {
+            if (parser.capacity() > std::size_t{1} << 20) parser = simdjson::dom::parser();
+        }
+    } shrink;
     simdjson::dom::element root;
     if (auto error = parser.parse(body.data(), body.size()).get(root))
         return Result::refuse(std::string("malformed JSON: ") + simdjson::error_message(error));

@@ -118,19 +118,13 @@ std::int64_t pragma(sqlite3* db, const char* name) {
 
 /// The record time kept as its seventeen digits (20261116140509250) as its text again.
 RecordTime recordTimeOf(std::int64_t digits) {
-    char text[32];
-    const auto part = [&](int width) {
-        std::int64_t p = 1;
-        for (int i = 0; i < width; ++i) p *= 10;
-        const std::int64_t v = digits % p;
-        digits /= p;
-        return static_cast<int>(v);
-    };
-    const int ms = part(3), s = part(2), mi = part(2), h = part(2), d = part(2), mo = part(2);
-    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d:%03d",
-                  static_cast<int>(digits % 10000), mo, d, h, mi, s, ms);
+    char text[24];
+    std::snprintf(text, sizeof text, "%017lld",
+                  static_cast<long long>(digits % 100000000000000000));
+    constexpr std::string_view pattern = "dddd-dd-dd dd:dd:dd:ddd";
     RecordTime out{};
-    std::copy(text, text + out.size(), out.begin());
+    for (std::size_t i = 0, d = 0; i < out.size(); ++i)
+        out[i] = pattern[i] == 'd' ? text[d++] : pattern[i];
     return out;
 }
 

@@ -77,10 +77,4 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
-/// The `serve` command line: `[--db FILE] [--host ADDRESS] [--port N] [--bands FILE] [--quiet]`
-/// serves until SIGINT or SIGTERM (SIGHUP reloads the bands file), and `token MOBILE [--db FILE]`
-/// issues a login token. argv[0] is the command's name. Returns the exit code: 0, 1 when the
-/// service cannot start, 2 for a bad command line.
-int runServeCommand(int argc, char** argv);
-
 }  // namespace kestrelvue::service
