@@ -19,15 +19,17 @@
 #include "Requests.h"
 #include "Storage.h"
 #include "core/Json.h"
+#include "records/EventKinds.h"
 
 namespace kestrelvue::service {
 namespace {
 
+using detail::kEventKinds;
+using detail::namesOf;
 using platform::TimePoint;
 
 constexpr const char* kJson = "application/json; charset=utf-8";
 constexpr const char* kText = "text/plain; charset=utf-8";
-constexpr const char* kKinds[5] = {"Cornering", "Speeding", "Braking", "Elevating", "LaneChanging"};
 
 Reply text(int status, std::string body) {
     return Reply{status, kText, std::move(body), {}};
@@ -111,9 +113,10 @@ Object tripOf(const DrivingRow& d) {
                 {"TimeElapsed", d.timeElapsed},
                 {"TotalDistance", d.totalDistance},
                 {"UserId", d.userID}};
-    for (std::size_t i = 0; i < 5; ++i) {
-        trip.emplace(std::string("Sharp") + kKinds[i] + "Count", d.counts[i]);
-        trip.emplace(std::string("Sharp") + kKinds[i] + "Penalty", d.penalties[i]);
+    for (const auto kind : kEventKinds) {
+        const std::string stem = "Sharp" + std::string(namesOf(kind).wire);
+        trip.emplace(stem + "Count", d.counts[static_cast<std::size_t>(kind)]);
+        trip.emplace(stem + "Penalty", d.penalties[static_cast<std::size_t>(kind)]);
     }
     return trip;
 }
@@ -288,9 +291,11 @@ Reply ReferenceService::Impl::getPassedCoordinates(const Request& req) {
                          {"Longitude", p.longitude},
                          {"HasFault", p.hasFault()},
                          {"FuelEfficiencyPenaltyPerKM", p.fuelPerKM}};
-            for (int i = 0; i < 5; ++i) {
-                point.emplace(std::string(kKinds[i]) + "Penalty", p.penalty[i]);
-                point.emplace(std::string(kKinds[i]) + "PenaltyPerKM", p.penaltyPerKM[i]);
+            for (const auto kind : kEventKinds) {
+                const std::string stem(namesOf(kind).wire);
+                point.emplace(stem + "Penalty", p.penalty[static_cast<std::size_t>(kind)]);
+                point.emplace(stem + "PenaltyPerKM",
+                              p.penaltyPerKM[static_cast<std::size_t>(kind)]);
             }
             list.push_back(std::move(point));
         }

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "core/Json.h"
+#include "records/EventKinds.h"
 
 namespace kestrelvue::service {
 namespace {
@@ -136,13 +137,13 @@ Parsed<DrivingRow> parseDrivingScore(std::string_view body) {
     d.endLat = m.bounded("endLocationLatitude", 90);
     d.endLong = m.bounded("endLocationLongitude", 180);
     d.score = m.bounded("Score", kMaxScore);
-    static constexpr const char* kinds[5] = {"Cornering", "Speeding", "Braking", "Elevating",
-                                             "LaneChanging"};
-    for (int i = 0; i < 5; ++i) {
-        const std::string count = std::string("sharp") + kinds[i] + "Count";
-        d.counts[i] = m.integer(count);
-        if (d.counts[i] < 0 || d.counts[i] > kMaxPenalty) m.fail(count, "beyond any real trip");
-        d.penalties[i] = m.bounded(std::string("sharp") + kinds[i] + "Penalty", kMaxPenalty);
+    for (const auto kind : detail::kEventKinds) {
+        const auto i = static_cast<std::size_t>(kind);
+        const std::string stem = "sharp" + std::string(detail::namesOf(kind).wire);
+        d.counts[i] = m.integer(stem + "Count");
+        if (d.counts[i] < 0 || d.counts[i] > kMaxPenalty)
+            m.fail(stem + "Count", "beyond any real trip");
+        d.penalties[i] = m.bounded(stem + "Penalty", kMaxPenalty);
     }
     d.fuelPenalty = m.bounded("fuelEfficiencyPenalty", kMaxPenalty);
     d.totalDistance = m.bounded("totalDistance", kMaxDistanceMetres);
@@ -200,9 +201,12 @@ Parsed<Value> parseBands(std::string_view text) {
     if (!list) return Parsed<Value>::refuse("expected a list of bands");
     // The library's names: six lists of bands, each of which a reply must fill (a kind without
     // bands is never charged), and six settings.
-    static const std::set<std::string, std::less<>> kLevels = {
-        "SharpCorneringLevel", "SharpSpeedingLevel",     "SharpBrakingLevel",
-        "SharpElevatingLevel", "SharpLaneChangingLevel", "FuelEfficiency"};
+    static const auto kLevels = [] {
+        std::set<std::string, std::less<>> levels = {"FuelEfficiency"};
+        for (const auto kind : detail::kEventKinds)
+            levels.insert("Sharp" + std::string(detail::namesOf(kind).wire) + "Level");
+        return levels;
+    }();
     static const std::set<std::string, std::less<>> kSettings = {"UpdateInterval",
                                                                  "DistanceFilter",
                                                                  "SharpLaneChangingDuration1",
