@@ -211,45 +211,41 @@ std::optional<std::string_view> match(std::string_view route, bool takesTail,
     return path.substr(1);
 }
 
-/// The user identifier at the end of a path; 400 when it is not an integer.
-std::optional<std::int64_t> userOf(const Request& req, Reply& refusal) {
-    auto id = parsePathInteger(req.tail);
-    if (!id) refusal = text(400, "the path must end in an integer user identifier");
-    return id;
-}
-
 }  // namespace
 
 // A known path with another method is 405 (with Allow), an unknown one 404.
 Reply ReferenceService::Impl::route(Request& req) {
+    enum class Tail { none, text, user };  // what follows the path after "/"
     struct Route {
         const char* method;
         std::string_view path;
-        bool takesTail;  // the path goes on with "/" and an argument
+        Tail tail;
         Reply (Impl::*handle)(const Request&);
     };
 
     using I = Impl;
     static constexpr Route kRoutes[] = {
-        {"GET", "/api/Driving/getThresholds", false, &I::getThresholds},
-        {"POST", "/api/Driving/addMotionData", false, &I::addMotionData},
-        {"POST", "/api/Driving/addDrivingScore", false, &I::addDrivingScore},
-        {"GET", "/api/Driving/getPassedCoordinates", true, &I::getPassedCoordinates},
-        {"GET", "/api/Driving/getDriving", true, &I::getDriving},
-        {"GET", "/api/Driving/getDrivingSummary", true, &I::getDrivingSummary},
-        {"GET", "/api/General/getWeatherDataByLatLon", true, &I::getWeather},
-        {"POST", "/api/User/LoginWithToken", false, &I::loginWithToken},
-        {"POST", "/api/User/AddUser", false, &I::addUser},
-        {"POST", "/api/General/AddFriend", false, &I::addFriend},
-        {"GET", "/api/General/getLeaderShip", true, &I::getLeaderShip},
-        {"GET", "/healthz", false, &I::healthz},
+        {"GET", "/api/Driving/getThresholds", Tail::none, &I::getThresholds},
+        {"POST", "/api/Driving/addMotionData", Tail::none, &I::addMotionData},
+        {"POST", "/api/Driving/addDrivingScore", Tail::none, &I::addDrivingScore},
+        {"GET", "/api/Driving/getPassedCoordinates", Tail::text, &I::getPassedCoordinates},
+        {"GET", "/api/Driving/getDriving", Tail::user, &I::getDriving},
+        {"GET", "/api/Driving/getDrivingSummary", Tail::user, &I::getDrivingSummary},
+        {"GET", "/api/General/getWeatherDataByLatLon", Tail::user, &I::getWeather},
+        {"POST", "/api/User/LoginWithToken", Tail::none, &I::loginWithToken},
+        {"POST", "/api/User/AddUser", Tail::none, &I::addUser},
+        {"POST", "/api/General/AddFriend", Tail::none, &I::addFriend},
+        {"GET", "/api/General/getLeaderShip", Tail::user, &I::getLeaderShip},
+        {"GET", "/healthz", Tail::none, &I::healthz},
     };
     std::string allowed;
     for (const Route& r : kRoutes) {
-        auto tail = match(r.path, r.takesTail, req.path);
+        auto tail = match(r.path, r.tail != Tail::none, req.path);
         if (!tail) continue;
         if (req.method == r.method) {
             req.tail = std::string(*tail);
+            if (r.tail == Tail::user && !parsePathInteger(req.tail))
+                return text(400, "the path must end in an integer user identifier");
             return (this->*r.handle)(req);
         }
         allowed += allowed.empty() ? r.method : std::string(", ") + r.method;
@@ -310,19 +306,14 @@ Reply ReferenceService::Impl::getPassedCoordinates(const Request& req) {
 }
 
 Reply ReferenceService::Impl::getDriving(const Request& req) {
-    Reply refused;
-    auto user = userOf(req, refused);
-    if (!user) return refused;
     List trips;
-    for (const DrivingRow& d : storage->drivings(*user)) trips.emplace_back(tripOf(d));
+    for (const DrivingRow& d : storage->drivings(*parsePathInteger(req.tail)))
+        trips.emplace_back(tripOf(d));
     return jsonReply(trips);
 }
 
 Reply ReferenceService::Impl::getDrivingSummary(const Request& req) {
-    Reply refused;
-    auto user = userOf(req, refused);
-    if (!user) return refused;
-    const SummaryRow trips = storage->summary(*user);
+    const SummaryRow trips = storage->summary(*parsePathInteger(req.tail));
     // Metres, as in the history.
     Object summary{{"NumberOfTrips", trips.trips},
                    {"TotalDistance", trips.metres},
@@ -331,8 +322,6 @@ Reply ReferenceService::Impl::getDrivingSummary(const Request& req) {
 }
 
 Reply ReferenceService::Impl::getWeather(const Request& req) {
-    Reply refused;
-    if (!userOf(req, refused)) return refused;
     const double lat = parseField(req.param("latitude"));
     const double lon = parseField(req.param("longitude"));
     if (std::fabs(lat) > 90 || std::fabs(lon) > 180)
@@ -377,14 +366,11 @@ Reply ReferenceService::Impl::addFriend(const Request& req) {
 }
 
 Reply ReferenceService::Impl::getLeaderShip(const Request& req) {
-    Reply refused;
-    auto id = userOf(req, refused);
-    if (!id) return refused;
     const std::string rankType = req.param("RankType");
     const auto scope =
         rankType.empty() ? std::optional<std::int64_t>(0) : parsePathInteger(rankType);
     if (!scope || *scope < 0 || *scope > 3) return text(400, "RankType must be 0, 1, 2 or 3");
-    auto me = storage->user(*id);
+    auto me = storage->user(*parsePathInteger(req.tail));
     if (!me) return text(404, "Kullanıcı bulunamadı");
     auto rows = storage->leaders(*me, static_cast<int>(*scope));
     List list;

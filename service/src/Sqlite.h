@@ -41,10 +41,7 @@ public:
         return p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c)))
                  : std::string_view();
     }
-    std::string text(int c) {
-        auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, c));
-        return p ? std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c))) : "";
-    }
+    std::string text(int c) { return std::string(view(c)); }
 
 private:
     sqlite3_stmt* stmt_ = nullptr;
