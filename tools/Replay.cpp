@@ -225,12 +225,10 @@ private:
         const auto at = recordMillis(p.recordTimeText());
         if (!at) return;
         const double t = static_cast<double>(*at - startMillis_) / 1000.0;
-        // The records' kinds run cornering, speeding, braking, elevating, lane changing.
-        constexpr Kind kinds[5] = {Kind::cornering, Kind::acceleration, Kind::braking,
-                                   Kind::elevating, Kind::laneChange};
-        for (int i = 0; i < 5; ++i)
+        for (std::size_t i = 0; i < detail::kEventKindCount; ++i)
             if (p.penalty[i] > 0 || p.penaltyPerKM[i] > 0)
-                detections_.push_back({t, kinds[i], 0.0, p.penalty[i] + p.penaltyPerKM[i]});
+                detections_.push_back(
+                    {t, static_cast<Kind>(i), 0.0, p.penalty[i] + p.penaltyPerKM[i]});
         if (p.fuelPerKM > 0) detections_.push_back({t, Kind::fuel, 0.0, p.fuelPerKM});
     }
     void done() {

@@ -71,10 +71,24 @@ struct Colour {
     const char* fill;
     const char* label;
 };
-// One colour per kind, in kKinds order, told apart also by people with red-green blindness.
-constexpr Colour kColours[kKindCount] = {{"#d62728", "braking"},     {"#ff7f0e", "acceleration"},
-                                         {"#9467bd", "cornering"},   {"#8c564b", "elevating"},
-                                         {"#1f77b4", "lane change"}, {"#2ca02c", "fuel"}};
+// One colour per kind, told apart also by people with red-green blindness.
+Colour colourOf(Kind kind) {
+    switch (kind) {
+        case Kind::braking:
+            return {"#d62728", "braking"};
+        case Kind::acceleration:
+            return {"#ff7f0e", "acceleration"};
+        case Kind::cornering:
+            return {"#9467bd", "cornering"};
+        case Kind::elevating:
+            return {"#8c564b", "elevating"};
+        case Kind::laneChange:
+            return {"#1f77b4", "lane change"};
+        case Kind::fuel:
+            return {"#2ca02c", "fuel"};
+    }
+    return {"#000000", "?"};
+}
 
 std::string escapeXml(const std::string& text) {
     std::string out;
@@ -107,8 +121,8 @@ double bytesPerHour(const ReplayResult& r) {
 }  // namespace
 
 std::vector<KindLine> kindLines(const ReplayResult& result) {
-    std::vector<KindLine> lines;
-    for (Kind k : kKinds) lines.push_back({k});
+    std::vector<KindLine> lines(kKindCount);  // by kind, then in the order shown
+    for (int k = 0; k < kKindCount; ++k) lines[k].kind = static_cast<Kind>(k);
     if (result.trip) {
         const Trip& t = *result.trip;
         auto set = [&](Kind k, std::int64_t samples, double penalty, double perKM) {
@@ -128,7 +142,10 @@ std::vector<KindLine> kindLines(const ReplayResult& result) {
     for (const Detection& d : result.detections)
         if (d.kind == Kind::fuel) ++lines[static_cast<int>(Kind::fuel)].samples;
     for (const Event& e : result.events) ++lines[static_cast<int>(e.kind)].events;
-    return lines;
+    std::vector<KindLine> shown;
+    shown.reserve(lines.size());
+    for (Kind k : kKinds) shown.push_back(lines[static_cast<int>(k)]);
+    return shown;
 }
 
 namespace {
@@ -372,13 +389,13 @@ void writeMapSvg(std::ostream& out, const ReplayResult& result, const Trip::Rout
         std::snprintf(text, sizeof text,
                       "<circle class=\"fault %s\" cx=\"%.1f\" cy=\"%.1f\" r=\"6\" fill=\"%s\" "
                       "fill-opacity=\"0.85\" stroke=\"#fff\">",
-                      kindName(e.kind), x(e.where), y(e.where), kColours[k].fill);
+                      kindName(e.kind), x(e.where), y(e.where), colourOf(e.kind).fill);
         out << text;
         // The tooltip a browser shows on the marker.
         std::snprintf(text, sizeof text,
                       "<title>%s at %s (%s into the drive), %.1f s, peak %.2f %s, penalty "
                       "%.2f</title></circle>\n",
-                      kColours[k].label, clockText(result, e.start).c_str(),
+                      colourOf(e.kind).label, clockText(result, e.start).c_str(),
                       offsetText(e.start).c_str(), e.duration, e.peak, unitOf(e.kind), e.penalty);
         out << text;
     }
@@ -408,11 +425,13 @@ void writeMapSvg(std::ostream& out, const ReplayResult& result, const Trip::Rout
                   "<text x=\"24\" y=\"34\" font-weight=\"bold\">Score %.1f, %.1f km</text>\n",
                   trip.Score, trip.TotalDistance / 1000.0);
     out << text;
-    for (int k = 0; k < kKindCount; ++k) {
+    for (int i = 0; i < kKindCount; ++i) {
+        const Colour colour = colourOf(kKinds[i]);
         std::snprintf(text, sizeof text,
                       "<circle cx=\"30\" cy=\"%d\" r=\"6\" fill=\"%s\"/><text x=\"44\" "
                       "y=\"%d\">%s: %d</text>\n",
-                      54 + 20 * k, kColours[k].fill, 58 + 20 * k, kColours[k].label, counts[k]);
+                      54 + 20 * i, colour.fill, 58 + 20 * i, colour.label,
+                      counts[static_cast<int>(kKinds[i])]);
         out << text;
     }
     out << "</g>\n";

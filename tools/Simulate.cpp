@@ -18,8 +18,6 @@ constexpr double kStep = 0.01;  // the model's own step: every file rate samples
 constexpr double kMetresPerDegree = 111'320.0;
 constexpr const char* kTruthHeader = "kestrelvue-truth 1";
 
-const char* const kKindNames[kKindCount] = {"braking",   "acceleration", "cornering",
-                                            "elevating", "lane-change",  "fuel"};
 const char* const kManoeuvreNames[] = {"brake", "accelerate", "corner-left", "corner-right",
                                        "bump",  "lane-left",  "lane-right",  "fuel",
                                        "stop",  "pull-away",  "turn-left",   "turn-right"};
@@ -140,7 +138,9 @@ enum class Mode { cruise, stopping, waiting, pulling, slowing, turning, injectin
 }  // namespace
 
 const char* kindName(Kind kind) {
-    return kKindNames[static_cast<int>(kind)];
+    // The table's texts are literals, so their data ends in a NUL.
+    if (kind == Kind::fuel) return "fuel";
+    return detail::namesOf(static_cast<detail::EventKind>(kind)).tool.data();
 }
 
 std::optional<Kind> kindNamed(const std::string& name) {

@@ -11,12 +11,21 @@
 #include <vector>
 
 #include "Drive.h"
+#include "records/EventKinds.h"
 
 namespace kestrelvue::tools {
 
-/// The kinds of risky driving the engine reports.
-enum class Kind : int { braking, acceleration, cornering, elevating, laneChange, fuel };
-inline constexpr int kKindCount = 6;
+/// The kinds of risky driving the engine reports: its counted kinds, in their order, then fuel.
+enum class Kind : int {
+    cornering = static_cast<int>(detail::EventKind::cornering),
+    acceleration = static_cast<int>(detail::EventKind::speeding),
+    braking = static_cast<int>(detail::EventKind::braking),
+    elevating = static_cast<int>(detail::EventKind::elevating),
+    laneChange = static_cast<int>(detail::EventKind::laneChanging),
+    fuel = static_cast<int>(detail::kEventKindCount),
+};
+inline constexpr int kKindCount = static_cast<int>(Kind::fuel) + 1;
+/// The order the tool shows them in.
 inline constexpr Kind kKinds[kKindCount] = {Kind::braking,   Kind::acceleration, Kind::cornering,
                                             Kind::elevating, Kind::laneChange,   Kind::fuel};
 /// "braking", "acceleration", "cornering", "elevating", "lane-change", "fuel".

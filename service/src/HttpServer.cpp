@@ -10,13 +10,12 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <deque>
 #include <mutex>
 #include <optional>
 #include <thread>
 #include <unordered_map>
 
-#include "Gzip.h"
+#include "net/Gzip.h"
 
 namespace kestrelvue::service {
 namespace {
@@ -47,50 +46,6 @@ std::string addressText(const sockaddr* address) {
                   sizeof text);
     return text;
 }
-
-/// Workers that answer requests in turn, off the event loop.
-class Workers {
-public:
-    explicit Workers(std::size_t count) {
-        for (std::size_t i = 0; i < std::max<std::size_t>(count, 1); ++i)
-            threads_.emplace_back([this] { work(); });
-    }
-    ~Workers() {
-        {
-            std::lock_guard lock(mutex_);
-            done_ = true;
-        }
-        wake_.notify_all();
-        for (auto& t : threads_) t.join();
-    }
-    void post(std::function<void()> job) {
-        {
-            std::lock_guard lock(mutex_);
-            jobs_.push_back(std::move(job));
-        }
-        wake_.notify_one();
-    }
-
-private:
-    void work() {
-        for (;;) {
-            std::function<void()> job;
-            {
-                std::unique_lock lock(mutex_);
-                wake_.wait(lock, [this] { return done_ || !jobs_.empty(); });
-                if (jobs_.empty()) return;
-                job = std::move(jobs_.front());
-                jobs_.pop_front();
-            }
-            job();
-        }
-    }
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    std::deque<std::function<void()>> jobs_;
-    bool done_ = false;
-    std::vector<std::thread> threads_;
-};
 
 /// Every connection's deadline for the request it is receiving or the reply it is sending,
 /// however slowly its bytes trickle: the server's own time-out only counts silence. A connection
@@ -163,8 +118,7 @@ std::string Request::header(std::string_view name) const {
     return {};
 }
 
-/// One request from its first line to its reply's last byte. The loop thread owns it, except
-/// while a worker answers it (its connection is suspended then).
+/// One request from its first line to its reply's last byte, owned by its connection's thread.
 struct Exchange {
     MHD_Connection* connection = nullptr;
     Steady::time_point started = Steady::now();
@@ -182,13 +136,8 @@ struct HttpServer::Impl {
     AccessLog log;
     Handler handler;
     MHD_Daemon* daemon = nullptr;
-    std::optional<Workers> workers;
     std::optional<Deadlines> deadlines;
     int port = 0;
-    std::mutex jobsMutex;
-    std::condition_variable jobsDone;
-    std::size_t jobs = 0;  // connections suspended for a worker
-    bool stopping = false;
 
     std::optional<Reply> checkHead(MHD_Connection* connection, const char* version,
                                    Exchange& ex) const;
@@ -271,7 +220,7 @@ std::optional<Reply> HttpServer::Impl::checkHead(MHD_Connection* connection, con
     return std::nullopt;
 }
 
-/// On a worker: inflates the body when it came compressed, then asks the handler.
+/// Inflates the body when it came compressed, then asks the handler.
 void HttpServer::Impl::answer(Exchange& ex) const {
     Request& req = ex.request;
     const std::string encoding = req.header("Content-Encoding");
@@ -283,15 +232,15 @@ void HttpServer::Impl::answer(Exchange& ex) const {
         }
         ex.gzip = true;
         std::string plain;
-        switch (gunzip(req.body, limits.maxBodyBytes, plain)) {
-            case Inflated::TooLarge:
+        switch (detail::gunzip(req.body, limits.maxBodyBytes, plain)) {
+            case detail::Inflated::TooLarge:
                 ex.reply = refusal(413, "request body inflates past " +
                                             std::to_string(limits.maxBodyBytes) + " bytes");
                 return;
-            case Inflated::Damaged:
+            case detail::Inflated::Damaged:
                 ex.reply = refusal(400, "damaged gzip body");
                 return;
-            case Inflated::Whole:
+            case detail::Inflated::Whole:
                 ex.inflated = plain.size();
                 req.body = std::move(plain);
         }
@@ -344,34 +293,17 @@ MHD_Result HttpServer::Impl::onRequest(void* cls, MHD_Connection* connection, co
         *size = 0;
         return MHD_YES;
     }
-    if (ex.answered) return queue(connection, ex, false);
     if (ex.tooLarge) {
         ex.reply = refusal(
             413, "request body larger than " + std::to_string(self.limits.maxBodyBytes) + " bytes");
         ex.answered = true;
         return queue(connection, ex, true);
     }
-    {
-        std::lock_guard lock(self.jobsMutex);
-        if (self.stopping) {
-            ex.reply = refusal(503, "the service is stopping");
-            ex.answered = true;
-            return queue(connection, ex, true);
-        }
-        ++self.jobs;
-    }
-    MHD_suspend_connection(connection);
-    self.deadlines->restart(connection, true);
-    self.workers->post([&self, &ex] {
-        self.answer(ex);
-        ex.answered = true;
-        self.deadlines->restart(ex.connection, false);  // for sending the reply
-        // From here the loop owns the exchange again.
-        MHD_resume_connection(ex.connection);
-        std::lock_guard lock(self.jobsMutex);
-        if (--self.jobs == 0) self.jobsDone.notify_all();
-    });
-    return MHD_YES;
+    self.deadlines->restart(connection, true);  // the handler's time is not the client's
+    self.answer(ex);
+    ex.answered = true;
+    self.deadlines->restart(connection, false);  // for sending the reply
+    return queue(connection, ex, false);
 }
 
 void HttpServer::Impl::onCompleted(void* cls, MHD_Connection* connection, void** state,
@@ -437,25 +369,23 @@ bool HttpServer::start(const std::string& host, int port, std::string& error) {
     std::memcpy(&address, found->ai_addr, std::min<std::size_t>(found->ai_addrlen, sizeof address));
     freeaddrinfo(found);
 
-    impl_->stopping = false;
-    impl_->workers.emplace(impl_->limits.workers);
     impl_->deadlines.emplace(std::chrono::seconds(impl_->limits.requestSeconds));
     // Turbo: read, write and accept before asking epoll, which a busy connection seldom needs.
-    unsigned flags =
-        MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME | MHD_USE_TURBO;
+    unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_TURBO;
     if (address.ss_family == AF_INET6) flags |= MHD_USE_IPv6;
     // The connection's memory pool holds its head and its read buffer: twice the head's bound
     // leaves room to read a body in pieces of some kilobytes.
     impl_->daemon = MHD_start_daemon(
-        flags, 0, nullptr, nullptr, &Impl::onRequest, impl_.get(), MHD_OPTION_SOCK_ADDR,
-        reinterpret_cast<sockaddr*>(&address), MHD_OPTION_CONNECTION_MEMORY_LIMIT,
-        impl_->limits.maxHeadBytes * 2, MHD_OPTION_CONNECTION_TIMEOUT, impl_->limits.idleSeconds,
-        MHD_OPTION_LISTEN_BACKLOG_SIZE, impl_->limits.backlog, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
+        flags, 0, nullptr, nullptr, &Impl::onRequest, impl_.get(), MHD_OPTION_THREAD_POOL_SIZE,
+        static_cast<unsigned>(std::max<std::size_t>(impl_->limits.workers, 1)),
+        MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address),
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, impl_->limits.maxHeadBytes * 2,
+        MHD_OPTION_CONNECTION_TIMEOUT, impl_->limits.idleSeconds, MHD_OPTION_LISTEN_BACKLOG_SIZE,
+        impl_->limits.backlog, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
         impl_->limits.connectionsPerAddress, MHD_OPTION_URI_LOG_CALLBACK, &Impl::onRequestLine,
         impl_.get(), MHD_OPTION_NOTIFY_COMPLETED, &Impl::onCompleted, impl_.get(),
         MHD_OPTION_NOTIFY_CONNECTION, &Impl::onConnection, impl_.get(), MHD_OPTION_END);
     if (!impl_->daemon) {
-        impl_->workers.reset();
         impl_->deadlines.reset();
         error = "cannot listen on " + host + ":" + service + " (is another service using it?)";
         return false;
@@ -467,15 +397,8 @@ bool HttpServer::start(const std::string& host, int port, std::string& error) {
 
 void HttpServer::stop() {
     if (!impl_->daemon) return;
-    {
-        // A suspended connection must be resumed before the daemon stops: wait for the workers.
-        std::unique_lock lock(impl_->jobsMutex);
-        impl_->stopping = true;
-        impl_->jobsDone.wait(lock, [this] { return impl_->jobs == 0; });
-    }
-    MHD_stop_daemon(impl_->daemon);
+    MHD_stop_daemon(impl_->daemon);  // after the requests being answered
     impl_->daemon = nullptr;
-    impl_->workers.reset();
     impl_->deadlines.reset();
 }
 

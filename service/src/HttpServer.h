@@ -1,7 +1,6 @@
 #pragma once
-// The service's HTTP side: libmicrohttpd's event loop reads requests, a small pool of workers
-// answers them. The loop keeps a slow or idle client from holding anything but its socket; the
-// workers keep a slow storage call from holding the loop.
+// The service's HTTP side: a few libmicrohttpd event loops read requests and answer them. A loop
+// keeps a slow or idle client from holding anything but its socket.
 
 #include <chrono>
 #include <cstddef>
@@ -49,7 +48,7 @@ struct HttpLimits {
     unsigned requestSeconds = 60;
     unsigned backlog = 256;
     unsigned connectionsPerAddress = 128;
-    std::size_t workers = 4;
+    std::size_t workers = 4;  // event loops
 };
 
 /// One line per request on standard error, or nothing.

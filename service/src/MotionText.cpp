@@ -1,11 +1,6 @@
 #include "MotionText.h"
 
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
-
 #include <algorithm>
-#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -18,24 +13,13 @@ constexpr std::size_t kFieldsPerRecord = 39;
 /// Splits a record (without its ';') into its comma-terminated fields, keeping the first
 /// kFieldsPerRecord in `fields`: the number of fields, or npos when text follows the last comma.
 std::size_t splitFields(std::string_view record, std::string_view* fields) {
-    std::size_t count = 0, start = 0, at = 0;
+    std::size_t count = 0, start = 0;
     const auto field = [&](std::size_t comma) {
         if (count < kFieldsPerRecord) fields[count] = record.substr(start, comma - start);
         ++count;
         start = comma + 1;
     };
-#if defined(__SSE2__)
-    // Sixteen bytes at a time: a record has some 300 bytes and 39 commas, and a call to find each
-    // comma cost more than looking at every byte.
-    const __m128i comma = _mm_set1_epi8(',');
-    for (; at + 16 <= record.size(); at += 16) {
-        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(record.data() + at));
-        for (auto mask = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, comma)));
-             mask != 0; mask &= mask - 1)
-            field(at + static_cast<std::size_t>(std::countr_zero(mask)));
-    }
-#endif
-    for (; at < record.size(); ++at) {
+    for (std::size_t at = 0; at < record.size(); ++at) {
         if (record[at] == ',') field(at);
     }
     return start == record.size() ? count : std::string_view::npos;
@@ -47,38 +31,9 @@ std::string_view trimmed(std::string_view field) {
     return field;
 }
 
-/// A plain decimal ("-12.345", the motion text's every number) read as from_chars reads it, only
-/// faster: with at most 15 digits the digits are an exact integer and the power of ten is exact,
-/// so the one division rounds once, correctly. Anything else is left to from_chars.
-bool readPlainDecimal(std::string_view field, double& out) {
-    static constexpr double kPowersOfTen[16] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
-                                                1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
-    const bool negative = !field.empty() && field.front() == '-';
-    if (negative) field.remove_prefix(1);
-    std::uint64_t digitsValue = 0;
-    int digits = 0, decimals = -1;  // -1: no point yet
-    for (const char c : field) {
-        if (c >= '0' && c <= '9') {
-            if (++digits > 15) return false;
-            digitsValue = digitsValue * 10 + static_cast<std::uint64_t>(c - '0');
-            if (decimals >= 0) ++decimals;
-        } else if (c == '.' && decimals < 0 && digits > 0) {
-            decimals = 0;
-        } else {
-            return false;
-        }
-    }
-    if (digits == 0 || decimals == 0) return false;
-    const double value =
-        static_cast<double>(digitsValue) / kPowersOfTen[decimals < 0 ? 0 : decimals];
-    out = negative ? -value : value;
-    return true;
-}
-
 /// Any number the library prints, "nan" and "inf" included: a sensor may give them.
 bool readNumber(std::string_view field, double& out) {
     field = trimmed(field);
-    if (readPlainDecimal(field, out)) return true;
     auto [end, ec] = std::from_chars(field.data(), field.data() + field.size(), out);
     return ec == std::errc() && end == field.data() + field.size() && !field.empty();
 }
@@ -125,47 +80,17 @@ bool readOrientation(std::string_view field, std::array<char, 2>& out) {
 }
 
 // The fields' names, 1-based as the motion text numbers them.
+// clang-format off
 constexpr const char* kFieldNames[kFieldsPerRecord] = {
-    "acceleration x",
-    "acceleration y",
-    "acceleration z",
-    "rotation x",
-    "rotation y",
-    "rotation z",
-    "pitch",
-    "roll",
-    "yaw",
-    "gravity x",
-    "gravity y",
-    "gravity z",
-    "cornering event",
-    "speeding event",
-    "elevating event",
-    "lane-changing event",
-    "latitude",
-    "longitude",
-    "given orientation",
-    "location speed km/h",
-    "location time",
-    "speed",
-    "ItemId",
-    "DateTime",
-    "cornering penalty",
-    "speeding penalty",
-    "braking penalty",
-    "elevating penalty",
-    "lane-changing penalty",
-    "cornering penalty per km",
-    "speeding penalty per km",
-    "braking penalty per km",
-    "elevating penalty per km",
-    "lane-changing penalty per km",
-    "fuel penalty per km",
-    "course",
-    "horizontal accuracy",
-    "location speed",
-    "orientation",
-};
+    "acceleration x", "acceleration y", "acceleration z", "rotation x", "rotation y", "rotation z",
+    "pitch", "roll", "yaw", "gravity x", "gravity y", "gravity z", "cornering event",
+    "speeding event", "elevating event", "lane-changing event", "latitude", "longitude",
+    "given orientation", "location speed km/h", "location time", "speed", "ItemId", "DateTime",
+    "cornering penalty", "speeding penalty", "braking penalty", "elevating penalty",
+    "lane-changing penalty", "cornering penalty per km", "speeding penalty per km",
+    "braking penalty per km", "elevating penalty per km", "lane-changing penalty per km",
+    "fuel penalty per km", "course", "horizontal accuracy", "location speed", "orientation"};
+// clang-format on
 
 /// Why field `f` (0-based) of a record cannot be read into `r`, or null when it can. Unless
 /// `checked`, any value of the field's form is read.

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <fstream>
 #include <mutex>
 #include <optional>
 #include <string_view>
@@ -18,15 +19,17 @@
 #include "Requests.h"
 #include "Storage.h"
 #include "core/Json.h"
+#include "records/EventKinds.h"
 
 namespace kestrelvue::service {
 namespace {
 
+using detail::kEventKinds;
+using detail::namesOf;
 using platform::TimePoint;
 
 constexpr const char* kJson = "application/json; charset=utf-8";
 constexpr const char* kText = "text/plain; charset=utf-8";
-constexpr const char* kKinds[5] = {"Cornering", "Speeding", "Braking", "Elevating", "LaneChanging"};
 
 Reply text(int status, std::string body) {
     return Reply{status, kText, std::move(body), {}};
@@ -94,77 +97,28 @@ std::string utcToLocalPattern(const std::string& utc) {
     return out;
 }
 
-/// The members of one JSON object written in turn; the caller names them in the order of their
-/// names, the order in which an Object is written, and numbers are written as json::writeTo
-/// writes them.
-class ObjectWriter {
-public:
-    explicit ObjectWriter(std::string& out) : out_(out) {}
-    ObjectWriter& text(std::string_view name, std::string_view value) {
-        json::escapeTo(key(name), value);
-        return *this;
+/// One trip of the history reply.
+Object tripOf(const DrivingRow& d) {
+    Object trip{{"DrivingGuid", d.guid},
+                {"EndDateTime", utcToLocalPattern(d.endDateTime)},
+                {"EndLocation", d.endLocation},
+                {"EndLocationLatitude", d.endLat},
+                {"EndLocationLongitude", d.endLong},
+                {"FuelEfficiencyPenalty", d.fuelPenalty},
+                {"Score", d.score},
+                {"StartDateTime", utcToLocalPattern(d.startDateTime)},
+                {"StartLocation", d.startLocation},
+                {"StartLocationLatitude", d.startLat},
+                {"StartLocationLongitude", d.startLong},
+                {"TimeElapsed", d.timeElapsed},
+                {"TotalDistance", d.totalDistance},
+                {"UserId", d.userID}};
+    for (const auto kind : kEventKinds) {
+        const std::string stem = "Sharp" + std::string(namesOf(kind).wire);
+        trip.emplace(stem + "Count", d.counts[static_cast<std::size_t>(kind)]);
+        trip.emplace(stem + "Penalty", d.penalties[static_cast<std::size_t>(kind)]);
     }
-    ObjectWriter& integer(std::string_view name, std::int64_t value) {
-        char buffer[24];
-        key(name).append(buffer, std::to_chars(buffer, buffer + sizeof buffer, value).ptr);
-        return *this;
-    }
-    ObjectWriter& number(std::string_view name, double value) {
-        finite_ = finite_ && std::isfinite(value);
-        char buffer[32];
-        key(name).append(buffer, std::to_chars(buffer, buffer + sizeof buffer, value).ptr);
-        return *this;
-    }
-    /// False when a number was not finite, which JSON cannot carry.
-    bool close() {
-        out_ += open_ ? "}" : "{}";
-        return finite_;
-    }
-
-private:
-    std::string& key(std::string_view name) {  // names here need no escaping
-        out_ += open_ ? ',' : '{';
-        open_ = true;
-        return out_.append(1, '"').append(name).append("\":");
-    }
-    std::string& out_;
-    bool open_ = false, finite_ = true;
-};
-
-/// One trip of the history reply, written straight from its row: a user's history runs to
-/// thousands of trips, and a Value of each cost more than the query.
-bool writeTrip(std::string& out, const DrivingRow& d) {
-    // The kinds in the order of their names: braking, cornering, elevating, lane changing,
-    // speeding.
-    static constexpr int kByName[5] = {2, 0, 3, 4, 1};
-    static const auto names = [] {
-        std::array<std::string, 10> n;
-        for (std::size_t i = 0; i < 5; ++i) {
-            n[2 * i] = std::string("Sharp") + kKinds[kByName[i]] + "Count";
-            n[2 * i + 1] = std::string("Sharp") + kKinds[kByName[i]] + "Penalty";
-        }
-        return n;
-    }();
-    ObjectWriter trip(out);
-    trip.text("DrivingGuid", d.guid)
-        .text("EndDateTime", utcToLocalPattern(d.endDateTime))
-        .text("EndLocation", d.endLocation)
-        .number("EndLocationLatitude", d.endLat)
-        .number("EndLocationLongitude", d.endLong)
-        .number("FuelEfficiencyPenalty", d.fuelPenalty)
-        .number("Score", d.score);
-    for (std::size_t i = 0; i < 5; ++i) {
-        trip.integer(names[2 * i], d.counts[kByName[i]])
-            .number(names[2 * i + 1], d.penalties[kByName[i]]);
-    }
-    trip.text("StartDateTime", utcToLocalPattern(d.startDateTime))
-        .text("StartLocation", d.startLocation)
-        .number("StartLocationLatitude", d.startLat)
-        .number("StartLocationLongitude", d.startLong)
-        .text("TimeElapsed", d.timeElapsed)
-        .number("TotalDistance", d.totalDistance)
-        .integer("UserId", d.userID);
-    return trip.close();
+    return trip;
 }
 
 /// Logins refused for a while once a mobile number or a client address has failed too often, so
@@ -257,45 +211,41 @@ std::optional<std::string_view> match(std::string_view route, bool takesTail,
     return path.substr(1);
 }
 
-/// The user identifier at the end of a path; 400 when it is not an integer.
-std::optional<std::int64_t> userOf(const Request& req, Reply& refusal) {
-    auto id = parsePathInteger(req.tail);
-    if (!id) refusal = text(400, "the path must end in an integer user identifier");
-    return id;
-}
-
 }  // namespace
 
 // A known path with another method is 405 (with Allow), an unknown one 404.
 Reply ReferenceService::Impl::route(Request& req) {
+    enum class Tail { none, text, user };  // what follows the path after "/"
     struct Route {
         const char* method;
         std::string_view path;
-        bool takesTail;  // the path goes on with "/" and an argument
+        Tail tail;
         Reply (Impl::*handle)(const Request&);
     };
 
     using I = Impl;
     static constexpr Route kRoutes[] = {
-        {"GET", "/api/Driving/getThresholds", false, &I::getThresholds},
-        {"POST", "/api/Driving/addMotionData", false, &I::addMotionData},
-        {"POST", "/api/Driving/addDrivingScore", false, &I::addDrivingScore},
-        {"GET", "/api/Driving/getPassedCoordinates", true, &I::getPassedCoordinates},
-        {"GET", "/api/Driving/getDriving", true, &I::getDriving},
-        {"GET", "/api/Driving/getDrivingSummary", true, &I::getDrivingSummary},
-        {"GET", "/api/General/getWeatherDataByLatLon", true, &I::getWeather},
-        {"POST", "/api/User/LoginWithToken", false, &I::loginWithToken},
-        {"POST", "/api/User/AddUser", false, &I::addUser},
-        {"POST", "/api/General/AddFriend", false, &I::addFriend},
-        {"GET", "/api/General/getLeaderShip", true, &I::getLeaderShip},
-        {"GET", "/healthz", false, &I::healthz},
+        {"GET", "/api/Driving/getThresholds", Tail::none, &I::getThresholds},
+        {"POST", "/api/Driving/addMotionData", Tail::none, &I::addMotionData},
+        {"POST", "/api/Driving/addDrivingScore", Tail::none, &I::addDrivingScore},
+        {"GET", "/api/Driving/getPassedCoordinates", Tail::text, &I::getPassedCoordinates},
+        {"GET", "/api/Driving/getDriving", Tail::user, &I::getDriving},
+        {"GET", "/api/Driving/getDrivingSummary", Tail::user, &I::getDrivingSummary},
+        {"GET", "/api/General/getWeatherDataByLatLon", Tail::user, &I::getWeather},
+        {"POST", "/api/User/LoginWithToken", Tail::none, &I::loginWithToken},
+        {"POST", "/api/User/AddUser", Tail::none, &I::addUser},
+        {"POST", "/api/General/AddFriend", Tail::none, &I::addFriend},
+        {"GET", "/api/General/getLeaderShip", Tail::user, &I::getLeaderShip},
+        {"GET", "/healthz", Tail::none, &I::healthz},
     };
     std::string allowed;
     for (const Route& r : kRoutes) {
-        auto tail = match(r.path, r.takesTail, req.path);
+        auto tail = match(r.path, r.tail != Tail::none, req.path);
         if (!tail) continue;
         if (req.method == r.method) {
             req.tail = std::string(*tail);
+            if (r.tail == Tail::user && !parsePathInteger(req.tail))
+                return text(400, "the path must end in an integer user identifier");
             return (this->*r.handle)(req);
         }
         allowed += allowed.empty() ? r.method : std::string(", ") + r.method;
@@ -337,9 +287,11 @@ Reply ReferenceService::Impl::getPassedCoordinates(const Request& req) {
                          {"Longitude", p.longitude},
                          {"HasFault", p.hasFault()},
                          {"FuelEfficiencyPenaltyPerKM", p.fuelPerKM}};
-            for (int i = 0; i < 5; ++i) {
-                point.emplace(std::string(kKinds[i]) + "Penalty", p.penalty[i]);
-                point.emplace(std::string(kKinds[i]) + "PenaltyPerKM", p.penaltyPerKM[i]);
+            for (const auto kind : kEventKinds) {
+                const std::string stem(namesOf(kind).wire);
+                point.emplace(stem + "Penalty", p.penalty[static_cast<std::size_t>(kind)]);
+                point.emplace(stem + "PenaltyPerKM",
+                              p.penaltyPerKM[static_cast<std::size_t>(kind)]);
             }
             list.push_back(std::move(point));
         }
@@ -354,28 +306,14 @@ Reply ReferenceService::Impl::getPassedCoordinates(const Request& req) {
 }
 
 Reply ReferenceService::Impl::getDriving(const Request& req) {
-    Reply refused;
-    auto user = userOf(req, refused);
-    if (!user) return refused;
-    const auto trips = storage->drivings(*user);
-    std::string body;
-    body.reserve(trips.size() * 768);
-    body += '[';
-    bool finite = true;
-    for (const DrivingRow& d : trips) {
-        if (body.size() > 1) body += ',';
-        finite = writeTrip(body, d) && finite;
-    }
-    body += ']';
-    if (!finite) return text(500, "non-finite number in reply");
-    return jsonReply(std::move(body));
+    List trips;
+    for (const DrivingRow& d : storage->drivings(*parsePathInteger(req.tail)))
+        trips.emplace_back(tripOf(d));
+    return jsonReply(trips);
 }
 
 Reply ReferenceService::Impl::getDrivingSummary(const Request& req) {
-    Reply refused;
-    auto user = userOf(req, refused);
-    if (!user) return refused;
-    const SummaryRow trips = storage->summary(*user);
+    const SummaryRow trips = storage->summary(*parsePathInteger(req.tail));
     // Metres, as in the history.
     Object summary{{"NumberOfTrips", trips.trips},
                    {"TotalDistance", trips.metres},
@@ -384,8 +322,6 @@ Reply ReferenceService::Impl::getDrivingSummary(const Request& req) {
 }
 
 Reply ReferenceService::Impl::getWeather(const Request& req) {
-    Reply refused;
-    if (!userOf(req, refused)) return refused;
     const double lat = parseField(req.param("latitude"));
     const double lon = parseField(req.param("longitude"));
     if (std::fabs(lat) > 90 || std::fabs(lon) > 180)
@@ -430,14 +366,11 @@ Reply ReferenceService::Impl::addFriend(const Request& req) {
 }
 
 Reply ReferenceService::Impl::getLeaderShip(const Request& req) {
-    Reply refused;
-    auto id = userOf(req, refused);
-    if (!id) return refused;
     const std::string rankType = req.param("RankType");
     const auto scope =
         rankType.empty() ? std::optional<std::int64_t>(0) : parsePathInteger(rankType);
     if (!scope || *scope < 0 || *scope > 3) return text(400, "RankType must be 0, 1, 2 or 3");
-    auto me = storage->user(*id);
+    auto me = storage->user(*parsePathInteger(req.tail));
     if (!me) return text(404, "Kullanıcı bulunamadı");
     auto rows = storage->leaders(*me, static_cast<int>(*scope));
     List list;
@@ -462,19 +395,14 @@ Reply ReferenceService::Impl::healthz(const Request&) {
 }
 
 bool ReferenceService::Impl::loadBands() {
-    std::string text;
-    if (options.bandsFile.empty()) {
-        text = std::string(shippedBands());
-    } else {
-        std::FILE* f = std::fopen(options.bandsFile.c_str(), "rb");
-        if (!f) {
+    std::string text(shippedBands());
+    if (!options.bandsFile.empty()) {
+        std::ifstream file(options.bandsFile, std::ios::binary);
+        if (!file) {
             error = "cannot read bands file " + options.bandsFile;
             return false;
         }
-        char buffer[8192];
-        for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, f)) > 0;)
-            text.append(buffer, n);
-        std::fclose(f);
+        text.assign(std::istreambuf_iterator<char>(file), {});
     }
     auto parsed = parseBands(text);
     if (!parsed) {

@@ -4,11 +4,10 @@
 
 #include <charconv>
 #include <cmath>
-#include <memory>
-#include <mutex>
 #include <set>
 
 #include "core/Json.h"
+#include "records/EventKinds.h"
 
 namespace kestrelvue::service {
 namespace {
@@ -63,61 +62,33 @@ private:
     std::string error_;
 };
 
-/// The body as a JSON object, or the reason it is not one.
-Parsed<Value> objectBody(std::string_view body) {
+/// A JSON object body read by `read` into a T; refused with the first reason `read` or the
+/// members gave.
+template <class T, class Read>
+Parsed<T> readObject(std::string_view body, Read read) {
     json::ParseResult parsed = json::parse(body);
-    if (!parsed) return Parsed<Value>::refuse("malformed JSON: " + parsed.error);
-    if (!parsed.value->isObject()) return Parsed<Value>::refuse("the body must be a JSON object");
-    return {std::move(*parsed.value), {}};
+    if (!parsed) return Parsed<T>::refuse("malformed JSON: " + parsed.error);
+    if (!parsed.value->isObject()) return Parsed<T>::refuse("the body must be a JSON object");
+    Members m(*parsed.value);
+    T value = read(m);
+    if (!m.error().empty()) return Parsed<T>::refuse(m.error());
+    return {std::move(value), {}};
 }
 
 }  // namespace
 
-namespace {
-
-/// simdjson parsers lent for one bulk each: a parser takes some 14 bytes per byte of text, and a
-/// fresh one's memory cost more in page faults than the parse. Four are kept, as many as a few
-/// busy clients use at once (one per server thread would keep hundreds of megabytes), and only
-/// those of bodies up to 1 MiB.
-class Parsers {
-public:
-    static std::unique_ptr<simdjson::dom::parser> take() {
-        std::lock_guard lock(mutex());
-        auto& idle = pool();
-        if (idle.empty()) return std::make_unique<simdjson::dom::parser>();
-        auto parser = std::move(idle.back());
-        idle.pop_back();
-        return parser;
-    }
-    static void give(std::unique_ptr<simdjson::dom::parser> parser) {
-        if (parser->capacity() > std::size_t{1} << 20) return;
-        std::lock_guard lock(mutex());
-        if (pool().size() < 4) pool().push_back(std::move(parser));
-    }
-
-private:
-    // Never destroyed: a server thread may still give one back while the process exits.
-    static std::mutex& mutex() {
-        static auto* m = new std::mutex;
-        return *m;
-    }
-    static std::vector<std::unique_ptr<simdjson::dom::parser>>& pool() {
-        static auto* p = new std::vector<std::unique_ptr<simdjson::dom::parser>>;
-        return *p;
-    }
-};
-
-}  // namespace
-
 // Read with simdjson straight, not through the general reader: a bulk's motion text is some 300
-// KB, which the general reader would copy into a Value with a parser of its own each time.
+// KB, which the general reader would copy into a Value with a parser of its own each time. Each
+// thread keeps its parser (a parser takes some 14 bytes per byte of text, and a fresh one's memory
+// cost more in page faults than the parse), but lets go of one grown past 1 MiB.
 Parsed<MotionBulk> parseMotionBulk(std::string_view body) {
     using Result = Parsed<MotionBulk>;
-    struct Lent {
-        std::unique_ptr<simdjson::dom::parser> parser = Parsers::take();
-        ~Lent() { Parsers::give(std::move(parser)); }
-    } lent;
-    simdjson::dom::parser& parser = *lent.parser;
+    thread_local simdjson::dom::parser parser;
+    struct Shrink {
+        ~Shrink() {
+            if (parser.capacity() > std::size_t{1} << 20) parser = simdjson::dom::parser();
+        }
+    } shrink;
     simdjson::dom::element root;
     if (auto error = parser.parse(body.data(), body.size()).get(root))
         return Result::refuse(std::string("malformed JSON: ") + simdjson::error_message(error));
@@ -156,76 +127,66 @@ Parsed<MotionBulk> parseMotionBulk(std::string_view body) {
 }
 
 Parsed<DrivingRow> parseDrivingScore(std::string_view body) {
-    auto object = objectBody(body);
-    if (!object) return Parsed<DrivingRow>::refuse(object.error);
-    Members m(*object.value);
-    DrivingRow d;
-    d.userID = m.integer("userID");
-    d.guid = m.text("drivingGuid");
-    d.startDateTime = m.text("startDateTime");
-    d.endDateTime = m.text("endDateTime");
-    d.startLocation = m.text("startLocation");
-    d.endLocation = m.text("endLocation");
-    d.startLat = m.bounded("startLocationLatitude", 90);
-    d.startLong = m.bounded("startLocationLongitude", 180);
-    d.endLat = m.bounded("endLocationLatitude", 90);
-    d.endLong = m.bounded("endLocationLongitude", 180);
-    d.score = m.bounded("Score", kMaxScore);
-    static constexpr const char* kinds[5] = {"Cornering", "Speeding", "Braking", "Elevating",
-                                             "LaneChanging"};
-    for (int i = 0; i < 5; ++i) {
-        const std::string count = std::string("sharp") + kinds[i] + "Count";
-        d.counts[i] = m.integer(count);
-        if (d.counts[i] < 0 || d.counts[i] > kMaxPenalty) m.fail(count, "beyond any real trip");
-        d.penalties[i] = m.bounded(std::string("sharp") + kinds[i] + "Penalty", kMaxPenalty);
-    }
-    d.fuelPenalty = m.bounded("fuelEfficiencyPenalty", kMaxPenalty);
-    d.totalDistance = m.bounded("totalDistance", kMaxDistanceMetres);
-    if (d.totalDistance < 0) m.fail("totalDistance", "negative");
-    d.timeElapsed = m.text("timeElapsed");
-    if (!m.error().empty()) return Parsed<DrivingRow>::refuse(m.error());
-    if (d.guid.empty()) return Parsed<DrivingRow>::refuse("drivingGuid: missing");
-    return {std::move(d), {}};
+    return readObject<DrivingRow>(body, [](Members& m) {
+        DrivingRow d;
+        d.userID = m.integer("userID");
+        d.guid = m.text("drivingGuid");
+        d.startDateTime = m.text("startDateTime");
+        d.endDateTime = m.text("endDateTime");
+        d.startLocation = m.text("startLocation");
+        d.endLocation = m.text("endLocation");
+        d.startLat = m.bounded("startLocationLatitude", 90);
+        d.startLong = m.bounded("startLocationLongitude", 180);
+        d.endLat = m.bounded("endLocationLatitude", 90);
+        d.endLong = m.bounded("endLocationLongitude", 180);
+        d.score = m.bounded("Score", kMaxScore);
+        for (const auto kind : detail::kEventKinds) {
+            const auto i = static_cast<std::size_t>(kind);
+            const std::string stem = "sharp" + std::string(detail::namesOf(kind).wire);
+            d.counts[i] = m.integer(stem + "Count");
+            if (d.counts[i] < 0 || d.counts[i] > kMaxPenalty)
+                m.fail(stem + "Count", "beyond any real trip");
+            d.penalties[i] = m.bounded(stem + "Penalty", kMaxPenalty);
+        }
+        d.fuelPenalty = m.bounded("fuelEfficiencyPenalty", kMaxPenalty);
+        d.totalDistance = m.bounded("totalDistance", kMaxDistanceMetres);
+        if (d.totalDistance < 0) m.fail("totalDistance", "negative");
+        d.timeElapsed = m.text("timeElapsed");
+        if (d.guid.empty()) m.fail("drivingGuid", "missing");
+        return d;
+    });
 }
 
 Parsed<Login> parseLogin(std::string_view body) {
-    auto object = objectBody(body);
-    if (!object) return Parsed<Login>::refuse(object.error);
-    Members m(*object.value);
-    Login login{m.text("Mobile"), m.text("Token")};
-    if (!m.error().empty()) return Parsed<Login>::refuse(m.error());
-    if (login.mobile.empty() || login.token.empty()) {
-        return Parsed<Login>::refuse("Mobile and Token: required");
-    }
-    return {std::move(login), {}};
+    return readObject<Login>(body, [](Members& m) {
+        Login login{m.text("Mobile"), m.text("Token")};
+        if (login.mobile.empty() || login.token.empty()) m.fail("Mobile and Token", "required");
+        return login;
+    });
 }
 
 Parsed<UserRow> parseAddUser(std::string_view body) {
-    auto object = objectBody(body);
-    if (!object) return Parsed<UserRow>::refuse(object.error);
-    Members m(*object.value);
-    UserRow u;
-    u.firstName = m.text("FirstName");
-    u.lastName = m.text("LastName");
-    u.email = m.text("Email");
-    u.genderId = m.integer("GenderId");
-    u.referenceId = m.text("ReferenceId");
-    if (!m.error().empty()) return Parsed<UserRow>::refuse(m.error());
-    if (u.firstName.empty() && u.lastName.empty() && u.email.empty() && u.referenceId.empty())
-        return Parsed<UserRow>::refuse("FirstName, LastName, Email or ReferenceId: required");
-    return {std::move(u), {}};
+    return readObject<UserRow>(body, [](Members& m) {
+        UserRow u;
+        u.firstName = m.text("FirstName");
+        u.lastName = m.text("LastName");
+        u.email = m.text("Email");
+        u.genderId = m.integer("GenderId");
+        u.referenceId = m.text("ReferenceId");
+        if (u.firstName.empty() && u.lastName.empty() && u.email.empty() && u.referenceId.empty())
+            m.fail("FirstName, LastName, Email or ReferenceId", "required");
+        return u;
+    });
 }
 
 Parsed<FriendRequest> parseAddFriend(std::string_view body) {
-    auto object = objectBody(body);
-    if (!object) return Parsed<FriendRequest>::refuse(object.error);
-    Members m(*object.value);
-    FriendRequest r{m.text("ReferenceID"), m.text("FriendReferenceID")};
-    m.integer("LoginTypeID");
-    if (!m.error().empty()) return Parsed<FriendRequest>::refuse(m.error());
-    if (r.referenceId == r.friendReferenceId)
-        return Parsed<FriendRequest>::refuse("FriendReferenceID: the user's own reference");
-    return {std::move(r), {}};
+    return readObject<FriendRequest>(body, [](Members& m) {
+        FriendRequest r{m.text("ReferenceID"), m.text("FriendReferenceID")};
+        m.integer("LoginTypeID");
+        if (r.referenceId == r.friendReferenceId)
+            m.fail("FriendReferenceID", "the user's own reference");
+        return r;
+    });
 }
 
 Parsed<Value> parseBands(std::string_view text) {
@@ -235,9 +196,12 @@ Parsed<Value> parseBands(std::string_view text) {
     if (!list) return Parsed<Value>::refuse("expected a list of bands");
     // The library's names: six lists of bands, each of which a reply must fill (a kind without
     // bands is never charged), and six settings.
-    static const std::set<std::string, std::less<>> kLevels = {
-        "SharpCorneringLevel", "SharpSpeedingLevel",     "SharpBrakingLevel",
-        "SharpElevatingLevel", "SharpLaneChangingLevel", "FuelEfficiency"};
+    static const auto kLevels = [] {
+        std::set<std::string, std::less<>> levels = {"FuelEfficiency"};
+        for (const auto kind : detail::kEventKinds)
+            levels.insert("Sharp" + std::string(detail::namesOf(kind).wire) + "Level");
+        return levels;
+    }();
     static const std::set<std::string, std::less<>> kSettings = {"UpdateInterval",
                                                                  "DistanceFilter",
                                                                  "SharpLaneChangingDuration1",

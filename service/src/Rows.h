@@ -4,6 +4,7 @@
 
 #include <kestrelvue/service/MotionBulk.h>
 
+#include <array>
 #include <cstdint>
 #include <string>
 
@@ -16,8 +17,8 @@ struct DrivingRow {
     std::string startLocation{}, endLocation{};
     double startLat = 0, startLong = 0, endLat = 0, endLong = 0;
     double score = 0;
-    std::int64_t counts[5] = {};  // cornering, speeding, braking, elevating, lane changing
-    double penalties[5] = {};
+    std::array<std::int64_t, detail::kEventKindCount> counts{};  // by detail::EventKind
+    std::array<double, detail::kEventKindCount> penalties{};
     double fuelPenalty = 0;
     double totalDistance = 0;  // metres
     std::string timeElapsed{};

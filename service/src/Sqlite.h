@@ -24,16 +24,8 @@ public:
         sqlite3_bind_text64(stmt_, i, v.data(), v.size(), SQLITE_STATIC, SQLITE_UTF8);
         return *this;
     }
-    Statement& blob(int i, const void* data, std::size_t size) {
-        sqlite3_bind_blob64(stmt_, i, data, size, SQLITE_STATIC);
-        return *this;
-    }
     bool step() { return stmt_ && sqlite3_step(stmt_) == SQLITE_ROW; }
     bool run() { return stmt_ && sqlite3_step(stmt_) == SQLITE_DONE; }
-    void reset() {
-        sqlite3_reset(stmt_);
-        sqlite3_clear_bindings(stmt_);
-    }
     std::int64_t integer(int c) { return sqlite3_column_int64(stmt_, c); }
     double real(int c) { return sqlite3_column_double(stmt_, c); }
     std::string_view view(int c) {
@@ -41,10 +33,7 @@ public:
         return p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c)))
                  : std::string_view();
     }
-    std::string text(int c) {
-        auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, c));
-        return p ? std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c))) : "";
-    }
+    std::string text(int c) { return std::string(view(c)); }
 
 private:
     sqlite3_stmt* stmt_ = nullptr;

@@ -16,6 +16,7 @@
 #include "MotionText.h"
 #include "Sqlite.h"
 #include "Storage.h"
+#include "records/EventKinds.h"
 
 namespace kestrelvue::service {
 namespace {
@@ -50,7 +51,8 @@ CREATE TABLE IF NOT EXISTS motion_bulks (
 )sql";
 
 // The earlier layout: trip records in "drivings" with numbered columns, motion records a row
-// each in the database file and three files beside it. Its tables are renamed in place.
+// each in the database file and three files beside it. Its tables are renamed in place, and its
+// columns c0..c4 and p0..p4 (counts and penalties by kind) by renamesOfKinds.
 constexpr const char* kRenameEarlierTables = R"sql(
 ALTER TABLE drivings RENAME TO trips;
 ALTER TABLE trips RENAME COLUMN start_dt TO start_time;
@@ -61,21 +63,31 @@ ALTER TABLE trips RENAME COLUMN start_lat TO start_latitude;
 ALTER TABLE trips RENAME COLUMN start_lon TO start_longitude;
 ALTER TABLE trips RENAME COLUMN end_lat TO end_latitude;
 ALTER TABLE trips RENAME COLUMN end_lon TO end_longitude;
-ALTER TABLE trips RENAME COLUMN c0 TO cornering_count;
-ALTER TABLE trips RENAME COLUMN c1 TO speeding_count;
-ALTER TABLE trips RENAME COLUMN c2 TO braking_count;
-ALTER TABLE trips RENAME COLUMN c3 TO elevating_count;
-ALTER TABLE trips RENAME COLUMN c4 TO lane_changing_count;
-ALTER TABLE trips RENAME COLUMN p0 TO cornering_penalty;
-ALTER TABLE trips RENAME COLUMN p1 TO speeding_penalty;
-ALTER TABLE trips RENAME COLUMN p2 TO braking_penalty;
-ALTER TABLE trips RENAME COLUMN p3 TO elevating_penalty;
-ALTER TABLE trips RENAME COLUMN p4 TO lane_changing_penalty;
 ALTER TABLE trips RENAME COLUMN fuel TO fuel_penalty;
 ALTER TABLE trips RENAME COLUMN distance TO distance_metres;
 DROP INDEX IF EXISTS drivings_user;
 ALTER TABLE users DROP COLUMN token;
 )sql";
+
+// The schema and the statements below list five kinds: another needs a migration that adds its
+// columns to trips.
+static_assert(detail::kEventKindCount == 5);
+
+std::string renamesOfKinds() {
+    std::string sql;
+    for (const auto kind : detail::kEventKinds) {
+        const std::string_view stem = detail::namesOf(kind).column;
+        const int n = static_cast<int>(stem.size());
+        char line[160];
+        std::snprintf(line, sizeof line,
+                      "ALTER TABLE trips RENAME COLUMN c%zu TO %.*s_count; ALTER TABLE trips "
+                      "RENAME COLUMN p%zu TO %.*s_penalty; ",
+                      static_cast<std::size_t>(kind), n, stem.data(),
+                      static_cast<std::size_t>(kind), n, stem.data());
+        sql += line;
+    }
+    return sql;
+}
 
 /// Later changes of the schema, each run once, in order: the first makes version 2 of a file at
 /// version 1, and so on. A file's `user_version` is the version it has.
@@ -118,19 +130,13 @@ std::int64_t pragma(sqlite3* db, const char* name) {
 
 /// The record time kept as its seventeen digits (20261116140509250) as its text again.
 RecordTime recordTimeOf(std::int64_t digits) {
-    char text[32];
-    const auto part = [&](int width) {
-        std::int64_t p = 1;
-        for (int i = 0; i < width; ++i) p *= 10;
-        const std::int64_t v = digits % p;
-        digits /= p;
-        return static_cast<int>(v);
-    };
-    const int ms = part(3), s = part(2), mi = part(2), h = part(2), d = part(2), mo = part(2);
-    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d:%03d",
-                  static_cast<int>(digits % 10000), mo, d, h, mi, s, ms);
+    char text[24];
+    std::snprintf(text, sizeof text, "%017lld",
+                  static_cast<long long>(digits % 100000000000000000));
+    constexpr std::string_view pattern = "dddd-dd-dd dd:dd:dd:ddd";
     RecordTime out{};
-    std::copy(text, text + out.size(), out.begin());
+    for (std::size_t i = 0, d = 0; i < out.size(); ++i)
+        out[i] = pattern[i] == 'd' ? text[d++] : pattern[i];
     return out;
 }
 
@@ -440,7 +446,7 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
         std::string ignored;  // a file made before tokens were hashed lacks their columns
         execute(db_, "ALTER TABLE users ADD COLUMN token_salt TEXT", ignored);
         execute(db_, "ALTER TABLE users ADD COLUMN token_hash TEXT", ignored);
-        done = execute(db_, kRenameEarlierTables, error);
+        done = execute(db_, (kRenameEarlierTables + renamesOfKinds()).c_str(), error);
     }
     done = done && execute(db_, kSchemaVersion1, error);
     done = done && (!earlier || moveEarlierMotion(path, error));

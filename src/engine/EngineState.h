@@ -19,16 +19,9 @@
 #include <vector>
 
 #include "engine/Detectors.h"
+#include "records/EventKinds.h"
 
 namespace kestrelvue::detail {
-
-/// The kinds of risky driving that carry a count and penalties, in the order the score adds them
-/// up. (Fuel inefficiency has only a per-kilometre penalty and is kept beside them.)
-enum class EventKind : std::size_t { cornering, speeding, braking, elevating, laneChanging };
-inline constexpr std::size_t kEventKindCount = 5;
-inline constexpr std::array<EventKind, kEventKindCount> kEventKinds = {
-    EventKind::cornering, EventKind::speeding, EventKind::braking, EventKind::elevating,
-    EventKind::laneChanging};
 
 /// The kind a finding counts for; nullopt for `none`. Inline: it runs several times a sample.
 constexpr std::optional<EventKind> kindOf(FaultTypes finding) {

@@ -41,30 +41,34 @@ std::optional<std::string> gzip(std::string_view plain) {
     return out;
 }
 
-std::optional<std::string> gunzip(std::string_view compressed, std::size_t limit) {
-    if (compressed.size() > std::numeric_limits<uInt>::max()) return std::nullopt;
+Inflated gunzip(std::string_view compressed, std::size_t limit, std::string& out) {
+    out.clear();
+    if (compressed.size() > std::numeric_limits<uInt>::max()) return Inflated::Damaged;
     z_stream z{};
-    if (inflateInit2(&z, kGzipWindowBits) != Z_OK) return std::nullopt;
+    if (inflateInit2(&z, kGzipWindowBits) != Z_OK) return Inflated::Damaged;
     z.next_in = bytes(compressed);
     z.avail_in = static_cast<uInt>(compressed.size());
-    std::string out;
     char chunk[16384];
-    int rc = Z_OK;
-    while (rc == Z_OK) {
+    Inflated outcome = Inflated::Damaged;
+    for (int rc = Z_OK; rc == Z_OK;) {
         z.next_out = reinterpret_cast<Bytef*>(chunk);
         z.avail_out = sizeof chunk;
         rc = inflate(&z, Z_NO_FLUSH);
         const std::size_t got = sizeof chunk - z.avail_out;
         if (out.size() + got > limit) {
-            rc = Z_BUF_ERROR;
+            outcome = Inflated::TooLarge;
             break;
         }
         out.append(chunk, got);
+        if (rc == Z_STREAM_END && z.avail_in > 0) {
+            rc = inflateReset(&z);  // another member follows
+        } else if (rc == Z_STREAM_END) {
+            outcome = Inflated::Whole;
+        }
     }
-    const bool whole = rc == Z_STREAM_END && z.avail_in == 0;
     inflateEnd(&z);
-    if (!whole) return std::nullopt;
-    return out;
+    if (outcome != Inflated::Whole) out.clear();
+    return outcome;
 }
 
 }  // namespace kestrelvue::detail

@@ -18,8 +18,18 @@ inline bool isGzip(std::string_view body) {
 /// The gzip member of `plain`; nullopt only when zlib cannot allocate.
 std::optional<std::string> gzip(std::string_view plain);
 
-/// What `compressed` inflates to; nullopt when it is no whole gzip stream or inflates past
-/// `limit` bytes (the inflation stops there, so a small bomb never grows in memory).
-std::optional<std::string> gunzip(std::string_view compressed, std::size_t limit);
+enum class Inflated { Whole, TooLarge, Damaged };
+
+/// Inflates `compressed` into `out`, members that follow one another read in turn as gzip files
+/// allow. TooLarge past `limit` bytes (the inflation stops there, so a small bomb never grows in
+/// memory); Damaged when it is no whole gzip stream. `out` is empty unless Whole.
+Inflated gunzip(std::string_view compressed, std::size_t limit, std::string& out);
+
+/// What `compressed` inflates to; nullopt when it is too large or damaged.
+inline std::optional<std::string> gunzip(std::string_view compressed, std::size_t limit) {
+    std::string out;
+    if (gunzip(compressed, limit, out) != Inflated::Whole) return std::nullopt;
+    return out;
+}
 
 }  // namespace kestrelvue::detail

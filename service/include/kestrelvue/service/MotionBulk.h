@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "records/EventKinds.h"
+
 namespace kestrelvue::service {
 
 /// "yyyy-MM-dd HH:mm:ss:SSS", always that long: held in place, since a bulk has a thousand.
@@ -26,8 +28,8 @@ struct MotionRecord {
     double currentSpeedKmh = 0;
     std::int64_t itemId = 0;
     RecordTime recordTime = {};
-    double penalty[5] = {};       // cornering, speeding, braking, elevating, lane changing
-    double penaltyPerKM[5] = {};  // the same kinds, per kilometre
+    std::array<double, detail::kEventKindCount> penalty{};  // by detail::EventKind
+    std::array<double, detail::kEventKindCount> penaltyPerKM{};
     double fuelPerKM = 0;
     double course = 0, horizontalAccuracy = 0, locationSpeed = 0;  // degrees, metres, m/s
     std::array<char, 2> orientation = {'U', 'N'};

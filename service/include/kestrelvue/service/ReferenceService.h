@@ -31,8 +31,8 @@ struct ServiceOptions {
     /// and query, status, reply bytes, milliseconds (and for a compressed body the bytes
     /// received and inflated).
     bool accessLog = false;
-    /// Workers that answer requests (storage calls block); connections are read by one event
-    /// loop, however many there are.
+    /// Event loops that read connections and answer their requests (storage calls block the
+    /// loop's other connections meanwhile).
     std::size_t workerThreads = 4;
     /// Seconds a connection may stay silent, and seconds a request may take to arrive whole.
     unsigned idleTimeoutSeconds = 10;
@@ -76,11 +76,5 @@ private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
-
-/// The `serve` command line: `[--db FILE] [--host ADDRESS] [--port N] [--bands FILE] [--quiet]`
-/// serves until SIGINT or SIGTERM (SIGHUP reloads the bands file), and `token MOBILE [--db FILE]`
-/// issues a login token. argv[0] is the command's name. Returns the exit code: 0, 1 when the
-/// service cannot start, 2 for a bad command line.
-int runServeCommand(int argc, char** argv);
 
 }  // namespace kestrelvue::service
