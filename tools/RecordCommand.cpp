@@ -110,11 +110,7 @@ int runRecord(const RecordArgs& args) {
     else
         printReport(std::cout, result, options.baseURL, std::nullopt);
     int code = exitCodeOf(result);
-    if (!args.map.empty() && result.finished && result.route) {
-        std::ofstream svg(args.map);
-        writeMapSvg(svg, result, *result.route);
-        if (!svg) code = 1;
-    }
+    if (!args.map.empty() && !writeMapFile(result, args.map, "record")) code = 1;
     return code;
 }
 

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <ostream>
 
@@ -449,6 +450,29 @@ void writeMapSvg(std::ostream& out, const ReplayResult& result, const Trip::Rout
                   "stroke=\"#222\" stroke-width=\"2\"/><text x=\"20\" y=\"642\">%s</text></g>\n",
                   px, label.c_str());
     out << text << "</svg>\n";
+}
+
+bool writeMapFile(const ReplayResult& result, const std::string& path, const char* command) {
+    std::string missing;
+    if (!result.finished)
+        missing = "the trip was not uploaded, so the service has no route for it";
+    else if (!result.route)
+        missing = result.routeProblem;
+    else if (result.route->PassedCoordinates.empty())
+        missing = "the service returned the trip's route without a single point";
+    if (!missing.empty()) {
+        std::fprintf(stderr, "kestrelvue %s: no map: %s\n", command, missing.c_str());
+        return false;
+    }
+    std::ofstream svg(path);
+    writeMapSvg(svg, result, *result.route);
+    svg.close();
+    if (!svg) {
+        std::fprintf(stderr, "kestrelvue %s: cannot write %s\n", command, path.c_str());
+        return false;
+    }
+    std::fprintf(stderr, "map written to %s\n", path.c_str());
+    return true;
 }
 
 }  // namespace kestrelvue::tools

@@ -35,5 +35,9 @@ void printJsonReport(std::ostream& out, const ReplayResult& result, const std::s
 /// The route with its start and end, every event coloured by kind with its time as a tooltip,
 /// a legend and a scale bar, as a standalone SVG document.
 void writeMapSvg(std::ostream& out, const ReplayResult& result, const Trip::Route& route);
+/// Writes the map to `path`; a trip without a route would make a map that passes for one, so
+/// then no file is written and the reason goes to standard error as "kestrelvue COMMAND: no map:
+/// ...". False when no map was written.
+bool writeMapFile(const ReplayResult& result, const std::string& path, const char* command);
 
 }  // namespace kestrelvue::tools

@@ -230,30 +230,7 @@ int replay(const ReplayArgs& args) {
         tools::printReport(std::cout, result, options.baseURL, comparison, args.events);
 
     int code = tools::exitCodeOf(result);
-    if (!args.map.empty()) {
-        // A map without the route would pass for one: no file, and the reason.
-        std::string missing;
-        if (!result.finished)
-            missing = "the trip was not uploaded, so the service has no route for it";
-        else if (!result.route)
-            missing = result.routeProblem;
-        else if (result.route->PassedCoordinates.empty())
-            missing = "the service returned the trip's route without a single point";
-        if (!missing.empty()) {
-            std::fprintf(stderr, "kestrelvue replay: no map: %s\n", missing.c_str());
-            code = kFailed;
-        } else {
-            std::ofstream svg(args.map);
-            tools::writeMapSvg(svg, result, *result.route);
-            svg.close();
-            if (!svg) {
-                std::fprintf(stderr, "kestrelvue replay: cannot write %s\n", args.map.c_str());
-                code = kFailed;
-            } else {
-                std::fprintf(stderr, "map written to %s\n", args.map.c_str());
-            }
-        }
-    }
+    if (!args.map.empty() && !tools::writeMapFile(result, args.map, "replay")) code = kFailed;
     return code;
 }
 
