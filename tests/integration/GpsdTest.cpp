@@ -7,6 +7,7 @@
 #include <kestrelvue/service/ReferenceService.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,7 +17,9 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
+#include <random>
 #include <thread>
+#include <vector>
 
 #include "Import.h"
 #include "Record.h"
@@ -30,40 +33,54 @@ namespace {
 using namespace std::chrono;
 namespace fs = std::filesystem;
 
+/// A port free now, below the range the system draws connections' local ports from: a port from
+/// that range may be taken by any outgoing connection (ours included) before gpsd binds it.
 int freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
-                       ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0;
-    ::close(fd);
-    return bound ? ntohs(address.sin_port) : 0;
+    static std::mt19937 rng(static_cast<unsigned>(::getpid()));
+    for (int tries = 0; tries < 100; ++tries) {
+        const int port = std::uniform_int_distribution<int>(20000, 32000)(rng);
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        ::close(fd);
+        if (bound) return port;
+    }
+    return 0;
 }
 
 /// gpsfake playing `log` once into a private gpsd on `port`; ended with its process group.
 class Gpsfake {
 public:
     Gpsfake(const fs::path& log, int port, double cycle) {
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::setpgid(0, 0);
-            const int null = ::open("/dev/null", O_WRONLY);
-            ::dup2(null, 1);
-            ::dup2(null, 2);
-            const std::string p = std::to_string(port), c = std::to_string(cycle);
-            // Started by root, gpsd drops to its own user, which cannot read gpsfake's
-            // root-owned terminal: run both as nobody then.
-            if (::geteuid() == 0)
-                ::execlp("setpriv", "setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-                         "gpsfake", "-q", "-1", "-c", c.c_str(), "-P", p.c_str(), log.c_str(),
-                         static_cast<char*>(nullptr));
-            ::execlp("gpsfake", "gpsfake", "-q", "-1", "-c", c.c_str(), "-P", p.c_str(),
-                     log.c_str(), static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        ::setpgid(pid_, pid_);
+        // Spawned, not forked: the test has threads, and a forked child may only call what is
+        // safe after fork until it execs (a lock held elsewhere at the fork hangs it for good).
+        std::vector<std::string> args = {
+            "gpsfake",   "-q", "-1", "-c", std::to_string(cycle), "-P", std::to_string(port),
+            log.string()};
+        // Started by root, gpsd drops to its own user, which cannot read gpsfake's root-owned
+        // terminal: run both as nobody then.
+        if (::geteuid() == 0)
+            args.insert(args.begin(),
+                        {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
+        std::vector<char*> argv;
+        argv.reserve(args.size() + 1);
+        for (std::string& a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t files;
+        posix_spawn_file_actions_init(&files);
+        posix_spawn_file_actions_addopen(&files, 1, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addopen(&files, 2, "/dev/null", O_WRONLY, 0);
+        posix_spawnattr_t attributes;
+        posix_spawnattr_init(&attributes);
+        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+        posix_spawnattr_setpgroup(&attributes, 0);  // its own group, ended whole
+        if (::posix_spawnp(&pid_, argv[0], &files, &attributes, argv.data(), environ) != 0)
+            pid_ = -1;
+        posix_spawnattr_destroy(&attributes);
+        posix_spawn_file_actions_destroy(&files);
     }
     ~Gpsfake() { kill(); }
     void kill() {
@@ -176,7 +193,9 @@ TEST_F(GpsdTest, TheTripGoesOnWhenGpsdIsKilledAndRestarted) {
         fixes += batch.size();
     });
 
-    auto first = std::make_unique<Gpsfake>(log("a.nmea", 30, 60), port, 0.05);
+    // Each log plays for longer than a slow (sanitized) reconnection can take: gpsfake plays
+    // whether or not anyone listens, and each waits below end as soon as fixes arrive.
+    auto first = std::make_unique<Gpsfake>(log("a.nmea", 30, 150), port, 0.1);
     ASSERT_TRUE(within(seconds(20), h, [&] { return gpsd->locationServicesEnabled(); }));
     h.clock->setNow(start_ + seconds(30));
     ASSERT_TRUE(engine->startTrip());
@@ -187,7 +206,7 @@ TEST_F(GpsdTest, TheTripGoesOnWhenGpsdIsKilledAndRestarted) {
     ASSERT_TRUE(within(seconds(10), h, [&] { return !gpsd->isConnected(); }));
     const double before = engine->TotalTraveledDistance();
     const std::size_t fixesBefore = fixes;
-    Gpsfake second(log("b.nmea", 60, 90), port, 0.05);
+    Gpsfake second(log("b.nmea", 150, 270), port, 0.1);
     ASSERT_TRUE(within(seconds(20), h, [&] {
         return engine->TotalTraveledDistance() > before && fixes > fixesBefore + 3;
     }));
