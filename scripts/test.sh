@@ -34,8 +34,10 @@ suite() {
   local name=$1
   step "$name"
   configure_and_build "$@"
+  # The unit label first: a broken change fails in seconds, before the sockets and processes.
   # A hung test fails after five minutes instead of stalling the run.
-  ctest --test-dir "build/$name" --output-on-failure -j"$jobs" --timeout 300
+  ctest --test-dir "build/$name" --output-on-failure -j"$jobs" --timeout 300 -L unit
+  ctest --test-dir "build/$name" --output-on-failure -j"$jobs" --timeout 300 -LE unit
 }
 
 step format

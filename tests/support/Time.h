@@ -1,6 +1,6 @@
 #pragma once
-// Time helpers for tests: a UTC instant from its fields, and a time zone set for one scope
-// (the service's dates are local times).
+// Time helpers for tests: a UTC instant from its fields, a local time as the C library reads it,
+// and a time zone set for one scope (the service's dates are local times).
 
 #include <kestrelvue/platform/Clock.h>
 
@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "records/ServiceDate.h"
 #include "records/TextFormat.h"
 
 namespace kestrelvue::test {
@@ -18,6 +19,19 @@ inline platform::TimePoint utc(int y, int mo, int d, int h = 0, int mi = 0, int 
     using namespace std::chrono;
     return sys_days{year{y} / month{unsigned(mo)} / day{unsigned(d)}} + hours{h} + minutes{mi} +
            seconds{s} + milliseconds{ms};
+}
+
+// What the C library makes of a local time, the answer the readers must agree with.
+inline platform::TimePoint viaMktime(const detail::LocalDateTime& l) {
+    std::tm tm{};
+    tm.tm_year = l.year - 1900;
+    tm.tm_mon = l.month - 1;
+    tm.tm_mday = l.day;
+    tm.tm_hour = l.hour;
+    tm.tm_min = l.minute;
+    tm.tm_sec = l.second;
+    tm.tm_isdst = -1;
+    return platform::TimePoint(std::chrono::seconds(std::mktime(&tm)));
 }
 
 /// Sets TZ for its lifetime and restores the previous value after.

@@ -1,4 +1,4 @@
-// The history reply reader and the trip display texts.
+// The history reply reader.
 
 #include <gtest/gtest.h>
 #include <kestrelvue/Environment.h>
@@ -29,19 +29,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using test::ScopedTimeZone;
 using test::utc;
-
-// What the C library makes of a local time, the answer the readers must agree with.
-platform::TimePoint viaMktime(const LocalDateTime& l) {
-    std::tm tm{};
-    tm.tm_year = l.year - 1900;
-    tm.tm_mon = l.month - 1;
-    tm.tm_mday = l.day;
-    tm.tm_hour = l.hour;
-    tm.tm_min = l.minute;
-    tm.tm_sec = l.second;
-    tm.tm_isdst = -1;
-    return platform::TimePoint(std::chrono::seconds(std::mktime(&tm)));
-}
+using test::viaMktime;
 
 // Counts reads: every record reads the clock when it is made.
 class CountingClock final : public platform::Clock {
@@ -245,71 +233,6 @@ TEST_F(HistoryReplyTest, AgreesWithAnIndependentReaderOnRandomAndDamagedReplies)
         }
     }
     EXPECT_GT(accepted, 300);  // the sample reaches the reading of members, not only the parser
-}
-
-TEST(ServiceDate, ServiceDatesAreReadStrictly) {
-    struct Case {
-        const char* text;
-        std::optional<LocalDateTime> date;
-    } cases[] = {
-        {"2018-03-05T14:07:00", LocalDateTime{2018, 3, 5, 14, 7, 0}},
-        {"2020-02-29T23:59:59", LocalDateTime{2020, 2, 29, 23, 59, 59}},
-        {"1678-01-01T00:00:00", LocalDateTime{1678, 1, 1, 0, 0, 0}},
-        {"2261-12-31T23:59:59", LocalDateTime{2261, 12, 31, 23, 59, 59}},
-        {"1677-12-31T23:59:59", std::nullopt},  // beyond what a record's time can hold
-        {"4036-03-05T14:07:00", std::nullopt},
-        {"2019-02-29T00:00:00", std::nullopt},
-        {"2018-13-01T00:00:00", std::nullopt},
-        {"2018-03-05T14:60:00", std::nullopt},
-        {"2018-03-05T14:07", std::nullopt},
-        {"0000-03-05T14:07:00", std::nullopt},
-        {"", std::nullopt},
-    };
-    for (const auto& c : cases) EXPECT_EQ(parseServiceDateTime(c.text), c.date) << c.text;
-}
-
-// The converter reuses a day's offset; on the days the clocks change, and the days either side,
-// it must still agree with asking the zone directly.
-TEST(ServiceDate, LocalTimeConverterAgreesWithTheZoneWhenTheClocksChange) {
-    ScopedTimeZone zone("America/New_York");
-    LocalTimeConverter converter;
-    for (const int month : {3, 11}) {
-        for (int minute = 0; minute < 3 * 24 * 60; minute += 10) {
-            const int day = (month == 3 ? 10 : 3) + minute / 1440;
-            const LocalDateTime local{2018, month, day, minute / 60 % 24, minute % 60, 30};
-            ASSERT_EQ(converter.fromLocal(local), viaMktime(local)) << month << " " << minute;
-        }
-    }
-}
-
-TEST(TripRecord, DateTextInLocalTime) {
-    const platform::TimePoint at{seconds(1520248079)};  // 5 March 2018 11:07:59 UTC
-    const std::tuple<const char*, platform::TimePoint, const char*> cases[] = {
-        {"UTC", at, "05.03.2018 11:07"},
-        {"Europe/Istanbul", at, "05.03.2018 14:07"},
-        {"America/New_York", at, "05.03.2018 06:07"},
-        {"Pacific/Kiritimati", at, "06.03.2018 01:07"},
-        {"UTC", at + 1s - milliseconds(1), "05.03.2018 11:07"},  // a fraction stays behind
-        {"UTC", {}, "01.01.1970 00:00"},
-    };
-    for (const auto& [tz, instant, text] : cases) {
-        ScopedTimeZone zone(tz);
-        EXPECT_EQ(Trip::formatDateTime(instant), text) << tz;
-    }
-}
-
-TEST(TripRecord, DurationAndDistanceText) {
-    struct Case {
-        double metres;
-        const char* km;
-    };
-    const Case cases[] = {{0, "0.0"},      {49, "0.0"},         {51, "0.1"},
-                          {12437, "12.4"}, {1234567, "1234.6"}, {150, "0.1"},
-                          {250, "0.2"},    {-49, "-0.0"},       {1e18, "1000000000000000.0"}};
-    for (const Case& c : cases)
-        EXPECT_EQ(Trip::formatTimeElapsedTotalDistance("0:25:13", c.metres),
-                  std::string("0:25:13 sn, ") + c.km + " km")
-            << c.metres;
 }
 
 }  // namespace

@@ -7,8 +7,10 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <fstream>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -295,4 +297,39 @@ TEST(ServiceStorage, FourFilesAreUpgradedIntoOne) {
 
 TEST(ReferenceServiceLifecycle, StopsRightAfterStarting) {
     for (int i = 0; i < 20; ++i) ASSERT_TRUE(service::ReferenceService({}).start());
+}
+
+// Bulks from four clients at once, on kept connections, into a database file: every one is stored
+// (a transaction once could not write after the log restarted, which one client never meets).
+TEST(ServiceStorage, BulksFromFourClientsAtOnceAreAllStored) {
+    constexpr int kClients = 4, kBulks = 40, kRecords = 1000;
+    const std::string db = ::testing::TempDir() + "kv-bulks-" + std::to_string(::getpid());
+    service::ServiceOptions options;
+    options.databasePath = db;
+    service::ReferenceService service(options);
+    ASSERT_TRUE(service.start()) << service.error();
+    std::string records;
+    for (int i = 1; i <= kRecords; ++i) records += motionRecord(41 + i * 1e-5, 29, 0, 0, i);
+    std::atomic<int> stored{0};
+    std::vector<std::thread> clients;
+    for (int c = 0; c < kClients; ++c)
+        clients.emplace_back([&, c] {
+            httplib::Client client("127.0.0.1", service.port());
+            client.set_keep_alive(true);
+            for (int b = 0; b < kBulks; ++b) {
+                const std::string guid = "C" + std::to_string(c) + "-" + std::to_string(b);
+                auto res = client.Post("/api/Driving/addMotionData", bulkBody(guid, records),
+                                       "application/json");
+                stored += res && res->status == 200;
+            }
+        });
+    for (auto& t : clients) t.join();
+    service.stop();
+    EXPECT_EQ(stored, kClients * kBulks);
+    std::string error;
+    auto storage = service::openSqliteStorage(db, error);
+    ASSERT_TRUE(storage) << error;
+    EXPECT_EQ(storage->motion("C3-39").size(), std::size_t(kRecords));
+    storage.reset();
+    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((db + suffix).c_str());
 }

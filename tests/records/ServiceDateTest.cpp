@@ -1,0 +1,52 @@
+// The service's dates, read strictly and turned into instants in the local zone.
+
+#include <gtest/gtest.h>
+
+#include <optional>
+
+#include "records/ServiceDate.h"
+#include "support/Time.h"
+
+namespace kestrelvue::detail {
+namespace {
+
+using test::ScopedTimeZone;
+using test::viaMktime;
+
+TEST(ServiceDate, ServiceDatesAreReadStrictly) {
+    struct Case {
+        const char* text;
+        std::optional<LocalDateTime> date;
+    } cases[] = {
+        {"2018-03-05T14:07:00", LocalDateTime{2018, 3, 5, 14, 7, 0}},
+        {"2020-02-29T23:59:59", LocalDateTime{2020, 2, 29, 23, 59, 59}},
+        {"1678-01-01T00:00:00", LocalDateTime{1678, 1, 1, 0, 0, 0}},
+        {"2261-12-31T23:59:59", LocalDateTime{2261, 12, 31, 23, 59, 59}},
+        {"1677-12-31T23:59:59", std::nullopt},  // beyond what a record's time can hold
+        {"4036-03-05T14:07:00", std::nullopt},
+        {"2019-02-29T00:00:00", std::nullopt},
+        {"2018-13-01T00:00:00", std::nullopt},
+        {"2018-03-05T14:60:00", std::nullopt},
+        {"2018-03-05T14:07", std::nullopt},
+        {"0000-03-05T14:07:00", std::nullopt},
+        {"", std::nullopt},
+    };
+    for (const auto& c : cases) EXPECT_EQ(parseServiceDateTime(c.text), c.date) << c.text;
+}
+
+// The converter reuses a day's offset; on the days the clocks change, and the days either side,
+// it must still agree with asking the zone directly.
+TEST(ServiceDate, LocalTimeConverterAgreesWithTheZoneWhenTheClocksChange) {
+    ScopedTimeZone zone("America/New_York");
+    LocalTimeConverter converter;
+    for (const int month : {3, 11}) {
+        for (int minute = 0; minute < 3 * 24 * 60; minute += 10) {
+            const int day = (month == 3 ? 10 : 3) + minute / 1440;
+            const LocalDateTime local{2018, month, day, minute / 60 % 24, minute % 60, 30};
+            ASSERT_EQ(converter.fromLocal(local), viaMktime(local)) << month << " " << minute;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace kestrelvue::detail
