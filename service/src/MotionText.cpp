@@ -156,8 +156,8 @@ bool MotionRecord::hasFault() const {
     return false;
 }
 
-Parsed<std::vector<MotionRecord>> parseMotionText(std::string_view text, bool checkValues) {
-    using Result = Parsed<std::vector<MotionRecord>>;
+Result<std::vector<MotionRecord>> parseMotionText(std::string_view text, bool checkValues) {
+    using Records = Result<std::vector<MotionRecord>>;
     std::vector<MotionRecord> records;
     // One allocation for a usual bulk without counting its records first (a pass over the whole
     // text): the library's records run to some 300 bytes; shorter ones grow the vector.
@@ -166,23 +166,23 @@ Parsed<std::vector<MotionRecord>> parseMotionText(std::string_view text, bool ch
     for (std::size_t number = 1; !text.empty(); ++number) {
         const std::string at = "record " + std::to_string(number);
         const std::size_t end = text.find(';');
-        if (end == std::string_view::npos) return Result::refuse(at + ": no closing ';'");
+        if (end == std::string_view::npos) return Records::failure(at + ": no closing ';'");
         const std::size_t count = splitFields(text.substr(0, end), fields);
         text.remove_prefix(end + 1);
         if (count == std::string_view::npos)
-            return Result::refuse(at + ": a field without its closing ','");
+            return Records::failure(at + ": a field without its closing ','");
         if (count != kFieldsPerRecord) {
-            return Result::refuse(at + ": " + std::to_string(count) + " fields, expected 39");
+            return Records::failure(at + ": " + std::to_string(count) + " fields, expected 39");
         }
         MotionRecord& r = records.emplace_back();
         for (std::size_t f = 0; f < kFieldsPerRecord; ++f) {
             if (const char* why = readField(f, fields[f], r, checkValues)) {
-                return Result::refuse(at + ", field " + std::to_string(f + 1) + " (" +
-                                      kFieldNames[f] + "): " + why);
+                return Records::failure(at + ", field " + std::to_string(f + 1) + " (" +
+                                        kFieldNames[f] + "): " + why);
             }
         }
     }
-    return {std::move(records), {}};
+    return records;
 }
 
 void appendMotionText(std::string& out, const MotionRecord& r) {

@@ -15,7 +15,7 @@ namespace kestrelvue::service {
 /// latitude beyond ±90, a record time that is no date, a penalty that is not finite) refuses the
 /// whole text, named by its number and field. Without `checkValues` only the form is checked:
 /// records stored before values were checked are read as they are.
-Parsed<std::vector<MotionRecord>> parseMotionText(std::string_view text, bool checkValues = true);
+Result<std::vector<MotionRecord>> parseMotionText(std::string_view text, bool checkValues = true);
 
 /// Appends `record` as the library writes it, ";" included.
 void appendMotionText(std::string& out, const MotionRecord& record);

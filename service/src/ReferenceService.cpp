@@ -264,14 +264,14 @@ Reply ReferenceService::Impl::getThresholds(const Request&) {
 Reply ReferenceService::Impl::addMotionData(const Request& req) {
     auto bulk = parseMotionBulk(req.body);
     if (!bulk) return text(400, bulk.error);
-    if (!storage->addMotion(*bulk.value)) return text(500, "the records could not be stored");
+    if (!storage->addMotion(*bulk)) return text(500, "the records could not be stored");
     return jsonReply(std::string("true"));
 }
 
 Reply ReferenceService::Impl::addDrivingScore(const Request& req) {
     auto row = parseDrivingScore(req.body);
     if (!row) return text(400, row.error);
-    if (!storage->saveDriving(*row.value)) return text(500, "the trip could not be stored");
+    if (!storage->saveDriving(*row)) return text(500, "the trip could not be stored");
     return jsonReply(std::string("true"));
 }
 
@@ -334,14 +334,14 @@ Reply ReferenceService::Impl::getWeather(const Request& req) {
 Reply ReferenceService::Impl::loginWithToken(const Request& req) {
     auto login = parseLogin(req.body);
     if (!login) return text(400, login.error);
-    if (const auto wait = logins.wait(login.value->mobile, req.client, now()); wait > 0) {
+    if (const auto wait = logins.wait(login->mobile, req.client, now()); wait > 0) {
         Reply refused = text(429, "too many failed logins; try again later");
         refused.headers.emplace_back("Retry-After", std::to_string(wait));
         return refused;
     }
-    auto user = storage->login(login.value->mobile, login.value->token);
+    auto user = storage->login(login->mobile, login->token);
     if (!user) {
-        logins.failed(login.value->mobile, req.client, now());
+        logins.failed(login->mobile, req.client, now());
         // The same answer for an unknown number and a wrong token.
         return text(403, "expired");
     }
@@ -351,7 +351,7 @@ Reply ReferenceService::Impl::loginWithToken(const Request& req) {
 Reply ReferenceService::Impl::addUser(const Request& req) {
     auto user = parseAddUser(req.body);
     if (!user) return text(400, user.error);
-    const AddedUser added = storage->addUser(*user.value);
+    const AddedUser added = storage->addUser(*user);
     if (added.referenceTaken) return text(409, "ReferenceId: held by another account");
     if (added.id == 0) return text(400, "user not added");
     return text(200, std::to_string(added.id));
@@ -360,7 +360,7 @@ Reply ReferenceService::Impl::addUser(const Request& req) {
 Reply ReferenceService::Impl::addFriend(const Request& req) {
     auto request = parseAddFriend(req.body);
     if (!request) return text(400, request.error);
-    if (!storage->addFriend(request.value->referenceId, request.value->friendReferenceId))
+    if (!storage->addFriend(request->referenceId, request->friendReferenceId))
         return text(404, "Kullanıcı bulunamadı");
     return text(200, "OK");
 }

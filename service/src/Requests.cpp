@@ -65,14 +65,14 @@ private:
 /// A JSON object body read by `read` into a T; refused with the first reason `read` or the
 /// members gave.
 template <class T, class Read>
-Parsed<T> readObject(std::string_view body, Read read) {
+Result<T> readObject(std::string_view body, Read read) {
     json::ParseResult parsed = json::parse(body);
-    if (!parsed) return Parsed<T>::refuse("malformed JSON: " + parsed.error);
-    if (!parsed.value->isObject()) return Parsed<T>::refuse("the body must be a JSON object");
+    if (!parsed) return Result<T>::failure("malformed JSON: " + parsed.error);
+    if (!parsed.value->isObject()) return Result<T>::failure("the body must be a JSON object");
     Members m(*parsed.value);
     T value = read(m);
-    if (!m.error().empty()) return Parsed<T>::refuse(m.error());
-    return {std::move(value), {}};
+    if (!m.error().empty()) return Result<T>::failure(m.error());
+    return value;
 }
 
 }  // namespace
@@ -81,8 +81,8 @@ Parsed<T> readObject(std::string_view body, Read read) {
 // KB, which the general reader would copy into a Value with a parser of its own each time. Each
 // thread keeps its parser (a parser takes some 14 bytes per byte of text, and a fresh one's memory
 // cost more in page faults than the parse), but lets go of one grown past 1 MiB.
-Parsed<MotionBulk> parseMotionBulk(std::string_view body) {
-    using Result = Parsed<MotionBulk>;
+Result<MotionBulk> parseMotionBulk(std::string_view body) {
+    using Bulk = Result<MotionBulk>;
     thread_local simdjson::dom::parser parser;
     struct Shrink {
         ~Shrink() {
@@ -91,9 +91,9 @@ Parsed<MotionBulk> parseMotionBulk(std::string_view body) {
     } shrink;
     simdjson::dom::element root;
     if (auto error = parser.parse(body.data(), body.size()).get(root))
-        return Result::refuse(std::string("malformed JSON: ") + simdjson::error_message(error));
+        return Bulk::failure(std::string("malformed JSON: ") + simdjson::error_message(error));
     simdjson::dom::object object;
-    if (root.get_object().get(object)) return Result::refuse("the body must be a JSON object");
+    if (root.get_object().get(object)) return Bulk::failure("the body must be a JSON object");
     MotionBulk bulk;
     std::string_view text;
     for (auto [key, value] : object) {  // later duplicates win, as with the general reader
@@ -109,24 +109,24 @@ Parsed<MotionBulk> parseMotionBulk(std::string_view body) {
                        std::fabs(number) < 9.2e18) {
                 bulk.userID = static_cast<std::int64_t>(number);
             } else {
-                return Result::refuse("UserID: expected an integer");
+                return Bulk::failure("UserID: expected an integer");
             }
         } else if (key == "DrivingGuid" || key == "MotionStr") {
             if (value.get_string().get(string))
-                return Result::refuse(std::string(key) + ": expected a text");
+                return Bulk::failure(std::string(key) + ": expected a text");
             if (key == "DrivingGuid") bulk.guid = string;
             if (key == "MotionStr") text = string;
         }
     }
-    if (bulk.guid.empty()) return Result::refuse("DrivingGuid: missing");
+    if (bulk.guid.empty()) return Bulk::failure("DrivingGuid: missing");
     auto records = parseMotionText(text);
-    if (!records) return Result::refuse("MotionStr: " + records.error);
+    if (!records) return Bulk::failure("MotionStr: " + records.error);
     bulk.text = text;
-    bulk.records = std::move(*records.value);
-    return {std::move(bulk), {}};
+    bulk.records = std::move(*records);
+    return bulk;
 }
 
-Parsed<DrivingRow> parseDrivingScore(std::string_view body) {
+Result<DrivingRow> parseDrivingScore(std::string_view body) {
     return readObject<DrivingRow>(body, [](Members& m) {
         DrivingRow d;
         d.userID = m.integer("userID");
@@ -157,7 +157,7 @@ Parsed<DrivingRow> parseDrivingScore(std::string_view body) {
     });
 }
 
-Parsed<Login> parseLogin(std::string_view body) {
+Result<Login> parseLogin(std::string_view body) {
     return readObject<Login>(body, [](Members& m) {
         Login login{m.text("Mobile"), m.text("Token")};
         if (login.mobile.empty() || login.token.empty()) m.fail("Mobile and Token", "required");
@@ -165,7 +165,7 @@ Parsed<Login> parseLogin(std::string_view body) {
     });
 }
 
-Parsed<UserRow> parseAddUser(std::string_view body) {
+Result<UserRow> parseAddUser(std::string_view body) {
     return readObject<UserRow>(body, [](Members& m) {
         UserRow u;
         u.firstName = m.text("FirstName");
@@ -179,7 +179,7 @@ Parsed<UserRow> parseAddUser(std::string_view body) {
     });
 }
 
-Parsed<FriendRequest> parseAddFriend(std::string_view body) {
+Result<FriendRequest> parseAddFriend(std::string_view body) {
     return readObject<FriendRequest>(body, [](Members& m) {
         FriendRequest r{m.text("ReferenceID"), m.text("FriendReferenceID")};
         m.integer("LoginTypeID");
@@ -189,11 +189,11 @@ Parsed<FriendRequest> parseAddFriend(std::string_view body) {
     });
 }
 
-Parsed<Value> parseBands(std::string_view text) {
+Result<Value> parseBands(std::string_view text) {
     json::ParseResult parsed = json::parse(text);
-    if (!parsed) return Parsed<Value>::refuse("malformed JSON: " + parsed.error);
+    if (!parsed) return Result<Value>::failure("malformed JSON: " + parsed.error);
     const List* list = parsed.value->asList();
-    if (!list) return Parsed<Value>::refuse("expected a list of bands");
+    if (!list) return Result<Value>::failure("expected a list of bands");
     // The library's names: six lists of bands, each of which a reply must fill (a kind without
     // bands is never charged), and six settings.
     static const auto kLevels = [] {
@@ -212,31 +212,31 @@ Parsed<Value> parseBands(std::string_view text) {
     for (std::size_t i = 0; i < list->size(); ++i) {
         const Value& band = (*list)[i];
         const std::string at = "band " + std::to_string(i + 1) + ": ";
-        if (!band.isObject()) return Parsed<Value>::refuse(at + "expected an object");
+        if (!band.isObject()) return Result<Value>::failure(at + "expected an object");
         const Value* name = band.find("_enmThresholdName");
         if (!name || !name->isString()) {
-            return Parsed<Value>::refuse(at + "_enmThresholdName: expected a text");
+            return Result<Value>::failure(at + "_enmThresholdName: expected a text");
         }
         if (kLevels.count(*name->asString())) {
             levels.insert(*name->asString());
         } else if (!kSettings.count(*name->asString())) {
-            return Parsed<Value>::refuse(at + "_enmThresholdName: unknown band " +
-                                         *name->asString());
+            return Result<Value>::failure(at + "_enmThresholdName: unknown band " +
+                                          *name->asString());
         }
         for (const char* key : {"_limitStart", "_limitEnd", "_impact"}) {
             const Value* v = band.find(key);
             if (!v || !v->asNumber() || !std::isfinite(*v->asNumber()))
-                return Parsed<Value>::refuse(at + key + ": expected a number");
+                return Result<Value>::failure(at + key + ": expected a number");
         }
         const Value* perKm = band.find("_perKilometer");
         if (!perKm || !perKm->isBool()) {
-            return Parsed<Value>::refuse(at + "_perKilometer: expected true or false");
+            return Result<Value>::failure(at + "_perKilometer: expected true or false");
         }
     }
     for (const std::string& level : kLevels) {
-        if (!levels.count(level)) return Parsed<Value>::refuse("no bands of " + level);
+        if (!levels.count(level)) return Result<Value>::failure("no bands of " + level);
     }
-    return {std::move(*parsed.value), {}};
+    return std::move(*parsed.value);
 }
 
 std::optional<std::int64_t> parsePathInteger(std::string_view text) {

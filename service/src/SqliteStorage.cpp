@@ -207,7 +207,7 @@ public:
             // As it was stored: an earlier file's records may hold what is refused today.
             auto parsed = parseMotionText(text, false);
             if (!parsed) continue;
-            for (MotionRecord& r : *parsed.value) {
+            for (MotionRecord& r : *parsed) {
                 if (seen.emplace(r.itemId, r.recordTime).second) records.push_back(r);
             }
         }

@@ -171,7 +171,7 @@ TEST(ServiceStorage, KeepsEveryFieldOfEveryRecord) {
     const std::string text = plain.toString() + ";" + full.toString() + ";";
     auto bulk = service::parseMotionBulk(bulkBody("T", text));
     ASSERT_TRUE(bulk) << bulk.error;
-    ASSERT_EQ(storage->addMotion(*bulk.value), 2u);
+    ASSERT_EQ(storage->addMotion(*bulk), 2u);
     const auto stored = storage->motion("T");
     std::string again;
     for (const auto& r : stored) service::appendMotionText(again, r);

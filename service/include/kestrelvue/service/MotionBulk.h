@@ -2,9 +2,10 @@
 // A motion bulk as the reference service reads it, for the programs that look into what the
 // library uploads (the replay tool counts and times its records this way).
 
+#include <kestrelvue/Result.h>
+
 #include <array>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -47,20 +48,10 @@ struct MotionBulk {
     std::vector<MotionRecord> records;
 };
 
-/// A value, or why the request is refused.
-template <class T>
-struct Parsed {
-    std::optional<T> value;
-    std::string error;
-
-    static Parsed refuse(std::string why) { return {std::nullopt, std::move(why)}; }
-    explicit operator bool() const { return value.has_value(); }
-};
-
 /// An "addMotionData" body: "UserID", "DrivingGuid" (required) and "MotionStr", whose records
 /// each hold 39 comma-terminated fields and end with ";". A record that is malformed or holds
 /// what cannot be true (a latitude beyond ±90, a record time that is no date, a penalty that is
 /// not finite) refuses the bulk, named by its number and field.
-Parsed<MotionBulk> parseMotionBulk(std::string_view body);
+Result<MotionBulk> parseMotionBulk(std::string_view body);
 
 }  // namespace kestrelvue::service
