@@ -119,7 +119,7 @@ Result<MotionBulk> parseMotionBulk(std::string_view body) {
         }
     }
     if (bulk.guid.empty()) return Bulk::failure("DrivingGuid: missing");
-    auto records = parseMotionText(text);
+    auto records = detail::parseMotionText(text);
     if (!records) return Bulk::failure("MotionStr: " + records.error);
     bulk.text = text;
     bulk.records = std::move(*records);
@@ -139,17 +139,17 @@ Result<DrivingRow> parseDrivingScore(std::string_view body) {
         d.startLong = m.bounded("startLocationLongitude", 180);
         d.endLat = m.bounded("endLocationLatitude", 90);
         d.endLong = m.bounded("endLocationLongitude", 180);
-        d.score = m.bounded("Score", kMaxScore);
+        d.score = m.bounded("Score", detail::kMaxScore);
         for (const auto kind : detail::kEventKinds) {
             const auto i = static_cast<std::size_t>(kind);
             const std::string stem = "sharp" + std::string(detail::namesOf(kind).wire);
             d.counts[i] = m.integer(stem + "Count");
-            if (d.counts[i] < 0 || d.counts[i] > kMaxPenalty)
+            if (d.counts[i] < 0 || d.counts[i] > detail::kMaxPenalty)
                 m.fail(stem + "Count", "beyond any real trip");
-            d.penalties[i] = m.bounded(stem + "Penalty", kMaxPenalty);
+            d.penalties[i] = m.bounded(stem + "Penalty", detail::kMaxPenalty);
         }
-        d.fuelPenalty = m.bounded("fuelEfficiencyPenalty", kMaxPenalty);
-        d.totalDistance = m.bounded("totalDistance", kMaxDistanceMetres);
+        d.fuelPenalty = m.bounded("fuelEfficiencyPenalty", detail::kMaxPenalty);
+        d.totalDistance = m.bounded("totalDistance", detail::kMaxDistanceMetres);
         if (d.totalDistance < 0) m.fail("totalDistance", "negative");
         d.timeElapsed = m.text("timeElapsed");
         if (d.guid.empty()) m.fail("drivingGuid", "missing");

@@ -10,7 +10,6 @@
 #include <string_view>
 #include <vector>
 
-#include "MotionText.h"
 #include "Storage.h"
 
 namespace kestrelvue::service {

@@ -13,7 +13,6 @@
 #include <set>
 #include <utility>
 
-#include "MotionText.h"
 #include "Sqlite.h"
 #include "Storage.h"
 #include "records/EventKinds.h"
@@ -205,7 +204,7 @@ public:
         std::set<std::pair<std::int64_t, RecordTime>> seen;
         for (const std::string& text : texts) {
             // As it was stored: an earlier file's records may hold what is refused today.
-            auto parsed = parseMotionText(text, false);
+            auto parsed = detail::parseMotionText(text, false);
             if (!parsed) continue;
             for (MotionRecord& r : *parsed) {
                 if (seen.emplace(r.itemId, r.recordTime).second) records.push_back(r);

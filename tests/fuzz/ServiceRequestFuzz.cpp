@@ -25,12 +25,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             break;
         }
         case 1: {
-            auto records = parseMotionText(body);
+            auto records = kestrelvue::detail::parseMotionText(body);
             check(records);
             if (!records) break;
             std::string again;
             for (const MotionRecord& r : *records) appendMotionText(again, r);
-            auto reread = parseMotionText(again);
+            auto reread = kestrelvue::detail::parseMotionText(again);
             if (!reread || reread->size() != records->size()) __builtin_trap();
             break;
         }

@@ -174,7 +174,7 @@ TEST(ServiceStorage, KeepsEveryFieldOfEveryRecord) {
     ASSERT_EQ(storage->addMotion(*bulk), 2u);
     const auto stored = storage->motion("T");
     std::string again;
-    for (const auto& r : stored) service::appendMotionText(again, r);
+    for (const auto& r : stored) detail::appendMotionText(again, r);
     EXPECT_EQ(again, text);
     ASSERT_EQ(stored.size(), 2u);  // and the fields are the ones they name
     EXPECT_EQ(std::string(stored[1].events, 4) + stored[1].orientation[0], "R  LF");

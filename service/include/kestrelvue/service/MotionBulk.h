@@ -10,35 +10,12 @@
 #include <string_view>
 #include <vector>
 
-#include "records/EventKinds.h"
+#include "records/MotionText.h"
 
 namespace kestrelvue::service {
 
-/// "yyyy-MM-dd HH:mm:ss:SSS", always that long: held in place, since a bulk has a thousand.
-using RecordTime = std::array<char, 23>;
-
-/// One motion record with every one of its 39 fields, in the order the motion text has them.
-struct MotionRecord {
-    double acceleration[3] = {}, rotation[3] = {}, attitude[3] = {}, gravity[3] = {};
-    /// The event characters: cornering, speeding, elevating, lane changing (' ' for none).
-    char events[4] = {' ', ' ', ' ', ' '};
-    double latitude = 0, longitude = 0;
-    std::array<char, 2> orientationGiven = {'U', 'N'};
-    double locationSpeedKmh = 0;  // whole km/h, as the text rounds it
-    RecordTime locationTime = {};
-    double currentSpeedKmh = 0;
-    std::int64_t itemId = 0;
-    RecordTime recordTime = {};
-    std::array<double, detail::kEventKindCount> penalty{};  // by detail::EventKind
-    std::array<double, detail::kEventKindCount> penaltyPerKM{};
-    double fuelPerKM = 0;
-    double course = 0, horizontalAccuracy = 0, locationSpeed = 0;  // degrees, metres, m/s
-    std::array<char, 2> orientation = {'U', 'N'};
-
-    bool hasFault() const;
-    std::string_view recordTimeText() const { return {recordTime.data(), recordTime.size()}; }
-    bool operator==(const MotionRecord&) const = default;
-};
+using detail::MotionRecord;
+using detail::RecordTime;
 
 /// A motion bulk as it was read: its records and the text they were read from.
 struct MotionBulk {

@@ -1,11 +1,11 @@
-#include "MotionText.h"
+#include "records/MotionText.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 
-namespace kestrelvue::service {
+namespace kestrelvue::detail {
 namespace {
 
 constexpr std::size_t kFieldsPerRecord = 39;
@@ -212,4 +212,4 @@ void appendMotionText(std::string& out, const MotionRecord& r) {
     out.append(r.orientation.data(), 2).append(",;");
 }
 
-}  // namespace kestrelvue::service
+}  // namespace kestrelvue::detail
