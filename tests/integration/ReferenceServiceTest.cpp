@@ -293,6 +293,22 @@ TEST(ServiceStorage, FourFilesAreUpgradedIntoOne) {
     for (const char* suffix : {"", "-wal", "-shm"}) std::remove((db + suffix).c_str());
 }
 
-TEST(ReferenceServiceLifecycle, StopsRightAfterStarting) {
+// /healthz speaks for the storage: once the database no longer answers the service's queries (a
+// table dropped behind its back), it answers 503.
+TEST(ReferenceServiceLifecycle, StopsRightAfterStartingAndHealthzFollowsTheStorage) {
     for (int i = 0; i < 20; ++i) ASSERT_TRUE(service::ReferenceService({}).start());
+    const std::string db = ::testing::TempDir() + "kv-health-" + std::to_string(::getpid());
+    service::ServiceOptions options;
+    options.databasePath = db;
+    service::ReferenceService service(options);
+    ASSERT_TRUE(service.start()) << service.error();
+    httplib::Client client("127.0.0.1", service.port());
+    EXPECT_EQ(client.Get("/healthz")->status, 200);
+    sqlite3* f = nullptr;
+    ASSERT_EQ(sqlite3_open(db.c_str(), &f), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(f, "DROP TABLE motion_bulks", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(f);
+    EXPECT_EQ(client.Get("/healthz")->status, 503);
+    service.stop();
+    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((db + suffix).c_str());
 }
