@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstdio>
+#include <filesystem>
 #include <mutex>
 #include <set>
 #include <utility>
@@ -94,12 +95,9 @@ constexpr std::array<std::string_view, 0> kLaterMigrations{};
 constexpr int kVersion = 1 + static_cast<int>(kLaterMigrations.size());
 
 std::string hex(const unsigned char* bytes, std::size_t n) {
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    for (std::size_t i = 0; i < n; ++i) {
-        out += digits[bytes[i] >> 4];
-        out += digits[bytes[i] & 15];
-    }
+    std::string out(2 * n + 1, '\0');
+    for (std::size_t i = 0; i < n; ++i) std::snprintf(&out[2 * i], 3, "%02x", bytes[i]);
+    out.pop_back();
     return out;
 }
 
@@ -119,11 +117,11 @@ std::string saltedHash(const std::string& salt, const std::string& token) {
 bool hasTable(sqlite3* db, const char* schema, const char* table) {
     const std::string sql =
         std::string("SELECT 1 FROM ") + schema + ".sqlite_master WHERE type = 'table' AND name = ?";
-    return Statement(db, sql.c_str()).bind(1, std::string_view(table)).step();
+    return Statement(db, sql).bind(1, std::string_view(table)).step();
 }
 
 std::int64_t pragma(sqlite3* db, const char* name) {
-    Statement q(db, (std::string("PRAGMA ") + name).c_str());
+    Statement q(db, (std::string("PRAGMA ") + name));
     return q.step() ? q.integer(0) : -1;
 }
 
@@ -162,9 +160,8 @@ public:
         for (int v = static_cast<int>(std::max<std::int64_t>(version, 1)); v < kVersion; ++v) {
             const std::string sql = "BEGIN; " + std::string(kLaterMigrations.at(v - 1)) +
                                     "; PRAGMA user_version = " + std::to_string(v + 1) + "; COMMIT";
-            if (!execute(db_, sql.c_str(), error)) {
-                std::string ignored;
-                execute(db_, "ROLLBACK", ignored);
+            if (!execute(db_, sql, error)) {
+                tryExecute(db_, "ROLLBACK");
                 error.insert(0, "cannot upgrade " + path + ": ");
                 return false;
             }
@@ -260,8 +257,7 @@ public:
         std::lock_guard lock(mutex_);
         Statement q(db_,
                     (std::string("SELECT COUNT(*), TOTAL(MIN(MAX(distance_metres, 0), 1e9)), ") +
-                     kWeighedScore + " FROM trips WHERE user_id = ?")
-                        .c_str());
+                     kWeighedScore + " FROM trips WHERE user_id = ?"));
         q.bind(1, userID);
         if (!q.step()) return {};
         return {q.integer(0), q.real(1), q.real(2)};
@@ -270,8 +266,7 @@ public:
     std::optional<UserRow> login(const std::string& mobile, const std::string& token) override {
         std::lock_guard lock(mutex_);
         Statement q(db_, (std::string("SELECT ") + kUserColumns +
-                          ", token_salt, token_hash FROM users WHERE mobile = ?")
-                             .c_str());
+                          ", token_salt, token_hash FROM users WHERE mobile = ?"));
         q.bind(1, mobile);
         if (!q.step()) return std::nullopt;
         const std::string salt = q.text(9), stored = q.text(10);
@@ -333,8 +328,7 @@ public:
 
     std::optional<UserRow> user(std::int64_t id) override {
         std::lock_guard lock(mutex_);
-        Statement q(db_,
-                    (std::string("SELECT ") + kUserColumns + " FROM users WHERE id = ?").c_str());
+        Statement q(db_, (std::string("SELECT ") + kUserColumns + " FROM users WHERE id = ?"));
         q.bind(1, id);
         if (!q.step()) return std::nullopt;
         return readUser(q);
@@ -355,7 +349,7 @@ public:
             "COUNT(guid), " +
             std::string(kWeighedScore) + " FROM users u LEFT JOIN trips ON user_id = u.id WHERE " +
             where + " GROUP BY u.id ORDER BY 6 DESC, 1 ASC";
-        Statement q(db_, sql.c_str());
+        Statement q(db_, sql);
         q.bind(1, me.id).bind(2, scope == 1 ? me.country : me.city).bind(3, me.referenceId);
         std::vector<LeaderRow> rows;
         while (q.step()) {
@@ -403,19 +397,6 @@ private:
     sqlite3* db_ = nullptr;
 };
 
-/// The files the earlier layout kept motion records in beside the database file.
-std::vector<std::string> earlierMotionFiles(const std::string& path) {
-    std::vector<std::string> files;
-    for (int k = 1; k <= 3; ++k) {
-        const std::string file = path + ".motion-" + std::to_string(k);
-        if (std::FILE* f = std::fopen(file.c_str(), "rb")) {
-            std::fclose(f);
-            files.push_back(file);
-        }
-    }
-    return files;
-}
-
 // A new file gets the schema; a file of the earlier layout is upgraded in one transaction, its
 // three motion files read in, so that a failure leaves it as it was.
 bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error) {
@@ -430,9 +411,13 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
     }
     std::vector<std::string> attached;
     if (earlier && path != ":memory:") {
-        for (const std::string& file : earlierMotionFiles(path)) {
+        for (int k = 1; k <= 3; ++k) {
+            // The files the earlier layout kept motion records in beside the database file.
+            const std::string file = path + ".motion-" + std::to_string(k);
+            std::error_code ignored;
+            if (!std::filesystem::exists(file, ignored)) continue;
             const std::string name = "m" + std::to_string(attached.size() + 1);
-            Statement attach(db_, ("ATTACH DATABASE ? AS " + name).c_str());
+            Statement attach(db_, ("ATTACH DATABASE ? AS " + name));
             if (!attach.bind(1, file).run()) {
                 error = "cannot read " + file + ": " + sqlite3_errmsg(db_);
                 return false;
@@ -442,32 +427,30 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
     }
     bool done = execute(db_, "BEGIN IMMEDIATE", error);
     if (done && earlier) {
-        std::string ignored;  // a file made before tokens were hashed lacks their columns
-        execute(db_, "ALTER TABLE users ADD COLUMN token_salt TEXT", ignored);
-        execute(db_, "ALTER TABLE users ADD COLUMN token_hash TEXT", ignored);
-        done = execute(db_, (kRenameEarlierTables + renamesOfKinds()).c_str(), error);
+        tryExecute(db_, "ALTER TABLE users ADD COLUMN token_salt TEXT");
+        tryExecute(db_, "ALTER TABLE users ADD COLUMN token_hash TEXT");
+        done = execute(db_, (kRenameEarlierTables + renamesOfKinds()), error);
     }
     done = done && execute(db_, kSchemaVersion1, error);
     done = done && (!earlier || moveEarlierMotion(path, error));
     done = done && execute(db_,
                            ("PRAGMA application_id = " + std::to_string(kApplicationId) +
-                            "; PRAGMA user_version = 1")
-                               .c_str(),
+                            "; PRAGMA user_version = 1"),
                            error);
     done = done && execute(db_, "COMMIT", error);
     if (!done) {
-        std::string ignored;
-        execute(db_, "ROLLBACK", ignored);
+        tryExecute(db_, "ROLLBACK");
         error.insert(0, (earlier ? "cannot upgrade " : "cannot create ") + path + ": ");
     }
     for (std::size_t k = 1; k <= attached.size(); ++k) {
-        std::string ignored;
-        execute(db_, ("DETACH DATABASE m" + std::to_string(k)).c_str(), ignored);
+        tryExecute(db_, "DETACH DATABASE m" + std::to_string(k));
     }
     if (!done) return false;
     // Every record is in the one file now: the others would only mislead.
+    std::error_code ignored;
     for (const std::string& file : attached) {
-        for (const char* suffix : {"", "-wal", "-shm"}) std::remove((file + suffix).c_str());
+        for (const char* suffix : {"", "-wal", "-shm"})
+            std::filesystem::remove(file + suffix, ignored);
     }
     return true;
 }
@@ -480,8 +463,7 @@ bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& erro
     for (int k = 1; hasTable(db_, ("m" + std::to_string(k)).c_str(), "motion"); ++k)
         schemas.push_back("m" + std::to_string(k));
     const auto number = [&](const std::string& schema) {
-        Statement q(db_,
-                    ("SELECT value FROM " + schema + ".counters WHERE name = 'database'").c_str());
+        Statement q(db_, ("SELECT value FROM " + schema + ".counters WHERE name = 'database'"));
         return q.step() ? q.integer(0) : 0;
     };
     std::string rows;
@@ -500,7 +482,7 @@ bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& erro
                 schemas[k] + ".trip_ids t ON t.id = m.trip";
     }
     if (!rows.empty()) {
-        Statement q(db_, ("SELECT * FROM (" + rows + ") ORDER BY 1, file, arrival").c_str());
+        Statement q(db_, ("SELECT * FROM (" + rows + ") ORDER BY 1, file, arrival"));
         std::string trip, text;
         std::int64_t user = 0;
         std::vector<MotionRecord> bulk;
