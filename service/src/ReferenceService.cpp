@@ -182,7 +182,7 @@ Reply getThresholds(State& s, const Request&) {
 }
 
 Reply addMotionData(State& s, const Request& req) {
-    auto bulk = parseMotionBulk(req.body);
+    auto bulk = parseMotionBulk(req.body, false);
     if (!bulk) return text(400, bulk.error);
     if (!s.storage->addMotion(*bulk)) return text(500, "the records could not be stored");
     return jsonReply(std::string("true"));

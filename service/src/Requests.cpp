@@ -81,7 +81,7 @@ Result<T> readObject(std::string_view body, Read read) {
 // KB, which the general reader would copy into a Value with a parser of its own each time. Each
 // thread keeps its parser (a parser takes some 14 bytes per byte of text, and a fresh one's memory
 // cost more in page faults than the parse), but lets go of one grown past 1 MiB.
-Result<MotionBulk> parseMotionBulk(std::string_view body) {
+Result<MotionBulk> parseMotionBulk(std::string_view body, bool keepRecords) {
     using Bulk = Result<MotionBulk>;
     thread_local simdjson::dom::parser parser;
     struct Shrink {
@@ -119,10 +119,13 @@ Result<MotionBulk> parseMotionBulk(std::string_view body) {
         }
     }
     if (bulk.guid.empty()) return Bulk::failure("DrivingGuid: missing");
-    auto records = detail::parseMotionText(text);
-    if (!records) return Bulk::failure("MotionStr: " + records.error);
+    auto count = detail::readMotionText(text, true, [&](const MotionRecord& r) {
+        (bulk.count++ == 0 ? bulk.first : bulk.last) = r;
+        if (keepRecords) bulk.records.push_back(r);
+    });
+    if (!count) return Bulk::failure("MotionStr: " + count.error);
+    if (bulk.count == 1) bulk.last = bulk.first;
     bulk.text = text;
-    bulk.records = std::move(*records);
     return bulk;
 }
 

@@ -175,8 +175,8 @@ public:
     }
 
     std::optional<std::size_t> addMotionLocked(const MotionBulk& bulk) {
-        if (bulk.records.empty()) return 0;
-        const MotionRecord &first = bulk.records.front(), &last = bulk.records.back();
+        if (bulk.count == 0) return 0;
+        const MotionRecord &first = bulk.first, &last = bulk.last;
         const std::string key =
             std::to_string(first.itemId) + " " + std::string(first.recordTimeText()) + " " +
             std::to_string(last.itemId) + " " + std::string(last.recordTimeText());
@@ -184,9 +184,9 @@ public:
                     "INSERT OR IGNORE INTO motion_bulks(trip, user_id, first_and_last, records, "
                     "motion_text) VALUES (?, ?, ?, ?, ?)");
         q.bind(1, bulk.guid).bind(2, bulk.userID).bind(3, key);
-        q.bind(4, static_cast<std::int64_t>(bulk.records.size())).bind(5, bulk.text);
+        q.bind(4, static_cast<std::int64_t>(bulk.count)).bind(5, bulk.text);
         if (!q.run()) return std::nullopt;
-        return sqlite3_changes(db_) ? bulk.records.size() : 0;
+        return sqlite3_changes(db_) ? bulk.count : 0;
     }
 
     std::vector<MotionRecord> motion(const std::string& guid) override {
@@ -491,7 +491,7 @@ bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& erro
             if (bulk.empty()) return true;
             text.clear();
             for (const MotionRecord& r : bulk) appendMotionText(text, r);
-            MotionBulk b{trip, user, std::move(text), std::move(bulk)};
+            MotionBulk b{trip, user, std::move(text), bulk.size(), bulk.front(), bulk.back(), {}};
             bulk.clear();
             text.clear();
             return addMotionLocked(b).has_value();

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,6 +42,12 @@ struct MotionRecord {
     std::string_view recordTimeText() const { return {recordTime.data(), recordTime.size()}; }
     bool operator==(const MotionRecord&) const = default;
 };
+
+/// Reads the records of a motion text one by one, handing each to `take`: their number, or why
+/// the text is refused, as parseMotionText. A reader that keeps only some records (the first and
+/// the last, say) holds no more memory for a long text than for a short one.
+Result<std::size_t> readMotionText(std::string_view text, bool checkValues,
+                                   const std::function<void(const MotionRecord&)>& take);
 
 /// The records of a motion text. A record that is malformed or holds what cannot be true (a
 /// latitude beyond ±90, a record time that is no date, a penalty that is not finite) refuses the
