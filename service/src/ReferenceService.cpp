@@ -48,9 +48,8 @@ Reply jsonReply(const Value& value) {
 double parseField(std::string_view field) {
     while (!field.empty() && field.front() == ' ') field.remove_prefix(1);
     double value = 0;
-    auto [end, ec] = std::from_chars(field.data(), field.data() + field.size(), value);
-    (void)end;
-    return ec == std::errc() && std::isfinite(value) ? value : 0.0;
+    const auto read = std::from_chars(field.data(), field.data() + field.size(), value);
+    return read.ec == std::errc() && std::isfinite(value) ? value : 0.0;
 }
 
 /// The route of a long trip, thinned evenly to at most `limit` points; every fault point stays.
@@ -61,7 +60,6 @@ std::vector<MotionRecord> thinned(std::vector<MotionRecord> points, std::size_t 
     const std::size_t room = limit > faults ? limit - faults : 0;
     const std::size_t plain = points.size() - faults;
     std::vector<MotionRecord> out;
-    out.reserve(std::min(points.size(), faults + room));
     std::size_t seen = 0, kept = 0;
     for (const MotionRecord& p : points) {
         if (p.hasFault()) {
