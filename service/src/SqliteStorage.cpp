@@ -336,9 +336,10 @@ public:
 
     std::vector<LeaderRow> leaders(const UserRow& me, int scope) override {
         std::lock_guard lock(mutex_);
-        static constexpr const char* kScopes[] = {"1", "u.country = ?2", "u.city = ?2",
-                                                  "(u.id = ?1 OR u.reference_id IN (SELECT "
-                                                  "friend_ref FROM friends WHERE user_ref = ?3))"};
+        // Everyone, the country, the city, the friends and oneself.
+        static constexpr const char* kScopes[] = {
+            "1", "u.country = ?2", "u.city = ?2",
+            "u.id = ?1 OR u.reference_id IN (SELECT friend_ref FROM friends WHERE user_ref = ?3)"};
         const char* where = kScopes[scope >= 1 && scope <= 3 ? scope : 0];
         const std::string sql =
             "SELECT u.id, TRIM(u.first_name || ' ' || u.last_name), u.city, u.country, "
