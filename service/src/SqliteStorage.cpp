@@ -125,18 +125,6 @@ std::int64_t pragma(sqlite3* db, const char* name) {
     return q.step() ? q.integer(0) : -1;
 }
 
-/// The record time kept as its seventeen digits (20261116140509250) as its text again.
-RecordTime recordTimeOf(std::int64_t digits) {
-    char text[24];
-    std::snprintf(text, sizeof text, "%017lld",
-                  static_cast<long long>(digits % 100000000000000000));
-    constexpr std::string_view pattern = "dddd-dd-dd dd:dd:dd:ddd";
-    RecordTime out{};
-    for (std::size_t i = 0, d = 0; i < out.size(); ++i)
-        out[i] = pattern[i] == 'd' ? text[d++] : pattern[i];
-    return out;
-}
-
 class SqliteStorage final : public Storage {
 public:
     ~SqliteStorage() override {
@@ -478,42 +466,26 @@ bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& erro
                 std::to_string(k) + " AS file, m.arrival FROM " + schemas[k] + ".motion m JOIN " +
                 schemas[k] + ".trip_ids t ON t.id = m.trip";
     }
-    if (!rows.empty()) {
-        Statement q(db_, ("SELECT * FROM (" + rows + ") ORDER BY 1, file, arrival"));
-        std::string trip, text;
-        std::int64_t user = 0;
-        std::vector<MotionRecord> bulk;
-        std::set<std::pair<std::int64_t, std::int64_t>> seen;
-        const auto flush = [&] {
-            if (bulk.empty()) return true;
-            text.clear();
-            for (const MotionRecord& r : bulk) appendMotionText(text, r);
-            MotionBulk b{trip, user, std::move(text), bulk.size(), bulk.front(), bulk.back(), {}};
-            bulk.clear();
-            text.clear();
-            return addMotionLocked(b).has_value();
-        };
-        while (q.step()) {
-            if (q.view(0) != trip) {
-                if (!flush()) return false;
-                trip = q.text(0);
-                seen.clear();
-            }
-            if (!seen.emplace(q.integer(2), q.integer(3)).second) continue;
-            MotionRecord& r = bulk.emplace_back();
-            user = q.integer(1);
-            r.itemId = q.integer(2);
-            r.recordTime = r.locationTime = recordTimeOf(q.integer(3));
-            r.latitude = q.real(4);
-            r.longitude = q.real(5);
-            for (int i = 0; i < 5; ++i) {
-                r.penalty[i] = q.real(6 + i);
-                r.penaltyPerKM[i] = q.real(11 + i);
-            }
-            r.fuelPerKM = q.real(16);
-            if (bulk.size() == 1000 && !flush()) return false;
-        }
-        if (!flush()) return false;
+    // Each row becomes a bulk of one record in the library's text, its other fields zero. The
+    // rows of a trip go in the order they came, file by file, so a key kept in two files (a trip
+    // whose records changed file) is moved once: the second copy is a bulk sent again.
+    std::string format;
+    for (int i = 0; i < 12; ++i) format += "  0.000,";
+    format += " , , , ,%10.6f,%10.6f,UN,   0,%s,   0,%7d,%s,";
+    for (int i = 0; i < 11; ++i) format += "%7.3f,";
+    format += "  0.000,    0,  0.000000,UN,;";
+    Statement q(db_,
+                "INSERT OR IGNORE INTO motion_bulks(trip, user_id, first_and_last, records, "
+                "motion_text) SELECT guid, user_id, item_id || ' ' || stamp || ' ' || item_id || "
+                "' ' || stamp, 1, printf(?, lat, lon, stamp, item_id, stamp, p0, p1, p2, p3, p4, "
+                "k0, k1, k2, k3, k4, fuel) FROM (SELECT *, substr(d, 1, 4) || '-' || substr(d, 5, "
+                "2) || '-' || substr(d, 7, 2) || ' ' || substr(d, 9, 2) || ':' || substr(d, 11, 2) "
+                "|| ':' || substr(d, 13, 2) || ':' || substr(d, 15, 3) AS stamp FROM (SELECT *, "
+                "printf('%017d', record_time % 100000000000000000) AS d FROM (" +
+                    rows + "))) ORDER BY guid, file, arrival");
+    if (!rows.empty() && !q.bind(1, format).run()) {
+        error = sqlite3_errmsg(db_);
+        return false;
     }
     return execute(db_,
                    "DROP TABLE IF EXISTS main.motion; DROP TABLE IF EXISTS main.trip_ids; "
