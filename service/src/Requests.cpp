@@ -12,6 +12,12 @@
 namespace kestrelvue::service {
 namespace {
 
+/// A whole double (3.0) is the same number as the integer; a fraction is not a count.
+std::optional<std::int64_t> whole(double d) {
+    if (d != std::trunc(d) || std::fabs(d) >= 9.2e18) return std::nullopt;
+    return static_cast<std::int64_t>(d);
+}
+
 /// Reads typed members of one JSON object; the first wrong type is kept as the reason to refuse.
 /// An absent or null member reads as empty or zero: clients leave out what they do not know.
 class Members {
@@ -40,12 +46,9 @@ public:
         const Value* v = present(key);
         if (!v) return 0;
         if (auto i = v->asInt()) return *i;
-        // A whole double (3.0) is the same number; a fraction or a text is not a count.
         const std::optional<double> d = v->asNumber();
-        if (!d || *d != std::trunc(*d) || std::fabs(*d) >= 9.2e18) {
-            return fail(key, "expected an integer"), 0;
-        }
-        return static_cast<std::int64_t>(*d);
+        if (auto i = d ? whole(*d) : std::nullopt) return *i;
+        return fail(key, "expected an integer"), 0;
     }
     const std::string& error() const { return error_; }
 
@@ -102,12 +105,10 @@ Result<MotionBulk> parseMotionBulk(std::string_view body, bool keepRecords) {
         double number = 0;
         std::string_view string;
         if (key == "UserID") {
-            // A whole double (3.0) is the same number; a fraction or a text is not an identifier.
             if (!value.get_int64().get(integer)) {
                 bulk.userID = integer;
-            } else if (!value.get_double().get(number) && number == std::trunc(number) &&
-                       std::fabs(number) < 9.2e18) {
-                bulk.userID = static_cast<std::int64_t>(number);
+            } else if (auto i = value.get_double().get(number) ? std::nullopt : whole(number)) {
+                bulk.userID = *i;
             } else {
                 return Bulk::failure("UserID: expected an integer");
             }
