@@ -23,6 +23,10 @@ namespace {
 
 using Steady = std::chrono::steady_clock;
 
+/// The request line and headers, in bytes (431 past it), and their number; the listen backlog.
+constexpr std::size_t kMaxHeadBytes = 16u << 10, kMaxHeadLines = 100;
+constexpr unsigned kBacklog = 256;
+
 bool sameName(std::string_view a, std::string_view b) {
     return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
@@ -114,8 +118,7 @@ struct Exchange {
 };
 
 struct HttpServer::Impl {
-    HttpLimits limits;
-    AccessLog log;
+    ServiceOptions options;
     Handler handler;
     MHD_Daemon* daemon = nullptr;
     std::optional<Deadlines> deadlines{};
@@ -134,8 +137,8 @@ struct HttpServer::Impl {
         ex->target = uri ? uri : "";
         const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
         ex->request.client = addressText(info ? info->client_addr : nullptr);
-        const auto& now = static_cast<Impl*>(cls)->log.now;
-        ex->at = now ? now() : std::chrono::system_clock::now();
+        const auto& clock = static_cast<Impl*>(cls)->options.clock;
+        ex->at = clock ? clock->now() : std::chrono::system_clock::now();
         return ex;
     }
 
@@ -167,17 +170,17 @@ struct HttpServer::Impl {
                     return refusal(400, "Content-Length is not a decimal number");
             }
         }
-        if (headBytes > limits.maxHeadBytes || req.headers.size() > limits.maxHeadLines)
-            return refusal(431, "request head too large: at most " +
-                                    std::to_string(limits.maxHeadLines) + " header lines and " +
-                                    std::to_string(limits.maxHeadBytes) + " bytes");
+        if (headBytes > kMaxHeadBytes || req.headers.size() > kMaxHeadLines)
+            return refusal(431, "request head too large: at most " + std::to_string(kMaxHeadLines) +
+                                    " header lines and " + std::to_string(kMaxHeadBytes) +
+                                    " bytes");
         if (hosts > 1 || (hosts == 0 && std::strcmp(version, MHD_HTTP_VERSION_1_1) == 0))
             return refusal(400, "an HTTP/1.1 request needs exactly one Host header");
         if (codings > 0 && lengths > 0)
             return refusal(400, "Transfer-Encoding and Content-Length together");
         if (codings > 1 || (codings == 1 && !sameName(req.header("Transfer-Encoding"), "chunked")))
             return refusal(501, "only the chunked transfer coding is understood");
-        if (lengths > 0 && std::stoull(length) > limits.maxBodyBytes) return bodyTooLarge();
+        if (lengths > 0 && std::stoull(length) > options.maxBodyBytes) return bodyTooLarge();
         // The body arrives in pieces of some kilobytes: its room is made once.
         if (lengths > 0) req.body.reserve(std::stoull(length));
         return std::nullopt;
@@ -185,7 +188,7 @@ struct HttpServer::Impl {
 
     Reply bodyTooLarge() const {
         return refusal(
-            413, "request body larger than " + std::to_string(limits.maxBodyBytes) + " bytes");
+            413, "request body larger than " + std::to_string(options.maxBodyBytes) + " bytes");
     }
 
     /// Inflates the body when it came compressed, then asks the handler.
@@ -205,12 +208,12 @@ struct HttpServer::Impl {
                 std::uint32_t size = 0;  // the last four bytes, little-endian
                 for (std::size_t i = 1; i <= 4; ++i)
                     size = size << 8 | std::uint8_t(req.body[n - i]);
-                plain.reserve(std::min<std::size_t>(size, limits.maxBodyBytes));
+                plain.reserve(std::min<std::size_t>(size, options.maxBodyBytes));
             }
-            switch (detail::gunzip(req.body, limits.maxBodyBytes, plain)) {
+            switch (detail::gunzip(req.body, options.maxBodyBytes, plain)) {
                 case detail::Inflated::TooLarge:
                     ex.reply = refusal(413, "request body inflates past " +
-                                                std::to_string(limits.maxBodyBytes) + " bytes");
+                                                std::to_string(options.maxBodyBytes) + " bytes");
                     return;
                 case detail::Inflated::Damaged:
                     ex.reply = refusal(400, "damaged gzip body");
@@ -263,7 +266,7 @@ struct HttpServer::Impl {
         }
         if (*size > 0) {
             ex.received += *size;
-            if (ex.request.body.size() + *size > self.limits.maxBodyBytes) ex.tooLarge = true;
+            if (ex.request.body.size() + *size > self.options.maxBodyBytes) ex.tooLarge = true;
             if (!ex.tooLarge) ex.request.body.append(data, *size);
             *size = 0;
             return MHD_YES;
@@ -286,7 +289,7 @@ struct HttpServer::Impl {
         self.deadlines->restart(connection, false);  // for the next request
         auto* ex = static_cast<Exchange*>(*state);
         if (!ex) return;
-        if (self.log.enabled) self.logLine(*ex, toe);
+        if (self.options.accessLog) self.logLine(*ex, toe);
         delete ex;
         *state = nullptr;
     }
@@ -318,14 +321,16 @@ struct HttpServer::Impl {
     }
 };
 
-HttpServer::HttpServer(HttpLimits limits, AccessLog log, Handler handler)
-    : impl_(new Impl{.limits = limits, .log = std::move(log), .handler = std::move(handler)}) {}
+HttpServer::HttpServer(ServiceOptions options, Handler handler)
+    : impl_(new Impl{.options = std::move(options), .handler = std::move(handler)}) {}
 
 HttpServer::~HttpServer() {
     stop();
 }
 
-bool HttpServer::start(const std::string& host, int port, std::string& error) {
+bool HttpServer::start(std::string& error) {
+    const std::string& host = impl_->options.host;
+    const int port = impl_->options.port;
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICSERV | AI_PASSIVE;
@@ -339,7 +344,7 @@ bool HttpServer::start(const std::string& host, int port, std::string& error) {
     std::memcpy(&address, found->ai_addr, std::min<std::size_t>(found->ai_addrlen, sizeof address));
     freeaddrinfo(found);
 
-    impl_->deadlines.emplace(std::chrono::seconds(impl_->limits.requestSeconds));
+    impl_->deadlines.emplace(std::chrono::seconds(impl_->options.requestTimeoutSeconds));
     // Turbo: read, write and accept before asking epoll, which a busy connection seldom needs.
     unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_TURBO;
     if (address.ss_family == AF_INET6) flags |= MHD_USE_IPv6;
@@ -347,14 +352,14 @@ bool HttpServer::start(const std::string& host, int port, std::string& error) {
     // leaves room to read a body in pieces of some kilobytes.
     impl_->daemon = MHD_start_daemon(
         flags, 0, nullptr, nullptr, &Impl::onRequest, impl_.get(), MHD_OPTION_THREAD_POOL_SIZE,
-        static_cast<unsigned>(std::max<std::size_t>(impl_->limits.workers, 1)),
+        static_cast<unsigned>(std::max<std::size_t>(impl_->options.workerThreads, 1)),
         MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address),
-        MHD_OPTION_CONNECTION_MEMORY_LIMIT, impl_->limits.maxHeadBytes * 2,
-        MHD_OPTION_CONNECTION_TIMEOUT, impl_->limits.idleSeconds, MHD_OPTION_LISTEN_BACKLOG_SIZE,
-        impl_->limits.backlog, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
-        impl_->limits.connectionsPerAddress, MHD_OPTION_URI_LOG_CALLBACK, &Impl::onRequestLine,
-        impl_.get(), MHD_OPTION_NOTIFY_COMPLETED, &Impl::onCompleted, impl_.get(),
-        MHD_OPTION_NOTIFY_CONNECTION, &Impl::onConnection, impl_.get(), MHD_OPTION_END);
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, kMaxHeadBytes * 2, MHD_OPTION_CONNECTION_TIMEOUT,
+        impl_->options.idleTimeoutSeconds, MHD_OPTION_LISTEN_BACKLOG_SIZE, kBacklog,
+        MHD_OPTION_PER_IP_CONNECTION_LIMIT, impl_->options.connectionsPerAddress,
+        MHD_OPTION_URI_LOG_CALLBACK, &Impl::onRequestLine, impl_.get(), MHD_OPTION_NOTIFY_COMPLETED,
+        &Impl::onCompleted, impl_.get(), MHD_OPTION_NOTIFY_CONNECTION, &Impl::onConnection,
+        impl_.get(), MHD_OPTION_END);
     if (!impl_->daemon) {
         impl_->deadlines.reset();
         error = "cannot listen on " + host + ":" + service + " (is another service using it?)";

@@ -405,16 +405,8 @@ bool ReferenceService::Impl::loadBands() {
 bool ReferenceService::Impl::bind() {
     if (!opened && !(opened = openStorage())) return false;
     if (!loadBands()) return false;
-    HttpLimits limits;
-    limits.maxBodyBytes = options.maxBodyBytes;
-    limits.workers = options.workerThreads;
-    limits.idleSeconds = options.idleTimeoutSeconds;
-    limits.requestSeconds = options.requestTimeoutSeconds;
-    limits.connectionsPerAddress = options.connectionsPerAddress;
-    AccessLog log{options.accessLog, [this] { return now(); }};
-    server = std::make_unique<HttpServer>(limits, std::move(log),
-                                          [this](Request& req) { return route(req); });
-    return server->start(options.host, options.port, error);
+    server = std::make_unique<HttpServer>(options, [this](Request& req) { return route(req); });
+    return server->start(error);
 }
 
 ReferenceService::ReferenceService(ServiceOptions options) : impl_(std::make_unique<Impl>()) {
