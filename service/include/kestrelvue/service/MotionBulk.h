@@ -4,7 +4,7 @@
 
 #include <kestrelvue/Result.h>
 
-#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
