@@ -143,9 +143,8 @@ public:
             });
         if (!motion) return pending;
         if (auto bulk = service::parseMotionBulk(body)) {
-            upload->guid = std::move(bulk.value->guid);
-            for (const service::MotionRecord& p : bulk.value->records)
-                upload->items.push_back(p.itemId);
+            upload->guid = std::move(bulk->guid);
+            for (const service::MotionRecord& p : bulk->records) upload->items.push_back(p.itemId);
             std::lock_guard lock(mutex_);
             key = "motion " + upload->guid + " " +
                   (upload->items.empty() ? "" : std::to_string(upload->items[0]));
@@ -153,7 +152,7 @@ public:
             auto& sent = records_[upload->guid];
             // An outbox over a directory used before also sends earlier drives' records.
             const bool ours = upload->guid == trip_;
-            for (const service::MotionRecord& p : bulk.value->records) {
+            for (const service::MotionRecord& p : bulk->records) {
                 // A repeat was counted when it was first sent.
                 if (sent.insert(p.itemId).second) {
                     ++recordsSent_;

@@ -1,8 +1,8 @@
 #include "HttpServer.h"
 
-#include <arpa/inet.h>
 #include <microhttpd.h>
 #include <netdb.h>
+#include <strings.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -12,6 +12,7 @@
 #include <ctime>
 #include <mutex>
 #include <optional>
+#include <stop_token>
 #include <thread>
 #include <unordered_map>
 
@@ -22,28 +23,24 @@ namespace {
 
 using Steady = std::chrono::steady_clock;
 
+/// The request line and headers, in bytes (431 past it), and their number; the listen backlog.
+constexpr std::size_t kMaxHeadBytes = 16u << 10, kMaxHeadLines = 100;
+constexpr unsigned kBacklog = 256;
+
 bool sameName(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return std::tolower(static_cast<unsigned char>(x)) ==
-                      std::tolower(static_cast<unsigned char>(y));
-           });
+    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
 Reply refusal(int status, std::string why) {
-    Reply reply;
-    reply.status = status;
-    reply.body = std::move(why);
-    return reply;
+    return {status, "text/plain; charset=utf-8", std::move(why), {}};
 }
 
 std::string addressText(const sockaddr* address) {
-    char text[INET6_ADDRSTRLEN] = {};
-    if (address && address->sa_family == AF_INET)
-        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, text,
-                  sizeof text);
-    else if (address && address->sa_family == AF_INET6)
-        inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, text,
-                  sizeof text);
+    char text[NI_MAXHOST] = {};
+    if (address)
+        getnameinfo(address,
+                    address->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in),
+                    text, sizeof text, nullptr, 0, NI_NUMERICHOST);
     return text;
 }
 
@@ -53,17 +50,7 @@ std::string addressText(const sockaddr* address) {
 /// spends on a request does not count against the client.
 class Deadlines {
 public:
-    explicit Deadlines(std::chrono::seconds allowed) : allowed_(allowed) {
-        thread_ = std::thread([this] { sweep(); });
-    }
-    ~Deadlines() {
-        {
-            std::lock_guard lock(mutex_);
-            done_ = true;
-        }
-        wake_.notify_all();
-        thread_.join();
-    }
+    explicit Deadlines(std::chrono::seconds allowed) : allowed_(allowed) {}
     void opened(const void* connection, int fd) {
         std::lock_guard lock(mutex_);
         open_[connection] = {fd, Steady::now(), false};
@@ -85,9 +72,10 @@ private:
         Steady::time_point since;
         bool busy;
     };
-    void sweep() {
+    void sweep(const std::stop_token& stop) {
         std::unique_lock lock(mutex_);
-        while (!wake_.wait_for(lock, std::chrono::milliseconds(250), [this] { return done_; })) {
+        while (!wake_.wait_for(lock, stop, std::chrono::milliseconds(250), [] { return false; }) &&
+               !stop.stop_requested()) {
             const auto now = Steady::now();
             for (auto& [connection, open] : open_) {
                 if (open.busy || now - open.since <= allowed_) continue;
@@ -98,10 +86,9 @@ private:
     }
     const std::chrono::seconds allowed_;
     std::mutex mutex_;
-    std::condition_variable wake_;
+    std::condition_variable_any wake_;
     std::unordered_map<const void*, Open> open_;
-    bool done_ = false;
-    std::thread thread_;
+    std::jthread thread_{[this](const std::stop_token& stop) { sweep(stop); }};  // last
 };
 
 }  // namespace
@@ -120,7 +107,6 @@ std::string Request::header(std::string_view name) const {
 
 /// One request from its first line to its reply's last byte, owned by its connection's thread.
 struct Exchange {
-    MHD_Connection* connection = nullptr;
     Steady::time_point started = Steady::now();
     std::chrono::system_clock::time_point at;
     std::string target;  // the request line's target, query included, for the log
@@ -132,230 +118,219 @@ struct Exchange {
 };
 
 struct HttpServer::Impl {
-    HttpLimits limits;
-    AccessLog log;
+    ServiceOptions options;
     Handler handler;
     MHD_Daemon* daemon = nullptr;
-    std::optional<Deadlines> deadlines;
+    std::optional<Deadlines> deadlines{};
     int port = 0;
 
-    std::optional<Reply> checkHead(MHD_Connection* connection, const char* version,
-                                   Exchange& ex) const;
-    void answer(Exchange& ex) const;
-    static MHD_Result queue(MHD_Connection* connection, Exchange& ex, bool close);
-    void logLine(const Exchange& ex, MHD_RequestTerminationCode toe) const;
+    static void onConnection(void* cls, MHD_Connection* connection, void**,
+                             MHD_ConnectionNotificationCode code) {
+        auto& deadlines = *static_cast<Impl*>(cls)->deadlines;
+        if (code == MHD_CONNECTION_NOTIFY_CLOSED) return deadlines.closed(connection);
+        const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+        if (info) deadlines.opened(connection, info->connect_fd);
+    }
 
-    static void* onRequestLine(void* cls, const char* uri, MHD_Connection* connection);
+    static void* onRequestLine(void* cls, const char* uri, MHD_Connection* connection) {
+        auto* ex = new Exchange;
+        ex->target = uri ? uri : "";
+        const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+        ex->request.client = addressText(info ? info->client_addr : nullptr);
+        const auto& clock = static_cast<Impl*>(cls)->options.clock;
+        ex->at = clock ? clock->now() : std::chrono::system_clock::now();
+        return ex;
+    }
+
+    /// Framing as RFC 9112 asks, so that no proxy in front reads another request boundary than this
+    /// service does; and the head's size. Nullopt when the request may go on.
+    std::optional<Reply> checkHead(MHD_Connection* connection, const char* version,
+                                   Exchange& ex) const {
+        Request& req = ex.request;
+        auto gather = [](void* cls, MHD_ValueKind, const char* key, const char* value) {
+            static_cast<Fields*>(cls)->emplace_back(key ? key : "", value ? value : "");
+            return MHD_YES;
+        };
+        MHD_get_connection_values(connection, MHD_HEADER_KIND, gather, &req.headers);
+        MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, gather, &req.query);
+        std::size_t headBytes = ex.target.size() + req.method.size() + 12;
+        int hosts = 0, lengths = 0, codings = 0;
+        std::string length;
+        for (const auto& [key, value] : req.headers) {
+            headBytes += key.size() + value.size() + 4;
+            if (sameName(key, "Host")) ++hosts;
+            if (sameName(key, "Transfer-Encoding")) ++codings;
+            if (sameName(key, "Content-Length")) {
+                if (lengths++ > 0 && value != length)
+                    return refusal(400, "conflicting Content-Length headers");
+                length = value;
+                if (value.empty() || value.size() > 19 ||
+                    !std::all_of(value.begin(), value.end(),
+                                 [](char c) { return c >= '0' && c <= '9'; }))
+                    return refusal(400, "Content-Length is not a decimal number");
+            }
+        }
+        if (headBytes > kMaxHeadBytes || req.headers.size() > kMaxHeadLines)
+            return refusal(431, "request head too large: at most " + std::to_string(kMaxHeadLines) +
+                                    " header lines and " + std::to_string(kMaxHeadBytes) +
+                                    " bytes");
+        if (hosts > 1 || (hosts == 0 && std::strcmp(version, MHD_HTTP_VERSION_1_1) == 0))
+            return refusal(400, "an HTTP/1.1 request needs exactly one Host header");
+        if (codings > 0 && lengths > 0)
+            return refusal(400, "Transfer-Encoding and Content-Length together");
+        if (codings > 1 || (codings == 1 && !sameName(req.header("Transfer-Encoding"), "chunked")))
+            return refusal(501, "only the chunked transfer coding is understood");
+        if (lengths > 0 && std::stoull(length) > options.maxBodyBytes) return bodyTooLarge();
+        // The body arrives in pieces of some kilobytes: its room is made once.
+        if (lengths > 0) req.body.reserve(std::stoull(length));
+        return std::nullopt;
+    }
+
+    Reply bodyTooLarge() const {
+        return refusal(
+            413, "request body larger than " + std::to_string(options.maxBodyBytes) + " bytes");
+    }
+
+    /// Inflates the body when it came compressed, then asks the handler.
+    void answer(Exchange& ex) const {
+        Request& req = ex.request;
+        const std::string encoding = req.header("Content-Encoding");
+        if (!encoding.empty() && !sameName(encoding, "identity")) {
+            if (!sameName(encoding, "gzip")) {
+                ex.reply = refusal(415, "unsupported Content-Encoding \"" + encoding +
+                                            "\": send gzip or identity");
+                return;
+            }
+            ex.gzip = true;
+            // The gzip trailer tells the inflated size: its room is made once, not by doubling.
+            std::string plain;
+            if (const std::size_t n = req.body.size(); n >= 18) {
+                std::uint32_t size = 0;  // the last four bytes, little-endian
+                for (std::size_t i = 1; i <= 4; ++i)
+                    size = size << 8 | std::uint8_t(req.body[n - i]);
+                plain.reserve(std::min<std::size_t>(size, options.maxBodyBytes));
+            }
+            switch (detail::gunzip(req.body, options.maxBodyBytes, plain)) {
+                case detail::Inflated::TooLarge:
+                    ex.reply = refusal(413, "request body inflates past " +
+                                                std::to_string(options.maxBodyBytes) + " bytes");
+                    return;
+                case detail::Inflated::Damaged:
+                    ex.reply = refusal(400, "damaged gzip body");
+                    return;
+                case detail::Inflated::Whole:
+                    ex.inflated = plain.size();
+                    req.body = std::move(plain);
+            }
+        }
+        ex.reply = handler(req);
+    }
+
+    static MHD_Result queue(MHD_Connection* connection, Exchange& ex, bool close) {
+        // The response takes the body over (a route may be megabytes) and frees it when sent.
+        const Reply& reply = ex.reply;
+        ex.replyBytes = reply.body.size();
+        auto* body = new std::string(std::move(ex.reply.body));
+        MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
+            body->size(), body->data(), [](void* text) { delete static_cast<std::string*>(text); },
+            body);
+        if (!response) {
+            delete body;
+            return MHD_NO;
+        }
+        MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, reply.contentType.c_str());
+        for (const auto& [name, value] : reply.headers)
+            MHD_add_response_header(response, name.c_str(), value.c_str());
+        if (close) MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
+        const MHD_Result queued =
+            MHD_queue_response(connection, static_cast<unsigned>(reply.status), response);
+        MHD_destroy_response(response);
+        return queued;
+    }
+
     static MHD_Result onRequest(void* cls, MHD_Connection* connection, const char* url,
                                 const char* method, const char* version, const char* data,
-                                std::size_t* size, void** state);
-    static void onCompleted(void* cls, MHD_Connection*, void** state,
-                            MHD_RequestTerminationCode toe);
-    static void onConnection(void* cls, MHD_Connection* connection, void** socketState,
-                             MHD_ConnectionNotificationCode code);
-};
-
-void HttpServer::Impl::onConnection(void* cls, MHD_Connection* connection, void**,
-                                    MHD_ConnectionNotificationCode code) {
-    auto& deadlines = *static_cast<Impl*>(cls)->deadlines;
-    if (code == MHD_CONNECTION_NOTIFY_CLOSED) return deadlines.closed(connection);
-    const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
-    if (info) deadlines.opened(connection, info->connect_fd);
-}
-
-void* HttpServer::Impl::onRequestLine(void* cls, const char* uri, MHD_Connection* connection) {
-    auto* ex = new Exchange;
-    ex->connection = connection;
-    ex->target = uri ? uri : "";
-    const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
-    ex->request.client = addressText(info ? info->client_addr : nullptr);
-    ex->at = static_cast<Impl*>(cls)->log.now ? static_cast<Impl*>(cls)->log.now()
-                                              : std::chrono::system_clock::now();
-    return ex;
-}
-
-/// Framing as RFC 9112 asks, so that no proxy in front reads another request boundary than this
-/// service does; and the head's size. Nullopt when the request may go on.
-std::optional<Reply> HttpServer::Impl::checkHead(MHD_Connection* connection, const char* version,
-                                                 Exchange& ex) const {
-    Request& req = ex.request;
-    auto gather = [](void* cls, MHD_ValueKind, const char* key, const char* value) {
-        static_cast<Fields*>(cls)->emplace_back(key ? key : "", value ? value : "");
-        return MHD_YES;
-    };
-    MHD_get_connection_values(connection, MHD_HEADER_KIND, gather, &req.headers);
-    MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, gather, &req.query);
-    std::size_t headBytes = ex.target.size() + req.method.size() + 12;
-    int hosts = 0, lengths = 0, codings = 0;
-    std::string length;
-    for (const auto& [key, value] : req.headers) {
-        headBytes += key.size() + value.size() + 4;
-        if (sameName(key, "Host")) ++hosts;
-        if (sameName(key, "Transfer-Encoding")) ++codings;
-        if (sameName(key, "Content-Length")) {
-            if (lengths++ > 0 && value != length)
-                return refusal(400, "conflicting Content-Length headers");
-            length = value;
-            if (value.empty() || value.size() > 19 ||
-                !std::all_of(value.begin(), value.end(),
-                             [](char c) { return c >= '0' && c <= '9'; }))
-                return refusal(400, "Content-Length is not a decimal number");
+                                std::size_t* size, void** state) {
+        auto& self = *static_cast<Impl*>(cls);
+        auto& ex = *static_cast<Exchange*>(*state);
+        if (!ex.headRead) {
+            ex.headRead = true;
+            ex.request.method = method;
+            ex.request.path = url;
+            if (auto refused = self.checkHead(connection, version, ex)) {
+                ex.reply = std::move(*refused);
+                ex.answered = true;
+                return queue(connection, ex, true);
+            }
+            return MHD_YES;
         }
-    }
-    if (headBytes > limits.maxHeadBytes || req.headers.size() > limits.maxHeadLines)
-        return refusal(431, "request head too large: at most " +
-                                std::to_string(limits.maxHeadLines) + " header lines and " +
-                                std::to_string(limits.maxHeadBytes) + " bytes");
-    if (hosts > 1 || (hosts == 0 && std::strcmp(version, MHD_HTTP_VERSION_1_1) == 0))
-        return refusal(400, "an HTTP/1.1 request needs exactly one Host header");
-    if (codings > 0 && lengths > 0)
-        return refusal(400, "Transfer-Encoding and Content-Length together");
-    if (codings > 1 || (codings == 1 && !sameName(req.header("Transfer-Encoding"), "chunked")))
-        return refusal(501, "only the chunked transfer coding is understood");
-    if (lengths > 0 && std::stoull(length) > limits.maxBodyBytes)
-        return refusal(
-            413, "request body larger than " + std::to_string(limits.maxBodyBytes) + " bytes");
-    // The body arrives in pieces of some kilobytes: its room is made once.
-    if (lengths > 0) req.body.reserve(std::stoull(length));
-    return std::nullopt;
-}
-
-/// Inflates the body when it came compressed, then asks the handler.
-void HttpServer::Impl::answer(Exchange& ex) const {
-    Request& req = ex.request;
-    const std::string encoding = req.header("Content-Encoding");
-    if (!encoding.empty() && !sameName(encoding, "identity")) {
-        if (!sameName(encoding, "gzip")) {
-            ex.reply = refusal(
-                415, "unsupported Content-Encoding \"" + encoding + "\": send gzip or identity");
-            return;
+        if (*size > 0) {
+            ex.received += *size;
+            if (ex.request.body.size() + *size > self.options.maxBodyBytes) ex.tooLarge = true;
+            if (!ex.tooLarge) ex.request.body.append(data, *size);
+            *size = 0;
+            return MHD_YES;
         }
-        ex.gzip = true;
-        std::string plain;
-        switch (detail::gunzip(req.body, limits.maxBodyBytes, plain)) {
-            case detail::Inflated::TooLarge:
-                ex.reply = refusal(413, "request body inflates past " +
-                                            std::to_string(limits.maxBodyBytes) + " bytes");
-                return;
-            case detail::Inflated::Damaged:
-                ex.reply = refusal(400, "damaged gzip body");
-                return;
-            case detail::Inflated::Whole:
-                ex.inflated = plain.size();
-                req.body = std::move(plain);
-        }
-    }
-    ex.reply = handler(req);
-}
-
-MHD_Result HttpServer::Impl::queue(MHD_Connection* connection, Exchange& ex, bool close) {
-    // The response takes the body over (a route may be megabytes) and frees it when sent.
-    const Reply& reply = ex.reply;
-    ex.replyBytes = reply.body.size();
-    auto* body = new std::string(std::move(ex.reply.body));
-    MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
-        body->size(), body->data(), [](void* text) { delete static_cast<std::string*>(text); },
-        body);
-    if (!response) {
-        delete body;
-        return MHD_NO;
-    }
-    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, reply.contentType.c_str());
-    for (const auto& [name, value] : reply.headers)
-        MHD_add_response_header(response, name.c_str(), value.c_str());
-    if (close) MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
-    const MHD_Result queued =
-        MHD_queue_response(connection, static_cast<unsigned>(reply.status), response);
-    MHD_destroy_response(response);
-    return queued;
-}
-
-MHD_Result HttpServer::Impl::onRequest(void* cls, MHD_Connection* connection, const char* url,
-                                       const char* method, const char* version, const char* data,
-                                       std::size_t* size, void** state) {
-    auto& self = *static_cast<Impl*>(cls);
-    auto& ex = *static_cast<Exchange*>(*state);
-    if (!ex.headRead) {
-        ex.headRead = true;
-        ex.request.method = method;
-        ex.request.path = url;
-        if (auto refused = self.checkHead(connection, version, ex)) {
-            ex.reply = std::move(*refused);
+        if (ex.tooLarge) {
+            ex.reply = self.bodyTooLarge();
             ex.answered = true;
             return queue(connection, ex, true);
         }
-        return MHD_YES;
-    }
-    if (*size > 0) {
-        ex.received += *size;
-        if (ex.request.body.size() + *size > self.limits.maxBodyBytes) ex.tooLarge = true;
-        if (!ex.tooLarge) ex.request.body.append(data, *size);
-        *size = 0;
-        return MHD_YES;
-    }
-    if (ex.tooLarge) {
-        ex.reply = refusal(
-            413, "request body larger than " + std::to_string(self.limits.maxBodyBytes) + " bytes");
+        self.deadlines->restart(connection, true);  // the handler's time is not the client's
+        self.answer(ex);
         ex.answered = true;
-        return queue(connection, ex, true);
+        self.deadlines->restart(connection, false);  // for sending the reply
+        return queue(connection, ex, false);
     }
-    self.deadlines->restart(connection, true);  // the handler's time is not the client's
-    self.answer(ex);
-    ex.answered = true;
-    self.deadlines->restart(connection, false);  // for sending the reply
-    return queue(connection, ex, false);
-}
 
-void HttpServer::Impl::onCompleted(void* cls, MHD_Connection* connection, void** state,
-                                   MHD_RequestTerminationCode toe) {
-    auto& self = *static_cast<Impl*>(cls);
-    self.deadlines->restart(connection, false);  // for the next request
-    auto* ex = static_cast<Exchange*>(*state);
-    if (!ex) return;
-    if (self.log.enabled) self.logLine(*ex, toe);
-    delete ex;
-    *state = nullptr;
-}
+    static void onCompleted(void* cls, MHD_Connection* connection, void** state,
+                            MHD_RequestTerminationCode toe) {
+        auto& self = *static_cast<Impl*>(cls);
+        self.deadlines->restart(connection, false);  // for the next request
+        auto* ex = static_cast<Exchange*>(*state);
+        if (!ex) return;
+        if (self.options.accessLog) self.logLine(*ex, toe);
+        delete ex;
+        *state = nullptr;
+    }
 
-// "2026-11-25T20:15:03.123Z 127.0.0.1 POST /path?query 200 4 B 1.2 ms", and for a compressed
-// body "gzip 1200 B in, 9600 B inflated". A request the server refused before its head was
-// whole shows "-" for its status.
-void HttpServer::Impl::logLine(const Exchange& ex, MHD_RequestTerminationCode toe) const {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(ex.at);
-    const auto millis =
-        std::chrono::duration_cast<std::chrono::milliseconds>(ex.at.time_since_epoch()) % 1000;
-    std::tm utc{};
-    gmtime_r(&seconds, &utc);
-    char stamp[32];
-    std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &utc);
-    const double ms = std::chrono::duration<double, std::milli>(Steady::now() - ex.started).count();
-    std::string status = ex.answered ? std::to_string(ex.reply.status) : "-";
-    if (!ex.headRead)
-        status += " (malformed head)";
-    else if (toe != MHD_REQUEST_TERMINATED_COMPLETED_OK)
-        status += " (connection dropped)";
-    char gzip[64] = "";
-    if (ex.gzip)
-        std::snprintf(gzip, sizeof gzip, " gzip %zu B in, %zu B inflated", ex.received,
-                      ex.inflated);
-    std::fprintf(stderr, "%s.%03dZ %s %s %s %s %zu B %.1f ms%s\n", stamp,
-                 static_cast<int>(millis.count()), ex.request.client.c_str(),
-                 ex.request.method.empty() ? "-" : ex.request.method.c_str(), ex.target.c_str(),
-                 status.c_str(), ex.replyBytes, ms, gzip);
-}
+    // "2026-11-25T20:15:03.123Z 127.0.0.1 POST /path?query 200 4 B 1.2 ms", and for a compressed
+    // body "gzip 1200 B in, 9600 B inflated". A request the server refused before its head was
+    // whole shows "-" for its status.
+    void logLine(const Exchange& ex, MHD_RequestTerminationCode toe) const {
+        const std::time_t seconds = std::chrono::system_clock::to_time_t(ex.at);
+        const auto millis =
+            std::chrono::duration_cast<std::chrono::milliseconds>(ex.at.time_since_epoch()) % 1000;
+        std::tm utc{};
+        char stamp[32];
+        std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", gmtime_r(&seconds, &utc));
+        const double ms =
+            std::chrono::duration<double, std::milli>(Steady::now() - ex.started).count();
+        std::string status = ex.answered ? std::to_string(ex.reply.status) : "-";
+        if (!ex.headRead)
+            status += " (malformed head)";
+        else if (toe != MHD_REQUEST_TERMINATED_COMPLETED_OK)
+            status += " (connection dropped)";
+        const std::string gzip = ex.gzip ? " gzip " + std::to_string(ex.received) + " B in, " +
+                                               std::to_string(ex.inflated) + " B inflated"
+                                         : "";
+        std::fprintf(stderr, "%s.%03dZ %s %s %s %s %zu B %.1f ms%s\n", stamp,
+                     static_cast<int>(millis.count()), ex.request.client.c_str(),
+                     ex.request.method.empty() ? "-" : ex.request.method.c_str(), ex.target.c_str(),
+                     status.c_str(), ex.replyBytes, ms, gzip.c_str());
+    }
+};
 
-HttpServer::HttpServer(HttpLimits limits, AccessLog log, Handler handler)
-    : impl_(std::make_unique<Impl>()) {
-    impl_->limits = limits;
-    impl_->log = std::move(log);
-    impl_->handler = std::move(handler);
-}
+HttpServer::HttpServer(ServiceOptions options, Handler handler)
+    : impl_(new Impl{.options = std::move(options), .handler = std::move(handler)}) {}
 
 HttpServer::~HttpServer() {
     stop();
 }
 
-bool HttpServer::start(const std::string& host, int port, std::string& error) {
+bool HttpServer::start(std::string& error) {
+    const std::string& host = impl_->options.host;
+    const int port = impl_->options.port;
     addrinfo hints{};
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICSERV | AI_PASSIVE;
@@ -369,7 +344,7 @@ bool HttpServer::start(const std::string& host, int port, std::string& error) {
     std::memcpy(&address, found->ai_addr, std::min<std::size_t>(found->ai_addrlen, sizeof address));
     freeaddrinfo(found);
 
-    impl_->deadlines.emplace(std::chrono::seconds(impl_->limits.requestSeconds));
+    impl_->deadlines.emplace(std::chrono::seconds(impl_->options.requestTimeoutSeconds));
     // Turbo: read, write and accept before asking epoll, which a busy connection seldom needs.
     unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_TURBO;
     if (address.ss_family == AF_INET6) flags |= MHD_USE_IPv6;
@@ -377,14 +352,14 @@ bool HttpServer::start(const std::string& host, int port, std::string& error) {
     // leaves room to read a body in pieces of some kilobytes.
     impl_->daemon = MHD_start_daemon(
         flags, 0, nullptr, nullptr, &Impl::onRequest, impl_.get(), MHD_OPTION_THREAD_POOL_SIZE,
-        static_cast<unsigned>(std::max<std::size_t>(impl_->limits.workers, 1)),
+        static_cast<unsigned>(std::max<std::size_t>(impl_->options.workerThreads, 1)),
         MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address),
-        MHD_OPTION_CONNECTION_MEMORY_LIMIT, impl_->limits.maxHeadBytes * 2,
-        MHD_OPTION_CONNECTION_TIMEOUT, impl_->limits.idleSeconds, MHD_OPTION_LISTEN_BACKLOG_SIZE,
-        impl_->limits.backlog, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
-        impl_->limits.connectionsPerAddress, MHD_OPTION_URI_LOG_CALLBACK, &Impl::onRequestLine,
-        impl_.get(), MHD_OPTION_NOTIFY_COMPLETED, &Impl::onCompleted, impl_.get(),
-        MHD_OPTION_NOTIFY_CONNECTION, &Impl::onConnection, impl_.get(), MHD_OPTION_END);
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, kMaxHeadBytes * 2, MHD_OPTION_CONNECTION_TIMEOUT,
+        impl_->options.idleTimeoutSeconds, MHD_OPTION_LISTEN_BACKLOG_SIZE, kBacklog,
+        MHD_OPTION_PER_IP_CONNECTION_LIMIT, impl_->options.connectionsPerAddress,
+        MHD_OPTION_URI_LOG_CALLBACK, &Impl::onRequestLine, impl_.get(), MHD_OPTION_NOTIFY_COMPLETED,
+        &Impl::onCompleted, impl_.get(), MHD_OPTION_NOTIFY_CONNECTION, &Impl::onConnection,
+        impl_.get(), MHD_OPTION_END);
     if (!impl_->daemon) {
         impl_->deadlines.reset();
         error = "cannot listen on " + host + ":" + service + " (is another service using it?)";

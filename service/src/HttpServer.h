@@ -2,6 +2,8 @@
 // The service's HTTP side: a few libmicrohttpd event loops read requests and answer them. A loop
 // keeps a slow or idle client from holding anything but its socket.
 
+#include <kestrelvue/service/ReferenceService.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -37,39 +39,19 @@ struct Reply {
     Fields headers;
 };
 
-struct HttpLimits {
-    std::size_t maxBodyBytes = 16u << 20;
-    /// The request line and headers, in bytes (431 past it); their number is bounded too.
-    std::size_t maxHeadBytes = 16u << 10;
-    std::size_t maxHeadLines = 100;
-    /// A connection silent for this long is closed.
-    unsigned idleSeconds = 10;
-    /// A request not received whole within this time is dropped, however it trickles.
-    unsigned requestSeconds = 60;
-    unsigned backlog = 256;
-    unsigned connectionsPerAddress = 128;
-    std::size_t workers = 4;  // event loops
-};
-
-/// One line per request on standard error, or nothing.
-struct AccessLog {
-    bool enabled = false;
-    /// The time stamp's clock (UTC, to the millisecond).
-    std::function<std::chrono::system_clock::time_point()> now;
-};
-
 class HttpServer {
 public:
     using Handler = std::function<Reply(Request&)>;
 
-    HttpServer(HttpLimits limits, AccessLog log, Handler handler);
+    /// Serves `options.host` and `options.port` within the options' bounds.
+    HttpServer(ServiceOptions options, Handler handler);
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
     /// Listens and serves on a thread of its own; false with `error` when the address cannot be
     /// bound (also when another process listens on it).
-    bool start(const std::string& host, int port, std::string& error);
+    bool start(std::string& error);
     /// Answers what is being answered, then closes every connection.
     void stop();
     int port() const;

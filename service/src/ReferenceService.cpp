@@ -48,9 +48,8 @@ Reply jsonReply(const Value& value) {
 double parseField(std::string_view field) {
     while (!field.empty() && field.front() == ' ') field.remove_prefix(1);
     double value = 0;
-    auto [end, ec] = std::from_chars(field.data(), field.data() + field.size(), value);
-    (void)end;
-    return ec == std::errc() && std::isfinite(value) ? value : 0.0;
+    const auto read = std::from_chars(field.data(), field.data() + field.size(), value);
+    return read.ec == std::errc() && std::isfinite(value) ? value : 0.0;
 }
 
 /// The route of a long trip, thinned evenly to at most `limit` points; every fault point stays.
@@ -61,7 +60,6 @@ std::vector<MotionRecord> thinned(std::vector<MotionRecord> points, std::size_t 
     const std::size_t room = limit > faults ? limit - faults : 0;
     const std::size_t plain = points.size() - faults;
     std::vector<MotionRecord> out;
-    out.reserve(std::min(points.size(), faults + room));
     std::size_t seen = 0, kept = 0;
     for (const MotionRecord& p : points) {
         if (p.hasFault()) {
@@ -163,122 +161,42 @@ private:
     std::unordered_map<std::string, Window> failures_;
 };
 
-}  // namespace
-
-struct ReferenceService::Impl {
+/// What the handlers share.
+struct State {
     ServiceOptions options;
     std::unique_ptr<Storage> storage;
-    std::unique_ptr<HttpServer> server;
-    bool opened = false;
-    std::string error;
     std::mutex bandsMutex;
     std::string bands;  // the threshold reply's body, checked
     LoginLimiter logins;
 
     TimePoint now() const { return options.clock ? options.clock->now() : TimePoint::clock::now(); }
-    bool loadBands();
-    bool openStorage() {
-        storage = openSqliteStorage(options.databasePath, error);
-        return storage != nullptr;
-    }
-    bool bind();
-    Reply route(Request& req);
-
-    // One handler per endpoint; `req.tail` is what follows the route's path.
-    Reply getThresholds(const Request& req);
-    Reply addMotionData(const Request& req);
-    Reply addDrivingScore(const Request& req);
-    Reply getPassedCoordinates(const Request& req);
-    Reply getDriving(const Request& req);
-    Reply getDrivingSummary(const Request& req);
-    Reply getWeather(const Request& req);
-    Reply loginWithToken(const Request& req);
-    Reply addUser(const Request& req);
-    Reply addFriend(const Request& req);
-    Reply getLeaderShip(const Request& req);
-    Reply healthz(const Request& req);
 };
 
-namespace {
+// One handler per endpoint; `req.tail` is what follows the route's path.
 
-/// The argument after the route's path, or nullopt when the path is not the route's.
-std::optional<std::string_view> match(std::string_view route, bool takesTail,
-                                      std::string_view path) {
-    if (path.substr(0, route.size()) != route) return std::nullopt;
-    path.remove_prefix(route.size());
-    if (!takesTail) return path.empty() ? std::optional(path) : std::nullopt;
-    if (path.size() < 2 || path[0] != '/') return std::nullopt;
-    return path.substr(1);
+Reply getThresholds(State& s, const Request&) {
+    std::lock_guard lock(s.bandsMutex);
+    return jsonReply(s.bands);
 }
 
-}  // namespace
-
-// A known path with another method is 405 (with Allow), an unknown one 404.
-Reply ReferenceService::Impl::route(Request& req) {
-    enum class Tail { none, text, user };  // what follows the path after "/"
-    struct Route {
-        const char* method;
-        std::string_view path;
-        Tail tail;
-        Reply (Impl::*handle)(const Request&);
-    };
-
-    using I = Impl;
-    static constexpr Route kRoutes[] = {
-        {"GET", "/api/Driving/getThresholds", Tail::none, &I::getThresholds},
-        {"POST", "/api/Driving/addMotionData", Tail::none, &I::addMotionData},
-        {"POST", "/api/Driving/addDrivingScore", Tail::none, &I::addDrivingScore},
-        {"GET", "/api/Driving/getPassedCoordinates", Tail::text, &I::getPassedCoordinates},
-        {"GET", "/api/Driving/getDriving", Tail::user, &I::getDriving},
-        {"GET", "/api/Driving/getDrivingSummary", Tail::user, &I::getDrivingSummary},
-        {"GET", "/api/General/getWeatherDataByLatLon", Tail::user, &I::getWeather},
-        {"POST", "/api/User/LoginWithToken", Tail::none, &I::loginWithToken},
-        {"POST", "/api/User/AddUser", Tail::none, &I::addUser},
-        {"POST", "/api/General/AddFriend", Tail::none, &I::addFriend},
-        {"GET", "/api/General/getLeaderShip", Tail::user, &I::getLeaderShip},
-        {"GET", "/healthz", Tail::none, &I::healthz},
-    };
-    std::string allowed;
-    for (const Route& r : kRoutes) {
-        auto tail = match(r.path, r.tail != Tail::none, req.path);
-        if (!tail) continue;
-        if (req.method == r.method) {
-            req.tail = std::string(*tail);
-            if (r.tail == Tail::user && !parsePathInteger(req.tail))
-                return text(400, "the path must end in an integer user identifier");
-            return (this->*r.handle)(req);
-        }
-        allowed += allowed.empty() ? r.method : std::string(", ") + r.method;
-    }
-    if (allowed.empty()) return text(404, "no such path");
-    Reply refused = text(405, "method not allowed; use " + allowed);
-    refused.headers.emplace_back("Allow", allowed);
-    return refused;
-}
-
-Reply ReferenceService::Impl::getThresholds(const Request&) {
-    std::lock_guard lock(bandsMutex);
-    return jsonReply(bands);
-}
-
-Reply ReferenceService::Impl::addMotionData(const Request& req) {
-    auto bulk = parseMotionBulk(req.body);
+Reply addMotionData(State& s, const Request& req) {
+    auto bulk = parseMotionBulk(req.body, false);
     if (!bulk) return text(400, bulk.error);
-    if (!storage->addMotion(*bulk.value)) return text(500, "the records could not be stored");
+    if (!s.storage->addMotion(*bulk)) return text(500, "the records could not be stored");
     return jsonReply(std::string("true"));
 }
 
-Reply ReferenceService::Impl::addDrivingScore(const Request& req) {
+Reply addDrivingScore(State& s, const Request& req) {
     auto row = parseDrivingScore(req.body);
     if (!row) return text(400, row.error);
-    if (!storage->saveDriving(*row.value)) return text(500, "the trip could not be stored");
+    if (!s.storage->saveDriving(*row)) return text(500, "the trip could not be stored");
     return jsonReply(std::string("true"));
 }
 
 // A long trip's route is thinned to what the library accepts, in points and in bytes.
-Reply ReferenceService::Impl::getPassedCoordinates(const Request& req) {
-    const std::vector<MotionRecord> all = storage->motion(req.tail);
-    std::size_t limit = std::min(options.maxRoutePoints, all.size());
+Reply getPassedCoordinates(State& s, const Request& req) {
+    const std::vector<MotionRecord> all = s.storage->motion(req.tail);
+    std::size_t limit = std::min(s.options.maxRoutePoints, all.size());
     for (;;) {
         const std::vector<MotionRecord> points = thinned(all, limit);
         List list;
@@ -297,23 +215,23 @@ Reply ReferenceService::Impl::getPassedCoordinates(const Request& req) {
         }
         Reply reply = jsonReply(list);
         // Fewer points in proportion, with a margin; the fault points alone are the floor.
-        const std::size_t fits = points.size() * options.maxRouteBytes / (reply.body.size() + 1);
-        if (reply.body.size() <= options.maxRouteBytes || fits * 20 / 21 >= points.size() ||
+        const std::size_t fits = points.size() * s.options.maxRouteBytes / (reply.body.size() + 1);
+        if (reply.body.size() <= s.options.maxRouteBytes || fits * 20 / 21 >= points.size() ||
             points.size() < limit)
             return reply;
         limit = fits * 20 / 21;
     }
 }
 
-Reply ReferenceService::Impl::getDriving(const Request& req) {
+Reply getDriving(State& s, const Request& req) {
     List trips;
-    for (const DrivingRow& d : storage->drivings(*parsePathInteger(req.tail)))
+    for (const DrivingRow& d : s.storage->drivings(*parsePathInteger(req.tail)))
         trips.emplace_back(tripOf(d));
     return jsonReply(trips);
 }
 
-Reply ReferenceService::Impl::getDrivingSummary(const Request& req) {
-    const SummaryRow trips = storage->summary(*parsePathInteger(req.tail));
+Reply getDrivingSummary(State& s, const Request& req) {
+    const SummaryRow trips = s.storage->summary(*parsePathInteger(req.tail));
     // Metres, as in the history.
     Object summary{{"NumberOfTrips", trips.trips},
                    {"TotalDistance", trips.metres},
@@ -321,7 +239,7 @@ Reply ReferenceService::Impl::getDrivingSummary(const Request& req) {
     return jsonReply(List{Value(std::move(summary))});
 }
 
-Reply ReferenceService::Impl::getWeather(const Request& req) {
+Reply getWeather(State&, const Request& req) {
     const double lat = parseField(req.param("latitude"));
     const double lon = parseField(req.param("longitude"));
     if (std::fabs(lat) > 90 || std::fabs(lon) > 180)
@@ -331,48 +249,48 @@ Reply ReferenceService::Impl::getWeather(const Request& req) {
     return jsonReply(Object{{"Temperature", temperature}, {"Latitude", lat}, {"Longitude", lon}});
 }
 
-Reply ReferenceService::Impl::loginWithToken(const Request& req) {
+Reply loginWithToken(State& s, const Request& req) {
     auto login = parseLogin(req.body);
     if (!login) return text(400, login.error);
-    if (const auto wait = logins.wait(login.value->mobile, req.client, now()); wait > 0) {
+    if (const auto wait = s.logins.wait(login->mobile, req.client, s.now()); wait > 0) {
         Reply refused = text(429, "too many failed logins; try again later");
         refused.headers.emplace_back("Retry-After", std::to_string(wait));
         return refused;
     }
-    auto user = storage->login(login.value->mobile, login.value->token);
+    auto user = s.storage->login(login->mobile, login->token);
     if (!user) {
-        logins.failed(login.value->mobile, req.client, now());
+        s.logins.failed(login->mobile, req.client, s.now());
         // The same answer for an unknown number and a wrong token.
         return text(403, "expired");
     }
     return jsonReply(Object{{"Id", user->id}, {"UserTypeId", user->typeId}});
 }
 
-Reply ReferenceService::Impl::addUser(const Request& req) {
+Reply addUser(State& s, const Request& req) {
     auto user = parseAddUser(req.body);
     if (!user) return text(400, user.error);
-    const AddedUser added = storage->addUser(*user.value);
+    const AddedUser added = s.storage->addUser(*user);
     if (added.referenceTaken) return text(409, "ReferenceId: held by another account");
     if (added.id == 0) return text(400, "user not added");
     return text(200, std::to_string(added.id));
 }
 
-Reply ReferenceService::Impl::addFriend(const Request& req) {
+Reply addFriend(State& s, const Request& req) {
     auto request = parseAddFriend(req.body);
     if (!request) return text(400, request.error);
-    if (!storage->addFriend(request.value->referenceId, request.value->friendReferenceId))
+    if (!s.storage->addFriend(request->referenceId, request->friendReferenceId))
         return text(404, "Kullanıcı bulunamadı");
     return text(200, "OK");
 }
 
-Reply ReferenceService::Impl::getLeaderShip(const Request& req) {
+Reply getLeaderShip(State& s, const Request& req) {
     const std::string rankType = req.param("RankType");
     const auto scope =
         rankType.empty() ? std::optional<std::int64_t>(0) : parsePathInteger(rankType);
     if (!scope || *scope < 0 || *scope > 3) return text(400, "RankType must be 0, 1, 2 or 3");
-    auto me = storage->user(*parsePathInteger(req.tail));
+    auto me = s.storage->user(*parsePathInteger(req.tail));
     if (!me) return text(404, "Kullanıcı bulunamadı");
-    auto rows = storage->leaders(*me, static_cast<int>(*scope));
+    auto rows = s.storage->leaders(*me, static_cast<int>(*scope));
     List list;
     std::int64_t rank = 0;
     for (const LeaderRow& row : rows) {
@@ -390,8 +308,76 @@ Reply ReferenceService::Impl::getLeaderShip(const Request& req) {
     return jsonReply(list);
 }
 
-Reply ReferenceService::Impl::healthz(const Request&) {
-    return storage->healthy() ? text(200, "ok") : text(503, "the storage does not answer");
+Reply healthz(State& s, const Request&) {
+    return s.storage->healthy() ? text(200, "ok") : text(503, "the storage does not answer");
+}
+
+/// The argument after the route's path, or nullopt when the path is not the route's.
+std::optional<std::string_view> match(std::string_view route, bool takesTail,
+                                      std::string_view path) {
+    if (path.substr(0, route.size()) != route) return std::nullopt;
+    path.remove_prefix(route.size());
+    if (!takesTail) return path.empty() ? std::optional(path) : std::nullopt;
+    if (path.size() < 2 || path[0] != '/') return std::nullopt;
+    return path.substr(1);
+}
+
+}  // namespace
+
+struct ReferenceService::Impl : State {
+    std::unique_ptr<HttpServer> server;
+    bool opened = false;
+    std::string error;
+
+    bool loadBands();
+    bool openStorage() {
+        storage = openSqliteStorage(options.databasePath, error);
+        return storage != nullptr;
+    }
+    bool bind();
+    Reply route(Request& req);
+};
+
+// A known path with another method is 405 (with Allow), an unknown one 404.
+Reply ReferenceService::Impl::route(Request& req) {
+    enum class Tail { none, text, user };  // what follows the path after "/"
+    struct Route {
+        const char* method;
+        std::string_view path;
+        Tail tail;
+        Reply (*handle)(State&, const Request&);
+    };
+
+    static constexpr Route kRoutes[] = {
+        {"GET", "/api/Driving/getThresholds", Tail::none, &getThresholds},
+        {"POST", "/api/Driving/addMotionData", Tail::none, &addMotionData},
+        {"POST", "/api/Driving/addDrivingScore", Tail::none, &addDrivingScore},
+        {"GET", "/api/Driving/getPassedCoordinates", Tail::text, &getPassedCoordinates},
+        {"GET", "/api/Driving/getDriving", Tail::user, &getDriving},
+        {"GET", "/api/Driving/getDrivingSummary", Tail::user, &getDrivingSummary},
+        {"GET", "/api/General/getWeatherDataByLatLon", Tail::user, &getWeather},
+        {"POST", "/api/User/LoginWithToken", Tail::none, &loginWithToken},
+        {"POST", "/api/User/AddUser", Tail::none, &addUser},
+        {"POST", "/api/General/AddFriend", Tail::none, &addFriend},
+        {"GET", "/api/General/getLeaderShip", Tail::user, &getLeaderShip},
+        {"GET", "/healthz", Tail::none, &healthz},
+    };
+    std::string allowed;
+    for (const Route& r : kRoutes) {
+        auto tail = match(r.path, r.tail != Tail::none, req.path);
+        if (!tail) continue;
+        if (req.method == r.method) {
+            req.tail = std::string(*tail);
+            if (r.tail == Tail::user && !parsePathInteger(req.tail))
+                return text(400, "the path must end in an integer user identifier");
+            return r.handle(*this, req);
+        }
+        allowed += allowed.empty() ? r.method : std::string(", ") + r.method;
+    }
+    if (allowed.empty()) return text(404, "no such path");
+    Reply refused = text(405, "method not allowed; use " + allowed);
+    refused.headers.emplace_back("Allow", allowed);
+    return refused;
 }
 
 bool ReferenceService::Impl::loadBands() {
@@ -419,16 +405,8 @@ bool ReferenceService::Impl::loadBands() {
 bool ReferenceService::Impl::bind() {
     if (!opened && !(opened = openStorage())) return false;
     if (!loadBands()) return false;
-    HttpLimits limits;
-    limits.maxBodyBytes = options.maxBodyBytes;
-    limits.workers = options.workerThreads;
-    limits.idleSeconds = options.idleTimeoutSeconds;
-    limits.requestSeconds = options.requestTimeoutSeconds;
-    limits.connectionsPerAddress = options.connectionsPerAddress;
-    AccessLog log{options.accessLog, [this] { return now(); }};
-    server = std::make_unique<HttpServer>(limits, std::move(log),
-                                          [this](Request& req) { return route(req); });
-    return server->start(options.host, options.port, error);
+    server = std::make_unique<HttpServer>(options, [this](Request& req) { return route(req); });
+    return server->start(error);
 }
 
 ReferenceService::ReferenceService(ServiceOptions options) : impl_(std::make_unique<Impl>()) {

@@ -12,6 +12,12 @@
 namespace kestrelvue::service {
 namespace {
 
+/// A whole double (3.0) is the same number as the integer; a fraction is not a count.
+std::optional<std::int64_t> whole(double d) {
+    if (d != std::trunc(d) || std::fabs(d) >= 9.2e18) return std::nullopt;
+    return static_cast<std::int64_t>(d);
+}
+
 /// Reads typed members of one JSON object; the first wrong type is kept as the reason to refuse.
 /// An absent or null member reads as empty or zero: clients leave out what they do not know.
 class Members {
@@ -40,12 +46,9 @@ public:
         const Value* v = present(key);
         if (!v) return 0;
         if (auto i = v->asInt()) return *i;
-        // A whole double (3.0) is the same number; a fraction or a text is not a count.
         const std::optional<double> d = v->asNumber();
-        if (!d || *d != std::trunc(*d) || std::fabs(*d) >= 9.2e18) {
-            return fail(key, "expected an integer"), 0;
-        }
-        return static_cast<std::int64_t>(*d);
+        if (auto i = d ? whole(*d) : std::nullopt) return *i;
+        return fail(key, "expected an integer"), 0;
     }
     const std::string& error() const { return error_; }
 
@@ -65,14 +68,14 @@ private:
 /// A JSON object body read by `read` into a T; refused with the first reason `read` or the
 /// members gave.
 template <class T, class Read>
-Parsed<T> readObject(std::string_view body, Read read) {
+Result<T> readObject(std::string_view body, Read read) {
     json::ParseResult parsed = json::parse(body);
-    if (!parsed) return Parsed<T>::refuse("malformed JSON: " + parsed.error);
-    if (!parsed.value->isObject()) return Parsed<T>::refuse("the body must be a JSON object");
+    if (!parsed) return Result<T>::failure("malformed JSON: " + parsed.error);
+    if (!parsed.value->isObject()) return Result<T>::failure("the body must be a JSON object");
     Members m(*parsed.value);
     T value = read(m);
-    if (!m.error().empty()) return Parsed<T>::refuse(m.error());
-    return {std::move(value), {}};
+    if (!m.error().empty()) return Result<T>::failure(m.error());
+    return value;
 }
 
 }  // namespace
@@ -81,8 +84,8 @@ Parsed<T> readObject(std::string_view body, Read read) {
 // KB, which the general reader would copy into a Value with a parser of its own each time. Each
 // thread keeps its parser (a parser takes some 14 bytes per byte of text, and a fresh one's memory
 // cost more in page faults than the parse), but lets go of one grown past 1 MiB.
-Parsed<MotionBulk> parseMotionBulk(std::string_view body) {
-    using Result = Parsed<MotionBulk>;
+Result<MotionBulk> parseMotionBulk(std::string_view body, bool keepRecords) {
+    using Bulk = Result<MotionBulk>;
     thread_local simdjson::dom::parser parser;
     struct Shrink {
         ~Shrink() {
@@ -91,9 +94,9 @@ Parsed<MotionBulk> parseMotionBulk(std::string_view body) {
     } shrink;
     simdjson::dom::element root;
     if (auto error = parser.parse(body.data(), body.size()).get(root))
-        return Result::refuse(std::string("malformed JSON: ") + simdjson::error_message(error));
+        return Bulk::failure(std::string("malformed JSON: ") + simdjson::error_message(error));
     simdjson::dom::object object;
-    if (root.get_object().get(object)) return Result::refuse("the body must be a JSON object");
+    if (root.get_object().get(object)) return Bulk::failure("the body must be a JSON object");
     MotionBulk bulk;
     std::string_view text;
     for (auto [key, value] : object) {  // later duplicates win, as with the general reader
@@ -102,31 +105,32 @@ Parsed<MotionBulk> parseMotionBulk(std::string_view body) {
         double number = 0;
         std::string_view string;
         if (key == "UserID") {
-            // A whole double (3.0) is the same number; a fraction or a text is not an identifier.
             if (!value.get_int64().get(integer)) {
                 bulk.userID = integer;
-            } else if (!value.get_double().get(number) && number == std::trunc(number) &&
-                       std::fabs(number) < 9.2e18) {
-                bulk.userID = static_cast<std::int64_t>(number);
+            } else if (auto i = value.get_double().get(number) ? std::nullopt : whole(number)) {
+                bulk.userID = *i;
             } else {
-                return Result::refuse("UserID: expected an integer");
+                return Bulk::failure("UserID: expected an integer");
             }
         } else if (key == "DrivingGuid" || key == "MotionStr") {
             if (value.get_string().get(string))
-                return Result::refuse(std::string(key) + ": expected a text");
+                return Bulk::failure(std::string(key) + ": expected a text");
             if (key == "DrivingGuid") bulk.guid = string;
             if (key == "MotionStr") text = string;
         }
     }
-    if (bulk.guid.empty()) return Result::refuse("DrivingGuid: missing");
-    auto records = parseMotionText(text);
-    if (!records) return Result::refuse("MotionStr: " + records.error);
+    if (bulk.guid.empty()) return Bulk::failure("DrivingGuid: missing");
+    auto count = detail::readMotionText(text, true, [&](const MotionRecord& r) {
+        (bulk.count++ == 0 ? bulk.first : bulk.last) = r;
+        if (keepRecords) bulk.records.push_back(r);
+    });
+    if (!count) return Bulk::failure("MotionStr: " + count.error);
+    if (bulk.count == 1) bulk.last = bulk.first;
     bulk.text = text;
-    bulk.records = std::move(*records.value);
-    return {std::move(bulk), {}};
+    return bulk;
 }
 
-Parsed<DrivingRow> parseDrivingScore(std::string_view body) {
+Result<DrivingRow> parseDrivingScore(std::string_view body) {
     return readObject<DrivingRow>(body, [](Members& m) {
         DrivingRow d;
         d.userID = m.integer("userID");
@@ -139,17 +143,17 @@ Parsed<DrivingRow> parseDrivingScore(std::string_view body) {
         d.startLong = m.bounded("startLocationLongitude", 180);
         d.endLat = m.bounded("endLocationLatitude", 90);
         d.endLong = m.bounded("endLocationLongitude", 180);
-        d.score = m.bounded("Score", kMaxScore);
+        d.score = m.bounded("Score", detail::kMaxScore);
         for (const auto kind : detail::kEventKinds) {
             const auto i = static_cast<std::size_t>(kind);
             const std::string stem = "sharp" + std::string(detail::namesOf(kind).wire);
             d.counts[i] = m.integer(stem + "Count");
-            if (d.counts[i] < 0 || d.counts[i] > kMaxPenalty)
+            if (d.counts[i] < 0 || d.counts[i] > detail::kMaxPenalty)
                 m.fail(stem + "Count", "beyond any real trip");
-            d.penalties[i] = m.bounded(stem + "Penalty", kMaxPenalty);
+            d.penalties[i] = m.bounded(stem + "Penalty", detail::kMaxPenalty);
         }
-        d.fuelPenalty = m.bounded("fuelEfficiencyPenalty", kMaxPenalty);
-        d.totalDistance = m.bounded("totalDistance", kMaxDistanceMetres);
+        d.fuelPenalty = m.bounded("fuelEfficiencyPenalty", detail::kMaxPenalty);
+        d.totalDistance = m.bounded("totalDistance", detail::kMaxDistanceMetres);
         if (d.totalDistance < 0) m.fail("totalDistance", "negative");
         d.timeElapsed = m.text("timeElapsed");
         if (d.guid.empty()) m.fail("drivingGuid", "missing");
@@ -157,7 +161,7 @@ Parsed<DrivingRow> parseDrivingScore(std::string_view body) {
     });
 }
 
-Parsed<Login> parseLogin(std::string_view body) {
+Result<Login> parseLogin(std::string_view body) {
     return readObject<Login>(body, [](Members& m) {
         Login login{m.text("Mobile"), m.text("Token")};
         if (login.mobile.empty() || login.token.empty()) m.fail("Mobile and Token", "required");
@@ -165,7 +169,7 @@ Parsed<Login> parseLogin(std::string_view body) {
     });
 }
 
-Parsed<UserRow> parseAddUser(std::string_view body) {
+Result<UserRow> parseAddUser(std::string_view body) {
     return readObject<UserRow>(body, [](Members& m) {
         UserRow u;
         u.firstName = m.text("FirstName");
@@ -179,7 +183,7 @@ Parsed<UserRow> parseAddUser(std::string_view body) {
     });
 }
 
-Parsed<FriendRequest> parseAddFriend(std::string_view body) {
+Result<FriendRequest> parseAddFriend(std::string_view body) {
     return readObject<FriendRequest>(body, [](Members& m) {
         FriendRequest r{m.text("ReferenceID"), m.text("FriendReferenceID")};
         m.integer("LoginTypeID");
@@ -189,11 +193,11 @@ Parsed<FriendRequest> parseAddFriend(std::string_view body) {
     });
 }
 
-Parsed<Value> parseBands(std::string_view text) {
+Result<Value> parseBands(std::string_view text) {
     json::ParseResult parsed = json::parse(text);
-    if (!parsed) return Parsed<Value>::refuse("malformed JSON: " + parsed.error);
+    if (!parsed) return Result<Value>::failure("malformed JSON: " + parsed.error);
     const List* list = parsed.value->asList();
-    if (!list) return Parsed<Value>::refuse("expected a list of bands");
+    if (!list) return Result<Value>::failure("expected a list of bands");
     // The library's names: six lists of bands, each of which a reply must fill (a kind without
     // bands is never charged), and six settings.
     static const auto kLevels = [] {
@@ -212,31 +216,31 @@ Parsed<Value> parseBands(std::string_view text) {
     for (std::size_t i = 0; i < list->size(); ++i) {
         const Value& band = (*list)[i];
         const std::string at = "band " + std::to_string(i + 1) + ": ";
-        if (!band.isObject()) return Parsed<Value>::refuse(at + "expected an object");
+        if (!band.isObject()) return Result<Value>::failure(at + "expected an object");
         const Value* name = band.find("_enmThresholdName");
         if (!name || !name->isString()) {
-            return Parsed<Value>::refuse(at + "_enmThresholdName: expected a text");
+            return Result<Value>::failure(at + "_enmThresholdName: expected a text");
         }
         if (kLevels.count(*name->asString())) {
             levels.insert(*name->asString());
         } else if (!kSettings.count(*name->asString())) {
-            return Parsed<Value>::refuse(at + "_enmThresholdName: unknown band " +
-                                         *name->asString());
+            return Result<Value>::failure(at + "_enmThresholdName: unknown band " +
+                                          *name->asString());
         }
         for (const char* key : {"_limitStart", "_limitEnd", "_impact"}) {
             const Value* v = band.find(key);
             if (!v || !v->asNumber() || !std::isfinite(*v->asNumber()))
-                return Parsed<Value>::refuse(at + key + ": expected a number");
+                return Result<Value>::failure(at + key + ": expected a number");
         }
         const Value* perKm = band.find("_perKilometer");
         if (!perKm || !perKm->isBool()) {
-            return Parsed<Value>::refuse(at + "_perKilometer: expected true or false");
+            return Result<Value>::failure(at + "_perKilometer: expected true or false");
         }
     }
     for (const std::string& level : kLevels) {
-        if (!levels.count(level)) return Parsed<Value>::refuse("no bands of " + level);
+        if (!levels.count(level)) return Result<Value>::failure("no bands of " + level);
     }
-    return {std::move(*parsed.value), {}};
+    return std::move(*parsed.value);
 }
 
 std::optional<std::int64_t> parsePathInteger(std::string_view text) {

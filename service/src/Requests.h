@@ -10,31 +10,30 @@
 #include <string_view>
 #include <vector>
 
-#include "MotionText.h"
 #include "Storage.h"
 
 namespace kestrelvue::service {
 
 /// An "addDrivingScore" body; "drivingGuid" is required. Coordinates, score, distance and
 /// penalties beyond any real trip are refused.
-Parsed<DrivingRow> parseDrivingScore(std::string_view body);
+Result<DrivingRow> parseDrivingScore(std::string_view body);
 
 struct Login {
     std::string mobile, token;
 };
-Parsed<Login> parseLogin(std::string_view body);
+Result<Login> parseLogin(std::string_view body);
 /// A registration; refused when it names nothing at all.
-Parsed<UserRow> parseAddUser(std::string_view body);
+Result<UserRow> parseAddUser(std::string_view body);
 
 struct FriendRequest {
     std::string referenceId, friendReferenceId;
 };
-Parsed<FriendRequest> parseAddFriend(std::string_view body);
+Result<FriendRequest> parseAddFriend(std::string_view body);
 
 /// A threshold reply as the service hands it out: a list of objects, each with a text
 /// "_enmThresholdName", numbers "_limitStart", "_limitEnd" and "_impact" and a boolean
 /// "_perKilometer"; every name one the library knows, and every kind of event with its bands.
-Parsed<Value> parseBands(std::string_view text);
+Result<Value> parseBands(std::string_view text);
 
 /// A decimal 64-bit integer taken from a path, all of it.
 std::optional<std::int64_t> parsePathInteger(std::string_view text);

@@ -12,7 +12,9 @@ namespace kestrelvue::service {
 /// A prepared statement that finalises itself.
 class Statement {
 public:
-    Statement(sqlite3* db, const char* sql) { sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr); }
+    Statement(sqlite3* db, std::string_view sql) {
+        sqlite3_prepare_v2(db, sql.data(), static_cast<int>(sql.size()), &stmt_, nullptr);
+    }
     ~Statement() { sqlite3_finalize(stmt_); }
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
@@ -40,14 +42,20 @@ private:
 };
 
 /// Runs `sql`; false with SQLite's message in `error` when it fails.
-inline bool execute(sqlite3* db, const char* sql, std::string& error) {
+inline bool execute(sqlite3* db, const std::string& sql, std::string& error) {
     char* message = nullptr;
-    if (sqlite3_exec(db, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+    if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
         error = message ? message : "SQLite error";
         sqlite3_free(message);
         return false;
     }
     return true;
+}
+
+/// Runs `sql` when it can (a clean-up, or a change that may have been made before).
+inline void tryExecute(sqlite3* db, const std::string& sql) {
+    std::string ignored;
+    execute(db, sql, ignored);
 }
 
 /// Opens `path` for one thread at a time (the caller serialises its use). A lock another process

@@ -9,11 +9,11 @@
 
 #include <array>
 #include <cstdio>
+#include <filesystem>
 #include <mutex>
 #include <set>
 #include <utility>
 
-#include "MotionText.h"
 #include "Sqlite.h"
 #include "Storage.h"
 #include "records/EventKinds.h"
@@ -95,12 +95,9 @@ constexpr std::array<std::string_view, 0> kLaterMigrations{};
 constexpr int kVersion = 1 + static_cast<int>(kLaterMigrations.size());
 
 std::string hex(const unsigned char* bytes, std::size_t n) {
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    for (std::size_t i = 0; i < n; ++i) {
-        out += digits[bytes[i] >> 4];
-        out += digits[bytes[i] & 15];
-    }
+    std::string out(2 * n + 1, '\0');
+    for (std::size_t i = 0; i < n; ++i) std::snprintf(&out[2 * i], 3, "%02x", bytes[i]);
+    out.pop_back();
     return out;
 }
 
@@ -120,24 +117,12 @@ std::string saltedHash(const std::string& salt, const std::string& token) {
 bool hasTable(sqlite3* db, const char* schema, const char* table) {
     const std::string sql =
         std::string("SELECT 1 FROM ") + schema + ".sqlite_master WHERE type = 'table' AND name = ?";
-    return Statement(db, sql.c_str()).bind(1, std::string_view(table)).step();
+    return Statement(db, sql).bind(1, std::string_view(table)).step();
 }
 
 std::int64_t pragma(sqlite3* db, const char* name) {
-    Statement q(db, (std::string("PRAGMA ") + name).c_str());
+    Statement q(db, (std::string("PRAGMA ") + name));
     return q.step() ? q.integer(0) : -1;
-}
-
-/// The record time kept as its seventeen digits (20261116140509250) as its text again.
-RecordTime recordTimeOf(std::int64_t digits) {
-    char text[24];
-    std::snprintf(text, sizeof text, "%017lld",
-                  static_cast<long long>(digits % 100000000000000000));
-    constexpr std::string_view pattern = "dddd-dd-dd dd:dd:dd:ddd";
-    RecordTime out{};
-    for (std::size_t i = 0, d = 0; i < out.size(); ++i)
-        out[i] = pattern[i] == 'd' ? text[d++] : pattern[i];
-    return out;
 }
 
 class SqliteStorage final : public Storage {
@@ -163,9 +148,8 @@ public:
         for (int v = static_cast<int>(std::max<std::int64_t>(version, 1)); v < kVersion; ++v) {
             const std::string sql = "BEGIN; " + std::string(kLaterMigrations.at(v - 1)) +
                                     "; PRAGMA user_version = " + std::to_string(v + 1) + "; COMMIT";
-            if (!execute(db_, sql.c_str(), error)) {
-                std::string ignored;
-                execute(db_, "ROLLBACK", ignored);
+            if (!execute(db_, sql, error)) {
+                tryExecute(db_, "ROLLBACK");
                 error.insert(0, "cannot upgrade " + path + ": ");
                 return false;
             }
@@ -179,8 +163,8 @@ public:
     }
 
     std::optional<std::size_t> addMotionLocked(const MotionBulk& bulk) {
-        if (bulk.records.empty()) return 0;
-        const MotionRecord &first = bulk.records.front(), &last = bulk.records.back();
+        if (bulk.count == 0) return 0;
+        const MotionRecord &first = bulk.first, &last = bulk.last;
         const std::string key =
             std::to_string(first.itemId) + " " + std::string(first.recordTimeText()) + " " +
             std::to_string(last.itemId) + " " + std::string(last.recordTimeText());
@@ -188,9 +172,9 @@ public:
                     "INSERT OR IGNORE INTO motion_bulks(trip, user_id, first_and_last, records, "
                     "motion_text) VALUES (?, ?, ?, ?, ?)");
         q.bind(1, bulk.guid).bind(2, bulk.userID).bind(3, key);
-        q.bind(4, static_cast<std::int64_t>(bulk.records.size())).bind(5, bulk.text);
+        q.bind(4, static_cast<std::int64_t>(bulk.count)).bind(5, bulk.text);
         if (!q.run()) return std::nullopt;
-        return sqlite3_changes(db_) ? bulk.records.size() : 0;
+        return sqlite3_changes(db_) ? bulk.count : 0;
     }
 
     std::vector<MotionRecord> motion(const std::string& guid) override {
@@ -205,9 +189,9 @@ public:
         std::set<std::pair<std::int64_t, RecordTime>> seen;
         for (const std::string& text : texts) {
             // As it was stored: an earlier file's records may hold what is refused today.
-            auto parsed = parseMotionText(text, false);
+            auto parsed = detail::parseMotionText(text, false);
             if (!parsed) continue;
-            for (MotionRecord& r : *parsed.value) {
+            for (MotionRecord& r : *parsed) {
                 if (seen.emplace(r.itemId, r.recordTime).second) records.push_back(r);
             }
         }
@@ -261,8 +245,7 @@ public:
         std::lock_guard lock(mutex_);
         Statement q(db_,
                     (std::string("SELECT COUNT(*), TOTAL(MIN(MAX(distance_metres, 0), 1e9)), ") +
-                     kWeighedScore + " FROM trips WHERE user_id = ?")
-                        .c_str());
+                     kWeighedScore + " FROM trips WHERE user_id = ?"));
         q.bind(1, userID);
         if (!q.step()) return {};
         return {q.integer(0), q.real(1), q.real(2)};
@@ -271,8 +254,7 @@ public:
     std::optional<UserRow> login(const std::string& mobile, const std::string& token) override {
         std::lock_guard lock(mutex_);
         Statement q(db_, (std::string("SELECT ") + kUserColumns +
-                          ", token_salt, token_hash FROM users WHERE mobile = ?")
-                             .c_str());
+                          ", token_salt, token_hash FROM users WHERE mobile = ?"));
         q.bind(1, mobile);
         if (!q.step()) return std::nullopt;
         const std::string salt = q.text(9), stored = q.text(10);
@@ -334,8 +316,7 @@ public:
 
     std::optional<UserRow> user(std::int64_t id) override {
         std::lock_guard lock(mutex_);
-        Statement q(db_,
-                    (std::string("SELECT ") + kUserColumns + " FROM users WHERE id = ?").c_str());
+        Statement q(db_, (std::string("SELECT ") + kUserColumns + " FROM users WHERE id = ?"));
         q.bind(1, id);
         if (!q.step()) return std::nullopt;
         return readUser(q);
@@ -343,20 +324,17 @@ public:
 
     std::vector<LeaderRow> leaders(const UserRow& me, int scope) override {
         std::lock_guard lock(mutex_);
-        std::string where = "1";
-        if (scope == 1) where = "u.country = ?2";
-        if (scope == 2) where = "u.city = ?2";
-        if (scope == 3) {
-            where =
-                "(u.id = ?1 OR u.reference_id IN (SELECT friend_ref FROM friends WHERE user_ref = "
-                "?3))";
-        }
+        // Everyone, the country, the city, the friends and oneself.
+        static constexpr const char* kScopes[] = {
+            "1", "u.country = ?2", "u.city = ?2",
+            "u.id = ?1 OR u.reference_id IN (SELECT friend_ref FROM friends WHERE user_ref = ?3)"};
+        const char* where = kScopes[scope >= 1 && scope <= 3 ? scope : 0];
         const std::string sql =
             "SELECT u.id, TRIM(u.first_name || ' ' || u.last_name), u.city, u.country, "
             "COUNT(guid), " +
             std::string(kWeighedScore) + " FROM users u LEFT JOIN trips ON user_id = u.id WHERE " +
             where + " GROUP BY u.id ORDER BY 6 DESC, 1 ASC";
-        Statement q(db_, sql.c_str());
+        Statement q(db_, sql);
         q.bind(1, me.id).bind(2, scope == 1 ? me.country : me.city).bind(3, me.referenceId);
         std::vector<LeaderRow> rows;
         while (q.step()) {
@@ -404,19 +382,6 @@ private:
     sqlite3* db_ = nullptr;
 };
 
-/// The files the earlier layout kept motion records in beside the database file.
-std::vector<std::string> earlierMotionFiles(const std::string& path) {
-    std::vector<std::string> files;
-    for (int k = 1; k <= 3; ++k) {
-        const std::string file = path + ".motion-" + std::to_string(k);
-        if (std::FILE* f = std::fopen(file.c_str(), "rb")) {
-            std::fclose(f);
-            files.push_back(file);
-        }
-    }
-    return files;
-}
-
 // A new file gets the schema; a file of the earlier layout is upgraded in one transaction, its
 // three motion files read in, so that a failure leaves it as it was.
 bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error) {
@@ -431,9 +396,13 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
     }
     std::vector<std::string> attached;
     if (earlier && path != ":memory:") {
-        for (const std::string& file : earlierMotionFiles(path)) {
+        for (int k = 1; k <= 3; ++k) {
+            // The files the earlier layout kept motion records in beside the database file.
+            const std::string file = path + ".motion-" + std::to_string(k);
+            std::error_code ignored;
+            if (!std::filesystem::exists(file, ignored)) continue;
             const std::string name = "m" + std::to_string(attached.size() + 1);
-            Statement attach(db_, ("ATTACH DATABASE ? AS " + name).c_str());
+            Statement attach(db_, ("ATTACH DATABASE ? AS " + name));
             if (!attach.bind(1, file).run()) {
                 error = "cannot read " + file + ": " + sqlite3_errmsg(db_);
                 return false;
@@ -443,32 +412,30 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
     }
     bool done = execute(db_, "BEGIN IMMEDIATE", error);
     if (done && earlier) {
-        std::string ignored;  // a file made before tokens were hashed lacks their columns
-        execute(db_, "ALTER TABLE users ADD COLUMN token_salt TEXT", ignored);
-        execute(db_, "ALTER TABLE users ADD COLUMN token_hash TEXT", ignored);
-        done = execute(db_, (kRenameEarlierTables + renamesOfKinds()).c_str(), error);
+        tryExecute(db_, "ALTER TABLE users ADD COLUMN token_salt TEXT");
+        tryExecute(db_, "ALTER TABLE users ADD COLUMN token_hash TEXT");
+        done = execute(db_, (kRenameEarlierTables + renamesOfKinds()), error);
     }
     done = done && execute(db_, kSchemaVersion1, error);
     done = done && (!earlier || moveEarlierMotion(path, error));
     done = done && execute(db_,
                            ("PRAGMA application_id = " + std::to_string(kApplicationId) +
-                            "; PRAGMA user_version = 1")
-                               .c_str(),
+                            "; PRAGMA user_version = 1"),
                            error);
     done = done && execute(db_, "COMMIT", error);
     if (!done) {
-        std::string ignored;
-        execute(db_, "ROLLBACK", ignored);
+        tryExecute(db_, "ROLLBACK");
         error.insert(0, (earlier ? "cannot upgrade " : "cannot create ") + path + ": ");
     }
     for (std::size_t k = 1; k <= attached.size(); ++k) {
-        std::string ignored;
-        execute(db_, ("DETACH DATABASE m" + std::to_string(k)).c_str(), ignored);
+        tryExecute(db_, "DETACH DATABASE m" + std::to_string(k));
     }
     if (!done) return false;
     // Every record is in the one file now: the others would only mislead.
+    std::error_code ignored;
     for (const std::string& file : attached) {
-        for (const char* suffix : {"", "-wal", "-shm"}) std::remove((file + suffix).c_str());
+        for (const char* suffix : {"", "-wal", "-shm"})
+            std::filesystem::remove(file + suffix, ignored);
     }
     return true;
 }
@@ -481,8 +448,7 @@ bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& erro
     for (int k = 1; hasTable(db_, ("m" + std::to_string(k)).c_str(), "motion"); ++k)
         schemas.push_back("m" + std::to_string(k));
     const auto number = [&](const std::string& schema) {
-        Statement q(db_,
-                    ("SELECT value FROM " + schema + ".counters WHERE name = 'database'").c_str());
+        Statement q(db_, ("SELECT value FROM " + schema + ".counters WHERE name = 'database'"));
         return q.step() ? q.integer(0) : 0;
     };
     std::string rows;
@@ -500,42 +466,26 @@ bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& erro
                 std::to_string(k) + " AS file, m.arrival FROM " + schemas[k] + ".motion m JOIN " +
                 schemas[k] + ".trip_ids t ON t.id = m.trip";
     }
-    if (!rows.empty()) {
-        Statement q(db_, ("SELECT * FROM (" + rows + ") ORDER BY 1, file, arrival").c_str());
-        std::string trip, text;
-        std::int64_t user = 0;
-        std::vector<MotionRecord> bulk;
-        std::set<std::pair<std::int64_t, std::int64_t>> seen;
-        const auto flush = [&] {
-            if (bulk.empty()) return true;
-            text.clear();
-            for (const MotionRecord& r : bulk) appendMotionText(text, r);
-            MotionBulk b{trip, user, std::move(text), std::move(bulk)};
-            bulk.clear();
-            text.clear();
-            return addMotionLocked(b).has_value();
-        };
-        while (q.step()) {
-            if (q.view(0) != trip) {
-                if (!flush()) return false;
-                trip = q.text(0);
-                seen.clear();
-            }
-            if (!seen.emplace(q.integer(2), q.integer(3)).second) continue;
-            MotionRecord& r = bulk.emplace_back();
-            user = q.integer(1);
-            r.itemId = q.integer(2);
-            r.recordTime = r.locationTime = recordTimeOf(q.integer(3));
-            r.latitude = q.real(4);
-            r.longitude = q.real(5);
-            for (int i = 0; i < 5; ++i) {
-                r.penalty[i] = q.real(6 + i);
-                r.penaltyPerKM[i] = q.real(11 + i);
-            }
-            r.fuelPerKM = q.real(16);
-            if (bulk.size() == 1000 && !flush()) return false;
-        }
-        if (!flush()) return false;
+    // Each row becomes a bulk of one record in the library's text, its other fields zero. The
+    // rows of a trip go in the order they came, file by file, so a key kept in two files (a trip
+    // whose records changed file) is moved once: the second copy is a bulk sent again.
+    std::string format;
+    for (int i = 0; i < 12; ++i) format += "  0.000,";
+    format += " , , , ,%10.6f,%10.6f,UN,   0,%s,   0,%7d,%s,";
+    for (int i = 0; i < 11; ++i) format += "%7.3f,";
+    format += "  0.000,    0,  0.000000,UN,;";
+    Statement q(db_,
+                "INSERT OR IGNORE INTO motion_bulks(trip, user_id, first_and_last, records, "
+                "motion_text) SELECT guid, user_id, item_id || ' ' || stamp || ' ' || item_id || "
+                "' ' || stamp, 1, printf(?, lat, lon, stamp, item_id, stamp, p0, p1, p2, p3, p4, "
+                "k0, k1, k2, k3, k4, fuel) FROM (SELECT *, substr(d, 1, 4) || '-' || substr(d, 5, "
+                "2) || '-' || substr(d, 7, 2) || ' ' || substr(d, 9, 2) || ':' || substr(d, 11, 2) "
+                "|| ':' || substr(d, 13, 2) || ':' || substr(d, 15, 3) AS stamp FROM (SELECT *, "
+                "printf('%017d', record_time % 100000000000000000) AS d FROM (" +
+                    rows + "))) ORDER BY guid, file, arrival");
+    if (!rows.empty() && !q.bind(1, format).run()) {
+        error = sqlite3_errmsg(db_);
+        return false;
     }
     return execute(db_,
                    "DROP TABLE IF EXISTS main.motion; DROP TABLE IF EXISTS main.trip_ids; "

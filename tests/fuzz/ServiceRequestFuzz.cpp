@@ -21,17 +21,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         case 0: {
             auto bulk = parseMotionBulk(body);
             check(bulk);
-            if (bulk && bulk.value->guid.empty()) __builtin_trap();
+            if (bulk && bulk->guid.empty()) __builtin_trap();
             break;
         }
         case 1: {
-            auto records = parseMotionText(body);
+            auto records = kestrelvue::detail::parseMotionText(body);
             check(records);
             if (!records) break;
             std::string again;
-            for (const MotionRecord& r : *records.value) appendMotionText(again, r);
-            auto reread = parseMotionText(again);
-            if (!reread || reread.value->size() != records.value->size()) __builtin_trap();
+            for (const MotionRecord& r : *records) appendMotionText(again, r);
+            auto reread = kestrelvue::detail::parseMotionText(again);
+            if (!reread || reread->size() != records->size()) __builtin_trap();
             break;
         }
         case 2:

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "records/MotionText.h"
 #include "records/TextFormat.h"
 #include "support/MotionTextReference.h"
 #include "support/Time.h"
@@ -62,6 +63,25 @@ TEST(MotionText, ExampleRecordIsByteExact) {
         "1523,2026-11-16 14:05:09:731,  0.000,  2.500,  0.000,  0.000,  0.000,  0.000,  0.000,  "
         "0.000,  0.000,  0.000,  0.125, 87.400,    5, 13.500000,FU,";
     EXPECT_EQ(exampleRecord().toString(), expected);
+}
+
+// The reader beside the writer: what the library writes reads back field by field, and written
+// again gives the same bytes.
+TEST(MotionText, ReadsBackWhatTheLibraryWrites) {
+    ScopedTimeZone tz("UTC0");
+    const std::string text = exampleRecord().toString() + ";";
+    const auto records = detail::parseMotionText(text);
+    ASSERT_TRUE(records) << records.error;
+    ASSERT_EQ(records->size(), 1u);
+    const detail::MotionRecord& r = records->front();
+    EXPECT_EQ(r.itemId, 1523);
+    EXPECT_EQ(r.latitude, 41.0082);
+    EXPECT_EQ(r.events[1], 'L');
+    EXPECT_EQ(r.penalty[static_cast<std::size_t>(detail::EventKind::speeding)], 2.5);
+    EXPECT_EQ(r.recordTimeText(), "2026-11-16 14:05:09:731");
+    std::string again;
+    detail::appendMotionText(again, r);
+    EXPECT_EQ(again, text);
 }
 
 // ---- printf equivalence -----------------------------------------------------------------

@@ -173,10 +173,10 @@ TEST(ServiceStorage, KeepsEveryFieldOfEveryRecord) {
     const std::string text = plain.toString() + ";" + full.toString() + ";";
     auto bulk = service::parseMotionBulk(bulkBody("T", text));
     ASSERT_TRUE(bulk) << bulk.error;
-    ASSERT_EQ(storage->addMotion(*bulk.value), 2u);
+    ASSERT_EQ(storage->addMotion(*bulk), 2u);
     const auto stored = storage->motion("T");
     std::string again;
-    for (const auto& r : stored) service::appendMotionText(again, r);
+    for (const auto& r : stored) detail::appendMotionText(again, r);
     EXPECT_EQ(again, text);
     ASSERT_EQ(stored.size(), 2u);  // and the fields are the ones they name
     EXPECT_EQ(std::string(stored[1].events, 4) + stored[1].orientation[0], "R  LF");
@@ -295,8 +295,24 @@ TEST(ServiceStorage, FourFilesAreUpgradedIntoOne) {
     for (const char* suffix : {"", "-wal", "-shm"}) std::remove((db + suffix).c_str());
 }
 
-TEST(ReferenceServiceLifecycle, StopsRightAfterStarting) {
+// /healthz speaks for the storage: once the database no longer answers the service's queries (a
+// table dropped behind its back), it answers 503.
+TEST(ReferenceServiceLifecycle, StopsRightAfterStartingAndHealthzFollowsTheStorage) {
     for (int i = 0; i < 20; ++i) ASSERT_TRUE(service::ReferenceService({}).start());
+    const std::string db = ::testing::TempDir() + "kv-health-" + std::to_string(::getpid());
+    service::ServiceOptions options;
+    options.databasePath = db;
+    service::ReferenceService service(options);
+    ASSERT_TRUE(service.start()) << service.error();
+    httplib::Client client("127.0.0.1", service.port());
+    EXPECT_EQ(client.Get("/healthz")->status, 200);
+    sqlite3* f = nullptr;
+    ASSERT_EQ(sqlite3_open(db.c_str(), &f), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(f, "DROP TABLE motion_bulks", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(f);
+    EXPECT_EQ(client.Get("/healthz")->status, 503);
+    service.stop();
+    for (const char* suffix : {"", "-wal", "-shm"}) std::remove((db + suffix).c_str());
 }
 
 // Bulks from four clients at once, on kept connections, into a database file: every one is stored

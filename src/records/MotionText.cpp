@@ -1,11 +1,12 @@
-#include "MotionText.h"
+#include "records/MotionText.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <functional>
 
-namespace kestrelvue::service {
+namespace kestrelvue::detail {
 namespace {
 
 constexpr std::size_t kFieldsPerRecord = 39;
@@ -156,33 +157,43 @@ bool MotionRecord::hasFault() const {
     return false;
 }
 
-Parsed<std::vector<MotionRecord>> parseMotionText(std::string_view text, bool checkValues) {
-    using Result = Parsed<std::vector<MotionRecord>>;
+Result<std::size_t> readMotionText(std::string_view text, bool checkValues,
+                                   const std::function<void(const MotionRecord&)>& take) {
+    std::string_view fields[kFieldsPerRecord];
+    std::size_t number = 1;
+    for (; !text.empty(); ++number) {
+        const std::string at = "record " + std::to_string(number);
+        const std::size_t end = text.find(';');
+        if (end == std::string_view::npos)
+            return Result<std::size_t>::failure(at + ": no closing ';'");
+        const std::size_t count = splitFields(text.substr(0, end), fields);
+        text.remove_prefix(end + 1);
+        if (count == std::string_view::npos)
+            return Result<std::size_t>::failure(at + ": a field without its closing ','");
+        if (count != kFieldsPerRecord)
+            return Result<std::size_t>::failure(at + ": " + std::to_string(count) +
+                                                " fields, expected 39");
+        MotionRecord r;
+        for (std::size_t f = 0; f < kFieldsPerRecord; ++f) {
+            if (const char* why = readField(f, fields[f], r, checkValues)) {
+                return Result<std::size_t>::failure(at + ", field " + std::to_string(f + 1) + " (" +
+                                                    kFieldNames[f] + "): " + why);
+            }
+        }
+        take(r);
+    }
+    return number - 1;
+}
+
+Result<std::vector<MotionRecord>> parseMotionText(std::string_view text, bool checkValues) {
     std::vector<MotionRecord> records;
     // One allocation for a usual bulk without counting its records first (a pass over the whole
     // text): the library's records run to some 300 bytes; shorter ones grow the vector.
     records.reserve(text.size() / 256 + 1);
-    std::string_view fields[kFieldsPerRecord];
-    for (std::size_t number = 1; !text.empty(); ++number) {
-        const std::string at = "record " + std::to_string(number);
-        const std::size_t end = text.find(';');
-        if (end == std::string_view::npos) return Result::refuse(at + ": no closing ';'");
-        const std::size_t count = splitFields(text.substr(0, end), fields);
-        text.remove_prefix(end + 1);
-        if (count == std::string_view::npos)
-            return Result::refuse(at + ": a field without its closing ','");
-        if (count != kFieldsPerRecord) {
-            return Result::refuse(at + ": " + std::to_string(count) + " fields, expected 39");
-        }
-        MotionRecord& r = records.emplace_back();
-        for (std::size_t f = 0; f < kFieldsPerRecord; ++f) {
-            if (const char* why = readField(f, fields[f], r, checkValues)) {
-                return Result::refuse(at + ", field " + std::to_string(f + 1) + " (" +
-                                      kFieldNames[f] + "): " + why);
-            }
-        }
-    }
-    return {std::move(records), {}};
+    auto read =
+        readMotionText(text, checkValues, [&](const MotionRecord& r) { records.push_back(r); });
+    if (!read) return Result<std::vector<MotionRecord>>::failure(std::move(read.error));
+    return records;
 }
 
 void appendMotionText(std::string& out, const MotionRecord& r) {
@@ -212,4 +223,4 @@ void appendMotionText(std::string& out, const MotionRecord& r) {
     out.append(r.orientation.data(), 2).append(",;");
 }
 
-}  // namespace kestrelvue::service
+}  // namespace kestrelvue::detail
