@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "engine/EngineImpl.h"
+#include "net/HttpReply.h"
 #include "net/Url.h"
 #include "records/HistoryReply.h"
 
@@ -41,27 +42,28 @@ void DrivingInsight::Impl::getTripHistory() {
 
 void DrivingInsight::Impl::historyReplyArrived(platform::HttpResult result) {
     static constexpr const char* kConnectionTitle = "Sistem Bağlantı Hatası";
-    if (result.error && result.error->code == platform::kTransportBodyTooLarge) {
+    const detail::HttpReply http = detail::classify(result);
+    if (http.error && http.error->code == platform::kTransportBodyTooLarge) {
         // Refused for its size like a body the reader refuses: the same report.
         reportHistoryFailure(1012, kConnectionTitle,
-                             "Sürüş Tarihçesi Alınamıyor. " + result.error->description);
+                             "Sürüş Tarihçesi Alınamıyor. " + http.error->description);
         return;
     }
-    if (!result.response || result.error) {
+    if (http.transportFailed()) {
         reportHistoryFailure(1011, kConnectionTitle, "Sürüş Tarihçesi Alınamıyor");
         return;
     }
-    if (result.response->statusCode != 200) {
-        reportHistoryFailure(1010, kConnectionTitle,
-                             "Sürüş Geçmişi Alınamıyor. Response Code:" +
-                                 std::to_string(result.response->statusCode));
+    if (http.kind == detail::HttpReply::Kind::status) {
+        reportHistoryFailure(
+            1010, kConnectionTitle,
+            "Sürüş Geçmişi Alınamıyor. Response Code:" + std::to_string(http.status));
         return;
     }
-    if (!result.body) return;  // status 200 without a body: nothing to report
+    if (!http.body) return;  // status 200 without a body: nothing to report
 
     // Read outside the lock: a large reply takes milliseconds, and the records are nobody
     // else's until they are appended below.
-    detail::HistoryReply reply = detail::readHistoryReply(*result.body, env_);
+    detail::HistoryReply reply = detail::readHistoryReply(*http.body, env_);
     if (!reply.ok) {
         // Valid JSON of the wrong shape is rejected whole like text that is not JSON, so the
         // history never holds part of a reply.

@@ -9,6 +9,7 @@
 #include "engine/MotionUploadBody.h"
 #include "net/EncodedUpload.h"
 #include "net/Gzip.h"
+#include "net/HttpReply.h"
 #include "net/Outbox.h"
 #include "net/Url.h"
 
@@ -91,16 +92,18 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
     // the engine) hear it.
     auto completion = [center = center_.shared_from_this(),
                        sender = static_cast<const void*>(&self_)](platform::HttpResult result) {
-        if (!result.response) {
+        // The response decides; the transport's error only describes a missing one.
+        const detail::HttpReply reply = detail::classify(result);
+        if (reply.kind == detail::HttpReply::Kind::noResponse) {
             center->post(kMotionDataSyncFailed, sender,
                          errorInfo("Error Code:1007 Bad HTTPURLResponse - " +
                                    detail::describeOptionalError(result.error)));
-        } else if (result.response->statusCode == 200) {
+        } else if (reply.kind == detail::HttpReply::Kind::ok) {
             center->post(kMotionDataSynced, sender);
         } else {
-            center->post(kMotionDataSyncFailed, sender,
-                         errorInfo("Error Code:1006 Response Code:" +
-                                   std::to_string(result.response->statusCode)));
+            center->post(
+                kMotionDataSyncFailed, sender,
+                errorInfo("Error Code:1006 Response Code:" + std::to_string(reply.status)));
         }
     };
     if (outbox_) {
