@@ -1,7 +1,6 @@
 // Summary figures: the request through the call layer and the handler of its reply.
 
 #include <string>
-#include <variant>
 
 #include "engine/EngineImpl.h"
 #include "records/ServiceReplies.h"
@@ -31,11 +30,11 @@ void DrivingInsight::Impl::summaryDataReady(const Notification& notification) {
         failed = true;  // the call layer's own text is not passed on
     } else {
         auto read = detail::readSummaryReply(info);
-        if (auto* text = std::get_if<std::string>(&read)) {
-            failed = true;
-            problem = *text;
+        if (read) {
+            updates = std::move(*read);
         } else {
-            updates = std::move(std::get<std::vector<detail::SummaryUpdate>>(read));
+            failed = true;
+            problem = std::move(read.error);
         }
     }
 

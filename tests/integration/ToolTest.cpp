@@ -40,8 +40,8 @@ protected:
     static tools::Drive example(const std::string& name) {
         std::ifstream file(std::string(KESTRELVUE_SOURCE_DIR) + "/examples/drives/" + name);
         auto parsed = tools::parseDrive(file);
-        EXPECT_TRUE(parsed.drive) << name << ": " << parsed.error;
-        return parsed.drive.value_or(tools::Drive{});
+        EXPECT_TRUE(parsed.value) << name << ": " << parsed.error;
+        return parsed.value.value_or(tools::Drive{});
     }
 
     service::ReferenceService service_{service::ServiceOptions{}};
@@ -197,7 +197,7 @@ TEST(DriveFile, NamesTheLineItRefuses) {
     for (const Case& c : cases) {
         std::stringstream in(c.text);
         const auto result = tools::parseDrive(in);
-        EXPECT_EQ(result.drive.has_value(), *c.error == '\0') << c.text << result.error;
+        EXPECT_EQ(result.value.has_value(), *c.error == '\0') << c.text << result.error;
         EXPECT_EQ(result.error.rfind(c.error, 0), 0u) << c.text << result.error;
     }
 }
