@@ -83,8 +83,6 @@ struct DrivingInsight::Impl {
     void getThresholdsFromServer();
     void getThresholds(const Notification& notification);
 
-    // Scoring (detection): the trip score from the totals (Locked).
-    double calculateScore();
     /// Stores the finding and counts it in its kind's counter and in eventCount; `none` is
     /// stored, not counted (Locked). Inline: four times a sample.
     void setFaultType(FaultTypes value) {

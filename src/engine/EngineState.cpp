@@ -1,5 +1,7 @@
 #include "engine/EngineState.h"
 
+#include <kestrelvue/DrivingInsight.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -122,6 +124,12 @@ TripState TripState::starting(std::string drivingID, platform::TimePoint now) {
     trip.timeElapsedSinceStart = platform::DateComponents::hourMinuteSecond(now, now);
     trip.odometer.timeElapsedSinceLastLocation = trip.timeElapsedSinceStart;
     return trip;
+}
+
+double TripState::settleScore() {
+    score = calculateScore(totals, odometer.totalTraveledDistance,
+                           DrivingInsight::birKilometreKacMetre);
+    return score;
 }
 
 std::shared_ptr<Trip> TripState::record(const Environment& environment, std::int64_t userID,

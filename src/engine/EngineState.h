@@ -9,6 +9,7 @@
 #include <kestrelvue/Threshold.h>
 #include <kestrelvue/Trip.h>
 #include <kestrelvue/platform/Location.h>
+#include <kestrelvue/platform/TransportError.h>
 
 #include <array>
 #include <cstddef>
@@ -16,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "engine/Detectors.h"
@@ -124,6 +126,10 @@ struct TripState {
     /// inaccurate, nothing charged.
     static TripState starting(std::string drivingID, platform::TimePoint now);
 
+    /// Settles the per-km totals into per-kilometre figures, as the record carries them, and
+    /// keeps the score they give.
+    double settleScore();
+
     /// The record the host and the service see, made at `now` for `userID`.
     std::shared_ptr<Trip> record(const Environment& environment, std::int64_t userID,
                                  platform::TimePoint now) const;
@@ -184,6 +190,16 @@ struct Settings {
         return !fuelEfficiencyLevel.empty();
     }
 };
+
+/// {"UserID":..,"DrivingGuid":"..","MotionStr":"..","AppVersion":".." or null}, compact, written by
+/// hand: one bulk text is ~300 KB and a general writer would build a dynamic value around it
+/// first. nullopt when a text is not valid UTF-8 (the body would not be JSON).
+std::optional<std::string> writeMotionDataBody(std::int64_t userID, std::string_view drivingGuid,
+                                               std::string_view motionStr,
+                                               const std::optional<std::string>& appVersion);
+
+/// The transport error as an optional value: Optional(Error Domain=.. Code=.. "..") or nil.
+std::string describeOptionalError(const std::optional<TransportError>& error);
 
 /// Where the trip stands when an upload's outcome arrives.
 struct UploadPhase {

@@ -1,11 +1,14 @@
-// Starting, sampling, stopping and completing a trip.
+// Starting, sampling, stopping and completing a trip: the location fixes it moves on and the
+// permission check its start asks.
 
+#include <kestrelvue/platform/Alert.h>
 #include <kestrelvue/platform/Application.h>
 #include <kestrelvue/platform/Device.h>
 #include <kestrelvue/platform/Geocoder.h>
 #include <kestrelvue/platform/LocationManager.h>
 #include <kestrelvue/platform/MotionManager.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -244,7 +247,7 @@ void DrivingInsight::Impl::completeStoppedTrip() {
     {
         std::lock_guard lock(mutex_);
         if (trip.endLocationStr.empty()) return;
-        trip.score = calculateScore();
+        trip.settleScore();
         const platform::TimePoint now = env_.clock->now();
         lastTrip = trip.record(env_, userID, now);
         tripHistory.push_back(trip.record(env_, userID, now));
@@ -258,6 +261,104 @@ void DrivingInsight::Impl::completeStoppedTrip() {
 
 void DrivingInsight::Impl::tripEndedSuccessfully(const Notification&) {
     CurrentTrip()->saveToServer();
+}
+
+}  // namespace kestrelvue
+
+// ---- Location fixes
+// ------------------------------------------------------------------------------ Location fixes:
+// which one the engine keeps, and the distance and speed between two of them.
+
+namespace kestrelvue {
+
+void DrivingInsight::Impl::didUpdateLocations(const std::vector<platform::Location>& locations) {
+    const platform::TimePoint now = env_.clock->now();
+    bool askWeather = false;
+    std::shared_ptr<platform::MotionManager> motion;
+    {
+        std::lock_guard lock(mutex_);
+        if (!isDriving) return;
+        motion = motionManager_;
+        if (const platform::Location* best =
+                trip.odometer.select(locations, now, settings.distanceFilter))
+            trip.odometer.moveTo(*best, settings.distanceFilterForSpeed);
+        askWeather = !trip.temperature.has_value();
+    }
+    if (motion) motion->locationsDidUpdate(locations);
+    if (askWeather) requestWeather();
+}
+
+}  // namespace kestrelvue
+
+// ---- Permission check
+// ---------------------------------------------------------------------------- The location
+// permission check that a trip start asks, with the alerts handed to the host.
+
+namespace kestrelvue {
+namespace {
+
+// Two buttons: one that opens this application's page in the device settings, one that only
+// closes the alert.
+std::shared_ptr<platform::Alert> makePermissionAlert(
+    std::string title, std::string message, std::string settingsTitle,
+    std::shared_ptr<platform::Application> application) {
+    auto alert = std::make_shared<platform::Alert>();
+    alert->title = std::move(title);
+    alert->message = std::move(message);
+    alert->preferredStyle = platform::Alert::Style::alert;
+    alert->actions.push_back(
+        platform::AlertAction{std::move(settingsTitle), platform::AlertAction::Style::defaultStyle,
+                              [application = std::move(application)] {
+                                  const std::string settings = application->openSettingsURLString();
+                                  // Without a settings address the button does nothing.
+                                  if (!settings.empty()) application->openURL(settings);
+                              }});
+    alert->actions.push_back(
+        platform::AlertAction{"Vazgeç", platform::AlertAction::Style::cancel, nullptr});
+    return alert;
+}
+
+}  // namespace
+
+bool DrivingInsight::Impl::checkLocationPermisionWhenInUse() {
+    std::shared_ptr<platform::LocationManager> manager;
+    std::string displayName;
+    {
+        std::lock_guard lock(mutex_);
+        manager = locationManager_;
+        displayName = bundleDisplayName_;
+    }
+
+    std::shared_ptr<platform::Alert> alert;
+    bool allowed = false;
+    // An engine without a location manager cannot locate at all: treated as services off.
+    if (!manager || !manager->locationServicesEnabled()) {
+        alert = makePermissionAlert("Konum Servisleri Kapalı",
+                                    "Sürüş başlatabilmek için Konum Servislerini açarak " +
+                                        displayName + " uygulamasına izin veriniz",
+                                    "Ayarlara Git", env_.application);
+    } else {
+        auto status = manager->authorizationStatus();
+        if (status == platform::AuthorizationStatus::notDetermined) {
+            // The answer comes later; the host starts the trip again once the user has answered.
+            manager->requestWhenInUseAuthorization();
+        } else if (status == platform::AuthorizationStatus::restricted ||
+                   status == platform::AuthorizationStatus::denied) {
+            alert = makePermissionAlert("Konum Erişim Yetkisi Bulunmuyor",
+                                        "Sürüş başlatabilmek için Konum Servisleri'nden " +
+                                            displayName + " uygulamasına izin veriniz",
+                                        "Ayarlara  Git", env_.application);
+        }
+        allowed = status == platform::AuthorizationStatus::authorizedWhenInUse ||
+                  status == platform::AuthorizationStatus::authorizedAlways;
+    }
+
+    if (alert) {
+        if (auto delegate = delegateSnapshot())
+            delegate->tripDidFail(1000, alert->title, alert->message, alert);
+        return false;
+    }
+    return allowed;
 }
 
 }  // namespace kestrelvue
