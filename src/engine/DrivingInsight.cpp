@@ -49,26 +49,26 @@ DrivingInsight::~DrivingInsight() = default;
 DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
                            RestfulCall* sharedCall)
     : self_(self),
-      getDrivingDataURL(environment.serviceURL("/api/Driving/getDriving")),
-      addMotionDataURL(environment.serviceURL("/api/Driving/addMotionData")),
-      getThresholdsURL(environment.serviceURL("/api/Driving/getThresholds")),
-      getWeatherInfoURL(environment.serviceURL("/api/General/getWeatherDataByLatLon")),
-      getSummaryURL(environment.serviceURL("/api/Driving/getDrivingSummary")),
+      urls{environment.serviceURL("/api/Driving/getDriving"),
+           environment.serviceURL("/api/Driving/addMotionData"),
+           environment.serviceURL("/api/Driving/getThresholds"),
+           environment.serviceURL("/api/General/getWeatherDataByLatLon"),
+           environment.serviceURL("/api/Driving/getDrivingSummary")},
       env_(environment),
       center_(*environment.notifications),
-      restfulCall_(sharedCall),
-      outbox_(environment.services().outbox()) {
-    if (!outbox_ && env_.uploadsCompressed()) deflater_ = std::make_unique<detail::Deflater>();
-    if (!restfulCall_) {
-        ownRestfulCall_ = std::make_unique<RestfulCall>(
+      net{sharedCall, nullptr, environment.services().outbox(), nullptr} {
+    if (!net.outbox && env_.uploadsCompressed())
+        net.deflater = std::make_unique<detail::Deflater>();
+    if (!net.call) {
+        net.ownCall = std::make_unique<RestfulCall>(
             env_.http, env_.notifications, std::make_shared<Reachability>(env_.reachability));
-        restfulCall_ = ownRestfulCall_.get();
+        net.call = net.ownCall.get();
     }
 
     // 1. Start values. Nobody else can see the engine yet, so no lock is needed.
     trip.drivingID = env_.ids->makeUuid();
-    summaryData = kestrelvue::SummaryData{};
-    lastTrip = std::make_shared<Trip>(env_);
+    host.summaryData = kestrelvue::SummaryData{};
+    host.lastTrip = std::make_shared<Trip>(env_);
     trip.startDateTime = env_.clock->now();
     trip.endDateTime = env_.clock->now();
     trip.startAnnotation = std::make_shared<platform::MapPin>();
@@ -87,21 +87,18 @@ DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
     if (env_.applicationInfo) {
         const Object& info = *env_.applicationInfo;
         if (auto it = info.find("BulkMotionDataSize"); it != info.end()) {
-            if (auto size = it->second.asInt(); size && *size >= 0) bulkMotionDataSize_ = *size;
+            if (auto size = it->second.asInt(); size && *size >= 0) host.bulkMotionDataSize = *size;
         }
         if (auto it = info.find("CFBundleDisplayName"); it != info.end()) {
-            if (const std::string* name = it->second.asString()) bundleDisplayName_ = *name;
+            if (const std::string* name = it->second.asString()) host.bundleDisplayName = *name;
         }
     }
 
-    // 3. Orientations and totals.
-    deviceOrientationGiven = 0;
-    deviceOrientation = 0;
-    eventCount = 0;
+    // 3. Orientations and totals start at zero (the evaluator's own start values).
 
     // 4. The sensor managers the environment makes.
-    motionManager_ = env_.makeMotionManager();
-    locationManager_ = env_.makeLocationManager();
+    host.motionManager = env_.makeMotionManager();
+    host.locationManager = env_.makeLocationManager();
 
     // 5. The five handlers, for any sender.
     center_.addObserver(this, "motionDataSynced",
@@ -130,7 +127,7 @@ DrivingInsight::Impl::~Impl() {
     std::shared_ptr<platform::MotionManager> motion;
     {
         std::lock_guard lock(mutex_);
-        motion = motionManager_;
+        motion = host.motionManager;
     }
     // The session's handle (a member) keeps samples from reaching the engine once it ends; the
     // sensor is stopped as well, as it would be at the end of a trip.
@@ -139,7 +136,7 @@ DrivingInsight::Impl::~Impl() {
 
 std::shared_ptr<DrivingInsightDelegate> DrivingInsight::Impl::delegateSnapshot() const {
     std::lock_guard lock(mutex_);
-    return drivingInsightDelegate_;
+    return host.drivingInsightDelegate;
 }
 
 // ---- Accessors: each reads or writes its field under the engine's lock ------------------------
@@ -155,27 +152,28 @@ std::shared_ptr<DrivingInsightDelegate> DrivingInsight::Impl::delegateSnapshot()
         impl_->field = std::move(value);     \
     }
 
-KV_GETTER(std::int64_t, bulkMotionDataSize, bulkMotionDataSize_)
-KV_SETTER(std::int64_t, setBulkMotionDataSize, bulkMotionDataSize_)
-KV_GETTER(std::string, bundleDisplayName, bundleDisplayName_)
-KV_SETTER(std::string, setBundleDisplayName, bundleDisplayName_)
-KV_GETTER(std::shared_ptr<platform::MotionManager>, MotionManager, motionManager_)
-KV_SETTER(std::shared_ptr<platform::MotionManager>, setMotionManager, motionManager_)
-KV_GETTER(std::shared_ptr<platform::LocationManager>, LocationManager, locationManager_)
-KV_SETTER(std::shared_ptr<platform::LocationManager>, setLocationManager, locationManager_)
-KV_GETTER(std::shared_ptr<HistoryDataDelegate>, historyDataDelegate, historyDataDelegate_)
-KV_SETTER(std::shared_ptr<HistoryDataDelegate>, setHistoryDataDelegate, historyDataDelegate_)
-KV_GETTER(std::shared_ptr<DrivingInsightDelegate>, drivingInsightDelegate, drivingInsightDelegate_)
+KV_GETTER(std::int64_t, bulkMotionDataSize, host.bulkMotionDataSize)
+KV_SETTER(std::int64_t, setBulkMotionDataSize, host.bulkMotionDataSize)
+KV_GETTER(std::string, bundleDisplayName, host.bundleDisplayName)
+KV_SETTER(std::string, setBundleDisplayName, host.bundleDisplayName)
+KV_GETTER(std::shared_ptr<platform::MotionManager>, MotionManager, host.motionManager)
+KV_SETTER(std::shared_ptr<platform::MotionManager>, setMotionManager, host.motionManager)
+KV_GETTER(std::shared_ptr<platform::LocationManager>, LocationManager, host.locationManager)
+KV_SETTER(std::shared_ptr<platform::LocationManager>, setLocationManager, host.locationManager)
+KV_GETTER(std::shared_ptr<HistoryDataDelegate>, historyDataDelegate, host.historyDataDelegate)
+KV_SETTER(std::shared_ptr<HistoryDataDelegate>, setHistoryDataDelegate, host.historyDataDelegate)
+KV_GETTER(std::shared_ptr<DrivingInsightDelegate>, drivingInsightDelegate,
+          host.drivingInsightDelegate)
 KV_SETTER(std::shared_ptr<DrivingInsightDelegate>, setDrivingInsightDelegate,
-          drivingInsightDelegate_)
-KV_GETTER(std::int64_t, UserID, userID)
-KV_SETTER(std::int64_t, setUserID, userID)
+          host.drivingInsightDelegate)
+KV_GETTER(std::int64_t, UserID, host.userID)
+KV_SETTER(std::int64_t, setUserID, host.userID)
 KV_GETTER(std::string, DrivingID, trip.drivingID)
 KV_GETTER(bool, IsDriving, isDriving)
-KV_GETTER(std::shared_ptr<Trip>, LastTrip, lastTrip)
-KV_GETTER(std::vector<std::shared_ptr<Trip>>, TripHistory, tripHistory)
-KV_SETTER(std::vector<std::shared_ptr<Trip>>, setTripHistory, tripHistory)
-KV_GETTER(kestrelvue::SummaryData, getSummaryDataRecord, summaryData)
+KV_GETTER(std::shared_ptr<Trip>, LastTrip, host.lastTrip)
+KV_GETTER(std::vector<std::shared_ptr<Trip>>, TripHistory, host.tripHistory)
+KV_SETTER(std::vector<std::shared_ptr<Trip>>, setTripHistory, host.tripHistory)
+KV_GETTER(kestrelvue::SummaryData, getSummaryDataRecord, host.summaryData)
 KV_GETTER(ThresholdList, FuelEfficiencyLevel, settings.fuelEfficiencyLevel)
 KV_SETTER(ThresholdList, setFuelEfficiencyLevel, settings.fuelEfficiencyLevel)
 KV_GETTER(std::optional<platform::TimePoint>, StartDateTime, trip.startDateTime)
@@ -224,7 +222,7 @@ KV_SETTER(std::optional<double>, setTemperature, trip.temperature)
 
 void DrivingInsight::setSummaryDataRecord(const kestrelvue::SummaryData& value) {
     std::lock_guard lock(impl_->mutex_);
-    impl_->summaryData = value;
+    impl_->host.summaryData = value;
 }
 
 void DrivingInsight::setCurrentLocation(std::optional<platform::Location> value) {
@@ -244,28 +242,28 @@ void DrivingInsight::setCurrentSpeed(double value) {
 
 std::shared_ptr<Trip> DrivingInsight::Impl::CurrentTrip() const {
     std::lock_guard lock(mutex_);
-    return trip.record(env_, userID, env_.clock->now());
+    return trip.record(env_, host.userID, env_.clock->now());
 }
 
 // ---- The public engine forwards to its implementation ----------------------------------------
 
 const std::string& DrivingInsight::getDrivingDataURL() const {
-    return impl_->getDrivingDataURL;
+    return impl_->urls.getDrivingDataURL;
 }
 const std::string& DrivingInsight::addMotionDataURL() const {
-    return impl_->addMotionDataURL;
+    return impl_->urls.addMotionDataURL;
 }
 const std::string& DrivingInsight::getThresholdsURL() const {
-    return impl_->getThresholdsURL;
+    return impl_->urls.getThresholdsURL;
 }
 const std::string& DrivingInsight::getWeatherInfoURL() const {
-    return impl_->getWeatherInfoURL;
+    return impl_->urls.getWeatherInfoURL;
 }
 const std::string& DrivingInsight::getSummaryURL() const {
-    return impl_->getSummaryURL;
+    return impl_->urls.getSummaryURL;
 }
 RestfulCall& DrivingInsight::restfulCall() const {
-    return *impl_->restfulCall_;
+    return *impl_->net.call;
 }
 const Environment& DrivingInsight::environment() const {
     return impl_->env_;
@@ -352,7 +350,7 @@ void DrivingInsight::Impl::applyKeptBands() {
     if (auto reply = readKept(file)) {
         std::lock_guard lock(mutex_);
         settings.apply(*reply);
-        keptBandsApplied_ = true;
+        settings.fromKeptReply = true;
         return;
     }
     // Read with the refusals of a download: a damaged file is applied not at all, and set aside
@@ -391,7 +389,7 @@ void DrivingInsight::Impl::keepBands(const UserInfo& reply) {
 }
 
 void DrivingInsight::Impl::getThresholdsFromServer() {
-    restfulCall_->Get(getThresholdsURL, getThresholdsObserverName, true);
+    net.call->Get(urls.getThresholdsURL, getThresholdsObserverName, true);
 }
 
 void DrivingInsight::Impl::getThresholds(const Notification& notification) {
@@ -407,7 +405,7 @@ void DrivingInsight::Impl::getThresholds(const Notification& notification) {
     {
         std::lock_guard lock(mutex_);
         // A fresh reply replaces the kept one rather than adding to it.
-        if (std::exchange(keptBandsApplied_, false)) settings = detail::Settings{};
+        if (settings.fromKeptReply) settings = detail::Settings{};
         settings.apply(*reply);
     }
     keepBands(notification.userInfo);

@@ -5,6 +5,7 @@
 
 #include <kestrelvue/Environment.h>
 #include <kestrelvue/FaultItem.h>
+#include <kestrelvue/LaneChangingData.h>
 #include <kestrelvue/MotionData.h>
 #include <kestrelvue/Threshold.h>
 #include <kestrelvue/Trip.h>
@@ -145,6 +146,8 @@ struct Settings {
     std::int64_t sharpLaneChangingDuration2 = 10;
     std::int64_t sharpLaneChangingDuration3 = 4;
     std::int64_t sharpLaneChangingDuration4 = 15;
+    /// These are the reply kept from an earlier run, not yet replaced by a download.
+    bool fromKeptReply = false;
     double distanceFilter = 50.0;          // m: fixes less accurate than this are ignored
     double distanceFilterForSpeed = 30.0;  // m: ... and not used for speed
 
@@ -189,6 +192,38 @@ struct Settings {
             if (!list.empty()) return true;
         return !fuelEfficiencyLevel.empty();
     }
+};
+
+/// What the detectors found in one sample: the record of what it was charged, and the rates the
+/// host is shown.
+struct Judgement {
+    FaultItem fault;
+    double corneringRate = 0, speedingRate = 0, brakingRate = 0, elevatingRate = 0;
+};
+
+/// The detectors' state, which carries over from one sample into the next and from one trip into
+/// the next: the orientation, the last finding, the count of events and the lane-change machine.
+struct Evaluator {
+    int deviceOrientationGiven = 0;  // as the device reports it
+    int deviceOrientation = 0;       // as the engine reads it from the pitch
+    FaultTypes faultType = FaultTypes::none;
+    std::int64_t eventCount = 0;
+    LaneChangingData laneChangingItems;
+
+    /// Stores the finding and counts it in its kind's total and in eventCount; `none` is stored,
+    /// not counted. Inline: four times a sample.
+    void setFaultType(FaultTypes value, PenaltyTotals& totals) {
+        faultType = value;
+        if (const auto kind = kindOf(value)) {
+            ++totals[*kind].count;
+            ++eventCount;
+        }
+    }
+
+    /// Every detector looks at the sample; each finding is counted and, with a direction, charged
+    /// to its kind in `totals`. The last finding stays as the fault type.
+    Judgement judge(const Vector3& rotationRate, const Vector3& userAcceleration,
+                    const Settings& settings, PenaltyTotals& totals);
 };
 
 /// {"UserID":..,"DrivingGuid":"..","MotionStr":"..","AppVersion":".." or null}, compact, written by

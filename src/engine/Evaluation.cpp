@@ -97,6 +97,49 @@ void fill(const std::array<Value*, kShowMotionDataKeys.size()>& entries,
 
 }  // namespace
 
+detail::Judgement detail::Evaluator::judge(const Vector3& rotationRate,
+                                           const Vector3& userAcceleration,
+                                           const Settings& settings, PenaltyTotals& totals) {
+    const int orientation = deviceOrientation;
+    const double ui = settings.updateInterval;
+
+    const Finding cornering =
+        checkSharpCornering(orientation, userAcceleration, settings.level(EventKind::cornering));
+    const Finding elevating = checkSharpElevating(orientation, rotationRate, userAcceleration,
+                                                  settings.level(EventKind::elevating));
+    const SpeedingFinding speeding =
+        checkSharpSpeeding(orientation, userAcceleration, settings.level(EventKind::speeding),
+                           settings.level(EventKind::braking));
+    const double fuelRate =
+        checkFuelEfficiency(orientation, userAcceleration, settings.fuelEfficiencyLevel);
+    const Finding lane =
+        checkSharpLaneChanging(laneChangingItems, orientation, rotationRate.z,
+                               settings.laneChange(), settings.level(EventKind::laneChanging));
+
+    const Finding speedingOrBraking{
+        speeding.finding,
+        speeding.finding == FaultTypes::sharpBraking ? speeding.brakingRate : speeding.speedingRate,
+        speeding.impact, speeding.isPerKM};
+    const Finding* const findings[] = {&cornering, &elevating, &speedingOrBraking, &lane};
+    Judgement judged{
+        {}, cornering.rate, speeding.speedingRate, speeding.brakingRate, elevating.rate};
+    FaultItem& fault = judged.fault;  // the sample's record of what it was charged
+    for (const Finding* f : findings) {
+        setFaultType(f->finding, totals);
+        const auto kind = kindOf(f->finding);
+        if (!kind) continue;
+        const FaultFields& field = kFaultFields[static_cast<std::size_t>(*kind)];
+        fault.*field.direction = directionCharacter(f->finding);
+        charge(f->rate * f->impact * ui, f->isPerKM, totals[*kind], fault.*field.penalty,
+               fault.*field.perKM);
+    }
+    if (fuelRate > 0) {
+        fault.fuelEfficiencyPenaltyPerKM = fuelRate * ui;
+        totals.fuelEfficiencyPenaltyPerKM += fault.fuelEfficiencyPenaltyPerKM;
+    }
+    return judged;
+}
+
 void DrivingInsight::Impl::evaluateActionForDrivingScore(std::int64_t motionId,
                                                          const Vector3& attitude,
                                                          const Vector3& rotationRate,
@@ -124,56 +167,20 @@ void DrivingInsight::Impl::evaluateActionForDrivingScore(std::int64_t motionId,
             geocodeStart = here;
         }
 
-        const int orientation = deviceOrientation;
-        const double ui = settings.updateInterval;
-
-        // Every detector looks at the sample; each finding is counted and, with a direction,
-        // charged to its kind. The last finding stays as the engine's fault type.
-        const detail::Finding cornering = detail::checkSharpCornering(
-            orientation, userAcceleration, settings.level(detail::EventKind::cornering));
-        const detail::Finding elevating =
-            detail::checkSharpElevating(orientation, rotationRate, userAcceleration,
-                                        settings.level(detail::EventKind::elevating));
-        const detail::SpeedingFinding speeding = detail::checkSharpSpeeding(
-            orientation, userAcceleration, settings.level(detail::EventKind::speeding),
-            settings.level(detail::EventKind::braking));
-        const double fuelRate = detail::checkFuelEfficiency(orientation, userAcceleration,
-                                                            settings.fuelEfficiencyLevel);
-        const detail::Finding lane = detail::checkSharpLaneChanging(
-            laneChangingItems, orientation, rotationRate.z, settings.laneChange(),
-            settings.level(detail::EventKind::laneChanging));
-
-        const detail::Finding speedingOrBraking{speeding.finding,
-                                                speeding.finding == FaultTypes::sharpBraking
-                                                    ? speeding.brakingRate
-                                                    : speeding.speedingRate,
-                                                speeding.impact, speeding.isPerKM};
-        const detail::Finding* const findings[] = {&cornering, &elevating, &speedingOrBraking,
-                                                   &lane};
-        FaultItem fault;  // the sample's record of what it was charged
-        for (const detail::Finding* f : findings) {
-            setFaultType(f->finding);
-            const auto kind = detail::kindOf(f->finding);
-            if (!kind) continue;
-            const FaultFields& field = kFaultFields[static_cast<std::size_t>(*kind)];
-            fault.*field.direction = directionCharacter(f->finding);
-            charge(f->rate * f->impact * ui, f->isPerKM, trip.totals[*kind], fault.*field.penalty,
-                   fault.*field.perKM);
-        }
-        if (fuelRate > 0) {
-            fault.fuelEfficiencyPenaltyPerKM = fuelRate * ui;
-            trip.totals.fuelEfficiencyPenaltyPerKM += fault.fuelEfficiencyPenaltyPerKM;
-        }
+        const int orientation = evaluator.deviceOrientation;
+        const detail::Judgement judged =
+            evaluator.judge(rotationRate, userAcceleration, settings, trip.totals);
+        const FaultItem& fault = judged.fault;
 
         uploader.buffer.motionDataArray.emplace_back(
             motionId, userAcceleration, rotationRate, attitude, gravity, here, fault,
-            env_.clock->now(), deviceOrientationGiven, orientation, speedAtSample);
+            env_.clock->now(), evaluator.deviceOrientationGiven, orientation, speedAtSample);
 
         if (observed) {
-            show = {cornering.rate,
-                    speeding.speedingRate,
-                    speeding.brakingRate,
-                    elevating.rate,
+            show = {judged.corneringRate,
+                    judged.speedingRate,
+                    judged.brakingRate,
+                    judged.elevatingRate,
                     trip.odometer.currentSpeed,
                     here.speed * birSaatKacSaniye / birKilometreKacMetre,
                     trip.odometer.totalTraveledDistance / birKilometreKacMetre,
@@ -182,7 +189,7 @@ void DrivingInsight::Impl::evaluateActionForDrivingScore(std::int64_t motionId,
                     motionId};
         }
 
-        startUpload = uploader.startWhenFull(bulkMotionDataSize_);
+        startUpload = uploader.startWhenFull(host.bulkMotionDataSize);
     }
 
     if (geocodeStart) geocodeStartAddress(*geocodeStart);

@@ -16,7 +16,7 @@ void DrivingInsight::Impl::getTripHistory() {
     std::string address;
     {
         std::lock_guard lock(mutex_);
-        address = getDrivingDataURL + "/" + std::to_string(userID);
+        address = urls.getDrivingDataURL + "/" + std::to_string(host.userID);
     }
     if (!parseUrl(address)) {
         // The history is left as it was: nothing was asked.
@@ -29,15 +29,12 @@ void DrivingInsight::Impl::getTripHistory() {
     {
         // Emptied now, before anything is sent; lastTrip stays.
         std::lock_guard lock(mutex_);
-        tripHistory.clear();
+        host.tripHistory.clear();
     }
     platform::AsyncRequest pending = env_.http->send(
         std::move(request), [this](platform::HttpResult r) { historyReplyArrived(std::move(r)); });
-    // Kept until the engine ends (answered ones are let go as new ones start): overlapping
-    // requests each deliver their reply.
-    std::lock_guard lock(mutex_);
-    std::erase_if(historyRequests_, [](const platform::AsyncRequest& r) { return r.finished(); });
-    historyRequests_.push_back(std::move(pending));
+    // Overlapping requests each deliver their reply.
+    keep(std::move(pending));
 }
 
 void DrivingInsight::Impl::historyReplyArrived(platform::HttpResult result) {
@@ -74,13 +71,13 @@ void DrivingInsight::Impl::historyReplyArrived(platform::HttpResult result) {
     std::shared_ptr<HistoryDataDelegate> delegate;
     {
         std::lock_guard lock(mutex_);
-        tripHistory.reserve(tripHistory.size() + reply.trips.size());
+        host.tripHistory.reserve(host.tripHistory.size() + reply.trips.size());
         for (auto& record : reply.trips) {
-            lastTrip = record;
-            tripHistory.push_back(std::move(record));
+            host.lastTrip = record;
+            host.tripHistory.push_back(std::move(record));
         }
-        history = tripHistory;
-        delegate = historyDataDelegate_;
+        history = host.tripHistory;
+        delegate = host.historyDataDelegate;
     }
     if (delegate) delegate->historyDataDidReceive(history);
 }
@@ -90,7 +87,7 @@ void DrivingInsight::Impl::reportHistoryFailure(std::int64_t code, const std::st
     std::shared_ptr<HistoryDataDelegate> delegate;
     {
         std::lock_guard lock(mutex_);
-        delegate = historyDataDelegate_;
+        delegate = host.historyDataDelegate;
     }
     if (delegate) delegate->historyDataReceiveDidFail(code, title, message);
 }

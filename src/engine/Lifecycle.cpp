@@ -51,7 +51,7 @@ bool DrivingInsight::Impl::startTrip() {
     std::shared_ptr<platform::MotionManager> motion;
     {
         std::lock_guard lock(mutex_);
-        motion = motionManager_;
+        motion = host.motionManager;
     }
     if (!motion || !motion->isDeviceMotionAvailable()) {
         if (auto delegate = delegateSnapshot())
@@ -72,7 +72,7 @@ bool DrivingInsight::Impl::startTrip() {
             detail::TripState::starting(env_.ids->makeUuid(), env_.clock->now());
         next.endDateTime = trip.endDateTime;
         trip = std::move(next);
-        location = locationManager_;
+        location = host.locationManager;
         interval = settings.updateInterval;
     }
 
@@ -88,7 +88,7 @@ bool DrivingInsight::Impl::startTrip() {
         isDriving = true;
     }
     // The session's handle ends with the engine: no sample reaches it afterwards.
-    motionSession_ = motion->startDeviceMotionUpdates(
+    requests.motionSession = motion->startDeviceMotionUpdates(
         platform::AttitudeReferenceFrame::xArbitraryZVertical, env_.mainQueue,
         [this, counter](const std::optional<platform::DeviceMotion>& sample,
                         const std::optional<platform::MotionError>&) {
@@ -113,8 +113,8 @@ void DrivingInsight::Impl::handleMotionSample(const std::shared_ptr<std::int64_t
                 return;  // no position yet: the sample is dropped
             timedOut = true;
         } else {
-            deviceOrientation = getDeviceOrientation(motion->attitude);
-            deviceOrientationGiven = given;
+            evaluator.deviceOrientation = getDeviceOrientation(motion->attitude);
+            evaluator.deviceOrientationGiven = given;
             trip.timeElapsedSinceStart = platform::DateComponents::hourMinuteSecond(start, now);
             trip.hoursElapsedSinceStart =
                 static_cast<double>(trip.timeElapsedSinceStart->hour) +
@@ -145,8 +145,8 @@ void DrivingInsight::Impl::stopTrip() {
         std::lock_guard lock(mutex_);
         isDriving = false;
         trip.endDateTime = env_.clock->now();
-        motion = motionManager_;
-        location = locationManager_;
+        motion = host.motionManager;
+        location = host.locationManager;
         end = trip.endLocation;
         startKnown = hasPosition(trip.startLocation);
     }
@@ -161,7 +161,7 @@ void DrivingInsight::Impl::stopTrip() {
             trip.endAnnotation->coordinate = end->coordinate;
             trip.endAnnotation->subtitle = "Bitiş";
         }
-        keepLookup(env_.geocoder->reverseGeocodeLocation(
+        keep(env_.geocoder->reverseGeocodeLocation(
             *end, [this](const std::optional<std::vector<platform::Placemark>>& placemarks,
                          const std::optional<platform::GeocodeError>& error) {
                 {
@@ -193,7 +193,7 @@ void DrivingInsight::Impl::stopTrip() {
 }
 
 void DrivingInsight::Impl::geocodeStartAddress(const platform::Location& location) {
-    keepLookup(env_.geocoder->reverseGeocodeLocation(
+    keep(env_.geocoder->reverseGeocodeLocation(
         location, [this](const std::optional<std::vector<platform::Placemark>>& placemarks,
                          const std::optional<platform::GeocodeError>& error) {
             std::lock_guard lock(mutex_);
@@ -204,11 +204,9 @@ void DrivingInsight::Impl::geocodeStartAddress(const platform::Location& locatio
         }));
 }
 
-void DrivingInsight::Impl::keepLookup(platform::AsyncRequest lookup) {
-    // Answered lookups are let go as new ones start; the rest end with the engine.
+void DrivingInsight::Impl::keep(platform::AsyncRequest request) {
     std::lock_guard lock(mutex_);
-    std::erase_if(lookups_, [](const platform::AsyncRequest& r) { return r.finished(); });
-    lookups_.push_back(std::move(lookup));
+    requests.keep(std::move(request));
 }
 
 void DrivingInsight::Impl::requestWeather() {
@@ -218,15 +216,15 @@ void DrivingInsight::Impl::requestWeather() {
         const platform::Coordinate at = trip.odometer.currentLocation
                                             ? trip.odometer.currentLocation->coordinate
                                             : platform::Coordinate{};
-        url = getWeatherInfoURL + "/" + std::to_string(userID) +
+        url = urls.getWeatherInfoURL + "/" + std::to_string(host.userID) +
               "?latitude=" + platform::shortestDecimalText(at.latitude) +
               "&longitude=" + platform::shortestDecimalText(at.longitude);
     }
-    restfulCall_->Get(url, "getWeatherInfo", false);
+    net.call->Get(url, "getWeatherInfo", false);
 }
 
 void DrivingInsight::Impl::tripStoppedEndAnnotationSetted(const Notification&) {
-    if (outbox_) {
+    if (net.outbox) {
         handOverStoppedTrip();
         return;
     }
@@ -249,8 +247,8 @@ void DrivingInsight::Impl::completeStoppedTrip() {
         if (trip.endLocationStr.empty()) return;
         trip.settleScore();
         const platform::TimePoint now = env_.clock->now();
-        lastTrip = trip.record(env_, userID, now);
-        tripHistory.push_back(trip.record(env_, userID, now));
+        host.lastTrip = trip.record(env_, host.userID, now);
+        host.tripHistory.push_back(trip.record(env_, host.userID, now));
         if (!settings.hasBands()) unscored = trip.drivingID;
     }
     // Without any band no event is charged, and the score of 100 says nothing: the host hears
@@ -278,7 +276,7 @@ void DrivingInsight::Impl::didUpdateLocations(const std::vector<platform::Locati
     {
         std::lock_guard lock(mutex_);
         if (!isDriving) return;
-        motion = motionManager_;
+        motion = host.motionManager;
         if (const platform::Location* best =
                 trip.odometer.select(locations, now, settings.distanceFilter))
             trip.odometer.moveTo(*best, settings.distanceFilterForSpeed);
@@ -325,8 +323,8 @@ bool DrivingInsight::Impl::checkLocationPermisionWhenInUse() {
     std::string displayName;
     {
         std::lock_guard lock(mutex_);
-        manager = locationManager_;
-        displayName = bundleDisplayName_;
+        manager = host.locationManager;
+        displayName = host.bundleDisplayName;
     }
 
     std::shared_ptr<platform::Alert> alert;

@@ -39,7 +39,7 @@ UserInfo errorInfo(std::string text) {
 }  // namespace
 
 void DrivingInsight::Impl::sendMotionDataToServer() {
-    if (!parseUrl(addMotionDataURL)) {
+    if (!parseUrl(urls.addMotionDataURL)) {
         center_.post(kMotionDataSyncFailed, &self_, errorInfo("Error Code:1004 Bad URL"));
         return;
     }
@@ -55,7 +55,7 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
             std::lock_guard lock(mutex_);
             expected = std::min<std::size_t>(
                 uploader.buffer.motionDataArray.size(),
-                static_cast<std::size_t>(std::max<std::int64_t>(bulkMotionDataSize_, 0)));
+                static_cast<std::size_t>(std::max<std::int64_t>(host.bulkMotionDataSize, 0)));
         }
         bulk.motionDataArray.reserve(expected);
     }
@@ -64,9 +64,9 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
     std::size_t carried = 0;
     {
         std::lock_guard lock(mutex_);
-        uploader.takeBulk(bulkMotionDataSize_, bulk.motionDataArray);
+        uploader.takeBulk(host.bulkMotionDataSize, bulk.motionDataArray);
         carried = bulk.motionDataArray.size();
-        user = userID;
+        user = host.userID;
         driving = trip.drivingID;
     }
     const std::string motionStr =
@@ -81,7 +81,7 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
     }
 
     platform::HttpRequest request;
-    request.url = addMotionDataURL;
+    request.url = urls.addMotionDataURL;
     request.method = "POST";
     request.setValue("application/json", "Content-Type");
     request.setValue("application/json", "Accept");
@@ -106,7 +106,7 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
                 errorInfo("Error Code:1006 Response Code:" + std::to_string(reply.status)));
         }
     };
-    if (outbox_) {
+    if (net.outbox) {
         // Written to the store first; the outbox reports this first try as the client would.
         platform::OutboxEntry entry;
         entry.kind = platform::OutboxKind::motion;
@@ -115,13 +115,13 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
         entry.body = std::move(*request.body);
         std::vector<platform::OutboxEntry> entries;
         entries.push_back(std::move(entry));
-        outbox_->submit(std::move(entries), std::move(completion));
+        net.outbox->submit(std::move(entries), std::move(completion));
         return;
     }
-    if (deflater_) {
+    if (net.deflater) {
         // Deflated on the deflater's thread: a bulk is ~300 KB and this may be the host's.
-        deflater_->post([http = env_.http, request = std::move(request),
-                         completion = std::move(completion)]() mutable {
+        net.deflater->post([http = env_.http, request = std::move(request),
+                            completion = std::move(completion)]() mutable {
             if (detail::compressFor(true, request.url)) {
                 if (auto packed = detail::gzip(*request.body)) request.body = std::move(*packed);
             }
@@ -141,9 +141,9 @@ void DrivingInsight::Impl::handOverStoppedTrip() {
     {
         std::lock_guard lock(mutex_);
         records = uploader.takeAllButInFlight();
-        user = userID;
+        user = host.userID;
         driving = trip.drivingID;
-        bulkSize = static_cast<std::size_t>(std::max<std::int64_t>(bulkMotionDataSize_, 1));
+        bulkSize = static_cast<std::size_t>(std::max<std::int64_t>(host.bulkMotionDataSize, 1));
     }
     std::vector<platform::OutboxEntry> entries;
     const auto appVersion = appVersionOf(env_);
@@ -158,16 +158,16 @@ void DrivingInsight::Impl::handOverStoppedTrip() {
         platform::OutboxEntry entry;
         entry.kind = platform::OutboxKind::motion;
         entry.records = static_cast<std::int64_t>(n);
-        entry.url = addMotionDataURL;
+        entry.url = urls.addMotionDataURL;
         entry.body = std::move(*body);
         entries.push_back(std::move(entry));
     }
-    if (!entries.empty()) outbox_->submit(std::move(entries));
+    if (!entries.empty()) net.outbox->submit(std::move(entries));
     completeStoppedTrip();
 }
 
 detail::UploadPhase DrivingInsight::Impl::uploadPhaseLocked() const {
-    return {outbox_ != nullptr, isDriving, !trip.endLocationStr.empty()};
+    return {net.outbox != nullptr, isDriving, !trip.endLocationStr.empty()};
 }
 
 void DrivingInsight::Impl::MotionDataSynced(const Notification&) {
@@ -197,7 +197,7 @@ void DrivingInsight::Impl::MotionDataSyncFailed(const Notification& notification
     {
         std::lock_guard lock(mutex_);
         next = uploader.failed(uploadPhaseLocked());
-        if (next == Next::report || next == Next::giveUp) delegate = drivingInsightDelegate_;
+        if (next == Next::report || next == Next::giveUp) delegate = host.drivingInsightDelegate;
     }
     if (next == Next::retry) sendMotionDataToServer();
     if (!delegate) return;

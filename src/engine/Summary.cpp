@@ -15,7 +15,7 @@ void DrivingInsight::Impl::getSummaryData(std::int64_t for_) {
     // requests share one answer and later replies reach nobody.
     center_.addObserver(this, kSummaryReplyName,
                         [this](const Notification& n) { summaryDataReady(n); });
-    restfulCall_->Get(getSummaryURL + "/" + std::to_string(for_), kSummaryReplyName);
+    net.call->Get(urls.getSummaryURL + "/" + std::to_string(for_), kSummaryReplyName);
 }
 
 void DrivingInsight::Impl::summaryDataReady(const Notification& notification) {
@@ -42,9 +42,9 @@ void DrivingInsight::Impl::summaryDataReady(const Notification& notification) {
     std::shared_ptr<DrivingInsightDelegate> delegate;
     {
         std::lock_guard lock(mutex_);
-        detail::applySummaryUpdates(summaryData, updates);
-        record = summaryData;
-        delegate = drivingInsightDelegate_;
+        detail::applySummaryUpdates(host.summaryData, updates);
+        record = host.summaryData;
+        delegate = host.drivingInsightDelegate;
     }
     if (!delegate) return;
     if (failed) {
