@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "core/Json.h"
+#include "core/Locked.h"
 #include "engine/EngineImpl.h"
 #include "net/EncodedUpload.h"
 #include "net/Outbox.h"
@@ -135,114 +136,212 @@ DrivingInsight::Impl::~Impl() {
 }
 
 std::shared_ptr<DrivingInsightDelegate> DrivingInsight::Impl::delegateSnapshot() const {
-    std::lock_guard lock(mutex_);
-    return host.drivingInsightDelegate;
+    return detail::lockedRead(mutex_, host.drivingInsightDelegate);
 }
 
-// ---- Accessors: each reads or writes its field under the engine's lock ------------------------
+// ---- Accessors: each reads a copy of its field, or replaces it, under the engine's lock
+// ------------------------
 
-#define KV_GETTER(Type, Name, field)         \
-    Type DrivingInsight::Name() const {      \
-        std::lock_guard lock(impl_->mutex_); \
-        return impl_->field;                 \
-    }
-#define KV_SETTER(Type, Name, field)         \
-    void DrivingInsight::Name(Type value) {  \
-        std::lock_guard lock(impl_->mutex_); \
-        impl_->field = std::move(value);     \
-    }
-
-KV_GETTER(std::int64_t, bulkMotionDataSize, host.bulkMotionDataSize)
-KV_SETTER(std::int64_t, setBulkMotionDataSize, host.bulkMotionDataSize)
-KV_GETTER(std::string, bundleDisplayName, host.bundleDisplayName)
-KV_SETTER(std::string, setBundleDisplayName, host.bundleDisplayName)
-KV_GETTER(std::shared_ptr<platform::MotionManager>, MotionManager, host.motionManager)
-KV_SETTER(std::shared_ptr<platform::MotionManager>, setMotionManager, host.motionManager)
-KV_GETTER(std::shared_ptr<platform::LocationManager>, LocationManager, host.locationManager)
-KV_SETTER(std::shared_ptr<platform::LocationManager>, setLocationManager, host.locationManager)
-KV_GETTER(std::shared_ptr<HistoryDataDelegate>, historyDataDelegate, host.historyDataDelegate)
-KV_SETTER(std::shared_ptr<HistoryDataDelegate>, setHistoryDataDelegate, host.historyDataDelegate)
-KV_GETTER(std::shared_ptr<DrivingInsightDelegate>, drivingInsightDelegate,
-          host.drivingInsightDelegate)
-KV_SETTER(std::shared_ptr<DrivingInsightDelegate>, setDrivingInsightDelegate,
-          host.drivingInsightDelegate)
-KV_GETTER(std::int64_t, UserID, host.userID)
-KV_SETTER(std::int64_t, setUserID, host.userID)
-KV_GETTER(std::string, DrivingID, trip.drivingID)
-KV_GETTER(bool, IsDriving, isDriving)
-KV_GETTER(std::shared_ptr<Trip>, LastTrip, host.lastTrip)
-KV_GETTER(std::vector<std::shared_ptr<Trip>>, TripHistory, host.tripHistory)
-KV_SETTER(std::vector<std::shared_ptr<Trip>>, setTripHistory, host.tripHistory)
-KV_GETTER(kestrelvue::SummaryData, getSummaryDataRecord, host.summaryData)
-KV_GETTER(ThresholdList, FuelEfficiencyLevel, settings.fuelEfficiencyLevel)
-KV_SETTER(ThresholdList, setFuelEfficiencyLevel, settings.fuelEfficiencyLevel)
-KV_GETTER(std::optional<platform::TimePoint>, StartDateTime, trip.startDateTime)
-KV_SETTER(std::optional<platform::TimePoint>, setStartDateTime, trip.startDateTime)
-KV_GETTER(std::optional<platform::TimePoint>, EndDateTime, trip.endDateTime)
-KV_SETTER(std::optional<platform::TimePoint>, setEndDateTime, trip.endDateTime)
-KV_GETTER(std::optional<platform::Location>, StartLocation, trip.startLocation)
-KV_SETTER(std::optional<platform::Location>, setStartLocation, trip.startLocation)
-KV_GETTER(std::optional<platform::Location>, EndLocation, trip.endLocation)
-KV_SETTER(std::optional<platform::Location>, setEndLocation, trip.endLocation)
-KV_GETTER(std::string, StartLocationStr, trip.startLocationStr)
-KV_SETTER(std::string, setStartLocationStr, trip.startLocationStr)
-KV_GETTER(std::string, EndLocationStr, trip.endLocationStr)
-KV_SETTER(std::string, setEndLocationStr, trip.endLocationStr)
-KV_GETTER(std::optional<platform::Location>, CurrentLocation, trip.odometer.currentLocation)
-KV_GETTER(platform::MapPinRef, StartAnnotation, trip.startAnnotation)
-KV_SETTER(platform::MapPinRef, setStartAnnotation, trip.startAnnotation)
-KV_GETTER(platform::MapPinRef, EndAnnotation, trip.endAnnotation)
-KV_SETTER(platform::MapPinRef, setEndAnnotation, trip.endAnnotation)
-KV_GETTER(std::vector<platform::Coordinate>, PassedCoordinates, trip.passedCoordinates)
-KV_SETTER(std::vector<platform::Coordinate>, setPassedCoordinates, trip.passedCoordinates)
-KV_GETTER(std::optional<platform::DateComponents>, TimeElapsedSinceStart,
-          trip.timeElapsedSinceStart)
-KV_SETTER(std::optional<platform::DateComponents>, setTimeElapsedSinceStart,
-          trip.timeElapsedSinceStart)
-KV_GETTER(std::optional<platform::DateComponents>, TimeElapsedSinceLastLocation,
-          trip.odometer.timeElapsedSinceLastLocation)
-KV_SETTER(std::optional<platform::DateComponents>, setTimeElapsedSinceLastLocation,
-          trip.odometer.timeElapsedSinceLastLocation)
-KV_GETTER(double, HoursElapsedSinceStart, trip.hoursElapsedSinceStart)
-KV_SETTER(double, setHoursElapsedSinceStart, trip.hoursElapsedSinceStart)
-KV_GETTER(double, HoursElapsedSinceLastLocation, trip.odometer.hoursElapsedSinceLastLocation)
-KV_SETTER(double, setHoursElapsedSinceLastLocation, trip.odometer.hoursElapsedSinceLastLocation)
-KV_GETTER(double, TotalTraveledDistance, trip.odometer.totalTraveledDistance)
-KV_SETTER(double, setTotalTraveledDistance, trip.odometer.totalTraveledDistance)
-KV_GETTER(double, TraveledDistanceSinceLastLocation,
-          trip.odometer.traveledDistanceSinceLastLocation)
-KV_GETTER(double, CurrentSpeed, trip.odometer.currentSpeed)
-KV_GETTER(double, Score, trip.score)
-KV_SETTER(double, setScore, trip.score)
-KV_GETTER(std::optional<double>, Temperature, trip.temperature)
-KV_SETTER(std::optional<double>, setTemperature, trip.temperature)
-
-#undef KV_GETTER
-#undef KV_SETTER
+std::int64_t DrivingInsight::bulkMotionDataSize() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.bulkMotionDataSize);
+}
+void DrivingInsight::setBulkMotionDataSize(std::int64_t value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.bulkMotionDataSize, std::move(value));
+}
+std::string DrivingInsight::bundleDisplayName() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.bundleDisplayName);
+}
+void DrivingInsight::setBundleDisplayName(std::string value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.bundleDisplayName, std::move(value));
+}
+std::shared_ptr<platform::MotionManager> DrivingInsight::MotionManager() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.motionManager);
+}
+void DrivingInsight::setMotionManager(std::shared_ptr<platform::MotionManager> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.motionManager, std::move(value));
+}
+std::shared_ptr<platform::LocationManager> DrivingInsight::LocationManager() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.locationManager);
+}
+void DrivingInsight::setLocationManager(std::shared_ptr<platform::LocationManager> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.locationManager, std::move(value));
+}
+std::shared_ptr<HistoryDataDelegate> DrivingInsight::historyDataDelegate() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.historyDataDelegate);
+}
+void DrivingInsight::setHistoryDataDelegate(std::shared_ptr<HistoryDataDelegate> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.historyDataDelegate, std::move(value));
+}
+std::shared_ptr<DrivingInsightDelegate> DrivingInsight::drivingInsightDelegate() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.drivingInsightDelegate);
+}
+void DrivingInsight::setDrivingInsightDelegate(std::shared_ptr<DrivingInsightDelegate> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.drivingInsightDelegate, std::move(value));
+}
+std::int64_t DrivingInsight::UserID() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.userID);
+}
+void DrivingInsight::setUserID(std::int64_t value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.userID, std::move(value));
+}
+std::string DrivingInsight::DrivingID() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.drivingID);
+}
+bool DrivingInsight::IsDriving() const {
+    return detail::lockedRead(impl_->mutex_, impl_->isDriving);
+}
+std::shared_ptr<Trip> DrivingInsight::LastTrip() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.lastTrip);
+}
+std::vector<std::shared_ptr<Trip>> DrivingInsight::TripHistory() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.tripHistory);
+}
+void DrivingInsight::setTripHistory(std::vector<std::shared_ptr<Trip>> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.tripHistory, std::move(value));
+}
+kestrelvue::SummaryData DrivingInsight::getSummaryDataRecord() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.summaryData);
+}
+ThresholdList DrivingInsight::FuelEfficiencyLevel() const {
+    return detail::lockedRead(impl_->mutex_, impl_->settings.fuelEfficiencyLevel);
+}
+void DrivingInsight::setFuelEfficiencyLevel(ThresholdList value) {
+    detail::lockedWrite(impl_->mutex_, impl_->settings.fuelEfficiencyLevel, std::move(value));
+}
+std::optional<platform::TimePoint> DrivingInsight::StartDateTime() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.startDateTime);
+}
+void DrivingInsight::setStartDateTime(std::optional<platform::TimePoint> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.startDateTime, std::move(value));
+}
+std::optional<platform::TimePoint> DrivingInsight::EndDateTime() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.endDateTime);
+}
+void DrivingInsight::setEndDateTime(std::optional<platform::TimePoint> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.endDateTime, std::move(value));
+}
+std::optional<platform::Location> DrivingInsight::StartLocation() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.startLocation);
+}
+void DrivingInsight::setStartLocation(std::optional<platform::Location> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.startLocation, std::move(value));
+}
+std::optional<platform::Location> DrivingInsight::EndLocation() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.endLocation);
+}
+void DrivingInsight::setEndLocation(std::optional<platform::Location> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.endLocation, std::move(value));
+}
+std::string DrivingInsight::StartLocationStr() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.startLocationStr);
+}
+void DrivingInsight::setStartLocationStr(std::string value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.startLocationStr, std::move(value));
+}
+std::string DrivingInsight::EndLocationStr() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.endLocationStr);
+}
+void DrivingInsight::setEndLocationStr(std::string value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.endLocationStr, std::move(value));
+}
+std::optional<platform::Location> DrivingInsight::CurrentLocation() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.odometer.currentLocation);
+}
+platform::MapPinRef DrivingInsight::StartAnnotation() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.startAnnotation);
+}
+void DrivingInsight::setStartAnnotation(platform::MapPinRef value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.startAnnotation, std::move(value));
+}
+platform::MapPinRef DrivingInsight::EndAnnotation() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.endAnnotation);
+}
+void DrivingInsight::setEndAnnotation(platform::MapPinRef value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.endAnnotation, std::move(value));
+}
+std::vector<platform::Coordinate> DrivingInsight::PassedCoordinates() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.passedCoordinates);
+}
+void DrivingInsight::setPassedCoordinates(std::vector<platform::Coordinate> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.passedCoordinates, std::move(value));
+}
+std::optional<platform::DateComponents> DrivingInsight::TimeElapsedSinceStart() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.timeElapsedSinceStart);
+}
+void DrivingInsight::setTimeElapsedSinceStart(std::optional<platform::DateComponents> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.timeElapsedSinceStart, std::move(value));
+}
+std::optional<platform::DateComponents> DrivingInsight::TimeElapsedSinceLastLocation() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.odometer.timeElapsedSinceLastLocation);
+}
+void DrivingInsight::setTimeElapsedSinceLastLocation(
+    std::optional<platform::DateComponents> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.odometer.timeElapsedSinceLastLocation,
+                        std::move(value));
+}
+double DrivingInsight::HoursElapsedSinceStart() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.hoursElapsedSinceStart);
+}
+void DrivingInsight::setHoursElapsedSinceStart(double value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.hoursElapsedSinceStart, std::move(value));
+}
+double DrivingInsight::HoursElapsedSinceLastLocation() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.odometer.hoursElapsedSinceLastLocation);
+}
+void DrivingInsight::setHoursElapsedSinceLastLocation(double value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.odometer.hoursElapsedSinceLastLocation,
+                        std::move(value));
+}
+double DrivingInsight::TotalTraveledDistance() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.odometer.totalTraveledDistance);
+}
+void DrivingInsight::setTotalTraveledDistance(double value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.odometer.totalTraveledDistance,
+                        std::move(value));
+}
+double DrivingInsight::TraveledDistanceSinceLastLocation() const {
+    return detail::lockedRead(impl_->mutex_,
+                              impl_->trip.odometer.traveledDistanceSinceLastLocation);
+}
+double DrivingInsight::CurrentSpeed() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.odometer.currentSpeed);
+}
+double DrivingInsight::Score() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.score);
+}
+void DrivingInsight::setScore(double value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.score, std::move(value));
+}
+std::optional<double> DrivingInsight::Temperature() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.temperature);
+}
+void DrivingInsight::setTemperature(std::optional<double> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.temperature, std::move(value));
+}
 
 void DrivingInsight::setSummaryDataRecord(const kestrelvue::SummaryData& value) {
-    std::lock_guard lock(impl_->mutex_);
-    impl_->host.summaryData = value;
+    detail::lockedWrite(impl_->mutex_, impl_->host.summaryData, value);
 }
 
+// These three move the odometer by its own rules rather than storing the value as given.
 void DrivingInsight::setCurrentLocation(std::optional<platform::Location> value) {
-    std::lock_guard lock(impl_->mutex_);
-    impl_->trip.odometer.moveTo(value, impl_->settings.distanceFilterForSpeed);
+    Impl& impl = *impl_;
+    detail::withLock(impl.mutex_, [&] {
+        impl.trip.odometer.moveTo(std::move(value), impl.settings.distanceFilterForSpeed);
+    });
 }
 
 void DrivingInsight::setTraveledDistanceSinceLastLocation(double value) {
-    std::lock_guard lock(impl_->mutex_);
-    impl_->trip.odometer.addLeg(value);
+    detail::withLock(impl_->mutex_, [&] { impl_->trip.odometer.addLeg(value); });
 }
 
 void DrivingInsight::setCurrentSpeed(double value) {
-    std::lock_guard lock(impl_->mutex_);
-    impl_->trip.odometer.setSpeed(value);
+    detail::withLock(impl_->mutex_, [&] { impl_->trip.odometer.setSpeed(value); });
 }
 
 std::shared_ptr<Trip> DrivingInsight::Impl::CurrentTrip() const {
-    std::lock_guard lock(mutex_);
-    return trip.record(env_, host.userID, env_.clock->now());
+    return detail::withLock(mutex_,
+                            [this] { return trip.record(env_, host.userID, env_.clock->now()); });
 }
 
 // ---- The public engine forwards to its implementation ----------------------------------------
