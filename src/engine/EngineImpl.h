@@ -115,8 +115,23 @@ struct DrivingInsight::Impl {
                             const std::optional<platform::DeviceMotion>& motion);
     /// Reverse-geocodes the trip's start position into startLocationStr ("???" on error).
     void geocodeStartAddress(const platform::Location& location);
-    /// GET of the weather at currentLocation under the observer name "getWeatherInfo".
-    void requestWeather();
+    /// The weather's address at currentLocation (Locked), and its GET under the observer name
+    /// "getWeatherInfo".
+    std::string weatherURLLocked() const;
+    void requestWeather(const std::string& url);
+    /// Why a session's sample goes no further, or that it goes on.
+    enum class SampleGate { admitted, dropped, noPosition };
+    struct SampleAdmission {
+        std::int64_t* counter;  // the session's sample count
+        int givenOrientation;   // as the device reports it
+    };
+    /// The session's checks before a sample is evaluated: the trip is on and has a position (or
+    /// has waited too long for one); moves the orientation, the elapsed time and the count
+    /// (Locked).
+    SampleGate admitSampleLocked(const SampleAdmission& admission, const Vector3& attitude,
+                                 std::int64_t& motionId);
+    /// Stops a trip that found no position in time, and tells the host.
+    void endForLackOfPosition();
     void tripStoppedEndAnnotationSetted(const Notification& notification);
     void tripEndedSuccessfully(const Notification& notification);
     /// The completion step after the last motion upload of a stopped trip: score, lastTrip,
@@ -138,8 +153,28 @@ struct DrivingInsight::Impl {
     void applyKeptBands();
     void keepBands(const UserInfo& reply);
 
+    // Evaluation.cpp: a sample admitted (session samples only; null for the host's own call),
+    // recorded and its effects carried out after the lock.
+    struct SampleEffects;
+    void evaluate(const SampleAdmission* admission, std::int64_t motionId, const Vector3& attitude,
+                  const Vector3& rotationRate, const Vector3& userAcceleration,
+                  const Vector3& gravity);
+    /// Judges and records one sample; false when there is no position to record it at (Locked).
+    bool recordSampleLocked(std::int64_t motionId, const Vector3& attitude,
+                            const Vector3& rotationRate, const Vector3& userAcceleration,
+                            const Vector3& gravity, bool observed, SampleEffects& effects);
+
     // MotionUpload.cpp: sends one bulk; the caller has set tripMotion.isSyncingToServer.
     void sendMotionDataToServer();
+    /// A bulk taken from the buffer, ready to be sent.
+    struct PendingBulk {
+        std::string motionStr;
+        std::size_t carried = 0;  // records
+        std::int64_t user = 0;
+        std::string driving;
+    };
+    PendingBulk takeBulkLocked();
+    void sendBulk(PendingBulk bulk);
     /// Where the trip stands for an upload's outcome (Locked).
     detail::UploadPhase uploadPhaseLocked() const;
     void MotionDataSynced(const Notification& notification);

@@ -258,9 +258,10 @@ struct MotionUploader {
         buffer.isSyncingToServer = true;
         return true;
     }
-    /// Copies the next bulk (the oldest `bulkSize` records, all there are when fewer) into
-    /// `into` and marks it in flight; the records stay until confirmed.
-    void takeBulk(std::int64_t bulkSize, std::vector<MotionDataItem>& into);
+    /// The text of the next bulk (the oldest `bulkSize` records, all there are when fewer),
+    /// written from the buffer in place; the bulk is marked in flight and its records stay until
+    /// confirmed.
+    std::string takeBulkText(std::int64_t bulkSize);
     /// Hands over what is not in flight (the outbox takes a stopped trip whole).
     std::vector<MotionDataItem> takeAllButInFlight();
 

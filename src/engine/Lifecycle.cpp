@@ -100,40 +100,40 @@ bool DrivingInsight::Impl::startTrip() {
 void DrivingInsight::Impl::handleMotionSample(const std::shared_ptr<std::int64_t>& counter,
                                               const std::optional<platform::DeviceMotion>& motion) {
     if (!motion) return;
-    const int given = static_cast<int>(env_.device->orientation());
-    std::int64_t motionId = 0;
-    bool timedOut = false;
-    {
-        std::lock_guard lock(mutex_);
-        if (!isDriving) return;
-        const platform::TimePoint now = env_.clock->now();
-        const platform::TimePoint start = trip.startDateTime.value_or(now);
-        if (!hasPosition(trip.odometer.currentLocation)) {
-            if (platform::DateComponents::secondOnly(start, now).second < kNoPositionTimeoutSeconds)
-                return;  // no position yet: the sample is dropped
-            timedOut = true;
-        } else {
-            evaluator.deviceOrientation = getDeviceOrientation(motion->attitude);
-            evaluator.deviceOrientationGiven = given;
-            trip.timeElapsedSinceStart = platform::DateComponents::hourMinuteSecond(start, now);
-            trip.hoursElapsedSinceStart =
-                static_cast<double>(trip.timeElapsedSinceStart->hour) +
-                static_cast<double>(trip.timeElapsedSinceStart->minute) / birSaatKacDakika +
-                static_cast<double>(trip.timeElapsedSinceStart->second) / birSaatKacSaniye;
-            motionId = ++*counter;
-        }
+    // Read before the lock: the device is the host's and may take its own.
+    const SampleAdmission admission{counter.get(), static_cast<int>(env_.device->orientation())};
+    evaluate(&admission, 0, motion->attitude, motion->rotationRate, motion->userAcceleration,
+             motion->gravity);
+}
+
+DrivingInsight::Impl::SampleGate DrivingInsight::Impl::admitSampleLocked(
+    const SampleAdmission& admission, const Vector3& attitude, std::int64_t& motionId) {
+    if (!isDriving) return SampleGate::dropped;
+    const platform::TimePoint now = env_.clock->now();
+    const platform::TimePoint start = trip.startDateTime.value_or(now);
+    if (!hasPosition(trip.odometer.currentLocation)) {
+        if (platform::DateComponents::secondOnly(start, now).second < kNoPositionTimeoutSeconds)
+            return SampleGate::dropped;  // no position yet: the sample is dropped
+        return SampleGate::noPosition;
     }
-    if (timedOut) {
-        stopTrip();
-        if (auto delegate = delegateSnapshot())
-            delegate->tripDidFail(kErrorCode, "Sürüş Sonlandırılıyor",
-                                  "Konum bilgisi alınamadığı için Sürüş Başlatılamıyor. Daha sonra "
-                                  "tekrar deneyiniz",
-                                  nullptr);
-        return;
-    }
-    evaluateActionForDrivingScore(motionId, motion->attitude, motion->rotationRate,
-                                  motion->userAcceleration, motion->gravity);
+    evaluator.deviceOrientation = getDeviceOrientation(attitude);
+    evaluator.deviceOrientationGiven = admission.givenOrientation;
+    trip.timeElapsedSinceStart = platform::DateComponents::hourMinuteSecond(start, now);
+    trip.hoursElapsedSinceStart =
+        static_cast<double>(trip.timeElapsedSinceStart->hour) +
+        static_cast<double>(trip.timeElapsedSinceStart->minute) / birSaatKacDakika +
+        static_cast<double>(trip.timeElapsedSinceStart->second) / birSaatKacSaniye;
+    motionId = ++*admission.counter;
+    return SampleGate::admitted;
+}
+
+void DrivingInsight::Impl::endForLackOfPosition() {
+    stopTrip();
+    if (auto delegate = delegateSnapshot())
+        delegate->tripDidFail(kErrorCode, "Sürüş Sonlandırılıyor",
+                              "Konum bilgisi alınamadığı için Sürüş Başlatılamıyor. Daha sonra "
+                              "tekrar deneyiniz",
+                              nullptr);
 }
 
 void DrivingInsight::Impl::stopTrip() {
@@ -209,17 +209,16 @@ void DrivingInsight::Impl::keep(platform::AsyncRequest request) {
     requests.keep(std::move(request));
 }
 
-void DrivingInsight::Impl::requestWeather() {
-    std::string url;
-    {
-        std::lock_guard lock(mutex_);
-        const platform::Coordinate at = trip.odometer.currentLocation
-                                            ? trip.odometer.currentLocation->coordinate
-                                            : platform::Coordinate{};
-        url = urls.getWeatherInfoURL + "/" + std::to_string(host.userID) +
-              "?latitude=" + platform::shortestDecimalText(at.latitude) +
-              "&longitude=" + platform::shortestDecimalText(at.longitude);
-    }
+std::string DrivingInsight::Impl::weatherURLLocked() const {
+    const platform::Coordinate at = trip.odometer.currentLocation
+                                        ? trip.odometer.currentLocation->coordinate
+                                        : platform::Coordinate{};
+    return urls.getWeatherInfoURL + "/" + std::to_string(host.userID) +
+           "?latitude=" + platform::shortestDecimalText(at.latitude) +
+           "&longitude=" + platform::shortestDecimalText(at.longitude);
+}
+
+void DrivingInsight::Impl::requestWeather(const std::string& url) {
     net.call->Get(url, "getWeatherInfo", false);
 }
 
@@ -271,7 +270,7 @@ namespace kestrelvue {
 
 void DrivingInsight::Impl::didUpdateLocations(const std::vector<platform::Location>& locations) {
     const platform::TimePoint now = env_.clock->now();
-    bool askWeather = false;
+    std::string weather;  // the weather's address, while the trip has no temperature
     std::shared_ptr<platform::MotionManager> motion;
     {
         std::lock_guard lock(mutex_);
@@ -280,10 +279,10 @@ void DrivingInsight::Impl::didUpdateLocations(const std::vector<platform::Locati
         if (const platform::Location* best =
                 trip.odometer.select(locations, now, settings.distanceFilter))
             trip.odometer.moveTo(*best, settings.distanceFilterForSpeed);
-        askWeather = !trip.temperature.has_value();
+        if (!trip.temperature) weather = weatherURLLocked();
     }
     if (motion) motion->locationsDidUpdate(locations);
-    if (askWeather) requestWeather();
+    if (!weather.empty()) requestWeather(weather);
 }
 
 }  // namespace kestrelvue

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "core/Json.h"
+#include "core/Locked.h"
 #include "engine/EngineImpl.h"
 #include "engine/EngineState.h"
 #include "net/EncodedUpload.h"
@@ -43,37 +44,25 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
         center_.post(kMotionDataSyncFailed, &self_, errorInfo("Error Code:1004 Bad URL"));
         return;
     }
+    sendBulk(detail::withLock(mutex_, [this] { return takeBulkLocked(); }));
+}
 
-    // Copy the bulk's records under the lock and format them after releasing it, so the host's
-    // appends never wait for a bulk being written. The records stay in the buffer until the
-    // service confirms them.
-    MotionData bulk;
-    {
-        // Allocate outside the lock; only the copy itself runs under it.
-        std::size_t expected = 0;
-        {
-            std::lock_guard lock(mutex_);
-            expected = std::min<std::size_t>(
-                uploader.buffer.motionDataArray.size(),
-                static_cast<std::size_t>(std::max<std::int64_t>(host.bulkMotionDataSize, 0)));
-        }
-        bulk.motionDataArray.reserve(expected);
-    }
-    std::int64_t user = 0;
-    std::string driving;
-    std::size_t carried = 0;
-    {
-        std::lock_guard lock(mutex_);
-        uploader.takeBulk(host.bulkMotionDataSize, bulk.motionDataArray);
-        carried = bulk.motionDataArray.size();
-        user = host.userID;
-        driving = trip.drivingID;
-    }
-    const std::string motionStr =
-        bulk.bulkMotionDataToString(static_cast<std::int64_t>(bulk.motionDataArray.size()));
-    bulk = MotionData{};
+DrivingInsight::Impl::PendingBulk DrivingInsight::Impl::takeBulkLocked() {
+    // The text is written straight from the buffer's records, with no copy of them: a bulk is
+    // taken once per thousand samples and its text takes a fraction of a sample's interval.
+    // The records stay in the buffer until the service confirms them.
+    PendingBulk bulk;
+    bulk.motionStr = uploader.takeBulkText(host.bulkMotionDataSize);
+    bulk.carried = uploader.bulkInFlight.value_or(0);
+    bulk.user = host.userID;
+    bulk.driving = trip.drivingID;
+    return bulk;
+}
 
-    auto body = detail::writeMotionDataBody(user, driving, motionStr, appVersionOf(env_));
+void DrivingInsight::Impl::sendBulk(PendingBulk bulk) {
+    const std::size_t carried = bulk.carried;
+    auto body =
+        detail::writeMotionDataBody(bulk.user, bulk.driving, bulk.motionStr, appVersionOf(env_));
     if (!body) {
         center_.post(kMotionDataSyncFailed, &self_,
                      errorInfo("Error Code:1005 JSON Serialization Fail"));
