@@ -127,8 +127,7 @@ DriveParseResult parseDrive(std::istream& in) {
     int lineNumber = 0, version = 0;
     bool anyFix = false, anyMotion = false;
     auto fail = [&](const std::string& what) {
-        return DriveParseResult{std::nullopt, "line " + std::to_string(lineNumber) + ": " + what,
-                                version};
+        return DriveParseResult::failure("line " + std::to_string(lineNumber) + ": " + what);
     };
     while (std::getline(in, text)) {
         ++lineNumber;
@@ -203,10 +202,11 @@ DriveParseResult parseDrive(std::istream& in) {
             return fail("time goes backwards");
         drive.events.push_back(event);
     }
-    if (drive.events.empty()) return {std::nullopt, "the drive has no events", version};
-    if (!anyFix) return {std::nullopt, "the drive has no location fix", version};
-    if (!anyMotion) return {std::nullopt, "the drive has no motion sample", version};
-    return {std::move(drive), {}, version};
+    if (drive.events.empty()) return DriveParseResult::failure("the drive has no events");
+    if (!anyFix) return DriveParseResult::failure("the drive has no location fix");
+    if (!anyMotion) return DriveParseResult::failure("the drive has no motion sample");
+    drive.version = version;
+    return drive;
 }
 
 void writeDrive(std::ostream& out, const Drive& drive) {

@@ -12,6 +12,7 @@
 // A file without the header line is version 1: the same lines without ORIENTATION, read as
 // face up.
 
+#include <kestrelvue/Result.h>
 #include <kestrelvue/platform/Device.h>
 #include <kestrelvue/platform/Location.h>
 #include <kestrelvue/platform/MotionManager.h>
@@ -42,14 +43,13 @@ struct Drive {
     std::vector<DriveEvent> events;
     /// When the drive began, in Unix seconds; a replay without it is dated now.
     std::optional<std::int64_t> start;
+    /// The format version the text was in (1 for files from before the header).
+    int version = 0;
     double duration() const { return events.empty() ? 0.0 : events.back().seconds(); }
 };
 
-struct DriveParseResult {
-    std::optional<Drive> drive;
-    std::string error;  // "line N: what is wrong"
-    int version = 0;
-};
+/// A drive, or "line N: what is wrong".
+using DriveParseResult = Result<Drive>;
 
 /// Reads a drive, every line checked before any is used: unknown kinds, missing, extra or
 /// non-finite numbers, coordinates off the globe, an unknown orientation, time going backwards

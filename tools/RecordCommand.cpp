@@ -36,9 +36,9 @@ struct RecordArgs {
 std::optional<Drive> readDrive(const std::string& path) {
     std::ifstream in(path);
     auto parsed = parseDrive(in);
-    if (!parsed.drive)
+    if (!parsed.value)
         std::fprintf(stderr, "kestrelvue record: %s: %s\n", path.c_str(), parsed.error.c_str());
-    return parsed.drive;
+    return parsed.value;
 }
 
 int runRecord(const RecordArgs& args) {

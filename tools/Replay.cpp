@@ -17,6 +17,7 @@
 
 #include "Outbox.h"
 #include "net/Gzip.h"
+#include "net/HttpReply.h"
 #include "net/Outbox.h"
 #include "platform/sim/Sim.h"
 #include "records/EnvironmentServices.h"
@@ -121,17 +122,17 @@ public:
         platform::AsyncRequest pending = inner_->send(
             std::move(request), [this, url, upload, motion, completion = std::move(completion)](
                                     platform::HttpResult result) mutable {
-                const long status = result.response ? result.response->statusCode : 0;
+                const detail::HttpReply reply = detail::classify(result);
                 {
                     std::lock_guard lock(mutex_);
                     upload->answered = true;
-                    upload->confirmed = status == 200;
+                    upload->confirmed = reply.kind == detail::HttpReply::Kind::ok;
                     if (upload->read) confirm(*upload);
-                    if (status != 200) {
+                    if (!upload->confirmed) {
                         problem_ = url + ": " +
-                                   (result.error ? result.error->description + " (" +
-                                                       std::to_string(result.error->code) + ")"
-                                                 : "HTTP " + std::to_string(status));
+                                   (reply.error ? reply.error->description + " (" +
+                                                      std::to_string(reply.error->code) + ")"
+                                                : "HTTP " + std::to_string(reply.status));
                     }
                 }
                 completion(std::move(result));

@@ -170,7 +170,7 @@ struct ReplayArgs {
 int replay(const ReplayArgs& args) {
     std::ifstream file(args.drive);
     auto parsed = tools::parseDrive(file);
-    if (!parsed.drive) {
+    if (!parsed.value) {
         std::fprintf(stderr, "kestrelvue replay: %s: %s\n", args.drive.c_str(),
                      parsed.error.c_str());
         return kFailed;
@@ -221,7 +221,7 @@ int replay(const ReplayArgs& args) {
         std::fprintf(stderr, "reference service on %s\n", options.baseURL.c_str());
     }
 
-    const tools::ReplayResult result = tools::replay(*parsed.drive, options);
+    const tools::ReplayResult result = tools::replay(*parsed.value, options);
     std::optional<tools::TruthComparison> comparison;
     if (truth) comparison = tools::compareWithTruth(*truth, result.detections);
     if (args.json)

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <kestrelvue/Export.h>
+#include <kestrelvue/Result.h>
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,7 +12,10 @@ namespace kestrelvue {
 
 class KeyedArchiver;
 class KeyedUnarchiver;
-struct ThresholdUnarchiveResult;
+class Threshold;
+
+/// A band read from an archive, or why the archive was refused.
+using ThresholdUnarchiveResult = Result<Threshold>;
 
 /// One penalty band: [LimitStart, LimitEnd) costs Impact points, per event or per kilometre.
 class KESTRELVUE_EXPORT Threshold {
@@ -44,12 +47,6 @@ public:
     /// A band from an archive. Refused (with a message) when the container is damaged, the root
     /// object is of another class, or one of the four keys holds a value of another kind.
     static UnarchiveResult unarchive(std::string_view data);
-};
-
-struct KESTRELVUE_EXPORT ThresholdUnarchiveResult {
-    std::optional<Threshold> value;
-    std::string error;  // why the archive was refused
-    explicit operator bool() const { return value.has_value(); }
 };
 
 /// Bands are shared by reference and never edited after they are made.

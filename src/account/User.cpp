@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "account/WireValues.h"
+#include "core/Locked.h"
 
 namespace kestrelvue {
 namespace {
@@ -108,63 +109,50 @@ RestfulCall& User::restfulCall() const {
     return *impl_->restfulCall;
 }
 
-namespace {
-template <class T>
-T guardedRead(std::mutex& mutex, const T& field) {
-    std::lock_guard lock(mutex);
-    return field;
-}
-template <class T>
-void guardedWrite(std::mutex& mutex, T& field, T value) {
-    std::lock_guard lock(mutex);
-    field = std::move(value);
-}
-}  // namespace
-
 std::string User::firstName() const {
-    return guardedRead(impl_->mutex, impl_->firstName);
+    return detail::lockedRead(impl_->mutex, impl_->firstName);
 }
 void User::setFirstName(std::string value) {
-    guardedWrite(impl_->mutex, impl_->firstName, std::move(value));
+    detail::lockedWrite(impl_->mutex, impl_->firstName, std::move(value));
 }
 std::string User::lastName() const {
-    return guardedRead(impl_->mutex, impl_->lastName);
+    return detail::lockedRead(impl_->mutex, impl_->lastName);
 }
 void User::setLastName(std::string value) {
-    guardedWrite(impl_->mutex, impl_->lastName, std::move(value));
+    detail::lockedWrite(impl_->mutex, impl_->lastName, std::move(value));
 }
 std::string User::email() const {
-    return guardedRead(impl_->mutex, impl_->email);
+    return detail::lockedRead(impl_->mutex, impl_->email);
 }
 void User::setEmail(std::string value) {
-    guardedWrite(impl_->mutex, impl_->email, std::move(value));
+    detail::lockedWrite(impl_->mutex, impl_->email, std::move(value));
 }
 GenderType User::gender() const {
-    return guardedRead(impl_->mutex, impl_->gender);
+    return detail::lockedRead(impl_->mutex, impl_->gender);
 }
 void User::setGender(GenderType value) {
-    guardedWrite(impl_->mutex, impl_->gender, value);
+    detail::lockedWrite(impl_->mutex, impl_->gender, value);
 }
 std::string User::referenceId() const {
-    return guardedRead(impl_->mutex, impl_->referenceId);
+    return detail::lockedRead(impl_->mutex, impl_->referenceId);
 }
 void User::setReferenceId(std::string value) {
-    guardedWrite(impl_->mutex, impl_->referenceId, std::move(value));
+    detail::lockedWrite(impl_->mutex, impl_->referenceId, std::move(value));
 }
 std::shared_ptr<UserDelegate> User::delegate() const {
-    return guardedRead(impl_->mutex, impl_->delegate);
+    return detail::lockedRead(impl_->mutex, impl_->delegate);
 }
 void User::setDelegate(std::shared_ptr<UserDelegate> value) {
-    guardedWrite(impl_->mutex, impl_->delegate, std::move(value));
+    detail::lockedWrite(impl_->mutex, impl_->delegate, std::move(value));
 }
 std::int64_t User::Id() const {
-    return guardedRead(impl_->mutex, impl_->id);
+    return detail::lockedRead(impl_->mutex, impl_->id);
 }
 void User::setId(std::int64_t value) {
-    guardedWrite(impl_->mutex, impl_->id, value);
+    detail::lockedWrite(impl_->mutex, impl_->id, value);
 }
 UserType User::Type() const {
-    return guardedRead(impl_->mutex, impl_->type);
+    return detail::lockedRead(impl_->mutex, impl_->type);
 }
 
 // ---- Login and registration ---------------------------------------------------------------

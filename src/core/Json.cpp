@@ -62,8 +62,9 @@ Value convert(simdjson::dom::element e) {
 
 ParseResult parse(std::string_view text, const ParseLimits& limits) {
     if (text.size() > limits.maxBytes) {
-        return {std::nullopt, "the text of " + std::to_string(text.size()) +
-                                  " bytes exceeds the limit of " + std::to_string(limits.maxBytes)};
+        return ParseResult::failure("the text of " + std::to_string(text.size()) +
+                                    " bytes exceeds the limit of " +
+                                    std::to_string(limits.maxBytes));
     }
     // The parser object is reused per thread so that small replies cost no allocation. Its
     // buffers take about 14 bytes per byte of text; after a large text they are released, or
@@ -78,15 +79,15 @@ ParseResult parse(std::string_view text, const ParseLimits& limits) {
     simdjson::padded_string padded(text);
     simdjson::dom::element root;
     auto error = parser.parse(padded).get(root);
-    if (error) return {std::nullopt, simdjson::error_message(error)};
+    if (error) return ParseResult::failure(simdjson::error_message(error));
     if (!root.is_array() && !root.is_object()) {
-        return {std::nullopt, "JSON text did not start with array or object"};
+        return ParseResult::failure("JSON text did not start with array or object");
     }
     if (root.is_array() && root.get_array().value_unsafe().size() > limits.maxRootElements) {
-        return {std::nullopt, "the list exceeds the limit of " +
-                                  std::to_string(limits.maxRootElements) + " elements"};
+        return ParseResult::failure("the list exceeds the limit of " +
+                                    std::to_string(limits.maxRootElements) + " elements");
     }
-    return {convert(root), {}};
+    return convert(root);
 }
 
 namespace {

@@ -1,6 +1,7 @@
 #pragma once
 // The one place where JSON is read and written.
 
+#include <kestrelvue/Result.h>
 #include <kestrelvue/Value.h>
 
 #include <cstddef>
@@ -11,11 +12,8 @@
 
 namespace kestrelvue::json {
 
-struct ParseResult {
-    std::optional<Value> value;  // present on success
-    std::string error;           // the parser's message on failure
-    explicit operator bool() const { return value.has_value(); }
-};
+/// A parsed root, or the parser's message.
+using ParseResult = Result<Value>;
 
 /// Bounds a reply must keep to; one beyond them fails before any Value of it is built.
 struct ParseLimits {

@@ -1,4 +1,5 @@
-// Construction, the shared instance and the accessors of the engine.
+// Construction, the shared instance, the accessors of the engine, and the download of its
+// penalty bands and settings.
 
 #include <kestrelvue/platform/Application.h>
 #include <kestrelvue/platform/Device.h>
@@ -6,8 +7,17 @@
 #include <kestrelvue/platform/LocationManager.h>
 #include <kestrelvue/platform/MotionManager.h>
 
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <optional>
+#include <sstream>
+#include <thread>
 #include <utility>
 
+#include "core/Json.h"
+#include "core/Locked.h"
 #include "engine/EngineImpl.h"
 #include "net/EncodedUpload.h"
 #include "net/Outbox.h"
@@ -40,26 +50,26 @@ DrivingInsight::~DrivingInsight() = default;
 DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
                            RestfulCall* sharedCall)
     : self_(self),
-      getDrivingDataURL(environment.serviceURL("/api/Driving/getDriving")),
-      addMotionDataURL(environment.serviceURL("/api/Driving/addMotionData")),
-      getThresholdsURL(environment.serviceURL("/api/Driving/getThresholds")),
-      getWeatherInfoURL(environment.serviceURL("/api/General/getWeatherDataByLatLon")),
-      getSummaryURL(environment.serviceURL("/api/Driving/getDrivingSummary")),
+      urls{environment.serviceURL("/api/Driving/getDriving"),
+           environment.serviceURL("/api/Driving/addMotionData"),
+           environment.serviceURL("/api/Driving/getThresholds"),
+           environment.serviceURL("/api/General/getWeatherDataByLatLon"),
+           environment.serviceURL("/api/Driving/getDrivingSummary")},
       env_(environment),
       center_(*environment.notifications),
-      restfulCall_(sharedCall),
-      outbox_(environment.services().outbox()) {
-    if (!outbox_ && env_.uploadsCompressed()) deflater_ = std::make_unique<detail::Deflater>();
-    if (!restfulCall_) {
-        ownRestfulCall_ = std::make_unique<RestfulCall>(
+      net{sharedCall, nullptr, environment.services().outbox(), nullptr} {
+    if (!net.outbox && env_.uploadsCompressed())
+        net.deflater = std::make_unique<detail::Deflater>();
+    if (!net.call) {
+        net.ownCall = std::make_unique<RestfulCall>(
             env_.http, env_.notifications, std::make_shared<Reachability>(env_.reachability));
-        restfulCall_ = ownRestfulCall_.get();
+        net.call = net.ownCall.get();
     }
 
     // 1. Start values. Nobody else can see the engine yet, so no lock is needed.
     trip.drivingID = env_.ids->makeUuid();
-    summaryData = kestrelvue::SummaryData{};
-    lastTrip = std::make_shared<Trip>(env_);
+    host.summaryData = kestrelvue::SummaryData{};
+    host.lastTrip = std::make_shared<Trip>(env_);
     trip.startDateTime = env_.clock->now();
     trip.endDateTime = env_.clock->now();
     trip.startAnnotation = std::make_shared<platform::MapPin>();
@@ -78,21 +88,18 @@ DrivingInsight::Impl::Impl(DrivingInsight& self, const Environment& environment,
     if (env_.applicationInfo) {
         const Object& info = *env_.applicationInfo;
         if (auto it = info.find("BulkMotionDataSize"); it != info.end()) {
-            if (auto size = it->second.asInt(); size && *size >= 0) bulkMotionDataSize_ = *size;
+            if (auto size = it->second.asInt(); size && *size >= 0) host.bulkMotionDataSize = *size;
         }
         if (auto it = info.find("CFBundleDisplayName"); it != info.end()) {
-            if (const std::string* name = it->second.asString()) bundleDisplayName_ = *name;
+            if (const std::string* name = it->second.asString()) host.bundleDisplayName = *name;
         }
     }
 
-    // 3. Orientations and totals.
-    deviceOrientationGiven = 0;
-    deviceOrientation = 0;
-    eventCount = 0;
+    // 3. Orientations and totals start at zero (the evaluator's own start values).
 
     // 4. The sensor managers the environment makes.
-    motionManager_ = env_.makeMotionManager();
-    locationManager_ = env_.makeLocationManager();
+    host.motionManager = env_.makeMotionManager();
+    host.locationManager = env_.makeLocationManager();
 
     // 5. The five handlers, for any sender.
     center_.addObserver(this, "motionDataSynced",
@@ -121,7 +128,7 @@ DrivingInsight::Impl::~Impl() {
     std::shared_ptr<platform::MotionManager> motion;
     {
         std::lock_guard lock(mutex_);
-        motion = motionManager_;
+        motion = host.motionManager;
     }
     // The session's handle (a member) keeps samples from reaching the engine once it ends; the
     // sensor is stopped as well, as it would be at the end of a trip.
@@ -129,134 +136,233 @@ DrivingInsight::Impl::~Impl() {
 }
 
 std::shared_ptr<DrivingInsightDelegate> DrivingInsight::Impl::delegateSnapshot() const {
-    std::lock_guard lock(mutex_);
-    return drivingInsightDelegate_;
+    return detail::lockedRead(mutex_, host.drivingInsightDelegate);
 }
 
-// ---- Accessors: each reads or writes its field under the engine's lock ------------------------
+// ---- Accessors: each reads a copy of its field, or replaces it, under the engine's lock
+// ------------------------
 
-#define KV_GETTER(Type, Name, field)         \
-    Type DrivingInsight::Name() const {      \
-        std::lock_guard lock(impl_->mutex_); \
-        return impl_->field;                 \
-    }
-#define KV_SETTER(Type, Name, field)         \
-    void DrivingInsight::Name(Type value) {  \
-        std::lock_guard lock(impl_->mutex_); \
-        impl_->field = std::move(value);     \
-    }
-
-KV_GETTER(std::int64_t, bulkMotionDataSize, bulkMotionDataSize_)
-KV_SETTER(std::int64_t, setBulkMotionDataSize, bulkMotionDataSize_)
-KV_GETTER(std::string, bundleDisplayName, bundleDisplayName_)
-KV_SETTER(std::string, setBundleDisplayName, bundleDisplayName_)
-KV_GETTER(std::shared_ptr<platform::MotionManager>, MotionManager, motionManager_)
-KV_SETTER(std::shared_ptr<platform::MotionManager>, setMotionManager, motionManager_)
-KV_GETTER(std::shared_ptr<platform::LocationManager>, LocationManager, locationManager_)
-KV_SETTER(std::shared_ptr<platform::LocationManager>, setLocationManager, locationManager_)
-KV_GETTER(std::shared_ptr<HistoryDataDelegate>, historyDataDelegate, historyDataDelegate_)
-KV_SETTER(std::shared_ptr<HistoryDataDelegate>, setHistoryDataDelegate, historyDataDelegate_)
-KV_GETTER(std::shared_ptr<DrivingInsightDelegate>, drivingInsightDelegate, drivingInsightDelegate_)
-KV_SETTER(std::shared_ptr<DrivingInsightDelegate>, setDrivingInsightDelegate,
-          drivingInsightDelegate_)
-KV_GETTER(std::int64_t, UserID, userID)
-KV_SETTER(std::int64_t, setUserID, userID)
-KV_GETTER(std::string, DrivingID, trip.drivingID)
-KV_GETTER(bool, IsDriving, isDriving)
-KV_GETTER(std::shared_ptr<Trip>, LastTrip, lastTrip)
-KV_GETTER(std::vector<std::shared_ptr<Trip>>, TripHistory, tripHistory)
-KV_SETTER(std::vector<std::shared_ptr<Trip>>, setTripHistory, tripHistory)
-KV_GETTER(kestrelvue::SummaryData, getSummaryDataRecord, summaryData)
-KV_GETTER(ThresholdList, FuelEfficiencyLevel, settings.fuelEfficiencyLevel)
-KV_SETTER(ThresholdList, setFuelEfficiencyLevel, settings.fuelEfficiencyLevel)
-KV_GETTER(std::optional<platform::TimePoint>, StartDateTime, trip.startDateTime)
-KV_SETTER(std::optional<platform::TimePoint>, setStartDateTime, trip.startDateTime)
-KV_GETTER(std::optional<platform::TimePoint>, EndDateTime, trip.endDateTime)
-KV_SETTER(std::optional<platform::TimePoint>, setEndDateTime, trip.endDateTime)
-KV_GETTER(std::optional<platform::Location>, StartLocation, trip.startLocation)
-KV_SETTER(std::optional<platform::Location>, setStartLocation, trip.startLocation)
-KV_GETTER(std::optional<platform::Location>, EndLocation, trip.endLocation)
-KV_SETTER(std::optional<platform::Location>, setEndLocation, trip.endLocation)
-KV_GETTER(std::string, StartLocationStr, trip.startLocationStr)
-KV_SETTER(std::string, setStartLocationStr, trip.startLocationStr)
-KV_GETTER(std::string, EndLocationStr, trip.endLocationStr)
-KV_SETTER(std::string, setEndLocationStr, trip.endLocationStr)
-KV_GETTER(std::optional<platform::Location>, CurrentLocation, trip.odometer.currentLocation)
-KV_GETTER(platform::MapPinRef, StartAnnotation, trip.startAnnotation)
-KV_SETTER(platform::MapPinRef, setStartAnnotation, trip.startAnnotation)
-KV_GETTER(platform::MapPinRef, EndAnnotation, trip.endAnnotation)
-KV_SETTER(platform::MapPinRef, setEndAnnotation, trip.endAnnotation)
-KV_GETTER(std::vector<platform::Coordinate>, PassedCoordinates, trip.passedCoordinates)
-KV_SETTER(std::vector<platform::Coordinate>, setPassedCoordinates, trip.passedCoordinates)
-KV_GETTER(std::optional<platform::DateComponents>, TimeElapsedSinceStart,
-          trip.timeElapsedSinceStart)
-KV_SETTER(std::optional<platform::DateComponents>, setTimeElapsedSinceStart,
-          trip.timeElapsedSinceStart)
-KV_GETTER(std::optional<platform::DateComponents>, TimeElapsedSinceLastLocation,
-          trip.odometer.timeElapsedSinceLastLocation)
-KV_SETTER(std::optional<platform::DateComponents>, setTimeElapsedSinceLastLocation,
-          trip.odometer.timeElapsedSinceLastLocation)
-KV_GETTER(double, HoursElapsedSinceStart, trip.hoursElapsedSinceStart)
-KV_SETTER(double, setHoursElapsedSinceStart, trip.hoursElapsedSinceStart)
-KV_GETTER(double, HoursElapsedSinceLastLocation, trip.odometer.hoursElapsedSinceLastLocation)
-KV_SETTER(double, setHoursElapsedSinceLastLocation, trip.odometer.hoursElapsedSinceLastLocation)
-KV_GETTER(double, TotalTraveledDistance, trip.odometer.totalTraveledDistance)
-KV_SETTER(double, setTotalTraveledDistance, trip.odometer.totalTraveledDistance)
-KV_GETTER(double, TraveledDistanceSinceLastLocation,
-          trip.odometer.traveledDistanceSinceLastLocation)
-KV_GETTER(double, CurrentSpeed, trip.odometer.currentSpeed)
-KV_GETTER(double, Score, trip.score)
-KV_SETTER(double, setScore, trip.score)
-KV_GETTER(std::optional<double>, Temperature, trip.temperature)
-KV_SETTER(std::optional<double>, setTemperature, trip.temperature)
-
-#undef KV_GETTER
-#undef KV_SETTER
+std::int64_t DrivingInsight::bulkMotionDataSize() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.bulkMotionDataSize);
+}
+void DrivingInsight::setBulkMotionDataSize(std::int64_t value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.bulkMotionDataSize, std::move(value));
+}
+std::string DrivingInsight::bundleDisplayName() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.bundleDisplayName);
+}
+void DrivingInsight::setBundleDisplayName(std::string value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.bundleDisplayName, std::move(value));
+}
+std::shared_ptr<platform::MotionManager> DrivingInsight::MotionManager() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.motionManager);
+}
+void DrivingInsight::setMotionManager(std::shared_ptr<platform::MotionManager> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.motionManager, std::move(value));
+}
+std::shared_ptr<platform::LocationManager> DrivingInsight::LocationManager() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.locationManager);
+}
+void DrivingInsight::setLocationManager(std::shared_ptr<platform::LocationManager> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.locationManager, std::move(value));
+}
+std::shared_ptr<HistoryDataDelegate> DrivingInsight::historyDataDelegate() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.historyDataDelegate);
+}
+void DrivingInsight::setHistoryDataDelegate(std::shared_ptr<HistoryDataDelegate> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.historyDataDelegate, std::move(value));
+}
+std::shared_ptr<DrivingInsightDelegate> DrivingInsight::drivingInsightDelegate() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.drivingInsightDelegate);
+}
+void DrivingInsight::setDrivingInsightDelegate(std::shared_ptr<DrivingInsightDelegate> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.drivingInsightDelegate, std::move(value));
+}
+std::int64_t DrivingInsight::UserID() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.userID);
+}
+void DrivingInsight::setUserID(std::int64_t value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.userID, std::move(value));
+}
+std::string DrivingInsight::DrivingID() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.drivingID);
+}
+bool DrivingInsight::IsDriving() const {
+    return detail::lockedRead(impl_->mutex_, impl_->isDriving);
+}
+std::shared_ptr<Trip> DrivingInsight::LastTrip() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.lastTrip);
+}
+std::vector<std::shared_ptr<Trip>> DrivingInsight::TripHistory() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.tripHistory);
+}
+void DrivingInsight::setTripHistory(std::vector<std::shared_ptr<Trip>> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->host.tripHistory, std::move(value));
+}
+kestrelvue::SummaryData DrivingInsight::getSummaryDataRecord() const {
+    return detail::lockedRead(impl_->mutex_, impl_->host.summaryData);
+}
+ThresholdList DrivingInsight::FuelEfficiencyLevel() const {
+    return detail::lockedRead(impl_->mutex_, impl_->settings.fuelEfficiencyLevel);
+}
+void DrivingInsight::setFuelEfficiencyLevel(ThresholdList value) {
+    detail::lockedWrite(impl_->mutex_, impl_->settings.fuelEfficiencyLevel, std::move(value));
+}
+std::optional<platform::TimePoint> DrivingInsight::StartDateTime() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.startDateTime);
+}
+void DrivingInsight::setStartDateTime(std::optional<platform::TimePoint> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.startDateTime, std::move(value));
+}
+std::optional<platform::TimePoint> DrivingInsight::EndDateTime() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.endDateTime);
+}
+void DrivingInsight::setEndDateTime(std::optional<platform::TimePoint> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.endDateTime, std::move(value));
+}
+std::optional<platform::Location> DrivingInsight::StartLocation() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.startLocation);
+}
+void DrivingInsight::setStartLocation(std::optional<platform::Location> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.startLocation, std::move(value));
+}
+std::optional<platform::Location> DrivingInsight::EndLocation() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.endLocation);
+}
+void DrivingInsight::setEndLocation(std::optional<platform::Location> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.endLocation, std::move(value));
+}
+std::string DrivingInsight::StartLocationStr() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.startLocationStr);
+}
+void DrivingInsight::setStartLocationStr(std::string value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.startLocationStr, std::move(value));
+}
+std::string DrivingInsight::EndLocationStr() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.endLocationStr);
+}
+void DrivingInsight::setEndLocationStr(std::string value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.endLocationStr, std::move(value));
+}
+std::optional<platform::Location> DrivingInsight::CurrentLocation() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.odometer.currentLocation);
+}
+platform::MapPinRef DrivingInsight::StartAnnotation() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.startAnnotation);
+}
+void DrivingInsight::setStartAnnotation(platform::MapPinRef value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.startAnnotation, std::move(value));
+}
+platform::MapPinRef DrivingInsight::EndAnnotation() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.endAnnotation);
+}
+void DrivingInsight::setEndAnnotation(platform::MapPinRef value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.endAnnotation, std::move(value));
+}
+std::vector<platform::Coordinate> DrivingInsight::PassedCoordinates() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.passedCoordinates);
+}
+void DrivingInsight::setPassedCoordinates(std::vector<platform::Coordinate> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.passedCoordinates, std::move(value));
+}
+std::optional<platform::DateComponents> DrivingInsight::TimeElapsedSinceStart() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.timeElapsedSinceStart);
+}
+void DrivingInsight::setTimeElapsedSinceStart(std::optional<platform::DateComponents> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.timeElapsedSinceStart, std::move(value));
+}
+std::optional<platform::DateComponents> DrivingInsight::TimeElapsedSinceLastLocation() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.odometer.timeElapsedSinceLastLocation);
+}
+void DrivingInsight::setTimeElapsedSinceLastLocation(
+    std::optional<platform::DateComponents> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.odometer.timeElapsedSinceLastLocation,
+                        std::move(value));
+}
+double DrivingInsight::HoursElapsedSinceStart() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.hoursElapsedSinceStart);
+}
+void DrivingInsight::setHoursElapsedSinceStart(double value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.hoursElapsedSinceStart, std::move(value));
+}
+double DrivingInsight::HoursElapsedSinceLastLocation() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.odometer.hoursElapsedSinceLastLocation);
+}
+void DrivingInsight::setHoursElapsedSinceLastLocation(double value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.odometer.hoursElapsedSinceLastLocation,
+                        std::move(value));
+}
+double DrivingInsight::TotalTraveledDistance() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.odometer.totalTraveledDistance);
+}
+void DrivingInsight::setTotalTraveledDistance(double value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.odometer.totalTraveledDistance,
+                        std::move(value));
+}
+double DrivingInsight::TraveledDistanceSinceLastLocation() const {
+    return detail::lockedRead(impl_->mutex_,
+                              impl_->trip.odometer.traveledDistanceSinceLastLocation);
+}
+double DrivingInsight::CurrentSpeed() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.odometer.currentSpeed);
+}
+double DrivingInsight::Score() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.score);
+}
+void DrivingInsight::setScore(double value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.score, std::move(value));
+}
+std::optional<double> DrivingInsight::Temperature() const {
+    return detail::lockedRead(impl_->mutex_, impl_->trip.temperature);
+}
+void DrivingInsight::setTemperature(std::optional<double> value) {
+    detail::lockedWrite(impl_->mutex_, impl_->trip.temperature, std::move(value));
+}
 
 void DrivingInsight::setSummaryDataRecord(const kestrelvue::SummaryData& value) {
-    std::lock_guard lock(impl_->mutex_);
-    impl_->summaryData = value;
+    detail::lockedWrite(impl_->mutex_, impl_->host.summaryData, value);
 }
 
+// These three move the odometer by its own rules rather than storing the value as given.
 void DrivingInsight::setCurrentLocation(std::optional<platform::Location> value) {
-    std::lock_guard lock(impl_->mutex_);
-    impl_->trip.odometer.moveTo(value, impl_->settings.distanceFilterForSpeed);
+    Impl& impl = *impl_;
+    detail::withLock(impl.mutex_, [&] {
+        impl.trip.odometer.moveTo(std::move(value), impl.settings.distanceFilterForSpeed);
+    });
 }
 
 void DrivingInsight::setTraveledDistanceSinceLastLocation(double value) {
-    std::lock_guard lock(impl_->mutex_);
-    impl_->trip.odometer.addLeg(value);
+    detail::withLock(impl_->mutex_, [&] { impl_->trip.odometer.addLeg(value); });
 }
 
 void DrivingInsight::setCurrentSpeed(double value) {
-    std::lock_guard lock(impl_->mutex_);
-    impl_->trip.odometer.setSpeed(value);
+    detail::withLock(impl_->mutex_, [&] { impl_->trip.odometer.setSpeed(value); });
 }
 
 std::shared_ptr<Trip> DrivingInsight::Impl::CurrentTrip() const {
-    std::lock_guard lock(mutex_);
-    return trip.record(env_, userID, env_.clock->now());
+    return detail::withLock(mutex_,
+                            [this] { return trip.record(env_, host.userID, env_.clock->now()); });
 }
 
 // ---- The public engine forwards to its implementation ----------------------------------------
 
 const std::string& DrivingInsight::getDrivingDataURL() const {
-    return impl_->getDrivingDataURL;
+    return impl_->urls.getDrivingDataURL;
 }
 const std::string& DrivingInsight::addMotionDataURL() const {
-    return impl_->addMotionDataURL;
+    return impl_->urls.addMotionDataURL;
 }
 const std::string& DrivingInsight::getThresholdsURL() const {
-    return impl_->getThresholdsURL;
+    return impl_->urls.getThresholdsURL;
 }
 const std::string& DrivingInsight::getWeatherInfoURL() const {
-    return impl_->getWeatherInfoURL;
+    return impl_->urls.getWeatherInfoURL;
 }
 const std::string& DrivingInsight::getSummaryURL() const {
-    return impl_->getSummaryURL;
+    return impl_->urls.getSummaryURL;
 }
 RestfulCall& DrivingInsight::restfulCall() const {
-    return *impl_->restfulCall_;
+    return *impl_->net.call;
 }
 const Environment& DrivingInsight::environment() const {
     return impl_->env_;
@@ -292,6 +398,117 @@ void DrivingInsight::getTripHistory() {
 
 void DrivingInsight::getSummaryData(std::int64_t for_) {
     impl_->getSummaryData(for_);
+}
+
+}  // namespace kestrelvue
+
+// ---- Settings download
+// --------------------------------------------------------------------------- The download of the
+// penalty bands and scalar settings.
+//
+// A reply is applied whole or not at all: every element that names a setting or list is checked
+// first, and one malformed element turns the whole reply into a failure (the settings keep their
+// values and the host hears "thresholdsGot" with the error text). Elements without a name, or
+// with a name the engine does not know, are ignored whatever else they hold, so the service can
+// add kinds without breaking older engines.
+
+namespace kestrelvue {
+
+namespace {
+
+constexpr const char* kThresholdsGot = "thresholdsGot";
+constexpr const char* kThresholdsFailedText = "Sunucudan ayarlar indirilemedi. Tekrar deneyiniz";
+// The kept reply, beside the outbox's store. A real reply is a few kilobytes.
+constexpr const char* kKeptBandsFile = "thresholds.json";
+constexpr std::size_t kKeptBandsMaxBytes = std::size_t{1} << 20;
+
+std::optional<detail::Settings::Reply> readKept(const std::filesystem::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    if (!in) return std::nullopt;
+    std::ostringstream text;
+    text << in.rdbuf();
+    auto parsed = json::parse(text.str(), json::ParseLimits{kKeptBandsMaxBytes});
+    if (!parsed) return std::nullopt;
+    Object info;
+    info["Data"] = std::move(*parsed.value);
+    return detail::Settings::Reply::read(UserInfo(std::move(info)));
+}
+
+}  // namespace
+
+std::filesystem::path DrivingInsight::Impl::keptBandsFile() const {
+    const std::string directory = env_.outboxPath();
+    if (directory.empty()) return {};
+    return std::filesystem::path(directory) / kKeptBandsFile;
+}
+
+void DrivingInsight::Impl::applyKeptBands() {
+    const auto file = keptBandsFile();
+    std::error_code ec;
+    if (file.empty() || !std::filesystem::exists(file, ec)) return;
+    if (auto reply = readKept(file)) {
+        std::lock_guard lock(mutex_);
+        settings.apply(*reply);
+        settings.fromKeptReply = true;
+        return;
+    }
+    // Read with the refusals of a download: a damaged file is applied not at all, and set aside
+    // (not deleted) so that nothing is read from it again and it can still be looked at.
+    const auto stamp =
+        std::chrono::duration_cast<std::chrono::seconds>(env_.clock->now().time_since_epoch())
+            .count();
+    std::filesystem::rename(file, file.string() + ".damaged-" + std::to_string(stamp), ec);
+}
+
+void DrivingInsight::Impl::keepBands(const UserInfo& reply) {
+    const auto file = keptBandsFile();
+    if (file.empty() || !reply) return;
+    auto data = reply->find("Data");
+    if (data == reply->end()) return;
+    auto text = json::write(data->second);
+    if (!text) return;
+    // Written aside and renamed over the old one, so a crash mid-write never leaves half a file.
+    std::error_code ec;
+    std::filesystem::create_directories(file.parent_path(), ec);
+    // Named by thread: two engines over one directory may both be keeping a reply.
+    const std::filesystem::path partial =
+        file.string() + ".partial-" +
+        std::to_string(std::hash<std::thread::id>{}(std::this_thread::get_id()));
+    {
+        std::ofstream out(partial, std::ios::binary | std::ios::trunc);
+        out << *text;
+        out.flush();
+        if (!out) {
+            std::filesystem::remove(partial, ec);
+            return;
+        }
+    }
+    std::filesystem::rename(partial, file, ec);
+    if (ec) std::filesystem::remove(partial, ec);
+}
+
+void DrivingInsight::Impl::getThresholdsFromServer() {
+    net.call->Get(urls.getThresholdsURL, getThresholdsObserverName, true);
+}
+
+void DrivingInsight::Impl::getThresholds(const Notification& notification) {
+    std::optional<detail::Settings::Reply> reply;
+    const bool failed = notification.userInfo && notification.userInfo->count("error") &&
+                        notification.userInfo->find("error")->second.isString();
+    if (!failed) reply = detail::Settings::Reply::read(notification.userInfo);
+
+    if (!reply) {
+        center_.post(kThresholdsGot, &self_, Object{{"error", Value(kThresholdsFailedText)}});
+        return;
+    }
+    {
+        std::lock_guard lock(mutex_);
+        // A fresh reply replaces the kept one rather than adding to it.
+        if (settings.fromKeptReply) settings = detail::Settings{};
+        settings.apply(*reply);
+    }
+    keepBands(notification.userInfo);
+    center_.post(kThresholdsGot, &self_);
 }
 
 }  // namespace kestrelvue

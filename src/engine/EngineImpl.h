@@ -8,8 +8,12 @@
 // guarded by mutex_; delegates are called and notifications posted only after it is released.
 
 #include <kestrelvue/DrivingInsight.h>
+#include <kestrelvue/RestfulCall.h>
 
 #include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include "core/FrequentNotification.h"
 #include "engine/EngineState.h"
@@ -18,7 +22,55 @@ namespace kestrelvue {
 
 namespace detail {
 class Deflater;
-}
+class Outbox;
+
+/// The service addresses an engine calls, fixed when it is made.
+struct ServiceURLs {
+    const std::string getDrivingDataURL;
+    const std::string addMotionDataURL;
+    const std::string getThresholdsURL;
+    const std::string getWeatherInfoURL;
+    const std::string getSummaryURL;
+};
+
+/// The ways out to the network: the call gateway (the process's, or the engine's own), and for
+/// motion bulks the durable outbox, or else the deflater when uploads are compressed.
+struct Network {
+    RestfulCall* call = nullptr;
+    std::unique_ptr<RestfulCall> ownCall;  // a detached engine's gateway
+    /// The durable outbox when the host turned it on (Environment::outboxDirectory), else null.
+    std::shared_ptr<Outbox> outbox;
+    /// Deflates bulks off the sampling thread when the host wants compressed uploads and the
+    /// outbox (which deflates on its own thread) is off; null otherwise.
+    std::unique_ptr<Deflater> deflater;
+};
+
+/// What the host sets and reads through the engine's accessors.
+struct HostFields {
+    std::int64_t bulkMotionDataSize = 1000;
+    std::shared_ptr<platform::MotionManager> motionManager;
+    std::shared_ptr<platform::LocationManager> locationManager;
+    std::shared_ptr<HistoryDataDelegate> historyDataDelegate;
+    std::shared_ptr<DrivingInsightDelegate> drivingInsightDelegate;
+    std::string bundleDisplayName = "Kestrelvue";
+    std::int64_t userID = 0;
+    kestrelvue::SummaryData summaryData;
+    std::vector<std::shared_ptr<Trip>> tripHistory;
+    std::shared_ptr<Trip> lastTrip;
+};
+
+/// Work whose completion reaches the engine: geocoder lookups and history requests, kept until
+/// they are answered (let go as new ones come) or the engine ends, and the motion session.
+struct Requests {
+    void keep(platform::AsyncRequest request) {
+        std::erase_if(pending, [](const platform::AsyncRequest& r) { return r.finished(); });
+        pending.push_back(std::move(request));
+    }
+    std::vector<platform::AsyncRequest> pending;  // guarded by the engine's lock
+    platform::AsyncRequest motionSession;         // the host's thread only
+};
+
+}  // namespace detail
 
 /// The keys of "showMotionData", in ascending order.
 inline constexpr std::array<const char*, 10> kShowMotionDataKeys = {
@@ -34,13 +86,7 @@ struct DrivingInsight::Impl {
 
     /// The public engine: the sender of the engine's notifications.
     DrivingInsight& self_;
-
-    // Service addresses.
-    const std::string getDrivingDataURL;
-    const std::string addMotionDataURL;
-    const std::string getThresholdsURL;
-    const std::string getWeatherInfoURL;
-    const std::string getSummaryURL;
+    const detail::ServiceURLs urls;
 
     /// A fresh record built from the engine's fields at this moment.
     std::shared_ptr<Trip> CurrentTrip() const;
@@ -69,8 +115,23 @@ struct DrivingInsight::Impl {
                             const std::optional<platform::DeviceMotion>& motion);
     /// Reverse-geocodes the trip's start position into startLocationStr ("???" on error).
     void geocodeStartAddress(const platform::Location& location);
-    /// GET of the weather at currentLocation under the observer name "getWeatherInfo".
-    void requestWeather();
+    /// The weather's address at currentLocation (Locked), and its GET under the observer name
+    /// "getWeatherInfo".
+    std::string weatherURLLocked() const;
+    void requestWeather(const std::string& url);
+    /// Why a session's sample goes no further, or that it goes on.
+    enum class SampleGate { admitted, dropped, noPosition };
+    struct SampleAdmission {
+        std::int64_t* counter;  // the session's sample count
+        int givenOrientation;   // as the device reports it
+    };
+    /// The session's checks before a sample is evaluated: the trip is on and has a position (or
+    /// has waited too long for one); moves the orientation, the elapsed time and the count
+    /// (Locked).
+    SampleGate admitSampleLocked(const SampleAdmission& admission, const Vector3& attitude,
+                                 std::int64_t& motionId);
+    /// Stops a trip that found no position in time, and tells the host.
+    void endForLackOfPosition();
     void tripStoppedEndAnnotationSetted(const Notification& notification);
     void tripEndedSuccessfully(const Notification& notification);
     /// The completion step after the last motion upload of a stopped trip: score, lastTrip,
@@ -79,33 +140,41 @@ struct DrivingInsight::Impl {
     /// Copies the delegate under the lock; call the copy after releasing it.
     std::shared_ptr<DrivingInsightDelegate> delegateSnapshot() const;
 
-    // Thresholds.cpp
+    // DrivingInsight.cpp: the settings download
     void getThresholdsFromServer();
     void getThresholds(const Notification& notification);
 
-    // Scoring (detection): the trip score from the totals (Locked).
-    double calculateScore();
-    /// Stores the finding and counts it in its kind's counter and in eventCount; `none` is
-    /// stored, not counted (Locked). Inline: four times a sample.
-    void setFaultType(FaultTypes value) {
-        faultType = value;
-        if (const auto kind = detail::kindOf(value)) {
-            ++trip.totals[*kind].count;
-            ++eventCount;
-        }
-    }
-
-    // Permissions.cpp (upload): true when a trip may start; makes its own report otherwise.
+    // Lifecycle.cpp: true when a trip may start; makes its own report otherwise.
     bool checkLocationPermisionWhenInUse();
 
-    // Thresholds.cpp: with the outbox on, the last accepted reply is kept in its directory and
+    // DrivingInsight.cpp: with the outbox on, the last accepted reply is kept in its directory and
     // applied at start-up, so a trip started without network is still scored.
     std::filesystem::path keptBandsFile() const;  // empty when the outbox is off
     void applyKeptBands();
     void keepBands(const UserInfo& reply);
 
-    // Motion upload (upload): sends one bulk; the caller has set tripMotion.isSyncingToServer.
+    // Evaluation.cpp: a sample admitted (session samples only; null for the host's own call),
+    // recorded and its effects carried out after the lock.
+    struct SampleEffects;
+    void evaluate(const SampleAdmission* admission, std::int64_t motionId, const Vector3& attitude,
+                  const Vector3& rotationRate, const Vector3& userAcceleration,
+                  const Vector3& gravity);
+    /// Judges and records one sample; false when there is no position to record it at (Locked).
+    bool recordSampleLocked(std::int64_t motionId, const Vector3& attitude,
+                            const Vector3& rotationRate, const Vector3& userAcceleration,
+                            const Vector3& gravity, bool observed, SampleEffects& effects);
+
+    // MotionUpload.cpp: sends one bulk; the caller has set tripMotion.isSyncingToServer.
     void sendMotionDataToServer();
+    /// A bulk taken from the buffer, ready to be sent.
+    struct PendingBulk {
+        std::string motionStr;
+        std::size_t carried = 0;  // records
+        std::int64_t user = 0;
+        std::string driving;
+    };
+    PendingBulk takeBulkLocked();
+    void sendBulk(PendingBulk bulk);
     /// Where the trip stands for an upload's outcome (Locked).
     detail::UploadPhase uploadPhaseLocked() const;
     void MotionDataSynced(const Notification& notification);
@@ -120,53 +189,26 @@ struct DrivingInsight::Impl {
     /// "showMotionData": whether anybody observes it, and its reused notification.
     detail::FrequentNotification<kShowMotionDataKeys.size()> showMotionData_{"showMotionData",
                                                                              kShowMotionDataKeys};
-    RestfulCall* restfulCall_;
-    /// The gateway of a detached engine (the shared engine uses RestfulCall::sharedInstance()).
-    std::unique_ptr<RestfulCall> ownRestfulCall_;
-
-    std::int64_t bulkMotionDataSize_ = 1000;
-    std::shared_ptr<platform::MotionManager> motionManager_;
-    std::shared_ptr<platform::LocationManager> locationManager_;
-    std::shared_ptr<HistoryDataDelegate> historyDataDelegate_;
-    std::shared_ptr<DrivingInsightDelegate> drivingInsightDelegate_;
-    std::string bundleDisplayName_ = "Kestrelvue";
-    std::int64_t userID = 0;
-    kestrelvue::SummaryData summaryData;
-    std::vector<std::shared_ptr<Trip>> tripHistory;
-    std::shared_ptr<Trip> lastTrip;
-    /// The durable outbox when the host turned it on (Environment::outboxDirectory), else null.
-    std::shared_ptr<detail::Outbox> outbox_;
-    /// Deflates bulks off the sampling thread when the host wants compressed uploads and the
-    /// outbox (which deflates on its own thread) is off; null otherwise.
-    std::unique_ptr<detail::Deflater> deflater_;
-
+    detail::Network net;
+    detail::HostFields host;
     detail::Settings settings;
-    /// The settings hold the reply kept from an earlier run, not yet replaced by a download.
-    bool keptBandsApplied_ = false;
     /// The trip being recorded, or the last one until the next starts.
     detail::TripState trip;
     detail::MotionUploader uploader;
     bool isDriving = false;
-    // Evaluation state that carries over from one trip into the next.
-    int deviceOrientationGiven = 0;
-    int deviceOrientation = 0;
-    FaultTypes faultType = FaultTypes::none;
-    std::int64_t eventCount = 0;
-    kestrelvue::LaneChangingData laneChangingItems;
+    detail::Evaluator evaluator;
 
     // History.cpp, Summary.cpp
     void historyReplyArrived(platform::HttpResult result);
     void reportHistoryFailure(std::int64_t code, const std::string& title,
                               const std::string& message);
     void summaryDataReady(const Notification& notification);
-    /// Keeps a geocoder lookup until it is answered or the engine ends.
-    void keepLookup(platform::AsyncRequest lookup);
+    /// Keeps a lookup or request until it is answered or the engine ends.
+    void keep(platform::AsyncRequest request);
 
-    // Work whose completion reaches this engine. Last, so that they end first: once they are
-    // gone no completion can run, and one that was running has returned.
-    std::vector<platform::AsyncRequest> historyRequests_;  // guarded by mutex_
-    std::vector<platform::AsyncRequest> lookups_;          // guarded by mutex_
-    platform::AsyncRequest motionSession_;                 // the host's thread only
+    // Last, so that they end first: once they are gone no completion can run, and one that was
+    // running has returned.
+    detail::Requests requests;
 };
 
 }  // namespace kestrelvue

@@ -1,5 +1,7 @@
 #include "engine/EngineState.h"
 
+#include <kestrelvue/DrivingInsight.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -122,6 +124,12 @@ TripState TripState::starting(std::string drivingID, platform::TimePoint now) {
     trip.timeElapsedSinceStart = platform::DateComponents::hourMinuteSecond(now, now);
     trip.odometer.timeElapsedSinceLastLocation = trip.timeElapsedSinceStart;
     return trip;
+}
+
+double TripState::settleScore() {
+    score = calculateScore(totals, odometer.totalTraveledDistance,
+                           DrivingInsight::birKilometreKacMetre);
+    return score;
 }
 
 std::shared_ptr<Trip> TripState::record(const Environment& environment, std::int64_t userID,
@@ -300,12 +308,12 @@ void Settings::apply(const Reply& reply) {
 
 // ---- MotionUploader -----------------------------------------------------------------------------
 
-void MotionUploader::takeBulk(std::int64_t bulkSize, std::vector<MotionDataItem>& into) {
-    const auto& items = buffer.motionDataArray;
-    const std::size_t count = std::min<std::size_t>(
-        items.size(), static_cast<std::size_t>(std::max<std::int64_t>(bulkSize, 0)));
-    into.assign(items.begin(), items.begin() + static_cast<std::ptrdiff_t>(count));
+std::string MotionUploader::takeBulkText(std::int64_t bulkSize) {
+    const std::size_t count =
+        std::min<std::size_t>(buffer.motionDataArray.size(),
+                              static_cast<std::size_t>(std::max<std::int64_t>(bulkSize, 0)));
     bulkInFlight = count;
+    return buffer.bulkMotionDataToString(static_cast<std::int64_t>(count));
 }
 
 std::vector<MotionDataItem> MotionUploader::takeAllButInFlight() {

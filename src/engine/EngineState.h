@@ -5,10 +5,12 @@
 
 #include <kestrelvue/Environment.h>
 #include <kestrelvue/FaultItem.h>
+#include <kestrelvue/LaneChangingData.h>
 #include <kestrelvue/MotionData.h>
 #include <kestrelvue/Threshold.h>
 #include <kestrelvue/Trip.h>
 #include <kestrelvue/platform/Location.h>
+#include <kestrelvue/platform/TransportError.h>
 
 #include <array>
 #include <cstddef>
@@ -16,6 +18,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "engine/Detectors.h"
@@ -124,6 +127,10 @@ struct TripState {
     /// inaccurate, nothing charged.
     static TripState starting(std::string drivingID, platform::TimePoint now);
 
+    /// Settles the per-km totals into per-kilometre figures, as the record carries them, and
+    /// keeps the score they give.
+    double settleScore();
+
     /// The record the host and the service see, made at `now` for `userID`.
     std::shared_ptr<Trip> record(const Environment& environment, std::int64_t userID,
                                  platform::TimePoint now) const;
@@ -139,6 +146,8 @@ struct Settings {
     std::int64_t sharpLaneChangingDuration2 = 10;
     std::int64_t sharpLaneChangingDuration3 = 4;
     std::int64_t sharpLaneChangingDuration4 = 15;
+    /// These are the reply kept from an earlier run, not yet replaced by a download.
+    bool fromKeptReply = false;
     double distanceFilter = 50.0;          // m: fixes less accurate than this are ignored
     double distanceFilterForSpeed = 30.0;  // m: ... and not used for speed
 
@@ -185,6 +194,48 @@ struct Settings {
     }
 };
 
+/// What the detectors found in one sample: the record of what it was charged, and the rates the
+/// host is shown.
+struct Judgement {
+    FaultItem fault;
+    double corneringRate = 0, speedingRate = 0, brakingRate = 0, elevatingRate = 0;
+};
+
+/// The detectors' state, which carries over from one sample into the next and from one trip into
+/// the next: the orientation, the last finding, the count of events and the lane-change machine.
+struct Evaluator {
+    int deviceOrientationGiven = 0;  // as the device reports it
+    int deviceOrientation = 0;       // as the engine reads it from the pitch
+    FaultTypes faultType = FaultTypes::none;
+    std::int64_t eventCount = 0;
+    LaneChangingData laneChangingItems;
+
+    /// Stores the finding and counts it in its kind's total and in eventCount; `none` is stored,
+    /// not counted. Inline: four times a sample.
+    void setFaultType(FaultTypes value, PenaltyTotals& totals) {
+        faultType = value;
+        if (const auto kind = kindOf(value)) {
+            ++totals[*kind].count;
+            ++eventCount;
+        }
+    }
+
+    /// Every detector looks at the sample; each finding is counted and, with a direction, charged
+    /// to its kind in `totals`. The last finding stays as the fault type.
+    Judgement judge(const Vector3& rotationRate, const Vector3& userAcceleration,
+                    const Settings& settings, PenaltyTotals& totals);
+};
+
+/// {"UserID":..,"DrivingGuid":"..","MotionStr":"..","AppVersion":".." or null}, compact, written by
+/// hand: one bulk text is ~300 KB and a general writer would build a dynamic value around it
+/// first. nullopt when a text is not valid UTF-8 (the body would not be JSON).
+std::optional<std::string> writeMotionDataBody(std::int64_t userID, std::string_view drivingGuid,
+                                               std::string_view motionStr,
+                                               const std::optional<std::string>& appVersion);
+
+/// The transport error as an optional value: Optional(Error Domain=.. Code=.. "..") or nil.
+std::string describeOptionalError(const std::optional<TransportError>& error);
+
 /// Where the trip stands when an upload's outcome arrives.
 struct UploadPhase {
     bool outbox = false;    // the durable outbox took the stopped trip whole
@@ -207,9 +258,10 @@ struct MotionUploader {
         buffer.isSyncingToServer = true;
         return true;
     }
-    /// Copies the next bulk (the oldest `bulkSize` records, all there are when fewer) into
-    /// `into` and marks it in flight; the records stay until confirmed.
-    void takeBulk(std::int64_t bulkSize, std::vector<MotionDataItem>& into);
+    /// The text of the next bulk (the oldest `bulkSize` records, all there are when fewer),
+    /// written from the buffer in place; the bulk is marked in flight and its records stay until
+    /// confirmed.
+    std::string takeBulkText(std::int64_t bulkSize);
     /// Hands over what is not in flight (the outbox takes a stopped trip whole).
     std::vector<MotionDataItem> takeAllButInFlight();
 

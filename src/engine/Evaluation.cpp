@@ -6,6 +6,7 @@
 
 #include "engine/Detectors.h"
 #include "engine/EngineImpl.h"
+#include "net/Url.h"
 
 namespace kestrelvue {
 
@@ -97,102 +98,151 @@ void fill(const std::array<Value*, kShowMotionDataKeys.size()>& entries,
 
 }  // namespace
 
+detail::Judgement detail::Evaluator::judge(const Vector3& rotationRate,
+                                           const Vector3& userAcceleration,
+                                           const Settings& settings, PenaltyTotals& totals) {
+    const int orientation = deviceOrientation;
+    const double ui = settings.updateInterval;
+
+    const Finding cornering =
+        checkSharpCornering(orientation, userAcceleration, settings.level(EventKind::cornering));
+    const Finding elevating = checkSharpElevating(orientation, rotationRate, userAcceleration,
+                                                  settings.level(EventKind::elevating));
+    const SpeedingFinding speeding =
+        checkSharpSpeeding(orientation, userAcceleration, settings.level(EventKind::speeding),
+                           settings.level(EventKind::braking));
+    const double fuelRate =
+        checkFuelEfficiency(orientation, userAcceleration, settings.fuelEfficiencyLevel);
+    const Finding lane =
+        checkSharpLaneChanging(laneChangingItems, orientation, rotationRate.z,
+                               settings.laneChange(), settings.level(EventKind::laneChanging));
+
+    const Finding speedingOrBraking{
+        speeding.finding,
+        speeding.finding == FaultTypes::sharpBraking ? speeding.brakingRate : speeding.speedingRate,
+        speeding.impact, speeding.isPerKM};
+    const Finding* const findings[] = {&cornering, &elevating, &speedingOrBraking, &lane};
+    Judgement judged{
+        {}, cornering.rate, speeding.speedingRate, speeding.brakingRate, elevating.rate};
+    FaultItem& fault = judged.fault;  // the sample's record of what it was charged
+    for (const Finding* f : findings) {
+        setFaultType(f->finding, totals);
+        const auto kind = kindOf(f->finding);
+        if (!kind) continue;
+        const FaultFields& field = kFaultFields[static_cast<std::size_t>(*kind)];
+        fault.*field.direction = directionCharacter(f->finding);
+        charge(f->rate * f->impact * ui, f->isPerKM, totals[*kind], fault.*field.penalty,
+               fault.*field.perKM);
+    }
+    if (fuelRate > 0) {
+        fault.fuelEfficiencyPenaltyPerKM = fuelRate * ui;
+        totals.fuelEfficiencyPenaltyPerKM += fault.fuelEfficiencyPenaltyPerKM;
+    }
+    return judged;
+}
+
+// What a recorded sample leaves to do once the lock is released.
+struct DrivingInsight::Impl::SampleEffects {
+    ShowMotionData show;  // filled only when observed
+    std::optional<platform::Location> geocodeStart;
+    bool startUpload = false;
+    std::optional<PendingBulk> bulk;  // taken with the sample when a bulk is full
+    std::string weatherURL;
+};
+
 void DrivingInsight::Impl::evaluateActionForDrivingScore(std::int64_t motionId,
                                                          const Vector3& attitude,
                                                          const Vector3& rotationRate,
                                                          const Vector3& userAcceleration,
                                                          const Vector3& gravity) {
-    // Decide under the lock, report after it: observers and the upload may call back in.
+    evaluate(nullptr, motionId, attitude, rotationRate, userAcceleration, gravity);
+}
+
+void DrivingInsight::Impl::evaluate(const SampleAdmission* admission, std::int64_t motionId,
+                                    const Vector3& attitude, const Vector3& rotationRate,
+                                    const Vector3& userAcceleration, const Vector3& gravity) {
+    // Decide under the lock, report after it: observers and the upload may call back in. A
+    // session's sample is admitted, recorded and, when it fills a bulk, the bulk taken, all
+    // under one lock.
     const bool observed = showMotionData_.observed(center_);
-    ShowMotionData show;  // filled only when observed
-    std::optional<platform::Location> geocodeStart;
-    bool startUpload = false;
+    SampleEffects effects;
+    SampleGate gate = SampleGate::admitted;
+    bool recorded = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        // Without a position there is nothing to record or to send: the sample is skipped
-        // whole (no detector runs, the lane-change state does not move).
-        if (!trip.odometer.currentLocation) return;
-        const platform::Location& here = *trip.odometer.currentLocation;
-        const double speedAtSample = trip.odometer.currentSpeed;
-        trip.endLocation = here;
-        if (motionId == 1) {
-            trip.startLocation = here;
-            if (!trip.startAnnotation) trip.startAnnotation = std::make_shared<platform::MapPin>();
-            trip.startAnnotation->coordinate = here.coordinate;
-            trip.startAnnotation->subtitle = "Başlangıç";
-            trip.startDateTime = env_.clock->now();
-            geocodeStart = here;
-        }
+        if (admission) gate = admitSampleLocked(*admission, attitude, motionId);
+        if (gate == SampleGate::admitted)
+            recorded = recordSampleLocked(motionId, attitude, rotationRate, userAcceleration,
+                                          gravity, observed, effects);
+    }
+    if (gate == SampleGate::noPosition) {
+        endForLackOfPosition();
+        return;
+    }
+    if (!recorded) return;
 
-        const int orientation = deviceOrientation;
-        const double ui = settings.updateInterval;
+    if (effects.geocodeStart) geocodeStartAddress(*effects.geocodeStart);
 
-        // Every detector looks at the sample; each finding is counted and, with a direction,
-        // charged to its kind. The last finding stays as the engine's fault type.
-        const detail::Finding cornering = detail::checkSharpCornering(
-            orientation, userAcceleration, settings.level(detail::EventKind::cornering));
-        const detail::Finding elevating =
-            detail::checkSharpElevating(orientation, rotationRate, userAcceleration,
-                                        settings.level(detail::EventKind::elevating));
-        const detail::SpeedingFinding speeding = detail::checkSharpSpeeding(
-            orientation, userAcceleration, settings.level(detail::EventKind::speeding),
-            settings.level(detail::EventKind::braking));
-        const double fuelRate = detail::checkFuelEfficiency(orientation, userAcceleration,
-                                                            settings.fuelEfficiencyLevel);
-        const detail::Finding lane = detail::checkSharpLaneChanging(
-            laneChangingItems, orientation, rotationRate.z, settings.laneChange(),
-            settings.level(detail::EventKind::laneChanging));
+    if (observed)
+        showMotionData_.post(center_, &self_, [&](const auto& e) { fill(e, effects.show); });
 
-        const detail::Finding speedingOrBraking{speeding.finding,
-                                                speeding.finding == FaultTypes::sharpBraking
-                                                    ? speeding.brakingRate
-                                                    : speeding.speedingRate,
-                                                speeding.impact, speeding.isPerKM};
-        const detail::Finding* const findings[] = {&cornering, &elevating, &speedingOrBraking,
-                                                   &lane};
-        FaultItem fault;  // the sample's record of what it was charged
-        for (const detail::Finding* f : findings) {
-            setFaultType(f->finding);
-            const auto kind = detail::kindOf(f->finding);
-            if (!kind) continue;
-            const FaultFields& field = kFaultFields[static_cast<std::size_t>(*kind)];
-            fault.*field.direction = directionCharacter(f->finding);
-            charge(f->rate * f->impact * ui, f->isPerKM, trip.totals[*kind], fault.*field.penalty,
-                   fault.*field.perKM);
-        }
-        if (fuelRate > 0) {
-            fault.fuelEfficiencyPenaltyPerKM = fuelRate * ui;
-            trip.totals.fuelEfficiencyPenaltyPerKM += fault.fuelEfficiencyPenaltyPerKM;
-        }
+    if (effects.startUpload) {
+        if (effects.bulk)
+            sendBulk(std::move(*effects.bulk));
+        else
+            sendMotionDataToServer();  // reports the bad address
+        requestWeather(effects.weatherURL);
+    }
+}
 
-        uploader.buffer.motionDataArray.emplace_back(
-            motionId, userAcceleration, rotationRate, attitude, gravity, here, fault,
-            env_.clock->now(), deviceOrientationGiven, orientation, speedAtSample);
-
-        if (observed) {
-            show = {cornering.rate,
-                    speeding.speedingRate,
-                    speeding.brakingRate,
-                    elevating.rate,
-                    trip.odometer.currentSpeed,
-                    here.speed * birSaatKacSaniye / birKilometreKacMetre,
-                    trip.odometer.totalTraveledDistance / birKilometreKacMetre,
-                    trip.timeElapsedSinceStart,
-                    orientation,
-                    motionId};
-        }
-
-        startUpload = uploader.startWhenFull(bulkMotionDataSize_);
+bool DrivingInsight::Impl::recordSampleLocked(std::int64_t motionId, const Vector3& attitude,
+                                              const Vector3& rotationRate,
+                                              const Vector3& userAcceleration,
+                                              const Vector3& gravity, bool observed,
+                                              SampleEffects& effects) {
+    // Without a position there is nothing to record or to send: the sample is skipped
+    // whole (no detector runs, the lane-change state does not move).
+    if (!trip.odometer.currentLocation) return false;
+    const platform::Location& here = *trip.odometer.currentLocation;
+    const double speedAtSample = trip.odometer.currentSpeed;
+    trip.endLocation = here;
+    if (motionId == 1) {
+        trip.startLocation = here;
+        if (!trip.startAnnotation) trip.startAnnotation = std::make_shared<platform::MapPin>();
+        trip.startAnnotation->coordinate = here.coordinate;
+        trip.startAnnotation->subtitle = "Başlangıç";
+        trip.startDateTime = env_.clock->now();
+        effects.geocodeStart = here;
     }
 
-    if (geocodeStart) geocodeStartAddress(*geocodeStart);
+    const int orientation = evaluator.deviceOrientation;
+    const detail::Judgement judged =
+        evaluator.judge(rotationRate, userAcceleration, settings, trip.totals);
+    const FaultItem& fault = judged.fault;
 
-    if (observed) showMotionData_.post(center_, &self_, [&](const auto& e) { fill(e, show); });
+    uploader.buffer.motionDataArray.emplace_back(
+        motionId, userAcceleration, rotationRate, attitude, gravity, here, fault, env_.clock->now(),
+        evaluator.deviceOrientationGiven, orientation, speedAtSample);
 
-    if (startUpload) {
-        sendMotionDataToServer();
-        requestWeather();
+    if (observed) {
+        effects.show = {judged.corneringRate,
+                        judged.speedingRate,
+                        judged.brakingRate,
+                        judged.elevatingRate,
+                        trip.odometer.currentSpeed,
+                        here.speed * birSaatKacSaniye / birKilometreKacMetre,
+                        trip.odometer.totalTraveledDistance / birKilometreKacMetre,
+                        trip.timeElapsedSinceStart,
+                        orientation,
+                        motionId};
     }
+
+    effects.startUpload = uploader.startWhenFull(host.bulkMotionDataSize);
+    if (effects.startUpload) {
+        if (parseUrl(urls.addMotionDataURL)) effects.bulk = takeBulkLocked();
+        effects.weatherURL = weatherURLLocked();
+    }
+    return true;
 }
 
 }  // namespace kestrelvue

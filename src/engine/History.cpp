@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "engine/EngineImpl.h"
+#include "net/HttpReply.h"
 #include "net/Url.h"
 #include "records/HistoryReply.h"
 
@@ -15,7 +16,7 @@ void DrivingInsight::Impl::getTripHistory() {
     std::string address;
     {
         std::lock_guard lock(mutex_);
-        address = getDrivingDataURL + "/" + std::to_string(userID);
+        address = urls.getDrivingDataURL + "/" + std::to_string(host.userID);
     }
     if (!parseUrl(address)) {
         // The history is left as it was: nothing was asked.
@@ -28,40 +29,38 @@ void DrivingInsight::Impl::getTripHistory() {
     {
         // Emptied now, before anything is sent; lastTrip stays.
         std::lock_guard lock(mutex_);
-        tripHistory.clear();
+        host.tripHistory.clear();
     }
     platform::AsyncRequest pending = env_.http->send(
         std::move(request), [this](platform::HttpResult r) { historyReplyArrived(std::move(r)); });
-    // Kept until the engine ends (answered ones are let go as new ones start): overlapping
-    // requests each deliver their reply.
-    std::lock_guard lock(mutex_);
-    std::erase_if(historyRequests_, [](const platform::AsyncRequest& r) { return r.finished(); });
-    historyRequests_.push_back(std::move(pending));
+    // Overlapping requests each deliver their reply.
+    keep(std::move(pending));
 }
 
 void DrivingInsight::Impl::historyReplyArrived(platform::HttpResult result) {
     static constexpr const char* kConnectionTitle = "Sistem Bağlantı Hatası";
-    if (result.error && result.error->code == platform::kTransportBodyTooLarge) {
+    const detail::HttpReply http = detail::classify(result);
+    if (http.error && http.error->code == platform::kTransportBodyTooLarge) {
         // Refused for its size like a body the reader refuses: the same report.
         reportHistoryFailure(1012, kConnectionTitle,
-                             "Sürüş Tarihçesi Alınamıyor. " + result.error->description);
+                             "Sürüş Tarihçesi Alınamıyor. " + http.error->description);
         return;
     }
-    if (!result.response || result.error) {
+    if (http.transportFailed()) {
         reportHistoryFailure(1011, kConnectionTitle, "Sürüş Tarihçesi Alınamıyor");
         return;
     }
-    if (result.response->statusCode != 200) {
-        reportHistoryFailure(1010, kConnectionTitle,
-                             "Sürüş Geçmişi Alınamıyor. Response Code:" +
-                                 std::to_string(result.response->statusCode));
+    if (http.kind == detail::HttpReply::Kind::status) {
+        reportHistoryFailure(
+            1010, kConnectionTitle,
+            "Sürüş Geçmişi Alınamıyor. Response Code:" + std::to_string(http.status));
         return;
     }
-    if (!result.body) return;  // status 200 without a body: nothing to report
+    if (!http.body) return;  // status 200 without a body: nothing to report
 
     // Read outside the lock: a large reply takes milliseconds, and the records are nobody
     // else's until they are appended below.
-    detail::HistoryReply reply = detail::readHistoryReply(*result.body, env_);
+    detail::HistoryReply reply = detail::readHistoryReply(*http.body, env_);
     if (!reply.ok) {
         // Valid JSON of the wrong shape is rejected whole like text that is not JSON, so the
         // history never holds part of a reply.
@@ -72,13 +71,13 @@ void DrivingInsight::Impl::historyReplyArrived(platform::HttpResult result) {
     std::shared_ptr<HistoryDataDelegate> delegate;
     {
         std::lock_guard lock(mutex_);
-        tripHistory.reserve(tripHistory.size() + reply.trips.size());
+        host.tripHistory.reserve(host.tripHistory.size() + reply.trips.size());
         for (auto& record : reply.trips) {
-            lastTrip = record;
-            tripHistory.push_back(std::move(record));
+            host.lastTrip = record;
+            host.tripHistory.push_back(std::move(record));
         }
-        history = tripHistory;
-        delegate = historyDataDelegate_;
+        history = host.tripHistory;
+        delegate = host.historyDataDelegate;
     }
     if (delegate) delegate->historyDataDidReceive(history);
 }
@@ -88,7 +87,7 @@ void DrivingInsight::Impl::reportHistoryFailure(std::int64_t code, const std::st
     std::shared_ptr<HistoryDataDelegate> delegate;
     {
         std::lock_guard lock(mutex_);
-        delegate = historyDataDelegate_;
+        delegate = host.historyDataDelegate;
     }
     if (delegate) delegate->historyDataReceiveDidFail(code, title, message);
 }

@@ -1,11 +1,14 @@
-// Starting, sampling, stopping and completing a trip.
+// Starting, sampling, stopping and completing a trip: the location fixes it moves on and the
+// permission check its start asks.
 
+#include <kestrelvue/platform/Alert.h>
 #include <kestrelvue/platform/Application.h>
 #include <kestrelvue/platform/Device.h>
 #include <kestrelvue/platform/Geocoder.h>
 #include <kestrelvue/platform/LocationManager.h>
 #include <kestrelvue/platform/MotionManager.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 
@@ -48,7 +51,7 @@ bool DrivingInsight::Impl::startTrip() {
     std::shared_ptr<platform::MotionManager> motion;
     {
         std::lock_guard lock(mutex_);
-        motion = motionManager_;
+        motion = host.motionManager;
     }
     if (!motion || !motion->isDeviceMotionAvailable()) {
         if (auto delegate = delegateSnapshot())
@@ -69,7 +72,7 @@ bool DrivingInsight::Impl::startTrip() {
             detail::TripState::starting(env_.ids->makeUuid(), env_.clock->now());
         next.endDateTime = trip.endDateTime;
         trip = std::move(next);
-        location = locationManager_;
+        location = host.locationManager;
         interval = settings.updateInterval;
     }
 
@@ -85,7 +88,7 @@ bool DrivingInsight::Impl::startTrip() {
         isDriving = true;
     }
     // The session's handle ends with the engine: no sample reaches it afterwards.
-    motionSession_ = motion->startDeviceMotionUpdates(
+    requests.motionSession = motion->startDeviceMotionUpdates(
         platform::AttitudeReferenceFrame::xArbitraryZVertical, env_.mainQueue,
         [this, counter](const std::optional<platform::DeviceMotion>& sample,
                         const std::optional<platform::MotionError>&) {
@@ -97,40 +100,40 @@ bool DrivingInsight::Impl::startTrip() {
 void DrivingInsight::Impl::handleMotionSample(const std::shared_ptr<std::int64_t>& counter,
                                               const std::optional<platform::DeviceMotion>& motion) {
     if (!motion) return;
-    const int given = static_cast<int>(env_.device->orientation());
-    std::int64_t motionId = 0;
-    bool timedOut = false;
-    {
-        std::lock_guard lock(mutex_);
-        if (!isDriving) return;
-        const platform::TimePoint now = env_.clock->now();
-        const platform::TimePoint start = trip.startDateTime.value_or(now);
-        if (!hasPosition(trip.odometer.currentLocation)) {
-            if (platform::DateComponents::secondOnly(start, now).second < kNoPositionTimeoutSeconds)
-                return;  // no position yet: the sample is dropped
-            timedOut = true;
-        } else {
-            deviceOrientation = getDeviceOrientation(motion->attitude);
-            deviceOrientationGiven = given;
-            trip.timeElapsedSinceStart = platform::DateComponents::hourMinuteSecond(start, now);
-            trip.hoursElapsedSinceStart =
-                static_cast<double>(trip.timeElapsedSinceStart->hour) +
-                static_cast<double>(trip.timeElapsedSinceStart->minute) / birSaatKacDakika +
-                static_cast<double>(trip.timeElapsedSinceStart->second) / birSaatKacSaniye;
-            motionId = ++*counter;
-        }
+    // Read before the lock: the device is the host's and may take its own.
+    const SampleAdmission admission{counter.get(), static_cast<int>(env_.device->orientation())};
+    evaluate(&admission, 0, motion->attitude, motion->rotationRate, motion->userAcceleration,
+             motion->gravity);
+}
+
+DrivingInsight::Impl::SampleGate DrivingInsight::Impl::admitSampleLocked(
+    const SampleAdmission& admission, const Vector3& attitude, std::int64_t& motionId) {
+    if (!isDriving) return SampleGate::dropped;
+    const platform::TimePoint now = env_.clock->now();
+    const platform::TimePoint start = trip.startDateTime.value_or(now);
+    if (!hasPosition(trip.odometer.currentLocation)) {
+        if (platform::DateComponents::secondOnly(start, now).second < kNoPositionTimeoutSeconds)
+            return SampleGate::dropped;  // no position yet: the sample is dropped
+        return SampleGate::noPosition;
     }
-    if (timedOut) {
-        stopTrip();
-        if (auto delegate = delegateSnapshot())
-            delegate->tripDidFail(kErrorCode, "Sürüş Sonlandırılıyor",
-                                  "Konum bilgisi alınamadığı için Sürüş Başlatılamıyor. Daha sonra "
-                                  "tekrar deneyiniz",
-                                  nullptr);
-        return;
-    }
-    evaluateActionForDrivingScore(motionId, motion->attitude, motion->rotationRate,
-                                  motion->userAcceleration, motion->gravity);
+    evaluator.deviceOrientation = getDeviceOrientation(attitude);
+    evaluator.deviceOrientationGiven = admission.givenOrientation;
+    trip.timeElapsedSinceStart = platform::DateComponents::hourMinuteSecond(start, now);
+    trip.hoursElapsedSinceStart =
+        static_cast<double>(trip.timeElapsedSinceStart->hour) +
+        static_cast<double>(trip.timeElapsedSinceStart->minute) / birSaatKacDakika +
+        static_cast<double>(trip.timeElapsedSinceStart->second) / birSaatKacSaniye;
+    motionId = ++*admission.counter;
+    return SampleGate::admitted;
+}
+
+void DrivingInsight::Impl::endForLackOfPosition() {
+    stopTrip();
+    if (auto delegate = delegateSnapshot())
+        delegate->tripDidFail(kErrorCode, "Sürüş Sonlandırılıyor",
+                              "Konum bilgisi alınamadığı için Sürüş Başlatılamıyor. Daha sonra "
+                              "tekrar deneyiniz",
+                              nullptr);
 }
 
 void DrivingInsight::Impl::stopTrip() {
@@ -142,8 +145,8 @@ void DrivingInsight::Impl::stopTrip() {
         std::lock_guard lock(mutex_);
         isDriving = false;
         trip.endDateTime = env_.clock->now();
-        motion = motionManager_;
-        location = locationManager_;
+        motion = host.motionManager;
+        location = host.locationManager;
         end = trip.endLocation;
         startKnown = hasPosition(trip.startLocation);
     }
@@ -158,7 +161,7 @@ void DrivingInsight::Impl::stopTrip() {
             trip.endAnnotation->coordinate = end->coordinate;
             trip.endAnnotation->subtitle = "Bitiş";
         }
-        keepLookup(env_.geocoder->reverseGeocodeLocation(
+        keep(env_.geocoder->reverseGeocodeLocation(
             *end, [this](const std::optional<std::vector<platform::Placemark>>& placemarks,
                          const std::optional<platform::GeocodeError>& error) {
                 {
@@ -190,7 +193,7 @@ void DrivingInsight::Impl::stopTrip() {
 }
 
 void DrivingInsight::Impl::geocodeStartAddress(const platform::Location& location) {
-    keepLookup(env_.geocoder->reverseGeocodeLocation(
+    keep(env_.geocoder->reverseGeocodeLocation(
         location, [this](const std::optional<std::vector<platform::Placemark>>& placemarks,
                          const std::optional<platform::GeocodeError>& error) {
             std::lock_guard lock(mutex_);
@@ -201,29 +204,26 @@ void DrivingInsight::Impl::geocodeStartAddress(const platform::Location& locatio
         }));
 }
 
-void DrivingInsight::Impl::keepLookup(platform::AsyncRequest lookup) {
-    // Answered lookups are let go as new ones start; the rest end with the engine.
+void DrivingInsight::Impl::keep(platform::AsyncRequest request) {
     std::lock_guard lock(mutex_);
-    std::erase_if(lookups_, [](const platform::AsyncRequest& r) { return r.finished(); });
-    lookups_.push_back(std::move(lookup));
+    requests.keep(std::move(request));
 }
 
-void DrivingInsight::Impl::requestWeather() {
-    std::string url;
-    {
-        std::lock_guard lock(mutex_);
-        const platform::Coordinate at = trip.odometer.currentLocation
-                                            ? trip.odometer.currentLocation->coordinate
-                                            : platform::Coordinate{};
-        url = getWeatherInfoURL + "/" + std::to_string(userID) +
-              "?latitude=" + platform::shortestDecimalText(at.latitude) +
-              "&longitude=" + platform::shortestDecimalText(at.longitude);
-    }
-    restfulCall_->Get(url, "getWeatherInfo", false);
+std::string DrivingInsight::Impl::weatherURLLocked() const {
+    const platform::Coordinate at = trip.odometer.currentLocation
+                                        ? trip.odometer.currentLocation->coordinate
+                                        : platform::Coordinate{};
+    return urls.getWeatherInfoURL + "/" + std::to_string(host.userID) +
+           "?latitude=" + platform::shortestDecimalText(at.latitude) +
+           "&longitude=" + platform::shortestDecimalText(at.longitude);
+}
+
+void DrivingInsight::Impl::requestWeather(const std::string& url) {
+    net.call->Get(url, "getWeatherInfo", false);
 }
 
 void DrivingInsight::Impl::tripStoppedEndAnnotationSetted(const Notification&) {
-    if (outbox_) {
+    if (net.outbox) {
         handOverStoppedTrip();
         return;
     }
@@ -244,10 +244,10 @@ void DrivingInsight::Impl::completeStoppedTrip() {
     {
         std::lock_guard lock(mutex_);
         if (trip.endLocationStr.empty()) return;
-        trip.score = calculateScore();
+        trip.settleScore();
         const platform::TimePoint now = env_.clock->now();
-        lastTrip = trip.record(env_, userID, now);
-        tripHistory.push_back(trip.record(env_, userID, now));
+        host.lastTrip = trip.record(env_, host.userID, now);
+        host.tripHistory.push_back(trip.record(env_, host.userID, now));
         if (!settings.hasBands()) unscored = trip.drivingID;
     }
     // Without any band no event is charged, and the score of 100 says nothing: the host hears
@@ -258,6 +258,104 @@ void DrivingInsight::Impl::completeStoppedTrip() {
 
 void DrivingInsight::Impl::tripEndedSuccessfully(const Notification&) {
     CurrentTrip()->saveToServer();
+}
+
+}  // namespace kestrelvue
+
+// ---- Location fixes
+// ------------------------------------------------------------------------------ Location fixes:
+// which one the engine keeps, and the distance and speed between two of them.
+
+namespace kestrelvue {
+
+void DrivingInsight::Impl::didUpdateLocations(const std::vector<platform::Location>& locations) {
+    const platform::TimePoint now = env_.clock->now();
+    std::string weather;  // the weather's address, while the trip has no temperature
+    std::shared_ptr<platform::MotionManager> motion;
+    {
+        std::lock_guard lock(mutex_);
+        if (!isDriving) return;
+        motion = host.motionManager;
+        if (const platform::Location* best =
+                trip.odometer.select(locations, now, settings.distanceFilter))
+            trip.odometer.moveTo(*best, settings.distanceFilterForSpeed);
+        if (!trip.temperature) weather = weatherURLLocked();
+    }
+    if (motion) motion->locationsDidUpdate(locations);
+    if (!weather.empty()) requestWeather(weather);
+}
+
+}  // namespace kestrelvue
+
+// ---- Permission check
+// ---------------------------------------------------------------------------- The location
+// permission check that a trip start asks, with the alerts handed to the host.
+
+namespace kestrelvue {
+namespace {
+
+// Two buttons: one that opens this application's page in the device settings, one that only
+// closes the alert.
+std::shared_ptr<platform::Alert> makePermissionAlert(
+    std::string title, std::string message, std::string settingsTitle,
+    std::shared_ptr<platform::Application> application) {
+    auto alert = std::make_shared<platform::Alert>();
+    alert->title = std::move(title);
+    alert->message = std::move(message);
+    alert->preferredStyle = platform::Alert::Style::alert;
+    alert->actions.push_back(
+        platform::AlertAction{std::move(settingsTitle), platform::AlertAction::Style::defaultStyle,
+                              [application = std::move(application)] {
+                                  const std::string settings = application->openSettingsURLString();
+                                  // Without a settings address the button does nothing.
+                                  if (!settings.empty()) application->openURL(settings);
+                              }});
+    alert->actions.push_back(
+        platform::AlertAction{"Vazgeç", platform::AlertAction::Style::cancel, nullptr});
+    return alert;
+}
+
+}  // namespace
+
+bool DrivingInsight::Impl::checkLocationPermisionWhenInUse() {
+    std::shared_ptr<platform::LocationManager> manager;
+    std::string displayName;
+    {
+        std::lock_guard lock(mutex_);
+        manager = host.locationManager;
+        displayName = host.bundleDisplayName;
+    }
+
+    std::shared_ptr<platform::Alert> alert;
+    bool allowed = false;
+    // An engine without a location manager cannot locate at all: treated as services off.
+    if (!manager || !manager->locationServicesEnabled()) {
+        alert = makePermissionAlert("Konum Servisleri Kapalı",
+                                    "Sürüş başlatabilmek için Konum Servislerini açarak " +
+                                        displayName + " uygulamasına izin veriniz",
+                                    "Ayarlara Git", env_.application);
+    } else {
+        auto status = manager->authorizationStatus();
+        if (status == platform::AuthorizationStatus::notDetermined) {
+            // The answer comes later; the host starts the trip again once the user has answered.
+            manager->requestWhenInUseAuthorization();
+        } else if (status == platform::AuthorizationStatus::restricted ||
+                   status == platform::AuthorizationStatus::denied) {
+            alert = makePermissionAlert("Konum Erişim Yetkisi Bulunmuyor",
+                                        "Sürüş başlatabilmek için Konum Servisleri'nden " +
+                                            displayName + " uygulamasına izin veriniz",
+                                        "Ayarlara  Git", env_.application);
+        }
+        allowed = status == platform::AuthorizationStatus::authorizedWhenInUse ||
+                  status == platform::AuthorizationStatus::authorizedAlways;
+    }
+
+    if (alert) {
+        if (auto delegate = delegateSnapshot())
+            delegate->tripDidFail(1000, alert->title, alert->message, alert);
+        return false;
+    }
+    return allowed;
 }
 
 }  // namespace kestrelvue

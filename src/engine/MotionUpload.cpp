@@ -5,10 +5,12 @@
 #include <utility>
 
 #include "core/Json.h"
+#include "core/Locked.h"
 #include "engine/EngineImpl.h"
-#include "engine/MotionUploadBody.h"
+#include "engine/EngineState.h"
 #include "net/EncodedUpload.h"
 #include "net/Gzip.h"
+#include "net/HttpReply.h"
 #include "net/Outbox.h"
 #include "net/Url.h"
 
@@ -38,41 +40,29 @@ UserInfo errorInfo(std::string text) {
 }  // namespace
 
 void DrivingInsight::Impl::sendMotionDataToServer() {
-    if (!parseUrl(addMotionDataURL)) {
+    if (!parseUrl(urls.addMotionDataURL)) {
         center_.post(kMotionDataSyncFailed, &self_, errorInfo("Error Code:1004 Bad URL"));
         return;
     }
+    sendBulk(detail::withLock(mutex_, [this] { return takeBulkLocked(); }));
+}
 
-    // Copy the bulk's records under the lock and format them after releasing it, so the host's
-    // appends never wait for a bulk being written. The records stay in the buffer until the
-    // service confirms them.
-    MotionData bulk;
-    {
-        // Allocate outside the lock; only the copy itself runs under it.
-        std::size_t expected = 0;
-        {
-            std::lock_guard lock(mutex_);
-            expected = std::min<std::size_t>(
-                uploader.buffer.motionDataArray.size(),
-                static_cast<std::size_t>(std::max<std::int64_t>(bulkMotionDataSize_, 0)));
-        }
-        bulk.motionDataArray.reserve(expected);
-    }
-    std::int64_t user = 0;
-    std::string driving;
-    std::size_t carried = 0;
-    {
-        std::lock_guard lock(mutex_);
-        uploader.takeBulk(bulkMotionDataSize_, bulk.motionDataArray);
-        carried = bulk.motionDataArray.size();
-        user = userID;
-        driving = trip.drivingID;
-    }
-    const std::string motionStr =
-        bulk.bulkMotionDataToString(static_cast<std::int64_t>(bulk.motionDataArray.size()));
-    bulk = MotionData{};
+DrivingInsight::Impl::PendingBulk DrivingInsight::Impl::takeBulkLocked() {
+    // The text is written straight from the buffer's records, with no copy of them: a bulk is
+    // taken once per thousand samples and its text takes a fraction of a sample's interval.
+    // The records stay in the buffer until the service confirms them.
+    PendingBulk bulk;
+    bulk.motionStr = uploader.takeBulkText(host.bulkMotionDataSize);
+    bulk.carried = uploader.bulkInFlight.value_or(0);
+    bulk.user = host.userID;
+    bulk.driving = trip.drivingID;
+    return bulk;
+}
 
-    auto body = detail::writeMotionDataBody(user, driving, motionStr, appVersionOf(env_));
+void DrivingInsight::Impl::sendBulk(PendingBulk bulk) {
+    const std::size_t carried = bulk.carried;
+    auto body =
+        detail::writeMotionDataBody(bulk.user, bulk.driving, bulk.motionStr, appVersionOf(env_));
     if (!body) {
         center_.post(kMotionDataSyncFailed, &self_,
                      errorInfo("Error Code:1005 JSON Serialization Fail"));
@@ -80,7 +70,7 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
     }
 
     platform::HttpRequest request;
-    request.url = addMotionDataURL;
+    request.url = urls.addMotionDataURL;
     request.method = "POST";
     request.setValue("application/json", "Content-Type");
     request.setValue("application/json", "Accept");
@@ -91,19 +81,21 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
     // the engine) hear it.
     auto completion = [center = center_.shared_from_this(),
                        sender = static_cast<const void*>(&self_)](platform::HttpResult result) {
-        if (!result.response) {
+        // The response decides; the transport's error only describes a missing one.
+        const detail::HttpReply reply = detail::classify(result);
+        if (reply.kind == detail::HttpReply::Kind::noResponse) {
             center->post(kMotionDataSyncFailed, sender,
                          errorInfo("Error Code:1007 Bad HTTPURLResponse - " +
                                    detail::describeOptionalError(result.error)));
-        } else if (result.response->statusCode == 200) {
+        } else if (reply.kind == detail::HttpReply::Kind::ok) {
             center->post(kMotionDataSynced, sender);
         } else {
-            center->post(kMotionDataSyncFailed, sender,
-                         errorInfo("Error Code:1006 Response Code:" +
-                                   std::to_string(result.response->statusCode)));
+            center->post(
+                kMotionDataSyncFailed, sender,
+                errorInfo("Error Code:1006 Response Code:" + std::to_string(reply.status)));
         }
     };
-    if (outbox_) {
+    if (net.outbox) {
         // Written to the store first; the outbox reports this first try as the client would.
         platform::OutboxEntry entry;
         entry.kind = platform::OutboxKind::motion;
@@ -112,13 +104,13 @@ void DrivingInsight::Impl::sendMotionDataToServer() {
         entry.body = std::move(*request.body);
         std::vector<platform::OutboxEntry> entries;
         entries.push_back(std::move(entry));
-        outbox_->submit(std::move(entries), std::move(completion));
+        net.outbox->submit(std::move(entries), std::move(completion));
         return;
     }
-    if (deflater_) {
+    if (net.deflater) {
         // Deflated on the deflater's thread: a bulk is ~300 KB and this may be the host's.
-        deflater_->post([http = env_.http, request = std::move(request),
-                         completion = std::move(completion)]() mutable {
+        net.deflater->post([http = env_.http, request = std::move(request),
+                            completion = std::move(completion)]() mutable {
             if (detail::compressFor(true, request.url)) {
                 if (auto packed = detail::gzip(*request.body)) request.body = std::move(*packed);
             }
@@ -138,9 +130,9 @@ void DrivingInsight::Impl::handOverStoppedTrip() {
     {
         std::lock_guard lock(mutex_);
         records = uploader.takeAllButInFlight();
-        user = userID;
+        user = host.userID;
         driving = trip.drivingID;
-        bulkSize = static_cast<std::size_t>(std::max<std::int64_t>(bulkMotionDataSize_, 1));
+        bulkSize = static_cast<std::size_t>(std::max<std::int64_t>(host.bulkMotionDataSize, 1));
     }
     std::vector<platform::OutboxEntry> entries;
     const auto appVersion = appVersionOf(env_);
@@ -155,16 +147,16 @@ void DrivingInsight::Impl::handOverStoppedTrip() {
         platform::OutboxEntry entry;
         entry.kind = platform::OutboxKind::motion;
         entry.records = static_cast<std::int64_t>(n);
-        entry.url = addMotionDataURL;
+        entry.url = urls.addMotionDataURL;
         entry.body = std::move(*body);
         entries.push_back(std::move(entry));
     }
-    if (!entries.empty()) outbox_->submit(std::move(entries));
+    if (!entries.empty()) net.outbox->submit(std::move(entries));
     completeStoppedTrip();
 }
 
 detail::UploadPhase DrivingInsight::Impl::uploadPhaseLocked() const {
-    return {outbox_ != nullptr, isDriving, !trip.endLocationStr.empty()};
+    return {net.outbox != nullptr, isDriving, !trip.endLocationStr.empty()};
 }
 
 void DrivingInsight::Impl::MotionDataSynced(const Notification&) {
@@ -194,7 +186,7 @@ void DrivingInsight::Impl::MotionDataSyncFailed(const Notification& notification
     {
         std::lock_guard lock(mutex_);
         next = uploader.failed(uploadPhaseLocked());
-        if (next == Next::report || next == Next::giveUp) delegate = drivingInsightDelegate_;
+        if (next == Next::report || next == Next::giveUp) delegate = host.drivingInsightDelegate;
     }
     if (next == Next::retry) sendMotionDataToServer();
     if (!delegate) return;
@@ -203,5 +195,45 @@ void DrivingInsight::Impl::MotionDataSyncFailed(const Notification& notification
                                    : kNotSentPrefix + error;
     delegate->tripDidFail(1000, kConnectionTitle, report, nullptr);
 }
+
+}  // namespace kestrelvue
+
+// ---- Request body
+// -------------------------------------------------------------------------------- The motion
+// upload body, written straight into one buffer.
+
+namespace kestrelvue {
+namespace detail {
+
+std::optional<std::string> writeMotionDataBody(std::int64_t userID, std::string_view drivingGuid,
+                                               std::string_view motionStr,
+                                               const std::optional<std::string>& appVersion) {
+    if (!json::isValidUtf8(drivingGuid) || !json::isValidUtf8(motionStr) ||
+        (appVersion && !json::isValidUtf8(*appVersion)))
+        return std::nullopt;
+    std::string out;
+    out.reserve(motionStr.size() + drivingGuid.size() + (appVersion ? appVersion->size() : 0) + 96);
+    out += "{\"UserID\":";
+    out += std::to_string(userID);
+    out += ",\"DrivingGuid\":";
+    json::escapeTo(out, drivingGuid);
+    out += ",\"MotionStr\":";
+    json::escapeTo(out, motionStr);
+    out += ",\"AppVersion\":";
+    if (appVersion)
+        json::escapeTo(out, *appVersion);
+    else
+        out += "null";
+    out.push_back('}');
+    return out;
+}
+
+std::string describeOptionalError(const std::optional<TransportError>& error) {
+    if (!error) return "nil";
+    return "Optional(Error Domain=" + error->domain + " Code=" + std::to_string(error->code) +
+           " \"" + error->description + "\")";
+}
+
+}  // namespace detail
 
 }  // namespace kestrelvue

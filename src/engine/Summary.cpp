@@ -1,7 +1,6 @@
 // Summary figures: the request through the call layer and the handler of its reply.
 
 #include <string>
-#include <variant>
 
 #include "engine/EngineImpl.h"
 #include "records/ServiceReplies.h"
@@ -16,7 +15,7 @@ void DrivingInsight::Impl::getSummaryData(std::int64_t for_) {
     // requests share one answer and later replies reach nobody.
     center_.addObserver(this, kSummaryReplyName,
                         [this](const Notification& n) { summaryDataReady(n); });
-    restfulCall_->Get(getSummaryURL + "/" + std::to_string(for_), kSummaryReplyName);
+    net.call->Get(urls.getSummaryURL + "/" + std::to_string(for_), kSummaryReplyName);
 }
 
 void DrivingInsight::Impl::summaryDataReady(const Notification& notification) {
@@ -31,11 +30,11 @@ void DrivingInsight::Impl::summaryDataReady(const Notification& notification) {
         failed = true;  // the call layer's own text is not passed on
     } else {
         auto read = detail::readSummaryReply(info);
-        if (auto* text = std::get_if<std::string>(&read)) {
-            failed = true;
-            problem = *text;
+        if (read) {
+            updates = std::move(*read);
         } else {
-            updates = std::move(std::get<std::vector<detail::SummaryUpdate>>(read));
+            failed = true;
+            problem = std::move(read.error);
         }
     }
 
@@ -43,9 +42,9 @@ void DrivingInsight::Impl::summaryDataReady(const Notification& notification) {
     std::shared_ptr<DrivingInsightDelegate> delegate;
     {
         std::lock_guard lock(mutex_);
-        detail::applySummaryUpdates(summaryData, updates);
-        record = summaryData;
-        delegate = drivingInsightDelegate_;
+        detail::applySummaryUpdates(host.summaryData, updates);
+        record = host.summaryData;
+        delegate = host.drivingInsightDelegate;
     }
     if (!delegate) return;
     if (failed) {

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "core/Json.h"
+#include "net/HttpReply.h"
 
 namespace kestrelvue::detail {
 namespace {
@@ -61,13 +62,14 @@ UserInfo errorInfo(Value error) {
 }
 
 std::optional<UserInfo> shapeGetReply(const platform::HttpResult& result, bool asArray) {
-    if (!result.response || result.error) return errorInfo(kDetailUnavailableText);
-    if (result.response->statusCode != 200) {
+    const HttpReply reply = classify(result);
+    if (reply.transportFailed()) return errorInfo(kDetailUnavailableText);
+    if (reply.kind == HttpReply::Kind::status) {
         return errorInfo(std::string(kDetailUnavailableText) +
-                         " ErrorCode: " + std::to_string(result.response->statusCode));
+                         " ErrorCode: " + std::to_string(reply.status));
     }
-    if (!result.body) return std::nullopt;
-    json::ParseResult parsed = json::parse(*result.body, kReplyLimits);
+    if (!reply.body) return std::nullopt;
+    json::ParseResult parsed = json::parse(*reply.body, kReplyLimits);
     if (!parsed) return errorInfo(kDetailUnavailableText);
     return dataInfo(asArray ? listOfObjects(std::move(*parsed.value))
                             : objectOrNull(std::move(*parsed.value)));
@@ -75,12 +77,14 @@ std::optional<UserInfo> shapeGetReply(const platform::HttpResult& result, bool a
 
 UserInfo shapePostReply(const platform::HttpResult& result, bool useReturnValue,
                         RestfulCall::ReturnType returnType) {
-    if (result.error) return errorInfo(*result.error);
+    const HttpReply reply = classify(result);
+    if (reply.error) return errorInfo(*reply.error);
     // Neither a body nor an error: nothing to hand back, but the caller must hear.
-    if (!result.body) return errorInfo(kDetailUnavailableText);
-    const std::string& text = *result.body;
-    if (result.response && result.response->statusCode != 200) {
-        if (result.response->statusCode == 403) return errorInfo("expired");
+    if (!reply.body) return errorInfo(kDetailUnavailableText);
+    const std::string& text = *reply.body;
+    // A body without any response is taken as the answer, as one from a 200 is.
+    if (reply.kind == HttpReply::Kind::status) {
+        if (reply.status == 403) return errorInfo("expired");
         // The service's own error text, when it is text at all.
         return errorInfo(json::isValidUtf8(text) ? Value(text) : Value(kDetailUnavailableText));
     }

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "net/Gzip.h"
+#include "net/HttpReply.h"
 #include "net/Url.h"
 
 namespace kestrelvue::detail {
@@ -61,7 +62,8 @@ platform::AsyncRequest sendUpload(const std::shared_ptr<platform::HttpClient>& h
     return http->send(std::move(request),
                       [http, again = std::move(again),
                        completion = std::move(completion)](platform::HttpResult result) mutable {
-                          if (!result.response || result.response->statusCode != 415) {
+                          const HttpReply reply = classify(result);
+                          if (reply.kind != HttpReply::Kind::status || reply.status != 415) {
                               completion(std::move(result));
                               return;
                           }

@@ -7,6 +7,7 @@
 
 #include "net/EncodedUpload.h"
 #include "net/Gzip.h"
+#include "net/HttpReply.h"
 #include "net/Url.h"
 
 namespace kestrelvue::detail {
@@ -163,7 +164,8 @@ void Outbox::attempt(Pending& p) {
         }
         result = std::move(*state->result);
     }
-    const bool confirmed = result.response && result.response->statusCode == 200 && !result.error;
+    // Only a clean 200 takes an entry off the store: a record is never dropped on a maybe.
+    const bool confirmed = detail::classify(result).delivered();
     auto waiter = std::exchange(p.waiter, nullptr);
     if (confirmed) {
         if (p.entry.id != 0) store_->remove(p.entry.id);

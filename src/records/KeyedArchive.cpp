@@ -390,25 +390,19 @@ std::string KeyedArchiver::encodedData() const {
 // ---- KeyedUnarchiver ----------------------------------------------------------------------------
 
 KeyedUnarchiver::OpenResult KeyedUnarchiver::open(std::string_view data) {
-    OpenResult result;
-    if (data.size() > kMaxArchiveBytes) {
-        result.error = "archive too large";
-        return result;
-    }
+    if (data.size() > kMaxArchiveBytes) return OpenResult::failure("archive too large");
     PlistReader reader(data);
-    if (!reader.parse(result.error)) return result;
+    if (std::string error; !reader.parse(error)) return OpenResult::failure(std::move(error));
 
     const Obj& top = reader.top();
     const Obj* archiver = reader.lookUp(top, "$archiver");
     if (!archiver || archiver->type != Obj::Type::string || archiver->text != "NSKeyedArchiver") {
-        result.error = "not a keyed archive";
-        return result;
+        return OpenResult::failure("not a keyed archive");
     }
     const Obj* objects = reader.lookUp(top, "$objects");
     const Obj* topDict = reader.lookUp(top, "$top");
     if (!objects || objects->type != Obj::Type::array || !topDict) {
-        result.error = "keyed archive without $objects or $top";
-        return result;
+        return OpenResult::failure("keyed archive without $objects or $top");
     }
     auto member = [&](const Obj* uid) -> const Obj* {
         if (!uid || uid->type != Obj::Type::uid || uid->uid >= objects->refs.size()) return nullptr;
@@ -416,14 +410,12 @@ KeyedUnarchiver::OpenResult KeyedUnarchiver::open(std::string_view data) {
     };
     const Obj* root = member(reader.lookUp(*topDict, "root"));
     if (!root || root->type != Obj::Type::dict) {
-        result.error = "keyed archive without a root object";
-        return result;
+        return OpenResult::failure("keyed archive without a root object");
     }
     const Obj* classDict = member(reader.lookUp(*root, "$class"));
     const Obj* className = classDict ? reader.lookUp(*classDict, "$classname") : nullptr;
     if (!className || className->type != Obj::Type::string) {
-        result.error = "root object without a class name";
-        return result;
+        return OpenResult::failure("root object without a class name");
     }
 
     KeyedUnarchiver u;
@@ -433,8 +425,7 @@ KeyedUnarchiver::OpenResult KeyedUnarchiver::open(std::string_view data) {
         const Obj* key = reader.at(root->refs[i]);
         const Obj* value = reader.at(root->refs[n + i]);
         if (!key || !value || key->type != Obj::Type::string) {
-            result.error = "root object with a key that is not a text";
-            return result;
+            return OpenResult::failure("root object with a key that is not a text");
         }
         if (key->text == "$class") continue;
         Entry e;
@@ -460,8 +451,7 @@ KeyedUnarchiver::OpenResult KeyedUnarchiver::open(std::string_view data) {
         }
         u.entries_[key->text] = e;
     }
-    result.unarchiver = std::move(u);
-    return result;
+    return u;
 }
 
 KeyedUnarchiver::Kind KeyedUnarchiver::kindOf(std::string_view key) const {

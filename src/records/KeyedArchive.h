@@ -4,9 +4,10 @@
 // "$objects" (["$null", the object's keyed values with "$class", the class description]).
 // Hosts exchange archived records with phone applications through it.
 
+#include <kestrelvue/Result.h>
+
 #include <cstdint>
 #include <map>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -40,7 +41,7 @@ private:
 /// hostile archive is refused with a message and never read past its end.
 class KeyedUnarchiver {
 public:
-    struct OpenResult;
+    using OpenResult = Result<KeyedUnarchiver>;
     static OpenResult open(std::string_view data);
 
     /// The root object's class name ("$classname").
@@ -63,12 +64,6 @@ private:
     };
     std::string className_;
     std::map<std::string, Entry, std::less<>> entries_;
-};
-
-struct KeyedUnarchiver::OpenResult {
-    std::optional<KeyedUnarchiver> unarchiver;
-    std::string error;  // why the archive was refused
-    explicit operator bool() const { return unarchiver.has_value(); }
 };
 
 }  // namespace kestrelvue

@@ -116,23 +116,24 @@ std::optional<RouteLists> readRouteReply(const UserInfo& info) {
     return lists;
 }
 
-std::variant<std::vector<SummaryUpdate>, std::string> readSummaryReply(const UserInfo& info) {
+Result<std::vector<SummaryUpdate>> readSummaryReply(const UserInfo& info) {
+    using Read = Result<std::vector<SummaryUpdate>>;
     const List* data = dataList(info);
-    if (!data) return std::string("the reply is not a list of objects");
+    if (!data) return Read::failure("the reply is not a list of objects");
     std::vector<SummaryUpdate> updates;
     updates.reserve(data->size());
     for (std::size_t i = 0; i < data->size(); ++i) {
         const Value& element = (*data)[i];
-        if (!element.isObject()) return problemAt(i, "", "expected an object");
+        if (!element.isObject()) return Read::failure(problemAt(i, "", "expected an object"));
         SummaryUpdate u;
         if (!readNumber(element, "AverageScore", u.averageScore)) {
-            return problemAt(i, "AverageScore", "expected a number");
+            return Read::failure(problemAt(i, "AverageScore", "expected a number"));
         }
         if (!readNumber(element, "TotalDistance", u.totalDistance)) {
-            return problemAt(i, "TotalDistance", "expected a number");
+            return Read::failure(problemAt(i, "TotalDistance", "expected a number"));
         }
         if (!readInteger(element, "NumberOfTrips", u.numberOfTrips)) {
-            return problemAt(i, "NumberOfTrips", "expected an integer");
+            return Read::failure(problemAt(i, "NumberOfTrips", "expected an integer"));
         }
         updates.push_back(u);
     }

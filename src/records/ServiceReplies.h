@@ -2,6 +2,7 @@
 // Readers of the route and summary replies, which arrive through the call layer as Values.
 // Each reads a whole reply or nothing: a reply of the wrong shape is never half applied.
 
+#include <kestrelvue/Result.h>
 #include <kestrelvue/SummaryData.h>
 #include <kestrelvue/Trip.h>
 #include <kestrelvue/Value.h>
@@ -9,7 +10,6 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <variant>
 #include <vector>
 
 namespace kestrelvue::detail {
@@ -34,7 +34,7 @@ struct SummaryUpdate {
 
 /// The elements of a summary reply's "Data", in order, or a description of what is wrong with
 /// it ("Data" missing or not a list of objects, a member of the wrong type; null is absent).
-std::variant<std::vector<SummaryUpdate>, std::string> readSummaryReply(const UserInfo& userInfo);
+Result<std::vector<SummaryUpdate>> readSummaryReply(const UserInfo& userInfo);
 
 /// Writes the updates into `record` member by member, later elements over earlier ones.
 void applySummaryUpdates(SummaryData& record, const std::vector<SummaryUpdate>& updates);

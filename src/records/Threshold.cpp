@@ -31,25 +31,19 @@ std::string Threshold::archivedData() const {
 }
 
 Threshold::UnarchiveResult Threshold::unarchive(std::string_view data) {
-    UnarchiveResult result;
     KeyedUnarchiver::OpenResult opened = KeyedUnarchiver::open(data);
-    if (!opened) {
-        result.error = opened.error;
-        return result;
-    }
-    const KeyedUnarchiver& coder = *opened.unarchiver;
+    if (!opened) return UnarchiveResult::failure(std::move(opened.error));
+    const KeyedUnarchiver& coder = *opened;
     if (coder.className() != archiveClassName) {
-        result.error = "archive holds a " + coder.className() + ", not a band";
-        return result;
+        return UnarchiveResult::failure("archive holds a " + coder.className() + ", not a band");
     }
     for (const char* key : {kLimitStart, kLimitEnd, kImpact, kIsPerKilometer}) {
         if (coder.kindOf(key) == KeyedUnarchiver::Kind::other) {
-            result.error = std::string("archive value of ") + key + " is not a number";
-            return result;
+            return UnarchiveResult::failure(std::string("archive value of ") + key +
+                                            " is not a number");
         }
     }
-    result.value.emplace(coder);
-    return result;
+    return Threshold(coder);
 }
 
 }  // namespace kestrelvue

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "core/Json.h"
+#include "net/HttpReply.h"
 #include "net/Outbox.h"
 #include "net/Url.h"
 #include "records/EnvironmentServices.h"
@@ -95,14 +96,16 @@ void Trip::saveToServer() {
     // The pending upload keeps the record alive until its reply has been handled. A record not
     // held by a shared_ptr is uploaded all the same but cannot be handed back on success.
     auto completion = [self = weak_from_this().lock(), &env](platform::HttpResult result) {
-        if (!result.response) {
+        // The response decides; a transport error beside it is not looked at.
+        const detail::HttpReply reply = detail::classify(result);
+        if (reply.kind == detail::HttpReply::Kind::noResponse) {
             reportFailure(env, 1017, kConnectionTitle, kNotSentMessage);
-        } else if (result.response->statusCode == 200) {
+        } else if (reply.kind == detail::HttpReply::Kind::ok) {
             if (auto delegate = env.services().tripReporter()) delegate->tripDidFinish(self);
         } else {
-            reportFailure(env, 1015, kConnectionTitle,
-                          std::string(kNotSentMessage) +
-                              ". Response Code:" + std::to_string(result.response->statusCode));
+            reportFailure(
+                env, 1015, kConnectionTitle,
+                std::string(kNotSentMessage) + ". Response Code:" + std::to_string(reply.status));
         }
     };
     if (outbox) {

@@ -76,8 +76,8 @@ void evaluate(benchmark::State& state, bool observed, Upload upload = Upload::no
     engine->setTimeElapsedSinceStart(platform::DateComponents{0, 12, 30});
     DrivingInsightTestAccess::change(*engine, [&](auto& s) {
         using K = detail::EventKind;
-        s.deviceOrientation = 5;  // derived from the attitude
-        s.deviceOrientationGiven = 1;
+        s.evaluator.deviceOrientation = 5;  // derived from the attitude
+        s.evaluator.deviceOrientationGiven = 1;
         s.settings.level(K::cornering) = bands({{0.3, 0.6, 2, false}, {0.6, 9, 4, false}});
         s.settings.level(K::speeding) = bands({{0.3, 9, 3, true}});
         s.settings.level(K::braking) = bands({{0.3, 9, 3, false}});

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "core/Json.h"
-#include "engine/MotionUploadBody.h"
+#include "engine/EngineState.h"
 #include "net/Gzip.h"
 
 namespace {

@@ -32,7 +32,7 @@ const tools::Drive& driveNamed(const std::string& name) {
     } else {
         std::ifstream file(std::string(KESTRELVUE_SOURCE_DIR) + "/examples/drives/" + name +
                            ".kvd");
-        drive = tools::parseDrive(file).drive.value_or(tools::Drive{});
+        drive = tools::parseDrive(file).value.value_or(tools::Drive{});
     }
     return drives.emplace(name, std::move(drive)).first->second;
 }

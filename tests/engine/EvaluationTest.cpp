@@ -35,7 +35,7 @@ protected:
 
     void SetUp() override {
         engine->setCurrentLocation(h.fix(41.0082, 28.9784, 5));
-        Access::change(*engine, [](auto& s) { s.deviceOrientation = kFaceUp; });
+        Access::change(*engine, [](auto& s) { s.evaluator.deviceOrientation = kFaceUp; });
     }
 
     void sample(const Vector3& userAcceleration, const Vector3& rotation = {}) {
@@ -180,7 +180,7 @@ TEST(ScriptedDrive, CountsPenaltiesScoreAndBuffer) {
               100.0 - (trip->SharpCorneringPenalty + trip->SharpBrakingPenaltyPerKM +
                        trip->SharpLaneChangingPenalty + trip->FuelEfficiencyPenaltyPerKM));
     EXPECT_EQ(engine->Score(), trip->Score);
-    EXPECT_EQ(Access::read(*engine, [](const auto& s) { return s.eventCount; }), 3);
+    EXPECT_EQ(Access::read(*engine, [](const auto& s) { return s.evaluator.eventCount; }), 3);
 }
 
 }  // namespace

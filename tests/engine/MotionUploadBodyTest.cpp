@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "core/Json.h"
-#include "engine/MotionUploadBody.h"
+#include "engine/EngineState.h"
 
 namespace kestrelvue {
 namespace {

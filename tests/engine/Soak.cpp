@@ -53,7 +53,7 @@ std::size_t keptRecords(const std::string& baseURL, const std::string& guid) {
     platform::HttpRequest request;
     request.url = baseURL + "/api/Driving/getPassedCoordinates/" + guid;
     auto pending = http.send(request, [&kept](platform::HttpResult r) {
-        auto parsed = r.body ? json::parse(*r.body) : json::ParseResult{};
+        auto parsed = json::parse(r.body.value_or(""));
         kept.set_value(parsed && parsed.value->isList() ? parsed.value->asList()->size() : 0);
     });
     return kept.get_future().get();

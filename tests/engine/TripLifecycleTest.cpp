@@ -120,11 +120,13 @@ TEST_F(TripLifecycle, SamplesBeforeTheFirstFixAreDropped) {
     EXPECT_EQ(engine->StartAnnotation()->subtitle, "Başlangıç");
     EXPECT_EQ(engine->StartDateTime(), firstSampleTime);
     EXPECT_EQ(engine->StartLocationStr(), "Moda Cd., Kadıköy, İstanbul");
-    EXPECT_EQ(
-        DrivingInsightTestAccess::read(
-            *engine,
-            [](const auto& s) { return std::pair(s.deviceOrientation, s.deviceOrientationGiven); }),
-        std::pair(5, 1));
+    EXPECT_EQ(DrivingInsightTestAccess::read(*engine,
+                                             [](const auto& s) {
+                                                 return std::pair(
+                                                     s.evaluator.deviceOrientation,
+                                                     s.evaluator.deviceOrientationGiven);
+                                             }),
+              std::pair(5, 1));
     EXPECT_EQ(engine->TimeElapsedSinceStart(), (platform::DateComponents{0, 0, 3, 0}));
     ASSERT_EQ(h.geocoder->requests().size(), 1u);
 

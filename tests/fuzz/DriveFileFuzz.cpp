@@ -10,15 +10,15 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::istringstream in(std::string(reinterpret_cast<const char*>(data), size));
     auto parsed = kestrelvue::tools::parseDrive(in);
-    if (!parsed.drive) {
+    if (!parsed.value) {
         if (parsed.error.empty()) __builtin_trap();
         return 0;
     }
     std::stringstream text;
-    kestrelvue::tools::writeDrive(text, *parsed.drive);
+    kestrelvue::tools::writeDrive(text, *parsed.value);
     auto again = kestrelvue::tools::parseDrive(text);
-    if (!again.drive || again.drive->events.size() != parsed.drive->events.size() ||
-        again.drive->start != parsed.drive->start)
+    if (!again.value || again.value->events.size() != parsed.value->events.size() ||
+        again.value->start != parsed.value->start)
         __builtin_trap();
     return 0;
 }

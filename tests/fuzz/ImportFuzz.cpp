@@ -20,6 +20,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     std::stringstream text;
     writeDrive(text, *result.drive);
-    if (!parseDrive(text).drive) __builtin_trap();
+    if (!parseDrive(text).value) __builtin_trap();
     return 0;
 }

@@ -120,7 +120,7 @@ protected:
 
     void useDrive(const std::string& name) {
         std::ifstream in(std::string(KESTRELVUE_SOURCE_DIR) + "/examples/drives/" + name);
-        drive_ = *tools::parseDrive(in).drive;
+        drive_ = *tools::parseDrive(in).value;
     }
 
     /// The drive's fixes from `from` to `to` seconds as an NMEA log.

@@ -54,7 +54,7 @@ double angleBetween(Vector3 a, Vector3 b) {
 
 TEST(GravityFilter, FindsGravityWithinTwoDegreesWhateverTheMounting) {
     std::ifstream in(std::string(KESTRELVUE_SOURCE_DIR) + "/examples/drives/city-aggressive.kvd");
-    const tools::Drive drive = *tools::parseDrive(in).drive;
+    const tools::Drive drive = *tools::parseDrive(in).value;
     std::mt19937 rng(25);
     for (int mounting = 0; mounting < 24; ++mounting) {
         const Rotation r = Rotation::random(rng);

@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "core/Locked.h"
 #include "engine/EngineImpl.h"
 #include "platform/sim/Sim.h"
 #include "support/TestDoubles.h"
@@ -80,13 +81,12 @@ namespace kestrelvue {
 struct DrivingInsightTestAccess {
     template <class Read>
     static auto read(const DrivingInsight& e, Read&& what) {
-        std::lock_guard lock(e.impl_->mutex_);
-        return what(static_cast<const DrivingInsight::Impl&>(*e.impl_));
+        const DrivingInsight::Impl& impl = *e.impl_;
+        return detail::withLock(impl.mutex_, [&] { return what(impl); });
     }
     template <class Change>
     static void change(DrivingInsight& e, Change&& how) {
-        std::lock_guard lock(e.impl_->mutex_);
-        how(*e.impl_);
+        detail::withLock(e.impl_->mutex_, [&] { how(*e.impl_); });
     }
 };
 

@@ -32,7 +32,7 @@ TEST(DriveFile, NamesTheLineItRefuses) {
     for (const Case& c : cases) {
         std::stringstream in(c.text);
         const auto result = tools::parseDrive(in);
-        EXPECT_EQ(result.drive.has_value(), *c.error == '\0') << c.text << result.error;
+        EXPECT_EQ(result.value.has_value(), *c.error == '\0') << c.text << result.error;
         EXPECT_EQ(result.error.rfind(c.error, 0), 0u) << c.text << result.error;
     }
 }

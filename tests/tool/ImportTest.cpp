@@ -45,13 +45,13 @@ TEST(Import, EachPositionLogGivesTheTrackItRecorded) {
         // And it is a drive: written and read back, as replay reads it.
         std::stringstream text;
         writeDrive(text, *r.drive);
-        EXPECT_TRUE(parseDrive(text).drive);
+        EXPECT_TRUE(parseDrive(text).value);
     }
 }
 
 TEST(Import, NmeaWrittenFromADriveReadsBackAsItsFixes) {
     std::ifstream in(std::string(KESTRELVUE_SOURCE_DIR) + "/examples/drives/city-loop.kvd");
-    const Drive drive = *parseDrive(in).drive;
+    const Drive drive = *parseDrive(in).value;
     std::stringstream nmea;
     writeNmea(nmea, drive,
               std::chrono::sys_days(std::chrono::year(2024) / 6 / 1) + std::chrono::hours(23));
