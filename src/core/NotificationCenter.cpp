@@ -1,6 +1,9 @@
 #include <kestrelvue/NotificationCenter.h>
 
 #include <algorithm>
+#include <deque>
+#include <memory>
+#include <vector>
 
 namespace kestrelvue {
 
@@ -108,7 +111,17 @@ void NotificationCenter::post(const Notification& notification) {
         std::shared_ptr<const Handler> handler;
         std::shared_ptr<Registration> registration;
     };
-    std::vector<Target> targets;
+    // One list of targets per nesting depth of posts on this thread, emptied after each post but
+    // keeping its capacity: a notification posted for every motion sample allocates nothing. A
+    // deque, so that a deeper post adding a level leaves the outer levels' lists where they are.
+    thread_local std::deque<std::vector<Target>> targetsByDepth;
+    const std::size_t depth = tDelivering.size();
+    if (targetsByDepth.size() <= depth) targetsByDepth.resize(depth + 1);
+    std::vector<Target>& targets = targetsByDepth[depth];
+    struct Clear {
+        std::vector<Target>& list;
+        ~Clear() { list.clear(); }  // handlers and registrations end with the post, as before
+    } clear{targets};
     {
         std::lock_guard lock(mutex_);
         for (const Entry& e : entries_) {

@@ -1,6 +1,8 @@
 #include "records/EnvironmentServices.h"
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 
 #include "net/Outbox.h"
 
@@ -52,9 +54,31 @@ std::shared_ptr<DrivingInsightDelegate> EnvironmentServices::tripReporter() {
 }
 
 const std::string& EnvironmentServices::address(std::string_view path) {
-    const std::string address = env_.serviceURL(path);
+    // Every record asks twice, and a history makes thousands: the address is put together on the
+    // stack and found without a string made, as serviceURL(path) would make it.
+    std::string_view base = defaultBaseURL();
+    if (env_.applicationInfo) {
+        auto it = env_.applicationInfo->find(kBaseURLKey);
+        if (it != env_.applicationInfo->end()) {
+            if (const std::string* s = it->second.asString(); s && !s->empty()) {
+                base = *s;
+                while (!base.empty() && base.back() == '/') base.remove_suffix(1);
+            }
+        }
+    }
+    std::array<char, 512> text;
+    if (base.size() + path.size() > text.size()) {
+        const std::string url = env_.serviceURL(path);
+        std::lock_guard lock(addressMutex_);
+        return *addresses_.insert(url).first;
+    }
+    std::memcpy(text.data(), base.data(), base.size());
+    std::memcpy(text.data() + base.size(), path.data(), path.size());
+    const std::string_view address(text.data(), base.size() + path.size());
     std::lock_guard lock(addressMutex_);
-    return *addresses_.insert(address).first;
+    auto found = addresses_.find(address);
+    if (found == addresses_.end()) found = addresses_.emplace(address).first;
+    return *found;
 }
 
 }  // namespace detail

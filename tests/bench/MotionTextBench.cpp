@@ -8,8 +8,10 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <new>
 #include <random>
+#include <string>
 
 #include "AllocationCounter.h"
 #include "records/TextFormat.h"
@@ -102,4 +104,38 @@ void BM_Record_Formatter(benchmark::State& state) {
 }
 BENCHMARK(BM_Record_Formatter);
 
+// Prints the formatter's speed as a multiple of snprintf's, from the medians when repeated.
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const auto& run : runs) {
+            if (!run.error_occurred &&
+                (run.run_type == Run::RT_Iteration || run.aggregate_name == "median")) {
+                cpu_[run.run_name.function_name] = run.GetAdjustedCPUTime();
+            }
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        auto ours = cpu_.find("BM_Bulk1000_Formatter");
+        auto base = cpu_.find("BM_Bulk1000_SnprintfBaseline");
+        if (ours == cpu_.end() || base == cpu_.end()) return;
+        std::printf("\nCPU time: formatter %.0f us, snprintf %.0f us: %.1fx faster\n", ours->second,
+                    base->second, base->second / ours->second);
+    }
+
+private:
+    std::map<std::string, double> cpu_;
+};
+
 }  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}

@@ -34,6 +34,11 @@ TEST(NotificationCenter, DeliversByNameAndSenderWithUserInfo) {
     center->post("n", &senderA);
     center->post("other");
     EXPECT_EQ(got, (std::vector<std::string>{"other"}));
+    // A handler that posts again: the inner post has targets of its own, the outer one goes on.
+    center->addObserver(&owner, "outer", [&](const Notification&) { center->post("other"); });
+    center->addObserver(&owner, "outer", [&](const Notification&) { got.push_back("outer"); });
+    center->post("outer");
+    EXPECT_EQ(got, (std::vector<std::string>{"other", "other", "outer"}));
     EXPECT_EQ(center->observerCount("other"), 1u);
     center->removeObserver(&owner);
     EXPECT_EQ(center->observerCount("other"), 0u);

@@ -121,7 +121,8 @@ std::string randomReply(std::mt19937& rng) {
     };
     auto valueFor = [&](int m) -> std::string {
         if (pick(8) == 0)
-            return any({"null", "true", "\"7\"", "2.5", "[]", "{\"a\":[1,null]}", "1e308"});
+            return any({"null", "true", "\"7\"", "2.5", "[]", "{\"a\":[1,null]}", "1e308",
+                        "[{},{\"b\":\"}]\"}]"});
         switch (m < kHistoryMemberCount ? historyKind(HistoryMember(m)) : HistoryKind::text) {
             case HistoryKind::integer:
                 return any({"0", "-7", "42", "3.0", "1e2", "9223372036854775807",
@@ -133,7 +134,8 @@ std::string randomReply(std::mt19937& rng) {
                 return any({"\"2018-03-05T14:07:00\"", "\"2020-02-29T23:59:59\"",
                             "\"1950-06-15T03:30:00\"", "\"2019-02-29T00:00:00\""});
             case HistoryKind::text:
-                return any({"\"\"", "\"Kadıköy \\\"x\\\"\"", "\"0:25:13\"", "\"\\u00e7\\n\""});
+                return any({"\"\"", "\"Kadıköy \\\"x\\\"\"", "\"0:25:13\"", "\"\\u00e7\\n\"",
+                            "\"x}, {\\\"y\\\":1}]\""});
         }
         return "null";
     };
