@@ -149,42 +149,34 @@ const std::vector<TripField>& tripFields() {
 /// that tokens cannot be guessed at the speed of the network.
 class LoginLimiter {
 public:
-    static constexpr int kPerMobile = 5, kPerAddress = 20;
-    static constexpr std::chrono::seconds kWindow{60};
-
     /// Seconds to wait before trying again, or 0 when a try is allowed now.
     std::int64_t wait(const std::string& mobile, const std::string& address, TimePoint now) {
         std::lock_guard lock(mutex_);
-        return std::max(waitFor("m:" + mobile, kPerMobile, now),
-                        waitFor("a:" + address, kPerAddress, now));
+        std::int64_t wait = 0;
+        for (const auto& [key, allowed] : {std::pair("m:" + mobile, 5), {"a:" + address, 20}}) {
+            const auto it = failures_.find(key);
+            if (it == failures_.end() || it->second.second < allowed) continue;
+            const auto left = it->second.first + kWindow - now;
+            wait = std::max(wait, std::chrono::ceil<std::chrono::seconds>(left).count());
+        }
+        return wait;
     }
     void failed(const std::string& mobile, const std::string& address, TimePoint now) {
         std::lock_guard lock(mutex_);
         if (failures_.size() > 100000)
             std::erase_if(failures_,
-                          [now](const auto& entry) { return now - entry.second.since >= kWindow; });
+                          [now](const auto& f) { return now - f.second.first >= kWindow; });
         for (const std::string& key : {"m:" + mobile, "a:" + address}) {
-            Window& w = failures_[key];
-            if (now - w.since >= kWindow) w = {now, 0};
-            ++w.count;
+            auto& [since, count] = failures_[key];
+            if (now - since >= kWindow) since = now, count = 0;
+            ++count;
         }
     }
 
 private:
-    struct Window {
-        TimePoint since;
-        int count = 0;
-    };
-    std::int64_t waitFor(const std::string& key, int allowed, TimePoint now) const {
-        auto it = failures_.find(key);
-        if (it == failures_.end() || it->second.count < allowed) return 0;
-        const auto left = it->second.since + kWindow - now;
-        return left <= std::chrono::seconds(0)
-                   ? 0
-                   : std::chrono::ceil<std::chrono::seconds>(left).count();
-    }
+    static constexpr std::chrono::seconds kWindow{60};
     std::mutex mutex_;
-    std::unordered_map<std::string, Window> failures_;
+    std::unordered_map<std::string, std::pair<TimePoint, int>> failures_;  // since, how many
 };
 
 /// What the handlers share.
@@ -363,12 +355,11 @@ std::optional<std::string_view> match(std::string_view route, bool takesTail,
 
 struct ReferenceService::Impl : State {
     std::unique_ptr<HttpServer> server;
-    bool opened = false;
     std::string error;
 
     bool loadBands();
     bool openStorage() {
-        storage = openSqliteStorage(options.databasePath, error);
+        if (!storage) storage = openSqliteStorage(options.databasePath, error);
         return storage != nullptr;
     }
     bool bind();
@@ -440,8 +431,7 @@ bool ReferenceService::Impl::loadBands() {
 }
 
 bool ReferenceService::Impl::bind() {
-    if (!opened && !(opened = openStorage())) return false;
-    if (!loadBands()) return false;
+    if (!openStorage() || !loadBands()) return false;
     server = std::make_unique<HttpServer>(options, [this](Request& req) { return route(req); });
     return server->start(error);
 }
@@ -467,8 +457,7 @@ bool ReferenceService::reloadBands() {
 }
 
 std::string ReferenceService::issueToken(const std::string& mobile) {
-    if (!impl_->opened && !(impl_->opened = impl_->openStorage())) return {};
-    return impl_->storage->issueToken(mobile);
+    return impl_->openStorage() ? impl_->storage->issueToken(mobile) : std::string();
 }
 
 int ReferenceService::port() const {
