@@ -76,15 +76,10 @@ static_assert(detail::kEventKindCount == 5);
 std::string renamesOfKinds() {
     std::string sql;
     for (const auto kind : detail::kEventKinds) {
-        const std::string_view stem = detail::namesOf(kind).column;
-        const int n = static_cast<int>(stem.size());
-        char line[160];
-        std::snprintf(line, sizeof line,
-                      "ALTER TABLE trips RENAME COLUMN c%zu TO %.*s_count; ALTER TABLE trips "
-                      "RENAME COLUMN p%zu TO %.*s_penalty; ",
-                      static_cast<std::size_t>(kind), n, stem.data(),
-                      static_cast<std::size_t>(kind), n, stem.data());
-        sql += line;
+        const std::string i = std::to_string(static_cast<std::size_t>(kind)),
+                          stem(detail::namesOf(kind).column);
+        sql += "ALTER TABLE trips RENAME COLUMN c" + i + " TO " + stem + "_count; " +
+               "ALTER TABLE trips RENAME COLUMN p" + i + " TO " + stem + "_penalty; ";
     }
     return sql;
 }
