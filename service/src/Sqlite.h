@@ -89,11 +89,9 @@ inline bool openConnection(const std::string& path, sqlite3*& db, std::string& e
         return false;
     }
     sqlite3_busy_timeout(db, 5000);
-    // Larger pages for a new file (an existing one keeps its size): a bulk writes a quarter as
-    // many pages to the log, and copies a quarter as many back. The write-ahead log lets requests
-    // read while one writes; a commit is then safe against a crash of the service, and only a
-    // power loss may undo the last commits. SQLite copies the log back itself, in the committing
-    // request, once it holds 4 MB: twice as often as its default, each copy half as long a wait.
+    // Larger pages for a new file: a bulk writes a quarter as many to the log. With the log a
+    // commit survives a crash of the service (a power loss may undo the last ones); copying it
+    // back at 4 MB, twice as often as SQLite's default, halves each wait for the copy.
     if (!execute(
             db,
             "PRAGMA page_size = 16384; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; "

@@ -402,9 +402,8 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
     return true;
 }
 
-// The earlier rows kept a record's key, position and penalties; they are packed a thousand to a
-// bulk, as the library would have written them with its other fields zero. A key kept in two of
-// the files (a trip whose records changed file) is moved once.
+// The earlier rows kept a record's key, position and penalties, and each file its database's
+// number: a file of another database is refused.
 bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& error) {
     std::vector<std::string> schemas = {"main"};
     for (int k = 1; hasTable(db_, ("m" + std::to_string(k)).c_str(), "motion"); ++k)
