@@ -364,8 +364,7 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
             const std::string file = path + ".motion-" + std::to_string(k);
             std::error_code ignored;
             if (!std::filesystem::exists(file, ignored)) continue;
-            const std::string name = "m" + std::to_string(attached.size() + 1);
-            if (!Statement(db_, ("ATTACH DATABASE ? AS " + name), file).run()) {
+            if (!Statement(db_, ("ATTACH DATABASE ? AS m" + std::to_string(k)), file).run()) {
                 error = "cannot read " + file + ": " + sqlite3_errmsg(db_);
                 return false;
             }
@@ -389,9 +388,7 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
         tryExecute(db_, "ROLLBACK");
         error.insert(0, (earlier ? "cannot upgrade " : "cannot create ") + path + ": ");
     }
-    for (std::size_t k = 1; k <= attached.size(); ++k) {
-        tryExecute(db_, "DETACH DATABASE m" + std::to_string(k));
-    }
+    for (int k = 1; k <= 3; ++k) tryExecute(db_, "DETACH DATABASE m" + std::to_string(k));
     if (!done) return false;
     // Every record is in the one file now: the others would only mislead.
     std::error_code ignored;
@@ -405,17 +402,15 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
 // The earlier rows kept a record's key, position and penalties, and each file its database's
 // number: a file of another database is refused.
 bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& error) {
-    std::vector<std::string> schemas = {"main"};
-    for (int k = 1; hasTable(db_, ("m" + std::to_string(k)).c_str(), "motion"); ++k)
-        schemas.push_back("m" + std::to_string(k));
     const auto number = [&](const std::string& schema) {
         Statement q(db_, ("SELECT value FROM " + schema + ".counters WHERE name = 'database'"));
         return q.step() ? q.integer(0) : 0;
     };
     std::string rows;
-    for (std::size_t k = 0; k < schemas.size(); ++k) {
-        if (!hasTable(db_, schemas[k].c_str(), "motion")) continue;
-        if (k > 0 && number(schemas[k]) != number("main")) {
+    for (int k = 0; k <= 3; ++k) {
+        const std::string schema = k == 0 ? "main" : "m" + std::to_string(k);
+        if (!hasTable(db_, schema.c_str(), "motion")) continue;
+        if (k > 0 && number(schema) != number("main")) {
             error = path + ".motion-" + std::to_string(k) +
                     " holds records of another database: move it away, or put back the database "
                     "file it was made with";
@@ -424,8 +419,8 @@ bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& erro
         rows += std::string(rows.empty() ? "" : " UNION ALL ") +
                 "SELECT t.guid, m.user_id, m.item_id, m.record_time, m.lat, m.lon, m.p0, m.p1, "
                 "m.p2, m.p3, m.p4, m.k0, m.k1, m.k2, m.k3, m.k4, m.fuel, " +
-                std::to_string(k) + " AS file, m.arrival FROM " + schemas[k] + ".motion m JOIN " +
-                schemas[k] + ".trip_ids t ON t.id = m.trip";
+                std::to_string(k) + " AS file, m.arrival FROM " + schema + ".motion m JOIN " +
+                schema + ".trip_ids t ON t.id = m.trip";
     }
     // Each row becomes a bulk of one record in the library's text, its other fields zero. The
     // rows of a trip go in the order they came, file by file, so a key kept in two files (a trip
