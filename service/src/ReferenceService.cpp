@@ -192,19 +192,19 @@ struct State {
 
 // One handler per endpoint; `req.tail` is what follows the route's path.
 
-Reply getThresholds(State& s, const Request&) {
+Reply getThresholds(State& s, Request&) {
     std::lock_guard lock(s.bandsMutex);
     return jsonReply(s.bands);
 }
 
-Reply addMotionData(State& s, const Request& req) {
-    auto bulk = parseMotionBulk(req.body, false);
+Reply addMotionData(State& s, Request& req) {
+    auto bulk = parseMotionBulk(std::move(req.body), false);
     if (!bulk) return text(400, bulk.error);
     if (!s.storage->addMotion(*bulk)) return text(500, "the records could not be stored");
     return jsonReply(std::string("true"));
 }
 
-Reply addDrivingScore(State& s, const Request& req) {
+Reply addDrivingScore(State& s, Request& req) {
     auto row = parseDrivingScore(req.body);
     if (!row) return text(400, row.error);
     if (!s.storage->saveDriving(*row)) return text(500, "the trip could not be stored");
@@ -212,7 +212,7 @@ Reply addDrivingScore(State& s, const Request& req) {
 }
 
 // A long trip's route is thinned to what the library accepts, in points and in bytes.
-Reply getPassedCoordinates(State& s, const Request& req) {
+Reply getPassedCoordinates(State& s, Request& req) {
     const std::vector<MotionRecord> all = s.storage->motion(req.tail);
     std::size_t limit = std::min(s.options.maxRoutePoints, all.size());
     for (;;) {
@@ -241,7 +241,7 @@ Reply getPassedCoordinates(State& s, const Request& req) {
     }
 }
 
-Reply getDriving(State& s, const Request& req) {
+Reply getDriving(State& s, Request& req) {
     const std::vector<DrivingRow> rows = s.storage->drivings(*parsePathInteger(req.tail));
     std::string body = "[";
     body.reserve(rows.size() * 640);  // a trip takes some 575 bytes
@@ -259,7 +259,7 @@ Reply getDriving(State& s, const Request& req) {
     return jsonReply(std::move(body));
 }
 
-Reply getDrivingSummary(State& s, const Request& req) {
+Reply getDrivingSummary(State& s, Request& req) {
     const SummaryRow trips = s.storage->summary(*parsePathInteger(req.tail));
     // Metres, as in the history.
     Object summary{{"NumberOfTrips", trips.trips},
@@ -268,7 +268,7 @@ Reply getDrivingSummary(State& s, const Request& req) {
     return jsonReply(List{Value(std::move(summary))});
 }
 
-Reply getWeather(State&, const Request& req) {
+Reply getWeather(State&, Request& req) {
     const double lat = parseField(req.param("latitude"));
     const double lon = parseField(req.param("longitude"));
     if (std::fabs(lat) > 90 || std::fabs(lon) > 180)
@@ -278,7 +278,7 @@ Reply getWeather(State&, const Request& req) {
     return jsonReply(Object{{"Temperature", temperature}, {"Latitude", lat}, {"Longitude", lon}});
 }
 
-Reply loginWithToken(State& s, const Request& req) {
+Reply loginWithToken(State& s, Request& req) {
     auto login = parseLogin(req.body);
     if (!login) return text(400, login.error);
     if (const auto wait = s.logins.wait(login->mobile, req.client, s.now()); wait > 0) {
@@ -295,7 +295,7 @@ Reply loginWithToken(State& s, const Request& req) {
     return jsonReply(Object{{"Id", user->id}, {"UserTypeId", user->typeId}});
 }
 
-Reply addUser(State& s, const Request& req) {
+Reply addUser(State& s, Request& req) {
     auto user = parseAddUser(req.body);
     if (!user) return text(400, user.error);
     const AddedUser added = s.storage->addUser(*user);
@@ -304,7 +304,7 @@ Reply addUser(State& s, const Request& req) {
     return text(200, std::to_string(added.id));
 }
 
-Reply addFriend(State& s, const Request& req) {
+Reply addFriend(State& s, Request& req) {
     auto request = parseAddFriend(req.body);
     if (!request) return text(400, request.error);
     if (!s.storage->addFriend(request->referenceId, request->friendReferenceId))
@@ -312,7 +312,7 @@ Reply addFriend(State& s, const Request& req) {
     return text(200, "OK");
 }
 
-Reply getLeaderShip(State& s, const Request& req) {
+Reply getLeaderShip(State& s, Request& req) {
     const std::string rankType = req.param("RankType");
     const auto scope =
         rankType.empty() ? std::optional<std::int64_t>(0) : parsePathInteger(rankType);
@@ -337,7 +337,7 @@ Reply getLeaderShip(State& s, const Request& req) {
     return jsonReply(list);
 }
 
-Reply healthz(State& s, const Request&) {
+Reply healthz(State& s, Request&) {
     return s.storage->healthy() ? text(200, "ok") : text(503, "the storage does not answer");
 }
 
@@ -373,7 +373,7 @@ Reply ReferenceService::Impl::route(Request& req) {
         const char* method;
         std::string_view path;
         Tail tail;
-        Reply (*handle)(State&, const Request&);
+        Reply (*handle)(State&, Request&);
     };
 
     static constexpr Route kRoutes[] = {

@@ -83,8 +83,9 @@ Result<T> readObject(std::string_view body, Read read) {
 // Read with simdjson straight, not through the general reader: a bulk's motion text is some 300
 // KB, which the general reader would copy into a Value with a parser of its own each time. Each
 // thread keeps its parser (a parser takes some 14 bytes per byte of text, and a fresh one's memory
-// cost more in page faults than the parse), but lets go of one grown past 1 MiB.
-Result<MotionBulk> parseMotionBulk(std::string_view body, bool keepRecords) {
+// cost more in page faults than the parse), but lets go of one grown past 1 MiB. The body's room
+// then holds the text, which would otherwise be a third copy beside the body and the parser's.
+Result<MotionBulk> parseMotionBulk(std::string body, bool keepRecords) {
     using Bulk = Result<MotionBulk>;
     thread_local simdjson::dom::parser parser;
     struct Shrink {
@@ -126,7 +127,8 @@ Result<MotionBulk> parseMotionBulk(std::string_view body, bool keepRecords) {
     });
     if (!count) return Bulk::failure("MotionStr: " + count.error);
     if (bulk.count == 1) bulk.last = bulk.first;
-    bulk.text = text;
+    body.assign(text);  // within the body's room: the text is never longer
+    bulk.text = std::move(body);
     return bulk;
 }
 
