@@ -78,8 +78,9 @@ std::string renamesOfKinds() {
     for (const auto kind : detail::kEventKinds) {
         const std::string i = std::to_string(static_cast<std::size_t>(kind)),
                           stem(detail::namesOf(kind).column);
-        sql += "ALTER TABLE trips RENAME COLUMN c" + i + " TO " + stem + "_count; " +
-               "ALTER TABLE trips RENAME COLUMN p" + i + " TO " + stem + "_penalty; ";
+        sql.append("ALTER TABLE trips RENAME COLUMN c").append(i).append(" TO ").append(stem);
+        sql.append("_count; ALTER TABLE trips RENAME COLUMN p").append(i).append(" TO ");
+        sql.append(stem).append("_penalty; ");
     }
     return sql;
 }
@@ -419,8 +420,9 @@ bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& erro
         rows += std::string(rows.empty() ? "" : " UNION ALL ") +
                 "SELECT t.guid, m.user_id, m.item_id, m.record_time, m.lat, m.lon, m.p0, m.p1, "
                 "m.p2, m.p3, m.p4, m.k0, m.k1, m.k2, m.k3, m.k4, m.fuel, " +
-                std::to_string(k) + " AS file, m.arrival FROM " + schema + ".motion m JOIN " +
-                schema + ".trip_ids t ON t.id = m.trip";
+                std::to_string(k) + " AS file, m.arrival FROM ";
+        rows.append(schema).append(".motion m JOIN ").append(schema);
+        rows += ".trip_ids t ON t.id = m.trip";
     }
     // Each row becomes a bulk of one record in the library's text, its other fields zero. The
     // rows of a trip go in the order they came, file by file, so a key kept in two files (a trip
