@@ -362,7 +362,6 @@ struct ReferenceService::Impl : State {
         if (!storage) storage = openSqliteStorage(options.databasePath, error);
         return storage != nullptr;
     }
-    bool bind();
     Reply route(Request& req);
 };
 
@@ -423,17 +422,10 @@ bool ReferenceService::Impl::loadBands() {
         error = "bands file " + options.bandsFile + ": " + parsed.error;
         return false;
     }
-    std::string body;
-    json::writeTo(body, *parsed.value);
+    std::string body = json::write(*parsed.value).value_or("");  // its numbers are finite
     std::lock_guard lock(bandsMutex);
     bands = std::move(body);
     return true;
-}
-
-bool ReferenceService::Impl::bind() {
-    if (!openStorage() || !loadBands()) return false;
-    server = std::make_unique<HttpServer>(options, [this](Request& req) { return route(req); });
-    return server->start(error);
 }
 
 ReferenceService::ReferenceService(ServiceOptions options) : impl_(std::make_unique<Impl>()) {
@@ -445,7 +437,10 @@ ReferenceService::~ReferenceService() {
 }
 
 bool ReferenceService::start() {
-    return impl_->bind();
+    Impl& s = *impl_;
+    if (!s.openStorage() || !s.loadBands()) return false;
+    s.server = std::make_unique<HttpServer>(s.options, [&s](Request& req) { return s.route(req); });
+    return s.server->start(s.error);
 }
 
 void ReferenceService::stop() {
