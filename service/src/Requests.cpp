@@ -29,18 +29,13 @@ public:
         if (v && !v->isString()) return fail(key, "expected a text"), std::string();
         return v ? *v->asString() : std::string();
     }
-    double number(std::string_view key) {
-        const Value* v = present(key);
-        if (!v) return 0;
-        const std::optional<double> d = v->asNumber();
-        if (!d || !std::isfinite(*d)) return fail(key, "expected a number"), 0.0;
-        return *d;
-    }
-    /// A number within ±`bound`: beyond it, no real trip.
+    /// A finite number within ±`bound`: beyond it, no real trip.
     double bounded(std::string_view key, double bound) {
-        const double d = number(key);
-        if (std::fabs(d) > bound) fail(key, "beyond any real trip");
-        return d;
+        const Value* v = present(key);
+        const std::optional<double> d = v ? v->asNumber() : 0.0;
+        if (!d || !std::isfinite(*d)) return fail(key, "expected a number"), 0.0;
+        if (std::fabs(*d) > bound) fail(key, "beyond any real trip");
+        return *d;
     }
     std::int64_t integer(std::string_view key) {
         const Value* v = present(key);
