@@ -34,12 +34,10 @@ public:
     bool run() { return stmt_ && sqlite3_step(stmt_) == SQLITE_DONE; }
     std::int64_t integer(int c) { return sqlite3_column_int64(stmt_, c); }
     double real(int c) { return sqlite3_column_double(stmt_, c); }
-    std::string_view view(int c) {
-        auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, c));
-        return p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c)))
-                 : std::string_view();
+    std::string text(int c) {
+        const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, c));
+        return p ? std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c))) : "";
     }
-    std::string text(int c) { return std::string(view(c)); }
 
 private:
     void bind(int& i, std::int64_t v) { sqlite3_bind_int64(stmt_, i++, v); }
