@@ -229,6 +229,7 @@ struct HttpServer::Impl {
     static MHD_Result queue(MHD_Connection* connection, Exchange& ex, bool close) {
         // The response takes the body over (a route may be megabytes) and frees it when sent.
         const Reply& reply = ex.reply;
+        ex.answered = true;
         ex.replyBytes = reply.body.size();
         auto* body = new std::string(std::move(ex.reply.body));
         MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
@@ -259,7 +260,6 @@ struct HttpServer::Impl {
             ex.request.path = url;
             if (auto refused = self.checkHead(connection, version, ex)) {
                 ex.reply = std::move(*refused);
-                ex.answered = true;
                 return queue(connection, ex, true);
             }
             return MHD_YES;
@@ -273,12 +273,10 @@ struct HttpServer::Impl {
         }
         if (ex.tooLarge) {
             ex.reply = self.bodyTooLarge();
-            ex.answered = true;
             return queue(connection, ex, true);
         }
         self.deadlines->restart(connection, true);  // the handler's time is not the client's
         self.answer(ex);
-        ex.answered = true;
         self.deadlines->restart(connection, false);  // for sending the reply
         return queue(connection, ex, false);
     }

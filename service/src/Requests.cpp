@@ -29,18 +29,13 @@ public:
         if (v && !v->isString()) return fail(key, "expected a text"), std::string();
         return v ? *v->asString() : std::string();
     }
-    double number(std::string_view key) {
-        const Value* v = present(key);
-        if (!v) return 0;
-        const std::optional<double> d = v->asNumber();
-        if (!d || !std::isfinite(*d)) return fail(key, "expected a number"), 0.0;
-        return *d;
-    }
-    /// A number within ±`bound`: beyond it, no real trip.
+    /// A finite number within ±`bound`: beyond it, no real trip.
     double bounded(std::string_view key, double bound) {
-        const double d = number(key);
-        if (std::fabs(d) > bound) fail(key, "beyond any real trip");
-        return d;
+        const Value* v = present(key);
+        const std::optional<double> d = v ? v->asNumber() : 0.0;
+        if (!d || !std::isfinite(*d)) return fail(key, "expected a number"), 0.0;
+        if (std::fabs(*d) > bound) fail(key, "beyond any real trip");
+        return *d;
     }
     std::int64_t integer(std::string_view key) {
         const Value* v = present(key);
@@ -83,8 +78,9 @@ Result<T> readObject(std::string_view body, Read read) {
 // Read with simdjson straight, not through the general reader: a bulk's motion text is some 300
 // KB, which the general reader would copy into a Value with a parser of its own each time. Each
 // thread keeps its parser (a parser takes some 14 bytes per byte of text, and a fresh one's memory
-// cost more in page faults than the parse), but lets go of one grown past 1 MiB.
-Result<MotionBulk> parseMotionBulk(std::string_view body, bool keepRecords) {
+// cost more in page faults than the parse), but lets go of one grown past 1 MiB. The body's room
+// then holds the text, which would otherwise be a third copy beside the body and the parser's.
+Result<MotionBulk> parseMotionBulk(std::string body, bool keepRecords) {
     using Bulk = Result<MotionBulk>;
     thread_local simdjson::dom::parser parser;
     struct Shrink {
@@ -126,7 +122,8 @@ Result<MotionBulk> parseMotionBulk(std::string_view body, bool keepRecords) {
     });
     if (!count) return Bulk::failure("MotionStr: " + count.error);
     if (bulk.count == 1) bulk.last = bulk.first;
-    bulk.text = text;
+    body.assign(text);  // within the body's room: the text is never longer
+    bulk.text = std::move(body);
     return bulk;
 }
 

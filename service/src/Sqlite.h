@@ -3,41 +3,60 @@
 
 #include <sqlite3.h>
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
 
 namespace kestrelvue::service {
 
-/// A prepared statement that finalises itself.
+/// A prepared statement that finalises itself, its parameters bound from `values` in order (an
+/// array fills as many). Texts are not copied: they must outlive the statement.
 class Statement {
 public:
-    Statement(sqlite3* db, std::string_view sql) {
+    template <class... Values>
+    Statement(sqlite3* db, std::string_view sql, const Values&... values) {
         sqlite3_prepare_v2(db, sql.data(), static_cast<int>(sql.size()), &stmt_, nullptr);
+        [[maybe_unused]] int i = 1;
+        (bind(i, values), ...);
     }
     ~Statement() { sqlite3_finalize(stmt_); }
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
 
-    Statement& bind(int i, std::int64_t v) { return sqlite3_bind_int64(stmt_, i, v), *this; }
-    Statement& bind(int i, double v) { return sqlite3_bind_double(stmt_, i, v), *this; }
-    /// The text must outlive the statement's step.
-    Statement& bind(int i, std::string_view v) {
-        sqlite3_bind_text64(stmt_, i, v.data(), v.size(), SQLITE_STATIC, SQLITE_UTF8);
-        return *this;
+    /// The current row's columns into `out`, in order, as the constructor binds them.
+    template <class... Out>
+    void read(Out&... out) {
+        [[maybe_unused]] int c = 0;
+        (get(c, out), ...);
     }
     bool step() { return stmt_ && sqlite3_step(stmt_) == SQLITE_ROW; }
     bool run() { return stmt_ && sqlite3_step(stmt_) == SQLITE_DONE; }
     std::int64_t integer(int c) { return sqlite3_column_int64(stmt_, c); }
     double real(int c) { return sqlite3_column_double(stmt_, c); }
-    std::string_view view(int c) {
-        auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, c));
-        return p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c)))
-                 : std::string_view();
+    std::string text(int c) {
+        const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, c));
+        return p ? std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c))) : "";
     }
-    std::string text(int c) { return std::string(view(c)); }
 
 private:
+    void bind(int& i, std::int64_t v) { sqlite3_bind_int64(stmt_, i++, v); }
+    void bind(int& i, double v) { sqlite3_bind_double(stmt_, i++, v); }
+    void bind(int& i, std::string_view v) {
+        sqlite3_bind_text64(stmt_, i++, v.data(), v.size(), SQLITE_STATIC, SQLITE_UTF8);
+    }
+    void get(int& c, std::int64_t& v) { v = integer(c++); }
+    void get(int& c, double& v) { v = real(c++); }
+    void get(int& c, std::string& v) { v = text(c++); }
+    template <class T, std::size_t N>
+    void bind(int& i, const std::array<T, N>& values) {
+        for (const T& v : values) bind(i, v);
+    }
+    template <class T, std::size_t N>
+    void get(int& c, std::array<T, N>& out) {
+        for (T& v : out) get(c, v);
+    }
+
     sqlite3_stmt* stmt_ = nullptr;
 };
 
@@ -68,11 +87,9 @@ inline bool openConnection(const std::string& path, sqlite3*& db, std::string& e
         return false;
     }
     sqlite3_busy_timeout(db, 5000);
-    // Larger pages for a new file (an existing one keeps its size): a bulk writes a quarter as
-    // many pages to the log, and copies a quarter as many back. The write-ahead log lets requests
-    // read while one writes; a commit is then safe against a crash of the service, and only a
-    // power loss may undo the last commits. SQLite copies the log back itself, in the committing
-    // request, once it holds 4 MB: twice as often as its default, each copy half as long a wait.
+    // Larger pages for a new file: a bulk writes a quarter as many to the log. With the log a
+    // commit survives a crash of the service (a power loss may undo the last ones); copying it
+    // back at 4 MB, twice as often as SQLite's default, halves each wait for the copy.
     if (!execute(
             db,
             "PRAGMA page_size = 16384; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; "

@@ -76,15 +76,11 @@ static_assert(detail::kEventKindCount == 5);
 std::string renamesOfKinds() {
     std::string sql;
     for (const auto kind : detail::kEventKinds) {
-        const std::string_view stem = detail::namesOf(kind).column;
-        const int n = static_cast<int>(stem.size());
-        char line[160];
-        std::snprintf(line, sizeof line,
-                      "ALTER TABLE trips RENAME COLUMN c%zu TO %.*s_count; ALTER TABLE trips "
-                      "RENAME COLUMN p%zu TO %.*s_penalty; ",
-                      static_cast<std::size_t>(kind), n, stem.data(),
-                      static_cast<std::size_t>(kind), n, stem.data());
-        sql += line;
+        const std::string i = std::to_string(static_cast<std::size_t>(kind)),
+                          stem(detail::namesOf(kind).column);
+        sql.append("ALTER TABLE trips RENAME COLUMN c").append(i).append(" TO ").append(stem);
+        sql.append("_count; ALTER TABLE trips RENAME COLUMN p").append(i).append(" TO ");
+        sql.append(stem).append("_penalty; ");
     }
     return sql;
 }
@@ -117,7 +113,7 @@ std::string saltedHash(const std::string& salt, const std::string& token) {
 bool hasTable(sqlite3* db, const char* schema, const char* table) {
     const std::string sql =
         std::string("SELECT 1 FROM ") + schema + ".sqlite_master WHERE type = 'table' AND name = ?";
-    return Statement(db, sql).bind(1, std::string_view(table)).step();
+    return Statement(db, sql, std::string_view(table)).step();
 }
 
 std::int64_t pragma(sqlite3* db, const char* name) {
@@ -158,21 +154,16 @@ public:
     }
 
     std::optional<std::size_t> addMotion(const MotionBulk& bulk) override {
-        std::lock_guard lock(mutex_);
-        return addMotionLocked(bulk);
-    }
-
-    std::optional<std::size_t> addMotionLocked(const MotionBulk& bulk) {
         if (bulk.count == 0) return 0;
         const MotionRecord &first = bulk.first, &last = bulk.last;
         const std::string key =
             std::to_string(first.itemId) + " " + std::string(first.recordTimeText()) + " " +
             std::to_string(last.itemId) + " " + std::string(last.recordTimeText());
+        std::lock_guard lock(mutex_);
         Statement q(db_,
                     "INSERT OR IGNORE INTO motion_bulks(trip, user_id, first_and_last, records, "
-                    "motion_text) VALUES (?, ?, ?, ?, ?)");
-        q.bind(1, bulk.guid).bind(2, bulk.userID).bind(3, key);
-        q.bind(4, static_cast<std::int64_t>(bulk.count)).bind(5, bulk.text);
+                    "motion_text) VALUES (?, ?, ?, ?, ?)",
+                    bulk.guid, bulk.userID, key, static_cast<std::int64_t>(bulk.count), bulk.text);
         if (!q.run()) return std::nullopt;
         return sqlite3_changes(db_) ? bulk.count : 0;
     }
@@ -181,8 +172,8 @@ public:
         std::vector<std::string> texts;
         {
             std::lock_guard lock(mutex_);
-            Statement q(db_, "SELECT motion_text FROM motion_bulks WHERE trip = ? ORDER BY id");
-            q.bind(1, guid);
+            Statement q(db_, "SELECT motion_text FROM motion_bulks WHERE trip = ? ORDER BY id",
+                        guid);
             while (q.step()) texts.push_back(q.text(0));
         }
         std::vector<MotionRecord> records;
@@ -200,43 +191,25 @@ public:
 
     bool saveDriving(const DrivingRow& d) override {
         std::lock_guard lock(mutex_);
-        Statement q(db_,
-                    "INSERT OR REPLACE INTO trips VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
-                    "?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, (SELECT COALESCE(MAX(received), 0) + 1 FROM "
-                    "trips))");
-        q.bind(1, d.guid).bind(2, d.userID).bind(3, d.startDateTime).bind(4, d.endDateTime);
-        q.bind(5, d.startLocation).bind(6, d.endLocation).bind(7, d.startLat).bind(8, d.startLong);
-        q.bind(9, d.endLat).bind(10, d.endLong).bind(11, d.score);
-        for (int i = 0; i < 5; ++i) q.bind(12 + i, d.counts[i]).bind(17 + i, d.penalties[i]);
-        q.bind(22, d.fuelPenalty).bind(23, d.totalDistance).bind(24, d.timeElapsed);
-        return q.run();
+        return Statement(db_,
+                         "INSERT OR REPLACE INTO trips VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
+                         "?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, (SELECT COALESCE(MAX(received), 0) + "
+                         "1 FROM trips))",
+                         d.guid, d.userID, d.startDateTime, d.endDateTime, d.startLocation,
+                         d.endLocation, d.startLat, d.startLong, d.endLat, d.endLong, d.score,
+                         d.counts, d.penalties, d.fuelPenalty, d.totalDistance, d.timeElapsed)
+            .run();
     }
 
     std::vector<DrivingRow> drivings(std::int64_t userID) override {
         std::lock_guard lock(mutex_);
         std::vector<DrivingRow> rows;
-        Statement q(db_, "SELECT * FROM trips WHERE user_id = ? ORDER BY received");
-        q.bind(1, userID);
+        Statement q(db_, "SELECT * FROM trips WHERE user_id = ? ORDER BY received", userID);
         while (q.step()) {
             DrivingRow& d = rows.emplace_back();
-            d.guid = q.text(0);
-            d.userID = q.integer(1);
-            d.startDateTime = q.text(2);
-            d.endDateTime = q.text(3);
-            d.startLocation = q.text(4);
-            d.endLocation = q.text(5);
-            d.startLat = q.real(6);
-            d.startLong = q.real(7);
-            d.endLat = q.real(8);
-            d.endLong = q.real(9);
-            d.score = q.real(10);
-            for (int i = 0; i < 5; ++i) {
-                d.counts[i] = q.integer(11 + i);
-                d.penalties[i] = q.real(16 + i);
-            }
-            d.fuelPenalty = q.real(21);
-            d.totalDistance = q.real(22);
-            d.timeElapsed = q.text(23);
+            q.read(d.guid, d.userID, d.startDateTime, d.endDateTime, d.startLocation, d.endLocation,
+                   d.startLat, d.startLong, d.endLat, d.endLong, d.score, d.counts, d.penalties,
+                   d.fuelPenalty, d.totalDistance, d.timeElapsed);
         }
         return rows;
     }
@@ -245,17 +218,18 @@ public:
         std::lock_guard lock(mutex_);
         Statement q(db_,
                     (std::string("SELECT COUNT(*), TOTAL(MIN(MAX(distance_metres, 0), 1e9)), ") +
-                     kWeighedScore + " FROM trips WHERE user_id = ?"));
-        q.bind(1, userID);
+                     kWeighedScore + " FROM trips WHERE user_id = ?"),
+                    userID);
         if (!q.step()) return {};
         return {q.integer(0), q.real(1), q.real(2)};
     }
 
     std::optional<UserRow> login(const std::string& mobile, const std::string& token) override {
         std::lock_guard lock(mutex_);
-        Statement q(db_, (std::string("SELECT ") + kUserColumns +
-                          ", token_salt, token_hash FROM users WHERE mobile = ?"));
-        q.bind(1, mobile);
+        Statement q(db_,
+                    (std::string("SELECT ") + kUserColumns +
+                     ", token_salt, token_hash FROM users WHERE mobile = ?"),
+                    mobile);
         if (!q.step()) return std::nullopt;
         const std::string salt = q.text(9), stored = q.text(10);
         const std::string offered = saltedHash(salt, token);
@@ -274,8 +248,8 @@ public:
         Statement q(db_,
                     "INSERT INTO users(reference_id, mobile, token_salt, token_hash) VALUES (?1, "
                     "?1, ?2, ?3) ON CONFLICT(mobile) DO UPDATE SET token_salt = ?2, token_hash = "
-                    "?3");
-        q.bind(1, mobile).bind(2, salt).bind(3, hash);
+                    "?3",
+                    mobile, salt, hash);
         return q.run() ? token : std::string();
     }
 
@@ -286,9 +260,9 @@ public:
         if (!user.referenceId.empty()) {
             Statement known(db_,
                             "SELECT id, first_name = ?2 AND last_name = ?3 AND email = ?4 AND "
-                            "gender = ?5 FROM users WHERE reference_id = ?1");
-            known.bind(1, user.referenceId).bind(2, user.firstName).bind(3, user.lastName);
-            known.bind(4, user.email).bind(5, user.genderId);
+                            "gender = ?5 FROM users WHERE reference_id = ?1",
+                            user.referenceId, user.firstName, user.lastName, user.email,
+                            user.genderId);
             if (known.step()) {
                 if (known.integer(1)) return {known.integer(0), false};
                 return {0, true};
@@ -296,28 +270,26 @@ public:
         }
         Statement q(db_,
                     "INSERT INTO users(reference_id, first_name, last_name, email, gender) "
-                    "VALUES (NULLIF(?, ''), ?, ?, ?, ?) RETURNING id");
-        q.bind(1, user.referenceId).bind(2, user.firstName).bind(3, user.lastName);
-        q.bind(4, user.email).bind(5, user.genderId);
+                    "VALUES (NULLIF(?, ''), ?, ?, ?, ?) RETURNING id",
+                    user.referenceId, user.firstName, user.lastName, user.email, user.genderId);
         return {q.step() ? q.integer(0) : 0, false};
     }
 
     bool addFriend(const std::string& referenceId, const std::string& friendReferenceId) override {
         std::lock_guard lock(mutex_);
-        Statement known(db_, "SELECT COUNT(*) FROM users WHERE reference_id IN (?, ?)");
-        known.bind(1, referenceId).bind(2, friendReferenceId);
+        Statement known(db_, "SELECT COUNT(*) FROM users WHERE reference_id IN (?, ?)", referenceId,
+                        friendReferenceId);
         if (!known.step() || known.integer(0) != (referenceId == friendReferenceId ? 1 : 2)) {
             return false;
         }
-        Statement q(db_, "INSERT OR IGNORE INTO friends VALUES (?1, ?2), (?2, ?1)");
-        q.bind(1, referenceId).bind(2, friendReferenceId);
-        return q.run();
+        return Statement(db_, "INSERT OR IGNORE INTO friends VALUES (?1, ?2), (?2, ?1)",
+                         referenceId, friendReferenceId)
+            .run();
     }
 
     std::optional<UserRow> user(std::int64_t id) override {
         std::lock_guard lock(mutex_);
-        Statement q(db_, (std::string("SELECT ") + kUserColumns + " FROM users WHERE id = ?"));
-        q.bind(1, id);
+        Statement q(db_, (std::string("SELECT ") + kUserColumns + " FROM users WHERE id = ?"), id);
         if (!q.step()) return std::nullopt;
         return readUser(q);
     }
@@ -334,8 +306,7 @@ public:
             "COUNT(guid), " +
             std::string(kWeighedScore) + " FROM users u LEFT JOIN trips ON user_id = u.id WHERE " +
             where + " GROUP BY u.id ORDER BY 6 DESC, 1 ASC";
-        Statement q(db_, sql);
-        q.bind(1, me.id).bind(2, scope == 1 ? me.country : me.city).bind(3, me.referenceId);
+        Statement q(db_, sql, me.id, scope == 1 ? me.country : me.city, me.referenceId);
         std::vector<LeaderRow> rows;
         while (q.step()) {
             rows.push_back(
@@ -359,19 +330,12 @@ private:
         "TOTAL(MIN(MAX(distance_metres, 0), 1e9)) ELSE "
         "TOTAL(MIN(MAX(score, -1e6), 1e6)) / MAX(COUNT(score), 1) END";
     static constexpr const char* kUserColumns =
-        "id, reference_id, first_name, last_name, email, gender, type, city, country";
+        "id, reference_id, first_name, last_name, email, city, country, gender, type";
 
     static UserRow readUser(Statement& q) {
         UserRow u;
-        u.id = q.integer(0);
-        u.referenceId = q.text(1);
-        u.firstName = q.text(2);
-        u.lastName = q.text(3);
-        u.email = q.text(4);
-        u.genderId = q.integer(5);
-        u.typeId = q.integer(6);
-        u.city = q.text(7);
-        u.country = q.text(8);
+        q.read(u.id, u.referenceId, u.firstName, u.lastName, u.email, u.city, u.country, u.genderId,
+               u.typeId);
         return u;
     }
 
@@ -401,9 +365,7 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
             const std::string file = path + ".motion-" + std::to_string(k);
             std::error_code ignored;
             if (!std::filesystem::exists(file, ignored)) continue;
-            const std::string name = "m" + std::to_string(attached.size() + 1);
-            Statement attach(db_, ("ATTACH DATABASE ? AS " + name));
-            if (!attach.bind(1, file).run()) {
+            if (!Statement(db_, ("ATTACH DATABASE ? AS m" + std::to_string(k)), file).run()) {
                 error = "cannot read " + file + ": " + sqlite3_errmsg(db_);
                 return false;
             }
@@ -427,9 +389,7 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
         tryExecute(db_, "ROLLBACK");
         error.insert(0, (earlier ? "cannot upgrade " : "cannot create ") + path + ": ");
     }
-    for (std::size_t k = 1; k <= attached.size(); ++k) {
-        tryExecute(db_, "DETACH DATABASE m" + std::to_string(k));
-    }
+    for (int k = 1; k <= 3; ++k) tryExecute(db_, "DETACH DATABASE m" + std::to_string(k));
     if (!done) return false;
     // Every record is in the one file now: the others would only mislead.
     std::error_code ignored;
@@ -440,21 +400,18 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
     return true;
 }
 
-// The earlier rows kept a record's key, position and penalties; they are packed a thousand to a
-// bulk, as the library would have written them with its other fields zero. A key kept in two of
-// the files (a trip whose records changed file) is moved once.
+// The earlier rows kept a record's key, position and penalties, and each file its database's
+// number: a file of another database is refused.
 bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& error) {
-    std::vector<std::string> schemas = {"main"};
-    for (int k = 1; hasTable(db_, ("m" + std::to_string(k)).c_str(), "motion"); ++k)
-        schemas.push_back("m" + std::to_string(k));
     const auto number = [&](const std::string& schema) {
         Statement q(db_, ("SELECT value FROM " + schema + ".counters WHERE name = 'database'"));
         return q.step() ? q.integer(0) : 0;
     };
     std::string rows;
-    for (std::size_t k = 0; k < schemas.size(); ++k) {
-        if (!hasTable(db_, schemas[k].c_str(), "motion")) continue;
-        if (k > 0 && number(schemas[k]) != number("main")) {
+    for (int k = 0; k <= 3; ++k) {
+        const std::string schema = k == 0 ? "main" : "m" + std::to_string(k);
+        if (!hasTable(db_, schema.c_str(), "motion")) continue;
+        if (k > 0 && number(schema) != number("main")) {
             error = path + ".motion-" + std::to_string(k) +
                     " holds records of another database: move it away, or put back the database "
                     "file it was made with";
@@ -463,8 +420,9 @@ bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& erro
         rows += std::string(rows.empty() ? "" : " UNION ALL ") +
                 "SELECT t.guid, m.user_id, m.item_id, m.record_time, m.lat, m.lon, m.p0, m.p1, "
                 "m.p2, m.p3, m.p4, m.k0, m.k1, m.k2, m.k3, m.k4, m.fuel, " +
-                std::to_string(k) + " AS file, m.arrival FROM " + schemas[k] + ".motion m JOIN " +
-                schemas[k] + ".trip_ids t ON t.id = m.trip";
+                std::to_string(k) + " AS file, m.arrival FROM ";
+        rows.append(schema).append(".motion m JOIN ").append(schema);
+        rows += ".trip_ids t ON t.id = m.trip";
     }
     // Each row becomes a bulk of one record in the library's text, its other fields zero. The
     // rows of a trip go in the order they came, file by file, so a key kept in two files (a trip
@@ -482,8 +440,9 @@ bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& erro
                 "2) || '-' || substr(d, 7, 2) || ' ' || substr(d, 9, 2) || ':' || substr(d, 11, 2) "
                 "|| ':' || substr(d, 13, 2) || ':' || substr(d, 15, 3) AS stamp FROM (SELECT *, "
                 "printf('%017d', record_time % 100000000000000000) AS d FROM (" +
-                    rows + "))) ORDER BY guid, file, arrival");
-    if (!rows.empty() && !q.bind(1, format).run()) {
+                    rows + "))) ORDER BY guid, file, arrival",
+                format);
+    if (!rows.empty() && !q.run()) {
         error = sqlite3_errmsg(db_);
         return false;
     }

@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     };
     switch (which % 8) {
         case 0: {
-            auto bulk = parseMotionBulk(body);
+            auto bulk = parseMotionBulk(std::string(body));
             check(bulk);
             if (bulk && bulk->guid.empty()) __builtin_trap();
             break;
