@@ -4,6 +4,7 @@
 #include <kestrelvue/Limits.h>
 #include <simdjson.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstring>
@@ -357,6 +358,13 @@ std::optional<HistoryReply> readElementWise(std::string_view body, const Environ
         const std::size_t length = cut.end - start;
         padded.resize(length + simdjson::SIMDJSON_PADDING);
         std::memcpy(padded.data(), body.data() + start, length);
+        // One level less than a whole text may nest: the list is the first.
+        constexpr std::size_t kElementDepth = simdjson::DEFAULT_MAX_DEPTH - 1;
+        if ((parser.max_depth() != kElementDepth || parser.capacity() < length) &&
+            parser.allocate(std::max(length, parser.capacity()), kElementDepth) !=
+                simdjson::SUCCESS) {
+            return std::nullopt;
+        }
         Element item;
         if (parser.parse(padded.data(), length, false).get(item) != simdjson::SUCCESS) {
             if (++tries == kMaxTries || cut.next == std::string_view::npos) return std::nullopt;

@@ -142,7 +142,24 @@ char* formatTimestamp(char* out, platform::TimePoint t) {
     }
     CachedSecond& slot = tCache[static_cast<std::uint64_t>(second) & 3];
     if (slot.length == 0 || slot.second != second) {
-        slot.length = formatSecond(slot.text, second);
+        // Samples move on a second at a time: within a block of one offset, the text of the
+        // second before with its seconds counted up, unless they wrap.
+        const CachedSecond& before = tCache[static_cast<std::uint64_t>(second - 1) & 3];
+        const std::int64_t block = floorDiv(second, kBlockSeconds);
+        if (before.length == 19 && before.second == second - 1 && tBlock.filled && tBlock.uniform &&
+            tBlock.block == block && floorDiv(second - 1, kBlockSeconds) == block &&
+            (before.text[17] != '5' || before.text[18] != '9')) {
+            std::memcpy(slot.text, before.text, 19);
+            if (slot.text[18] == '9') {
+                slot.text[18] = '0';
+                ++slot.text[17];
+            } else {
+                ++slot.text[18];
+            }
+            slot.length = 19;
+        } else {
+            slot.length = formatSecond(slot.text, second);
+        }
         slot.second = second;
     }
     // 19 bytes within TimePoint's range; a constant length lets the next field start at once.

@@ -30,7 +30,7 @@ inline constexpr char kDigitPairs[] =
 struct PointAndThreeDigits {
     char text[4000];
     constexpr PointAndThreeDigits() : text() {
-        for (int i = 0; i < 1000; ++i) {
+        for (std::size_t i = 0; i < 1000; ++i) {
             text[4 * i] = '.';
             text[4 * i + 1] = static_cast<char>('0' + i / 100);
             text[4 * i + 2] = static_cast<char>('0' + i / 10 % 10);

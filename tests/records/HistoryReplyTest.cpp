@@ -67,6 +67,18 @@ TEST_F(HistoryReplyTest, RepliesBeyondTheLimitsAreRefusedBeforeAnyRecordIsMade) 
     }
     EXPECT_EQ(clock->reads, 0);
     EXPECT_EQ(read("[" + tooMany.substr(4)).trips.size(), kMaxHistoryTrips);
+
+    // Nesting either side of the JSON reader's limit: the two agree.
+    int accepted = 0;
+    for (std::size_t depth = 1020; depth <= 1024; ++depth) {
+        const std::string deep =
+            "[{\"Other\":" + std::string(depth, '[') + std::string(depth, ']') + "}]";
+        const bool ok = read(deep).ok;
+        EXPECT_EQ(ok, json::parse(deep).value.has_value()) << depth;
+        accepted += ok ? 1 : 0;
+    }
+    EXPECT_GT(accepted, 0);
+    EXPECT_LT(accepted, 5);
 }
 
 // An independent reader: the generic JSON value, then each member by the rules a host relies on

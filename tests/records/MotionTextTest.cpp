@@ -245,6 +245,10 @@ TEST(MotionText, StampsStayRightAcrossDaylightSavingChanges) {
         for (auto t = change + seconds(5); t > change - seconds(5); t -= milliseconds(250))
             ASSERT_EQ(ourStamp(t), referenceStamp(t));
     }
+    // Ordinary seconds, each from the one before: across tens of seconds and a minute.
+    for (auto t = utc(2026, 6, 1, 12, 0, 5, 0); t < utc(2026, 6, 1, 12, 1, 15, 0);
+         t += milliseconds(250))
+        ASSERT_EQ(ourStamp(t), referenceStamp(t));
     // A rule that changes at an odd second of UTC, inside a block the library treats as one.
     {
         ScopedTimeZone odd("AAA-1BBB,M3.5.0/2:07:31,M10.5.0/3:07:31");
