@@ -174,7 +174,7 @@ struct DrivingInsight::Impl {
         std::string driving;
     };
     PendingBulk takeBulkLocked();
-    void sendBulk(PendingBulk bulk);
+    void sendBulk(const PendingBulk& bulk);
     /// Where the trip stands for an upload's outcome (Locked).
     detail::UploadPhase uploadPhaseLocked() const;
     void MotionDataSynced(const Notification& notification);
@@ -199,7 +199,7 @@ struct DrivingInsight::Impl {
     detail::Evaluator evaluator;
 
     // History.cpp, Summary.cpp
-    void historyReplyArrived(platform::HttpResult result);
+    void historyReplyArrived(const platform::HttpResult& result);
     void reportHistoryFailure(std::int64_t code, const std::string& title,
                               const std::string& message);
     void summaryDataReady(const Notification& notification);

@@ -188,7 +188,7 @@ void DrivingInsight::Impl::evaluate(const SampleAdmission* admission, std::int64
 
     if (effects.startUpload) {
         if (effects.bulk)
-            sendBulk(std::move(*effects.bulk));
+            sendBulk(*effects.bulk);
         else
             sendMotionDataToServer();  // reports the bad address
         requestWeather(effects.weatherURL);
