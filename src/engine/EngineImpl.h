@@ -160,9 +160,10 @@ struct DrivingInsight::Impl {
                   const Vector3& rotationRate, const Vector3& userAcceleration,
                   const Vector3& gravity);
     /// Judges and records one sample; false when there is no position to record it at (Locked).
-    bool recordSampleLocked(std::int64_t motionId, const Vector3& attitude,
-                            const Vector3& rotationRate, const Vector3& userAcceleration,
-                            const Vector3& gravity, bool observed, SampleEffects& effects);
+    /// Inline, and defined in Evaluation.cpp, the one place it is called.
+    inline bool recordSampleLocked(std::int64_t motionId, const Vector3& attitude,
+                                   const Vector3& rotationRate, const Vector3& userAcceleration,
+                                   const Vector3& gravity, bool observed, SampleEffects& effects);
 
     // MotionUpload.cpp: sends one bulk; the caller has set tripMotion.isSyncingToServer.
     void sendMotionDataToServer();
