@@ -1,7 +1,8 @@
 #pragma once
-// The engine's implementation: every piece of state DrivingInsight has, and the operations on
-// it. The public class's accessors read and write these fields under mutex_, and its operations
-// forward here, so that a new field changes nothing hosts compile against.
+// The engine's implementation: its parts and seams (every piece of state DrivingInsight has), and
+// the operations on them. The public class's accessors read a copy of a field or replace it under
+// mutex_ (core/Locked.h), and its operations forward here, so that a new field changes nothing
+// hosts compile against.
 //
 // Threading: host calls, motion samples and geocoder answers arrive on the host's main thread;
 // service replies and the handlers they trigger run on HTTP worker threads. All state below is
