@@ -146,7 +146,7 @@ std::int64_t DrivingInsight::bulkMotionDataSize() const {
     return detail::lockedRead(impl_->mutex_, impl_->host.bulkMotionDataSize);
 }
 void DrivingInsight::setBulkMotionDataSize(std::int64_t value) {
-    detail::lockedWrite(impl_->mutex_, impl_->host.bulkMotionDataSize, std::move(value));
+    detail::lockedWrite(impl_->mutex_, impl_->host.bulkMotionDataSize, value);
 }
 std::string DrivingInsight::bundleDisplayName() const {
     return detail::lockedRead(impl_->mutex_, impl_->host.bundleDisplayName);
@@ -182,7 +182,7 @@ std::int64_t DrivingInsight::UserID() const {
     return detail::lockedRead(impl_->mutex_, impl_->host.userID);
 }
 void DrivingInsight::setUserID(std::int64_t value) {
-    detail::lockedWrite(impl_->mutex_, impl_->host.userID, std::move(value));
+    detail::lockedWrite(impl_->mutex_, impl_->host.userID, value);
 }
 std::string DrivingInsight::DrivingID() const {
     return detail::lockedRead(impl_->mutex_, impl_->trip.drivingID);
@@ -212,25 +212,25 @@ std::optional<platform::TimePoint> DrivingInsight::StartDateTime() const {
     return detail::lockedRead(impl_->mutex_, impl_->trip.startDateTime);
 }
 void DrivingInsight::setStartDateTime(std::optional<platform::TimePoint> value) {
-    detail::lockedWrite(impl_->mutex_, impl_->trip.startDateTime, std::move(value));
+    detail::lockedWrite(impl_->mutex_, impl_->trip.startDateTime, value);
 }
 std::optional<platform::TimePoint> DrivingInsight::EndDateTime() const {
     return detail::lockedRead(impl_->mutex_, impl_->trip.endDateTime);
 }
 void DrivingInsight::setEndDateTime(std::optional<platform::TimePoint> value) {
-    detail::lockedWrite(impl_->mutex_, impl_->trip.endDateTime, std::move(value));
+    detail::lockedWrite(impl_->mutex_, impl_->trip.endDateTime, value);
 }
 std::optional<platform::Location> DrivingInsight::StartLocation() const {
     return detail::lockedRead(impl_->mutex_, impl_->trip.startLocation);
 }
 void DrivingInsight::setStartLocation(std::optional<platform::Location> value) {
-    detail::lockedWrite(impl_->mutex_, impl_->trip.startLocation, std::move(value));
+    detail::lockedWrite(impl_->mutex_, impl_->trip.startLocation, value);
 }
 std::optional<platform::Location> DrivingInsight::EndLocation() const {
     return detail::lockedRead(impl_->mutex_, impl_->trip.endLocation);
 }
 void DrivingInsight::setEndLocation(std::optional<platform::Location> value) {
-    detail::lockedWrite(impl_->mutex_, impl_->trip.endLocation, std::move(value));
+    detail::lockedWrite(impl_->mutex_, impl_->trip.endLocation, value);
 }
 std::string DrivingInsight::StartLocationStr() const {
     return detail::lockedRead(impl_->mutex_, impl_->trip.startLocationStr);
@@ -269,35 +269,32 @@ std::optional<platform::DateComponents> DrivingInsight::TimeElapsedSinceStart() 
     return detail::lockedRead(impl_->mutex_, impl_->trip.timeElapsedSinceStart);
 }
 void DrivingInsight::setTimeElapsedSinceStart(std::optional<platform::DateComponents> value) {
-    detail::lockedWrite(impl_->mutex_, impl_->trip.timeElapsedSinceStart, std::move(value));
+    detail::lockedWrite(impl_->mutex_, impl_->trip.timeElapsedSinceStart, value);
 }
 std::optional<platform::DateComponents> DrivingInsight::TimeElapsedSinceLastLocation() const {
     return detail::lockedRead(impl_->mutex_, impl_->trip.odometer.timeElapsedSinceLastLocation);
 }
 void DrivingInsight::setTimeElapsedSinceLastLocation(
     std::optional<platform::DateComponents> value) {
-    detail::lockedWrite(impl_->mutex_, impl_->trip.odometer.timeElapsedSinceLastLocation,
-                        std::move(value));
+    detail::lockedWrite(impl_->mutex_, impl_->trip.odometer.timeElapsedSinceLastLocation, value);
 }
 double DrivingInsight::HoursElapsedSinceStart() const {
     return detail::lockedRead(impl_->mutex_, impl_->trip.hoursElapsedSinceStart);
 }
 void DrivingInsight::setHoursElapsedSinceStart(double value) {
-    detail::lockedWrite(impl_->mutex_, impl_->trip.hoursElapsedSinceStart, std::move(value));
+    detail::lockedWrite(impl_->mutex_, impl_->trip.hoursElapsedSinceStart, value);
 }
 double DrivingInsight::HoursElapsedSinceLastLocation() const {
     return detail::lockedRead(impl_->mutex_, impl_->trip.odometer.hoursElapsedSinceLastLocation);
 }
 void DrivingInsight::setHoursElapsedSinceLastLocation(double value) {
-    detail::lockedWrite(impl_->mutex_, impl_->trip.odometer.hoursElapsedSinceLastLocation,
-                        std::move(value));
+    detail::lockedWrite(impl_->mutex_, impl_->trip.odometer.hoursElapsedSinceLastLocation, value);
 }
 double DrivingInsight::TotalTraveledDistance() const {
     return detail::lockedRead(impl_->mutex_, impl_->trip.odometer.totalTraveledDistance);
 }
 void DrivingInsight::setTotalTraveledDistance(double value) {
-    detail::lockedWrite(impl_->mutex_, impl_->trip.odometer.totalTraveledDistance,
-                        std::move(value));
+    detail::lockedWrite(impl_->mutex_, impl_->trip.odometer.totalTraveledDistance, value);
 }
 double DrivingInsight::TraveledDistanceSinceLastLocation() const {
     return detail::lockedRead(impl_->mutex_,
@@ -310,13 +307,13 @@ double DrivingInsight::Score() const {
     return detail::lockedRead(impl_->mutex_, impl_->trip.score);
 }
 void DrivingInsight::setScore(double value) {
-    detail::lockedWrite(impl_->mutex_, impl_->trip.score, std::move(value));
+    detail::lockedWrite(impl_->mutex_, impl_->trip.score, value);
 }
 std::optional<double> DrivingInsight::Temperature() const {
     return detail::lockedRead(impl_->mutex_, impl_->trip.temperature);
 }
 void DrivingInsight::setTemperature(std::optional<double> value) {
-    detail::lockedWrite(impl_->mutex_, impl_->trip.temperature, std::move(value));
+    detail::lockedWrite(impl_->mutex_, impl_->trip.temperature, value);
 }
 
 void DrivingInsight::setSummaryDataRecord(const kestrelvue::SummaryData& value) {
@@ -327,7 +324,7 @@ void DrivingInsight::setSummaryDataRecord(const kestrelvue::SummaryData& value) 
 void DrivingInsight::setCurrentLocation(std::optional<platform::Location> value) {
     Impl& impl = *impl_;
     detail::withLock(impl.mutex_, [&] {
-        impl.trip.odometer.moveTo(std::move(value), impl.settings.distanceFilterForSpeed);
+        impl.trip.odometer.moveTo(value, impl.settings.distanceFilterForSpeed);
     });
 }
 

@@ -1,7 +1,8 @@
 #pragma once
-// The engine's implementation: every piece of state DrivingInsight has, and the operations on
-// it. The public class's accessors read and write these fields under mutex_, and its operations
-// forward here, so that a new field changes nothing hosts compile against.
+// The engine's implementation: its parts and seams (every piece of state DrivingInsight has), and
+// the operations on them. The public class's accessors read a copy of a field or replace it under
+// mutex_ (core/Locked.h), and its operations forward here, so that a new field changes nothing
+// hosts compile against.
 //
 // Threading: host calls, motion samples and geocoder answers arrive on the host's main thread;
 // service replies and the handlers they trigger run on HTTP worker threads. All state below is
@@ -160,9 +161,10 @@ struct DrivingInsight::Impl {
                   const Vector3& rotationRate, const Vector3& userAcceleration,
                   const Vector3& gravity);
     /// Judges and records one sample; false when there is no position to record it at (Locked).
-    bool recordSampleLocked(std::int64_t motionId, const Vector3& attitude,
-                            const Vector3& rotationRate, const Vector3& userAcceleration,
-                            const Vector3& gravity, bool observed, SampleEffects& effects);
+    /// Inline, and defined in Evaluation.cpp, the one place it is called.
+    inline bool recordSampleLocked(std::int64_t motionId, const Vector3& attitude,
+                                   const Vector3& rotationRate, const Vector3& userAcceleration,
+                                   const Vector3& gravity, bool observed, SampleEffects& effects);
 
     // MotionUpload.cpp: sends one bulk; the caller has set tripMotion.isSyncingToServer.
     void sendMotionDataToServer();
@@ -174,7 +176,7 @@ struct DrivingInsight::Impl {
         std::string driving;
     };
     PendingBulk takeBulkLocked();
-    void sendBulk(PendingBulk bulk);
+    void sendBulk(const PendingBulk& bulk);
     /// Where the trip stands for an upload's outcome (Locked).
     detail::UploadPhase uploadPhaseLocked() const;
     void MotionDataSynced(const Notification& notification);
@@ -199,7 +201,7 @@ struct DrivingInsight::Impl {
     detail::Evaluator evaluator;
 
     // History.cpp, Summary.cpp
-    void historyReplyArrived(platform::HttpResult result);
+    void historyReplyArrived(const platform::HttpResult& result);
     void reportHistoryFailure(std::int64_t code, const std::string& title,
                               const std::string& message);
     void summaryDataReady(const Notification& notification);

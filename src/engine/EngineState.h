@@ -221,9 +221,10 @@ struct Evaluator {
     }
 
     /// Every detector looks at the sample; each finding is counted and, with a direction, charged
-    /// to its kind in `totals`. The last finding stays as the fault type.
-    Judgement judge(const Vector3& rotationRate, const Vector3& userAcceleration,
-                    const Settings& settings, PenaltyTotals& totals);
+    /// to its kind in `totals`. The last finding stays as the fault type. Inline, and defined in
+    /// Evaluation.cpp, the one place it is called.
+    inline Judgement judge(const Vector3& rotationRate, const Vector3& userAcceleration,
+                           const Settings& settings, PenaltyTotals& totals);
 };
 
 /// {"UserID":..,"DrivingGuid":"..","MotionStr":"..","AppVersion":".." or null}, compact, written by

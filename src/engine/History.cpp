@@ -32,12 +32,12 @@ void DrivingInsight::Impl::getTripHistory() {
         host.tripHistory.clear();
     }
     platform::AsyncRequest pending = env_.http->send(
-        std::move(request), [this](platform::HttpResult r) { historyReplyArrived(std::move(r)); });
+        std::move(request), [this](const platform::HttpResult& r) { historyReplyArrived(r); });
     // Overlapping requests each deliver their reply.
     keep(std::move(pending));
 }
 
-void DrivingInsight::Impl::historyReplyArrived(platform::HttpResult result) {
+void DrivingInsight::Impl::historyReplyArrived(const platform::HttpResult& result) {
     static constexpr const char* kConnectionTitle = "Sistem Bağlantı Hatası";
     const detail::HttpReply http = detail::classify(result);
     if (http.error && http.error->code == platform::kTransportBodyTooLarge) {

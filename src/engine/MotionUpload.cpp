@@ -59,7 +59,7 @@ DrivingInsight::Impl::PendingBulk DrivingInsight::Impl::takeBulkLocked() {
     return bulk;
 }
 
-void DrivingInsight::Impl::sendBulk(PendingBulk bulk) {
+void DrivingInsight::Impl::sendBulk(const PendingBulk& bulk) {
     const std::size_t carried = bulk.carried;
     auto body =
         detail::writeMotionDataBody(bulk.user, bulk.driving, bulk.motionStr, appVersionOf(env_));
@@ -80,7 +80,8 @@ void DrivingInsight::Impl::sendBulk(PendingBulk bulk) {
     // it holds the centre and posts the outcome there, where the engine's observers (gone with
     // the engine) hear it.
     auto completion = [center = center_.shared_from_this(),
-                       sender = static_cast<const void*>(&self_)](platform::HttpResult result) {
+                       sender =
+                           static_cast<const void*>(&self_)](const platform::HttpResult& result) {
         // The response decides; the transport's error only describes a missing one.
         const detail::HttpReply reply = detail::classify(result);
         if (reply.kind == detail::HttpReply::Kind::noResponse) {

@@ -95,7 +95,7 @@ void Trip::saveToServer() {
     const auto outbox = env.services().openOutbox();
     // The pending upload keeps the record alive until its reply has been handled. A record not
     // held by a shared_ptr is uploaded all the same but cannot be handed back on success.
-    auto completion = [self = weak_from_this().lock(), &env](platform::HttpResult result) {
+    auto completion = [self = weak_from_this().lock(), &env](const platform::HttpResult& result) {
         // The response decides; a transport error beside it is not looked at.
         const detail::HttpReply reply = detail::classify(result);
         if (reply.kind == detail::HttpReply::Kind::noResponse) {
