@@ -40,8 +40,8 @@ protected:
     static tools::Drive example(const std::string& name) {
         std::ifstream file(std::string(KESTRELVUE_SOURCE_DIR) + "/examples/drives/" + name);
         auto parsed = tools::parseDrive(file);
-        EXPECT_TRUE(parsed.drive) << name << ": " << parsed.error;
-        return parsed.drive.value_or(tools::Drive{});
+        EXPECT_TRUE(parsed.value) << name << ": " << parsed.error;
+        return parsed.value.value_or(tools::Drive{});
     }
 
     service::ReferenceService service_{service::ServiceOptions{}};
