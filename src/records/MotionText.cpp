@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 
@@ -35,6 +36,31 @@ std::string_view trimmed(std::string_view field) {
 /// Any number the library prints, "nan" and "inf" included: a sensor may give them.
 bool readNumber(std::string_view field, double& out) {
     field = trimmed(field);
+    // The library writes "-d.ddd": with at most 15 digits the digits are an exact double and so is
+    // the power of ten, so one division rounds as from_chars does, at a fraction of its cost.
+    static constexpr double kPowers[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                         1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+    const bool negative = !field.empty() && field[0] == '-';
+    std::uint64_t digits = 0;
+    int count = 0, decimals = -1;
+    std::size_t i = negative ? 1 : 0;
+    for (; i < field.size() && count <= 15; ++i) {
+        const char c = field[i];
+        if (c >= '0' && c <= '9') {
+            digits = digits * 10 + static_cast<std::uint64_t>(c - '0');
+            ++count;
+            if (decimals >= 0) ++decimals;
+        } else if (c == '.' && decimals < 0 && count > 0) {
+            decimals = 0;
+        } else {
+            break;
+        }
+    }
+    if (i == field.size() && count > 0 && count <= 15 && decimals != 0) {
+        const double value = static_cast<double>(digits) / kPowers[decimals < 0 ? 0 : decimals];
+        out = negative ? -value : value;
+        return true;
+    }
     auto [end, ec] = std::from_chars(field.data(), field.data() + field.size(), out);
     return ec == std::errc() && end == field.data() + field.size() && !field.empty();
 }

@@ -5,11 +5,13 @@
 #include <kestrelvue/Trip.h>
 
 #include <bit>
+#include <charconv>
 #include <chrono>
 #include <clocale>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <limits>
 #include <optional>
@@ -82,6 +84,49 @@ TEST(MotionText, ReadsBackWhatTheLibraryWrites) {
     std::string again;
     detail::appendMotionText(again, r);
     EXPECT_EQ(again, text);
+}
+
+// Numbers are read as from_chars reads them, to the last bit, whatever form they take.
+TEST(MotionText, NumbersReadAsFromChars) {
+    ScopedTimeZone tz("UTC0");
+    const std::string record = exampleRecord().toString();
+    const std::string rest = record.substr(record.find(','));
+    std::vector<std::string> numbers = {"0",
+                                        "-0.000",
+                                        "1.",
+                                        ".5",
+                                        "-.5",
+                                        "1e3",
+                                        "inf",
+                                        "-nan",
+                                        " 12.5",
+                                        "123456789012345",
+                                        "1234567890123456",
+                                        "0.1234567890123456789",
+                                        "9007199254740993",
+                                        "-"};
+    std::mt19937_64 random(7);
+    for (int i = 0; i < 3000; ++i) {
+        std::string n = random() % 2 ? "-" : "";
+        const int whole = 1 + static_cast<int>(random() % 9), fraction = random() % 10;
+        for (int d = 0; d < whole; ++d) n += static_cast<char>('0' + random() % 10);
+        if (fraction) n += '.';
+        for (int d = 0; d < fraction; ++d) n += static_cast<char>('0' + random() % 10);
+        numbers.push_back(n);
+    }
+    for (const std::string& n : numbers) {
+        double expected = 0;
+        const std::string_view t = std::string_view(n).substr(n.find_first_not_of(' '));
+        const auto [end, ec] = std::from_chars(t.data(), t.data() + t.size(), expected);
+        const bool valid = ec == std::errc() && end == t.data() + t.size();
+        const auto records = detail::parseMotionText(n + rest + ";", false);
+        ASSERT_EQ(bool(records), valid) << n;
+        if (!valid) continue;
+        const double got = records->front().acceleration[0];
+        EXPECT_TRUE(std::isnan(expected) ? std::isnan(got)
+                                         : std::memcmp(&got, &expected, sizeof got) == 0)
+            << n;
+    }
 }
 
 // ---- printf equivalence -----------------------------------------------------------------
