@@ -65,8 +65,8 @@ TEST_F(UserTest, LoginRepliesUpdateFieldsAndReportTheHandlingAccount) {
         EXPECT_EQ(fresh->Type(), c.type) << c.data;
         auto events = d->reports();
         ASSERT_EQ(events.size(), 1u) << c.data;
-        EXPECT_EQ(events[0].kind, "userDidLogin");
-        EXPECT_EQ(events[0].user, fresh.get());
+        EXPECT_EQ(std::pair(events[0].said(), events[0].user),
+                  std::pair(std::string("userDidLogin"), static_cast<const User*>(fresh.get())));
     }
 }
 

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "support/EndWaits.h"
+#include "support/TestDoubles.h"
 
 namespace kestrelvue {
 namespace {

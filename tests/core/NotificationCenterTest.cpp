@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/EndWaits.h"
+#include "support/TestDoubles.h"
 
 namespace kestrelvue {
 namespace {

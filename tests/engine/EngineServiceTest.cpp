@@ -180,9 +180,7 @@ TEST_F(EngineService, StoppedTripArrivesInBulksInOrderAndCompletes) {
     ASSERT_TRUE(delegate_->waitFor(1));
     const auto reports = delegate_->reports();
     ASSERT_EQ(reports.size(), 1u);
-    ASSERT_EQ(reports[0].kind, "tripDidFinish");
-    ASSERT_NE(reports[0].trip, nullptr);
-    EXPECT_EQ(reports[0].trip->DrivingID, drivingID);
+    ASSERT_EQ(reports[0].trip ? reports[0].trip->DrivingID : reports[0].said(), drivingID);
 
     const auto received = bulks();
     ASSERT_EQ(received.size(), 3u);
@@ -233,13 +231,11 @@ TEST_F(EngineService, FailureWhileDrivingReportsAndKeepsTheBuffer) {
     start();
     drive(10);
     ASSERT_TRUE(delegate_->waitFor(1));
-    const auto failed = delegate_->reports("tripDidFail");
+    const auto failed = delegate_->reports();
     ASSERT_EQ(failed.size(), 1u);
-    EXPECT_EQ(failed[0].code, 1000);
-    EXPECT_EQ(failed[0].title, "Sistem Bağlantı Hatası");
-    EXPECT_EQ(failed[0].message,
-              "Sürüş Bilgisi Sunucuya iletilemedi. Error Code:1008 - Error Code:1006 Response "
-              "Code:500");
+    EXPECT_EQ(failed[0].said(),
+              "tripDidFail 1000 Sistem Bağlantı Hatası: Sürüş Bilgisi Sunucuya iletilemedi. Error "
+              "Code:1008 - Error Code:1006 Response Code:500");
     EXPECT_EQ(failed[0].alert, nullptr);
     // No retry while driving, and the records stay: the next full buffer sends them first.
     ASSERT_EQ(server_.requests(kMotionPath).size(), 1u);
@@ -260,11 +256,11 @@ TEST_F(EngineService, StoppedTripRetriesThreeTimesThenReports) {
     drive(5);
     stop();
     ASSERT_TRUE(delegate_->waitFor(1));
-    const auto failed = delegate_->reports("tripDidFail");
+    const auto failed = delegate_->reports();
     ASSERT_EQ(failed.size(), 1u);
-    EXPECT_EQ(failed[0].code, 1000);
-    EXPECT_EQ(failed[0].message,
-              "Sürüş Bilgisi Sunucuya iletilemedi. Error Code:1006 Response Code:500");
+    EXPECT_EQ(failed[0].said(),
+              "tripDidFail 1000 Sistem Bağlantı Hatası: Sürüş Bilgisi Sunucuya "
+              "iletilemedi. Error Code:1006 Response Code:500");
     const auto attempts = server_.requests(kMotionPath);
     ASSERT_EQ(attempts.size(), 4u);
     for (const auto& attempt : attempts) EXPECT_EQ(attempt.body, attempts[0].body);
@@ -316,28 +312,24 @@ TEST_F(EngineService, RecordsAppendedDuringAFlushAreNeitherLostNorSentTwice) {
 
 // A record held only by its pending upload still reports; one that cannot be written is not sent.
 TEST_F(EngineService, TripRecordUploadOutcomes) {
-    struct Case {
-        R reply;
-        std::int64_t code;  // 0: success
-        std::string message;
-    } cases[] = {
-        {R::text("Hata oluştu", 200), 0, ""},
-        {{.status = 201}, 1015, "Sürüş Bilgisi Sunucuya iletilemedi. Response Code:201"},
-        {{.drop = R::Drop::beforeReply}, 1017, "Sürüş Bilgisi Sunucuya iletilemedi"},
+    const std::string failed = "tripDidFail 10";
+    const std::pair<R, std::string> cases[] = {
+        {R::text("Hata oluştu", 200), "tripDidFinish"},
+        {{.status = 201},
+         failed +
+             "15 Sistem Bağlantı Hatası: Sürüş Bilgisi Sunucuya iletilemedi. Response Code:201"},
+        {{.drop = R::Drop::beforeReply},
+         failed + "17 Sistem Bağlantı Hatası: Sürüş Bilgisi Sunucuya iletilemedi"},
     };
     SetUpEngine();
     std::size_t reports = 0;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.message);
-        server_.enqueue(kScorePath, c.reply);
+    for (const auto& [reply, said] : cases) {
+        server_.enqueue(kScorePath, reply);
         std::make_shared<Trip>(env_)->saveToServer();
         ASSERT_TRUE(delegate_->waitFor(++reports));
         const auto r = delegate_->reports().back();
-        EXPECT_EQ(r.kind, c.code ? "tripDidFail" : "tripDidFinish");
-        EXPECT_EQ(r.code, c.code);
-        EXPECT_EQ(r.message, c.message);
-        EXPECT_EQ(r.title, c.code ? "Sistem Bağlantı Hatası" : "");
-        EXPECT_EQ(c.code == 0, r.trip != nullptr);
+        EXPECT_EQ(r.said(), said);
+        EXPECT_EQ(said == "tripDidFinish", r.trip != nullptr);
     }
     auto nan = std::make_shared<Trip>(env_);
     nan->Score = std::numeric_limits<double>::quiet_NaN();
@@ -345,10 +337,9 @@ TEST_F(EngineService, TripRecordUploadOutcomes) {
     notUtf8->EndLocation = "Bitiş \xff";
     for (const auto& trip : {nan, notUtf8}) {
         trip->saveToServer();
-        const auto r = delegate_->reports().back();  // before the call returned
-        EXPECT_EQ(r.code, 1014);
-        EXPECT_EQ(r.title, "Sistem Hatası");
-        EXPECT_EQ(r.message, "Hatalı Json Verisi");
+        // Before the call returned.
+        EXPECT_EQ(delegate_->reports().back().said(),
+                  "tripDidFail 1014 Sistem Hatası: Hatalı Json Verisi");
     }
     EXPECT_EQ(delegate_->reports().size(), reports + 2);
     EXPECT_EQ(server_.requests(kScorePath).size(), reports);

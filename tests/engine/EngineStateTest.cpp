@@ -203,13 +203,11 @@ TEST(Settings, EveryNameReachesItsSettingAndUnknownOnesAreIgnored) {
     ASSERT_TRUE(reply);
     Settings s;
     s.apply(*reply);
-    EXPECT_EQ(s.updateInterval, 0.25);
-    EXPECT_EQ(s.distanceFilterForSpeed, 25.0);
-    EXPECT_EQ(s.distanceFilter, 75.0);
-    EXPECT_EQ(s.laneChange().duration1, 2);
-    EXPECT_EQ(s.laneChange().duration2, -2);
-    EXPECT_EQ(s.laneChange().duration3, 6);
-    EXPECT_EQ(s.laneChange().duration4, 20);
+    const auto lane = s.laneChange();  // durations are whole seconds
+    EXPECT_EQ((std::vector<double>{s.updateInterval, s.distanceFilterForSpeed, s.distanceFilter,
+                                   double(lane.duration1), double(lane.duration2),
+                                   double(lane.duration3), double(lane.duration4)}),
+              (std::vector<double>{0.25, 25, 75, 2, -2, 6, 20}));
     EXPECT_TRUE(s.level(K::cornering).at(0)->IsPerKilometer);
     for (K kind : kEventKinds) EXPECT_EQ(s.level(kind).size(), kind == K::braking ? 2u : 1u);
     EXPECT_EQ(s.level(K::braking)[1]->Impact, 5.0);

@@ -157,10 +157,8 @@ TEST(ScriptedDrive, CountsPenaltiesScoreAndBuffer) {
     for (std::size_t i = 0; i < steps.size(); ++i) {
         const MotionDataItem& item = motion.motionDataArray[i];
         EXPECT_EQ(item.ItemId, static_cast<std::int64_t>(i + 1));
-        characters += item.Fault.sharpCornering;
-        characters += item.Fault.sharpSpeeding;
-        characters += item.Fault.sharpLaneChanging;
-        characters += '|';
+        characters += {item.Fault.sharpCornering, item.Fault.sharpSpeeding,
+                       item.Fault.sharpLaneChanging, '|'};
     }
     EXPECT_EQ(characters, "   |R  | B |   |   |   |   |   |   |   |   |   |   |   |   |   |  L|");
     EXPECT_EQ(motion.motionDataArray[4].Orientation, 0);
@@ -171,14 +169,13 @@ TEST(ScriptedDrive, CountsPenaltiesScoreAndBuffer) {
     }
     const auto trip = engine->LastTrip();
     ASSERT_TRUE(trip);
-    EXPECT_EQ(trip->SharpCorneringCount, 1);
-    EXPECT_EQ(trip->SharpBrakingCount, 1);
-    EXPECT_EQ(trip->SharpSpeedingCount, 0);
-    EXPECT_EQ(trip->SharpLaneChangingCount, 1);
-    EXPECT_EQ(trip->SharpCorneringPenalty, 0.45 * 2 * 0.5);
-    EXPECT_EQ(trip->SharpLaneChangingPenalty, 1.5 * 3 * 0.5);
-    EXPECT_EQ(trip->SharpBrakingPenaltyPerKM, 0.5 * 4 * 0.5 / 3.0);
-    EXPECT_EQ(trip->FuelEfficiencyPenaltyPerKM, 0.3 * 0.5 / 3.0);
+    EXPECT_EQ(
+        (std::vector<double>{double(trip->SharpCorneringCount), double(trip->SharpBrakingCount),
+                             double(trip->SharpSpeedingCount), double(trip->SharpLaneChangingCount),
+                             trip->SharpCorneringPenalty, trip->SharpLaneChangingPenalty,
+                             trip->SharpBrakingPenaltyPerKM, trip->FuelEfficiencyPenaltyPerKM}),
+        (std::vector<double>{1, 1, 0, 1, 0.45 * 2 * 0.5, 1.5 * 3 * 0.5, 0.5 * 4 * 0.5 / 3.0,
+                             0.3 * 0.5 / 3.0}));
     EXPECT_EQ(trip->Score,
               100.0 - (trip->SharpCorneringPenalty + trip->SharpBrakingPenaltyPerKM +
                        trip->SharpLaneChangingPenalty + trip->FuelEfficiencyPenaltyPerKM));

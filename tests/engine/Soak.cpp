@@ -7,7 +7,7 @@
 //   kestrelvue_soak [--trips N] [--seed S] [--samples N] [--outbox on|off] [--check]
 //
 // It prints records made, stored, lost and stored twice, trips completed and in the service's
-// history, and the reports the host received. --check fails when the outbox is on and anything
+// history. --check fails when the outbox is on and anything
 // was lost.
 
 #include <kestrelvue/DrivingInsight.h>
@@ -25,7 +25,6 @@
 #include <deque>
 #include <filesystem>
 #include <future>
-#include <map>
 #include <mutex>
 #include <random>
 #include <set>
@@ -223,20 +222,6 @@ private:
     std::atomic<int> injected_{0};
 };
 
-struct Reports final : DrivingInsightDelegate {
-    std::mutex mutex;
-    std::map<std::string, int> count;
-    void tripDidFinish(std::shared_ptr<Trip>) override { add("tripDidFinish"); }
-    void tripDidFail(std::int64_t code, const std::string&, const std::string&,
-                     std::shared_ptr<platform::Alert>) override {
-        add("tripDidFail " + std::to_string(code));
-    }
-    void add(const std::string& what) {
-        std::lock_guard lock(mutex);
-        ++count[what];
-    }
-};
-
 struct Options {
     int trips = 40;
     unsigned seed = 13;
@@ -305,12 +290,10 @@ int main(int argc, char** argv) {
     std::atomic<int> completed{0};
     auto token = env.notifications->addObserver("tripEndedSuccessfully",
                                                 [&](const Notification&) { ++completed; });
-    auto reports = std::make_shared<Reports>();
     std::mt19937 rng(o.seed);
 
     auto makeEngine = [&] {
         auto engine = DrivingInsight::makeDetached(env);
-        engine->setDrivingInsightDelegate(reports);
         engine->setUserID(4242);
         sim.queue->runUntilIdle();
         return engine;
@@ -395,9 +378,6 @@ int main(int argc, char** argv) {
         "also under another trip %zu\n",
         made, records.size(), lost, storedAll - unique.size(), misfiled);
     std::printf("trips completed %d, trips in the history %zu\n", completed.load(), tripsStored);
-    std::printf("reports:");
-    for (const auto& [what, n] : reports->count) std::printf(" %s %d;", what.c_str(), n);
-    std::printf("\n");
     faults->shutdown();
     service.stop();
     fs::remove_all(dir);

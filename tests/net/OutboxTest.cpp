@@ -73,9 +73,8 @@ TEST(Outbox, TriesAgainWithJitteredDoublingBackOffUpToTheCapUntilConfirmed) {
     clock->advance(17s);
     outbox.wake();
     outbox.waitUntilIdle();
-    EXPECT_EQ(firstOutcomes, 1);
-    EXPECT_EQ(outbox.pending().records, 0);
-    EXPECT_EQ(lastAnnounced["records"], Value(0LL));
+    EXPECT_EQ(std::tuple(firstOutcomes, outbox.pending().records, lastAnnounced["records"]),
+              std::tuple(1, 0, Value(0LL)));
     EXPECT_TRUE(posix::SqliteOutboxStore(dir.path.string()).load().empty());
 }
 

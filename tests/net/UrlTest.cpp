@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "net/Url.h"
 
 using kestrelvue::parseUrl;
@@ -29,11 +31,8 @@ TEST(Url, AcceptsHttpAndHttpsAddresses) {
     for (const Case& c : cases) {
         auto url = parseUrl(c.text);
         ASSERT_TRUE(url) << c.text;
-        EXPECT_EQ(url->scheme, c.scheme) << c.text;
-        EXPECT_EQ(url->host, c.host) << c.text;
-        EXPECT_EQ(url->port, c.port) << c.text;
-        EXPECT_EQ(url->pathAndQuery, c.pathAndQuery) << c.text;
-        EXPECT_EQ(url->text, c.text);
+        EXPECT_EQ(std::tuple(url->scheme, url->host, url->port, url->pathAndQuery, url->text),
+                  std::tuple(c.scheme, c.host, c.port, c.pathAndQuery, c.text));
     }
 }
 

@@ -31,25 +31,18 @@ TEST(RouteReply, PointsFaultsAndFuelEntries) {
     ASSERT_TRUE(lists);
     using C = platform::Coordinate;
     EXPECT_EQ(lists->passedCoordinates, (std::vector<C>{{41.1, 29.2}, {41, 29}, {0, 0}, {0, 0}}));
-    ASSERT_EQ(lists->faults.size(), 2u);
-    const auto& braking = lists->faults[0];
-    EXPECT_EQ(braking.Coordinate, (C{41, 29}));
-    EXPECT_EQ(braking.BrakingPenalty, 2.5);
-    EXPECT_EQ(braking.CorneringPenalty + braking.SpeedingPenalty + braking.ElevatingPenalty +
-                  braking.LaneChangingPenalty,
-              0.0);
-    const auto& all = lists->faults[1];
-    EXPECT_EQ(all.Coordinate, (C{0, 0}));
-    EXPECT_EQ(all.CorneringPenalty, 3.0);
-    EXPECT_EQ(all.SpeedingPenalty, 7.0);
-    EXPECT_EQ(all.BrakingPenalty, 0.0);
-    EXPECT_EQ(all.ElevatingPenalty, 11.0);
-    EXPECT_EQ(all.LaneChangingPenalty, 15.0);
-    ASSERT_EQ(lists->fuelDefficiencies.size(), 4u);
-    EXPECT_EQ(lists->fuelDefficiencies[0].FuelEfficiencyPenalty, 3.5);
-    EXPECT_EQ(lists->fuelDefficiencies[0].Coordinate, (C{41.1, 29.2}));
-    EXPECT_EQ(lists->fuelDefficiencies[1].FuelEfficiencyPenalty, 0.0);
-    EXPECT_EQ(lists->fuelDefficiencies[2].FuelEfficiencyPenalty, 1.0);
+    // Each fault's place and penalties (cornering, speeding, braking, elevating, lane change).
+    std::vector<std::vector<double>> faults, fuel;
+    for (const auto& f : lists->faults)
+        faults.push_back({f.Coordinate.latitude, f.Coordinate.longitude, f.CorneringPenalty,
+                          f.SpeedingPenalty, f.BrakingPenalty, f.ElevatingPenalty,
+                          f.LaneChangingPenalty});
+    for (const auto& f : lists->fuelDefficiencies)
+        fuel.push_back({f.Coordinate.latitude, f.Coordinate.longitude, f.FuelEfficiencyPenalty});
+    EXPECT_EQ(faults, (std::vector<std::vector<double>>{{41, 29, 0, 0, 2.5, 0, 0},
+                                                        {0, 0, 3, 7, 0, 11, 15}}));
+    EXPECT_EQ(fuel, (std::vector<std::vector<double>>{
+                        {41.1, 29.2, 3.5}, {41, 29, 0}, {0, 0, 1}, {0, 0, 0}}));
 }
 
 TEST(RouteReply, FailuresAndWrongShapesLeaveTheListsAlone) {

@@ -6,32 +6,18 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <chrono>
 #include <fstream>
 #include <thread>
 
+#include "net/Gzip.h"
 #include "platform/sim/VirtualClock.h"
 
 using namespace kestrelvue;
 using namespace std::chrono_literals;
 
 namespace {
-
-std::string gzip(const std::string& plain) {
-    z_stream z{};
-    deflateInit2(&z, Z_BEST_SPEED, Z_DEFLATED, 16 + MAX_WBITS, 8, Z_DEFAULT_STRATEGY);
-    std::string out(deflateBound(&z, plain.size()), '\0');
-    z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(plain.data()));
-    z.avail_in = static_cast<uInt>(plain.size());
-    z.next_out = reinterpret_cast<Bytef*>(out.data());
-    z.avail_out = static_cast<uInt>(out.size());
-    deflate(&z, Z_FINISH);
-    out.resize(z.total_out);
-    deflateEnd(&z);
-    return out;
-}
 
 std::string post(const std::string& path, const std::string& body, const std::string& extra = "") {
     return "POST " + path + " HTTP/1.1\r\nHost: t\r\n" + extra +
@@ -98,14 +84,15 @@ TEST_F(HostileClientTest, EachRequestGetsItsStatusAndAFramingRefusalCloses) {
         {get + "X: " + std::string(20000, 'y') + "\r\n\r\n", "431", true},
         {"POST /api/User/AddUser HTTP/1.1\r\nHost: t\r\nContent-Length: 16777217\r\n\r\n", "413",
          true},
-        {post("/api/Driving/addMotionData", gzip(std::string(17 << 20, ' ')),
+        {post("/api/Driving/addMotionData", *detail::gzip(std::string(17 << 20, ' ')),
               "Content-Encoding: gzip\r\n"),
          "413", false},
-        {post("/api/Driving/addMotionData", gzip(bulk).substr(0, 20), "Content-Encoding: gzip\r\n"),
+        {post("/api/Driving/addMotionData", detail::gzip(bulk)->substr(0, 20),
+              "Content-Encoding: gzip\r\n"),
          "400", false},
         {post("/api/Driving/addMotionData", bulk, "Content-Encoding: br\r\n"), "415", false},
-        {post("/api/Driving/addMotionData", gzip(bulk), "Content-Encoding: gzip\r\n"), "200",
-         false},
+        {post("/api/Driving/addMotionData", *detail::gzip(bulk), "Content-Encoding: gzip\r\n"),
+         "200", false},
         {get + "Range: bytes=0-0,0-0,0-0\r\n\r\n", "200", false},
         {"DELETE /healthz HTTP/1.1\r\nHost: t\r\n\r\n", "405", false},
         {"GET /api/Nothing HTTP/1.1\r\nHost: t\r\n\r\n", "404", false},

@@ -84,16 +84,13 @@ TEST_F(ServiceQueries, AccountRequestsCarryTheirBodiesAndRepliesReachTheHandling
     ASSERT_TRUE(user->waitFor(3));
     account->addFriend("REF-9");
     ASSERT_TRUE(user->waitFor(4));
-    const auto events = user->reports();
-    EXPECT_EQ(events[0].kind, "userDidLogin");
-    EXPECT_EQ(events[0].user, account.get());
-    EXPECT_EQ(events[1].kind, "userDidAdd");
-    EXPECT_EQ(events[1].user, account.get());
-    EXPECT_EQ(events[2].kind, "friendDidAdd");
-    EXPECT_EQ(events[2].friendReferenceId, "OK");  // the reply's body, passed on
-    EXPECT_EQ(events[3].kind, "friendAddDidFail");
-    EXPECT_EQ(events[3].title, "Arkadaş eklenemedi");
-    EXPECT_EQ(events[3].message, "Zaten arkadaş");
+    std::vector<std::string> said;
+    for (const auto& e : user->reports())
+        said.push_back(e.said() + e.friendReferenceId + (e.user == account.get() ? " (it)" : ""));
+    EXPECT_EQ(said, (std::vector<std::string>{
+                        "userDidLogin (it)", "userDidAdd (it)",
+                        "friendDidAddOK",  // the reply's body, passed on
+                        "friendAddDidFail 1000 Arkadaş eklenemedi: Zaten arkadaş"}));
 
     EXPECT_EQ(bodyOf("/api/User/LoginWithToken"),
               (Object{{"Mobile", "5551234567"}, {"Token", "t0k3n"}}));
@@ -156,26 +153,23 @@ TEST_F(ServiceQueries, HistoryRepliesAndFailures) {
     EXPECT_EQ(report.history[0]->getPassedCoordinatesURL,
               server.url("/api/Driving/getPassedCoordinates"));
 
-    struct Case {
-        R reply;
-        std::int64_t code;
-        std::string message;  // the whole message, or its start for 1012
-    } cases[] = {
-        {{.status = 500}, 1010, "Sürüş Geçmişi Alınamıyor. Response Code:500"},
-        {{.drop = R::Drop::beforeReply}, 1011, "Sürüş Tarihçesi Alınamıyor"},
-        {R::json(R"([{"DrivingGuid":"a"}, {"Score":"high"}])"), 1012,
-         "Sürüş Tarihçesi Alınamıyor. [1].Score"},
+    const std::string failed = "historyFail 101";
+    const std::pair<R, std::string> cases[] = {
+        // the whole report, or its start for 1012
+        {{.status = 500},
+         failed + "0 Sistem Bağlantı Hatası: Sürüş Geçmişi Alınamıyor. Response Code:500"},
+        {{.drop = R::Drop::beforeReply},
+         failed + "1 Sistem Bağlantı Hatası: Sürüş Tarihçesi Alınamıyor"},
+        {R::json(R"([{"DrivingGuid":"a"}, {"Score":"high"}])"),
+         failed + "2 Sistem Bağlantı Hatası: Sürüş Tarihçesi Alınamıyor. [1].Score"},
     };
     std::size_t n = 1;
-    for (const auto& c : cases) {
-        server.enqueue(path, c.reply);
+    for (const auto& [reply, said] : cases) {
+        server.enqueue(path, reply);
         engine->getTripHistory();
-        ASSERT_TRUE(host->waitFor(++n)) << c.message;
-        const auto r = host->reports().back();
-        EXPECT_EQ(r.kind, "historyFail") << c.message;
-        EXPECT_EQ(r.code, c.code) << c.message;
-        EXPECT_EQ(r.title, "Sistem Bağlantı Hatası");
-        EXPECT_EQ(c.code == 1012 ? r.message.substr(0, c.message.size()) : r.message, c.message);
+        ASSERT_TRUE(host->waitFor(++n)) << said;
+        const auto r = host->reports().back().said();
+        EXPECT_EQ(r.substr(0, n == 4 ? said.size() : r.size()), said);
         EXPECT_TRUE(engine->TripHistory().empty());
         EXPECT_EQ(engine->LastTrip(), last);
     }
@@ -186,10 +180,8 @@ TEST_F(ServiceQueries, HistoryRepliesAndFailures) {
     engine->setTripHistory({kept});
     engine->getTripHistory();
     ASSERT_EQ(host->reports().size(), n + 1);  // before the call returned
-    const auto r = host->reports().back();
-    EXPECT_EQ(r.code, 1009);
-    EXPECT_EQ(r.title, "URL Hatası");
-    EXPECT_EQ(r.message, "Tarihçe Servis URLi Hatalı");
+    EXPECT_EQ(host->reports().back().said(),
+              "historyFail 1009 URL Hatası: Tarihçe Servis URLi Hatalı");
     EXPECT_EQ(engine->TripHistory(), std::vector<std::shared_ptr<Trip>>{kept});
 }
 
@@ -225,19 +217,16 @@ TEST_F(ServiceQueries, SummaryRepliesMergeIntoTheRecordAndFailuresKeepIt) {
     ASSERT_TRUE(host->waitFor(1));
     EXPECT_TRUE(host->settled(1));
     EXPECT_EQ(server.requests(path).at(0).method, "GET");
-    EXPECT_EQ(host->reports().at(0).kind, "summary");
-    EXPECT_EQ(host->reports().at(0).summary, SummaryData(80.5, 2500, 3));
-    EXPECT_EQ(engine->getSummaryDataRecord(), SummaryData(80.5, 2500, 3));
+    EXPECT_EQ(host->reports().at(0).said(), "summary");
+    for (const auto& s : {host->reports().at(0).summary, engine->getSummaryDataRecord()})
+        EXPECT_EQ(s, SummaryData(80.5, 2500, 3));
     EXPECT_EQ(env.notifications->observerCount("summaryDataReady"), 0u);
 
     engine->getSummaryData(7);
     ASSERT_TRUE(host->waitFor(3));
     const auto reports = host->reports();
-    EXPECT_EQ(reports[1].kind, "summaryFail");
-    EXPECT_EQ(reports[1].code, 1009);
-    EXPECT_EQ(reports[1].title, "URL Hatası");
-    EXPECT_EQ(reports[1].message, "Özet Veri Servis URLi Hatalı");
-    EXPECT_EQ(reports[2].kind, "summary");
+    EXPECT_EQ(reports[1].said(), "summaryFail 1009 URL Hatası: Özet Veri Servis URLi Hatalı");
+    EXPECT_EQ(reports[2].said(), "summary");
     EXPECT_EQ(reports[2].summary, SummaryData(80.5, 2500, 3));
     EXPECT_TRUE(host->settled(3));
 }

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -28,6 +29,11 @@ struct RecordedNotification {
     /// userInfo's entry for `key`, or nullptr when either is absent.
     const Value* find(const std::string& key) const;
 };
+
+/// Runs `call` on another thread until it is inside; then `end` (on a third thread) must not
+/// return before `call` has: returns whether it waited.
+bool endWaitsForARunningCall(const std::function<void(const std::function<void()>&)>& call,
+                             const std::function<void()>& end);
 
 class NotificationRecorder {
 public:
@@ -77,6 +83,10 @@ public:
         const User* user = nullptr;
         std::string friendReferenceId = {};
         std::vector<LeaderboardItem> leaderboard = {};
+        /// "kind", or "kind code title: message" for a failure: one comparable line.
+        std::string said() const {
+            return code ? kind + " " + std::to_string(code) + " " + title + ": " + message : kind;
+        }
     };
     void tripDidFinish(std::shared_ptr<Trip> trip) override {
         add({.kind = "tripDidFinish", .trip = std::move(trip)});

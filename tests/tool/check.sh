@@ -37,19 +37,12 @@ PY
 
 "$tool" simulate --seconds 120 --seed 5 -o short.kvd
 
-# The same drive with the phone stood up in its holder and turned: nothing found without the
-# alignment, the same events per kind (within one) with it.
+# The phone stood up in its holder and turned: --align auto finds the mounting (what the aligned
+# drive then detects is the replay tests').
 "$tool" simulate --seconds 240 --seed 4 --spacing 15 -o mounted.kvd --mount 70,5,-120
-"$tool" replay mounted.kvd --json >plain.json 2>/dev/null
-"$tool" replay mounted.kvd --align auto --json >aligned.json 2>/dev/null
-python3 - <<'PY'
-import json
-straight, plain, aligned = (json.load(open(f)) for f in ("report.json", "plain.json", "aligned.json"))
-assert not plain["events"], plain["events"]
-for kind, line in straight["kinds"].items():
-    assert abs(aligned["kinds"][kind]["events"] - line["events"]) <= 1, (kind, aligned["kinds"])
-assert abs(aligned["mounting_deg"]["pitch"] - 70) < 3 and abs(aligned["mounting_deg"]["yaw"] + 120) < 5
-PY
+"$tool" replay mounted.kvd --align auto --json 2>/dev/null | python3 -c 'import json, sys
+m = json.load(sys.stdin)["mounting_deg"]
+assert abs(m["pitch"] - 70) < 3 and abs(m["yaw"] + 120) < 5, m'
 
 expect() {  # expect CODE TEXT COMMAND...: exit code CODE, and TEXT in what it printed
   local code=$1 text=$2
