@@ -42,7 +42,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr const char* kMotionPath = "/api/Driving/addMotionData";
 constexpr const char* kScorePath = "/api/Driving/addDrivingScore";
 
 // What the service stored, as seen at the fault layer: every motion record by trip and item,

@@ -312,6 +312,7 @@ TEST(ServiceStorage, BulksFromFourClientsAtOnceAreAllStored) {
     for (int i = 1; i <= kRecords; ++i) records += motionRecord(41 + i * 1e-5, 29, 0, 0, i);
     std::atomic<int> stored{0};
     std::vector<std::thread> clients;
+    clients.reserve(kClients);
     for (int c = 0; c < kClients; ++c)
         clients.emplace_back([&, c] {
             httplib::Client client("127.0.0.1", service.port());
