@@ -19,10 +19,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <filesystem>
 #include <future>
 #include <mutex>
@@ -132,38 +130,32 @@ public:
             else if (roll < 35)
                 fault = truncate;
         }
-        const bool upload = request.method == "POST";
-        if (down || fault == status500 || fault == dropBefore) {
-            platform::HttpResult r;
-            if (fault == status500 && !down) {
-                r.response = platform::HttpResponse{500, {}};
-                r.body = std::string("fault");
-            } else {
-                r.error = TransportError{platform::kTransportErrorDomain,
-                                         down ? platform::kTransportCannotConnectToHost
-                                              : platform::kTransportConnectionLost,
-                                         "fault layer"};
-            }
-            ++injected_;
-            // Never on the caller's thread, as the client's contract says.
-            later(std::move(completion), std::move(r));
-            return std::move(handle);
-        }
+        // A request the service must not see goes to a path it does not know: its injected
+        // answer then comes from the client's own thread, as the client's contract says.
+        const bool blocked = down || fault == status500 || fault == dropBefore;
+        if (blocked) request.url = request.url.substr(0, request.url.find("/api/")) + "/fault";
+        const bool upload = request.method == "POST" && !blocked;
         auto copy = request;
         inner_
             ->send(std::move(request),
-                   [this, fault, upload, copy = std::move(copy),
+                   [this, fault, down, blocked, upload, copy = std::move(copy),
                     completion = std::move(completion)](platform::HttpResult r) {
                        const bool stored = upload && r.response && r.response->statusCode == 200;
                        if (stored) ledger_.note(copy);
-                       if (fault == dropAfter || fault == timeout) {
+                       if (blocked || fault == dropAfter || fault == timeout) {
                            ++injected_;
                            r = platform::HttpResult{};
-                           r.error =
-                               TransportError{platform::kTransportErrorDomain,
-                                              fault == timeout ? platform::kTransportTimedOut
-                                                               : platform::kTransportConnectionLost,
-                                              "fault layer"};
+                           if (fault == status500 && !down) {
+                               r.response = platform::HttpResponse{500, {}};
+                               r.body = std::string("fault");
+                           } else {
+                               r.error = TransportError{
+                                   platform::kTransportErrorDomain,
+                                   down               ? platform::kTransportCannotConnectToHost
+                                   : fault == timeout ? platform::kTransportTimedOut
+                                                      : platform::kTransportConnectionLost,
+                                   "fault layer"};
+                           }
                        } else if (fault == truncate && r.body && !r.body->empty()) {
                            ++injected_;
                            r.body->resize(r.body->size() / 2);
@@ -175,45 +167,12 @@ public:
     }
     int injected() const { return injected_.load(); }
 
-    /// Ends the client (answering what is in flight) and the thread of injected answers.
-    void shutdown() {
-        inner_.reset();
-        {
-            std::lock_guard lock(mutex_);
-            stopping_ = true;
-        }
-        cv_.notify_all();
-        if (completer_.joinable()) completer_.join();
-    }
+    /// Ends the client, answering what is in flight.
+    void shutdown() { inner_.reset(); }
 
 private:
-    void later(platform::HttpCompletion completion, platform::HttpResult result) {
-        {
-            std::lock_guard lock(mutex_);
-            queued_.emplace_back(std::move(completion), std::move(result));
-            if (!completer_.joinable()) completer_ = std::thread([this] { complete(); });
-        }
-        cv_.notify_all();
-    }
-    void complete() {
-        std::unique_lock lock(mutex_);
-        for (;;) {
-            cv_.wait(lock, [&] { return stopping_ || !queued_.empty(); });
-            if (queued_.empty()) return;
-            auto [completion, result] = std::move(queued_.front());
-            queued_.pop_front();
-            lock.unlock();
-            completion(std::move(result));
-            lock.lock();
-        }
-    }
-
     std::shared_ptr<platform::HttpClient> inner_;
     std::mutex mutex_;
-    std::condition_variable cv_;
-    std::deque<std::pair<platform::HttpCompletion, platform::HttpResult>> queued_;
-    bool stopping_ = false;
-    std::thread completer_;
     std::mt19937 rng_;
     platform::TimePoint downUntil_{};
     Ledger& ledger_;
