@@ -77,6 +77,8 @@ TEST(TripState, RecordCarriesEachKindInItsOwnFields) {
                              7}));
     EXPECT_EQ(r->UserID, 42);
     EXPECT_EQ(r->DrivingID, "ID");
+    EXPECT_EQ(std::pair(r->StartAnnotation, r->EndAnnotation),
+              std::pair(trip.startAnnotation, trip.endAnnotation));
     EXPECT_EQ(r->TimeElapsedTotalDistance_Formatted, "0:25:13 sn, 12.4 km");
 }
 

@@ -210,6 +210,7 @@ TEST_F(ServiceQueries, SummaryRepliesMergeIntoTheRecordAndFailuresKeepIt) {
     server.enqueue(path, R::json(R"([{"AverageScore": 70, "NumberOfTrips": 3},
                                      {"AverageScore": 80.5}])"));
     server.enqueue(path, {.status = 500});
+    server.enqueue(path, R::json(R"([{"AverageScore": "70"}])"));
     engine->setSummaryDataRecord(SummaryData(1, 2500, 1));
     engine->getSummaryData(7);
     ASSERT_TRUE(server.waitForRequests(1, path));
@@ -222,13 +223,20 @@ TEST_F(ServiceQueries, SummaryRepliesMergeIntoTheRecordAndFailuresKeepIt) {
         EXPECT_EQ(s, SummaryData(80.5, 2500, 3));
     EXPECT_EQ(env.notifications->observerCount("summaryDataReady"), 0u);
 
+    // The call layer's failure, then a reply of the wrong shape, which says what was wrong.
     engine->getSummaryData(7);
     ASSERT_TRUE(host->waitFor(3));
+    engine->getSummaryData(7);
+    ASSERT_TRUE(host->waitFor(5));
     const auto reports = host->reports();
-    EXPECT_EQ(reports[1].said(), "summaryFail 1009 URL Hatası: Özet Veri Servis URLi Hatalı");
-    EXPECT_EQ(reports[2].said(), "summary");
-    EXPECT_EQ(reports[2].summary, SummaryData(80.5, 2500, 3));
-    EXPECT_TRUE(host->settled(3));
+    const std::string failed = "summaryFail 1009 URL Hatası: Özet Veri Servis URLi Hatalı";
+    EXPECT_EQ(reports[1].said(), failed);
+    EXPECT_EQ(reports[3].said(), failed + ". [0].AverageScore: expected a number");
+    for (std::size_t i : {2u, 4u}) {
+        EXPECT_EQ(reports[i].said(), "summary");
+        EXPECT_EQ(reports[i].summary, SummaryData(80.5, 2500, 3));
+    }
+    EXPECT_TRUE(host->settled(5));
 }
 
 // Each reply replaces the route's three lists; failures keep them. Either way the registration
