@@ -8,15 +8,10 @@
 namespace kestrelvue {
 namespace {
 
-Value parsed(std::string_view text) {
-    auto result = json::parse(text);
-    EXPECT_TRUE(result) << text;
-    return result ? *result.value : Value();
-}
-
 LeaderboardItem rowFrom(std::string_view objectText) {
-    Value v = parsed(objectText);
-    return LeaderboardItem::fromRow(*v.asObject());
+    auto parsed = json::parse(objectText);
+    EXPECT_TRUE(parsed && parsed.value->isObject()) << objectText;
+    return parsed ? LeaderboardItem::fromRow(*parsed.value->asObject()) : LeaderboardItem{};
 }
 
 TEST(LeaderboardItem, MemberOfWrongTypeLeavesOnlyThatFieldAbsent) {

@@ -15,31 +15,14 @@
 namespace kestrelvue {
 namespace {
 
-using test::RecordingDelegate;
-
-class UserTest : public ::testing::Test {
-protected:
-    UserTest() {
-        env.applicationInfo = Object{{std::string(kBaseURLKey), "http://127.0.0.1:9/svc"}};
-        center = NotificationCenter::make();
-        call = std::make_unique<RestfulCall>(
-            std::make_shared<test::ScriptedHttpClient>(), center,  // never answers
-            std::make_shared<Reachability>(std::make_shared<platform::FixedReachabilityProbe>(
-                platform::kReachabilityFlagsReachable)));
-    }
-
-    void reply(const std::string& name, const UserInfo& info) { center->post(name, nullptr, info); }
-
-    Environment env;
-    std::shared_ptr<NotificationCenter> center;
-    std::unique_ptr<RestfulCall> call;
-};
-
 Object object(std::string_view text) {
     return *json::parse(text).value->asObject();
 }
 
-TEST_F(UserTest, LoginRepliesUpdateFieldsAndReportTheHandlingAccount) {
+TEST(UserTest, LoginRepliesUpdateFieldsAndReportTheHandlingAccount) {
+    test::EngineHarness h;                           // its client never answers
+    const auto center = NotificationCenter::make();  // the call layer's, not the environment's
+    RestfulCall call(h.env.http, center, std::make_shared<Reachability>(h.env.reachability));
     struct Case {
         const char* data;
         std::int64_t id;
@@ -56,11 +39,11 @@ TEST_F(UserTest, LoginRepliesUpdateFieldsAndReportTheHandlingAccount) {
         {"{}", 5, UserType::driver},
     };
     for (const Case& c : cases) {
-        auto fresh = User::makeDetachedShared(env, *call);
-        auto d = std::make_shared<RecordingDelegate>();
+        auto fresh = User::makeDetachedShared(h.env, call);
+        auto d = std::make_shared<test::RecordingDelegate>();
         fresh->setDelegate(d);
         fresh->setId(5);
-        reply("UserLogedIn", Object{{"Data", object(c.data)}});
+        center->post("UserLogedIn", nullptr, Object{{"Data", object(c.data)}});
         EXPECT_EQ(fresh->Id(), c.id) << c.data;
         EXPECT_EQ(fresh->Type(), c.type) << c.data;
         auto events = d->reports();

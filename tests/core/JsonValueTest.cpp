@@ -9,20 +9,14 @@
 using namespace kestrelvue;
 
 TEST(Value, KindsAndTypedReadsDoNotConvert) {
-    const Value values[] = {Value(),
-                            Value(true),
-                            Value(7),
-                            Value(2.5),
-                            Value("t"),
-                            Value(List{1}),
-                            Value(Object{{"a", 1}}),
-                            Value(TransportError{"d", -1, "x"})};
-    const Value::Kind kinds[] = {Value::Kind::Null,   Value::Kind::Bool,   Value::Kind::Int,
-                                 Value::Kind::Double, Value::Kind::String, Value::Kind::List,
-                                 Value::Kind::Object, Value::Kind::Error};
-    for (std::size_t i = 0; i < std::size(values); ++i) {
-        const Value& v = values[i];
-        EXPECT_EQ(v.kind(), kinds[i]);
+    using K = Value::Kind;
+    // clang-format off
+    const std::pair<Value, K> cases[] = {
+        {Value(), K::Null}, {true, K::Bool}, {7, K::Int}, {2.5, K::Double}, {"t", K::String},
+        {List{1}, K::List}, {Object{{"a", 1}}, K::Object}, {TransportError{"d", -1, "x"}, K::Error}};
+    // clang-format on
+    for (const auto& [v, kind] : cases) {
+        EXPECT_EQ(v.kind(), kind);
         EXPECT_EQ(v.asBool().has_value(), v.isBool());
         EXPECT_EQ(v.asInt().has_value(), v.isInt());
         EXPECT_EQ(v.asNumber().has_value(), v.isInt() || v.isDouble());

@@ -6,10 +6,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <limits>
 #include <memory>
 #include <random>
-#include <string>
 #include <vector>
 
 #include "engine/Detectors.h"

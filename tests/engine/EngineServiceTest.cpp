@@ -72,7 +72,7 @@ protected:
     void SetUpEngine(std::int64_t bulkSize = 1000, bool compress = false) {
         env_ = test::makeTestEnvironment(server_);
         env_.compressUploads = compress;
-        sim_.installInto(env_);
+        h_.installInto(env_);
         (*env_.applicationInfo)["BulkMotionDataSize"] = Value(bulkSize);
         (*env_.applicationInfo)["CFBundleShortVersionString"] = Value("1.4.2");
         engine_ = DrivingInsight::makeDetached(env_);
@@ -81,14 +81,13 @@ protected:
         outcomes_ = std::make_unique<test::NotificationRecorder>(
             env_.notifications,
             std::vector<std::string>{"motionDataSynced", "motionDataSyncFailed", "getThresholds"});
-        engine_->setDrivingInsightDelegate(delegate_);
+        engine_->setDrivingInsightDelegate(h_.delegate);
         engine_->setUserID(77);
-        queue_->runUntilIdle();
+        h_.queue->runUntilIdle();
     }
 
-    // Waits until every motion request the server saw has ended in an outcome the engine
-    // handled and the threshold download in its reply, and no new motion request came within a
-    // quiet window (a sent request reaches the server a little later; an outcome may send
+    // Waits until every motion request and threshold download seen has an outcome the engine
+    // handled, and no new motion request came within a quiet window (an outcome may send
     // another bulk). Sanitizers slow every step, the client's first connection most.
     void settleUploads() {
 #ifdef KESTRELVUE_SANITIZED
@@ -111,30 +110,24 @@ protected:
 
     void start() {
         ASSERT_TRUE(engine_->startTrip());
-        platform::Location fix;
-        fix.coordinate = {41.0082, 28.9784};
-        fix.horizontalAccuracy = 5;
-        fix.verticalAccuracy = 5;
-        fix.speed = 13.5;
-        fix.timestamp = clock_->now();
-        engine_->didUpdateLocations({fix});
-        queue_->runUntilIdle();
+        engine_->didUpdateLocations({h_.fix(41.0082, 28.9784, 5)});
+        h_.queue->runUntilIdle();
     }
 
     // Pushes `count` samples half a second apart, numbering them from `first`.
     void drive(std::int64_t count, std::int64_t first = 1) {
         for (std::int64_t i = 0; i < count; ++i) {
-            clock_->advance(500ms);
-            ASSERT_TRUE(motion_->push(sampleFor(first + i)));
-            queue_->runUntilIdle();
+            h_.clock->advance(500ms);
+            ASSERT_TRUE(h_.motion->push(sampleFor(first + i)));
+            h_.queue->runUntilIdle();
         }
     }
 
     // Stops, then lets the end address lookup answer.
     void stop() {
-        geocoder_->enqueueAnswer(sim::Geocoder::placemark({"Bitiş Cd. 1", "İstanbul"}));
+        h_.geocoder->enqueueAnswer(sim::Geocoder::placemark({"Bitiş Cd. 1", "İstanbul"}));
         engine_->stopTrip();
-        queue_->runUntilIdle();
+        h_.queue->runUntilIdle();
     }
 
     std::vector<Bulk> bulks() const {
@@ -157,13 +150,7 @@ protected:
 
     test::TestServer server_;
     Environment env_;
-    sim::Platform sim_;
-    std::shared_ptr<sim::VirtualClock>& clock_ = sim_.clock;
-    std::shared_ptr<sim::MainQueue>& queue_ = sim_.queue;
-    std::shared_ptr<sim::MotionSource>& motion_ = sim_.motion;
-    std::shared_ptr<sim::Geocoder>& geocoder_ = sim_.geocoder;
-    std::shared_ptr<test::RecordingDelegate> delegate_ =
-        std::make_shared<test::RecordingDelegate>();
+    test::EngineHarness h_;  // only its platform: the environment is env_
     std::unique_ptr<test::NotificationRecorder> outcomes_;
     std::unique_ptr<DrivingInsight> engine_;
 };
@@ -177,8 +164,8 @@ TEST_F(EngineService, StoppedTripArrivesInBulksInOrderAndCompletes) {
     drive(2500);
     stop();
 
-    ASSERT_TRUE(delegate_->waitFor(1));
-    const auto reports = delegate_->reports();
+    ASSERT_TRUE(h_.delegate->waitFor(1));
+    const auto reports = h_.delegate->reports();
     ASSERT_EQ(reports.size(), 1u);
     ASSERT_EQ(reports[0].trip ? reports[0].trip->DrivingID : reports[0].said(), drivingID);
 
@@ -197,9 +184,9 @@ TEST_F(EngineService, StoppedTripArrivesInBulksInOrderAndCompletes) {
     auto body = json::parse(scores[0].body);
     ASSERT_TRUE(body);
     EXPECT_EQ(body.value->asObject()->size(), 24u);
-    EXPECT_EQ(*body.value->find("drivingGuid"), Value(drivingID));
-    EXPECT_EQ(body.value->find("userID")->asInt(), 77);
-    EXPECT_EQ(*body.value->find("endLocation")->asString(), "Bitiş Cd. 1, İstanbul");
+    EXPECT_EQ(std::tuple(*body.value->find("drivingGuid"), *body.value->find("userID"),
+                         *body.value->find("endLocation")),
+              std::tuple(Value(drivingID), Value(77), Value("Bitiş Cd. 1, İstanbul")));
     EXPECT_TRUE(std::regex_match(*body.value->find("endDateTime")->asString(),
                                  std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \+0000)")));
     const auto history = engine_->TripHistory();
@@ -230,8 +217,8 @@ TEST_F(EngineService, FailureWhileDrivingReportsAndKeepsTheBuffer) {
     SetUpEngine(10);
     start();
     drive(10);
-    ASSERT_TRUE(delegate_->waitFor(1));
-    const auto failed = delegate_->reports();
+    ASSERT_TRUE(h_.delegate->waitFor(1));
+    const auto failed = h_.delegate->reports();
     ASSERT_EQ(failed.size(), 1u);
     EXPECT_EQ(failed[0].said(),
               "tripDidFail 1000 Sistem Bağlantı Hatası: Sürüş Bilgisi Sunucuya iletilemedi. Error "
@@ -255,8 +242,8 @@ TEST_F(EngineService, StoppedTripRetriesThreeTimesThenReports) {
     start();
     drive(5);
     stop();
-    ASSERT_TRUE(delegate_->waitFor(1));
-    const auto failed = delegate_->reports();
+    ASSERT_TRUE(h_.delegate->waitFor(1));
+    const auto failed = h_.delegate->reports();
     ASSERT_EQ(failed.size(), 1u);
     EXPECT_EQ(failed[0].said(),
               "tripDidFail 1000 Sistem Bağlantı Hatası: Sürüş Bilgisi Sunucuya "
@@ -272,8 +259,8 @@ TEST_F(EngineService, StoppedTripRetriesThreeTimesThenReports) {
     // finally go and the trip completes.
     server_.reply(kScorePath, {});
     stop();
-    ASSERT_TRUE(delegate_->waitFor(2));
-    EXPECT_EQ(delegate_->reports("tripDidFinish").size(), 1u);
+    ASSERT_TRUE(h_.delegate->waitFor(2));
+    EXPECT_EQ(h_.delegate->reports("tripDidFinish").size(), 1u);
     EXPECT_EQ(server_.requests(kMotionPath).size(), 5u);
     EXPECT_EQ(receivedIds().size(), 25u);  // five attempts of the same five records
 }
@@ -297,8 +284,8 @@ TEST_F(EngineService, RecordsAppendedDuringAFlushAreNeitherLostNorSentTwice) {
     drive(1000, 201);  // the buffer fills with the second trip's first 1000 records
     stop();
 
-    ASSERT_TRUE(delegate_->waitFor(1));
-    const auto finished = delegate_->reports("tripDidFinish");
+    ASSERT_TRUE(h_.delegate->waitFor(1));
+    const auto finished = h_.delegate->reports("tripDidFinish");
     ASSERT_EQ(finished.size(), 1u);
     EXPECT_EQ(finished[0].trip->DrivingID, secondTrip);
     std::vector<std::int64_t> expected = range(1, 300);
@@ -326,8 +313,8 @@ TEST_F(EngineService, TripRecordUploadOutcomes) {
     for (const auto& [reply, said] : cases) {
         server_.enqueue(kScorePath, reply);
         std::make_shared<Trip>(env_)->saveToServer();
-        ASSERT_TRUE(delegate_->waitFor(++reports));
-        const auto r = delegate_->reports().back();
+        ASSERT_TRUE(h_.delegate->waitFor(++reports));
+        const auto r = h_.delegate->reports().back();
         EXPECT_EQ(r.said(), said);
         EXPECT_EQ(said == "tripDidFinish", r.trip != nullptr);
     }
@@ -338,10 +325,10 @@ TEST_F(EngineService, TripRecordUploadOutcomes) {
     for (const auto& trip : {nan, notUtf8}) {
         trip->saveToServer();
         // Before the call returned.
-        EXPECT_EQ(delegate_->reports().back().said(),
+        EXPECT_EQ(h_.delegate->reports().back().said(),
                   "tripDidFail 1014 Sistem Hatası: Hatalı Json Verisi");
     }
-    EXPECT_EQ(delegate_->reports().size(), reports + 2);
+    EXPECT_EQ(h_.delegate->reports().size(), reports + 2);
     EXPECT_EQ(server_.requests(kScorePath).size(), reports);
 }
 

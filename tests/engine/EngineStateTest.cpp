@@ -1,9 +1,12 @@
-// The engine's state parts on their own: score, odometer, trip record, settings, motion uploader.
+// The engine's state parts on their own: score, odometer, trip record, settings, motion uploader
+// and the upload body it writes by hand.
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cmath>
+#include <string>
+#include <vector>
 
 #include "core/Json.h"
 #include "engine/EngineState.h"
@@ -280,6 +283,55 @@ TEST(MotionUploader, WhatFollowsAnUploadsOutcome) {
         EXPECT_EQ(v.buffer.isSyncingToServer, c.failure == F::retry);
         EXPECT_FALSE(u.bulkInFlight || v.bulkInFlight);
     }
+}
+
+// Single escapes go at every offset: the scan steps in blocks of 64 and words of 8.
+TEST(MotionUploadBody, ReadsBackToItsParts) {
+    std::string longPlain;
+    for (int i = 0; i < 200; ++i) longPlain += "12.345, -0.001,2018-03-05 12:00:00:000,FU,;";
+    std::vector<std::string> texts = {std::string(),
+                                      std::string("a\x01"
+                                                  "b\x1f"
+                                                  "c\n\r\t\b\f"),
+                                      std::string("\"\\\n\r\t\b\f\x7f\x02"), longPlain,
+                                      longPlain + "\"" + longPlain};
+    for (char special : {'"', '\\', '\n', '\x01'}) {
+        for (std::size_t at = 0; at < 140; ++at) {
+            texts.emplace_back(140, 'x');
+            texts.back()[at] = special;
+        }
+    }
+    for (const std::string& motionStr : texts) {
+        for (const std::optional<std::string>& version :
+             {std::optional<std::string>{}, std::optional<std::string>{"2.1 \"beta\""}}) {
+            auto body = writeMotionDataBody(-42, "0000-\"guid\"", motionStr, version);
+            ASSERT_TRUE(body);
+            auto parsed = json::parse(*body);
+            ASSERT_TRUE(parsed) << parsed.error << "\n" << *body;
+            EXPECT_TRUE(*parsed.value ==
+                        Value(Object{{"UserID", -42},
+                                     {"DrivingGuid", "0000-\"guid\""},
+                                     {"MotionStr", motionStr},
+                                     {"AppVersion", version ? Value(*version) : Value()}}));
+            // Compact: no blank outside the texts.
+            EXPECT_EQ(body->find(": "), std::string::npos);
+            EXPECT_EQ(body->find(", \""), std::string::npos);
+        }
+    }
+}
+
+TEST(MotionUploadBody, RefusesTextsThatAreNotUtf8) {
+    const std::string bad = "ab\xff";
+    EXPECT_FALSE(writeMotionDataBody(1, bad, "x", std::nullopt));
+    EXPECT_FALSE(writeMotionDataBody(1, "g", bad, std::nullopt));
+    EXPECT_FALSE(writeMotionDataBody(1, "g", "x", bad));
+    EXPECT_TRUE(writeMotionDataBody(1, "g", "x", std::string("1.0")));
+}
+
+TEST(MotionUploadBody, DescribesTheTransportErrorAsAnOptional) {
+    EXPECT_EQ(describeOptionalError(std::nullopt), "nil");
+    EXPECT_EQ(describeOptionalError(TransportError{"NSURLErrorDomain", -1004, "refused"}),
+              "Optional(Error Domain=NSURLErrorDomain Code=-1004 \"refused\")");
 }
 
 }  // namespace

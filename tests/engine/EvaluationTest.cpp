@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <string>
 
 #include "engine/Detectors.h"
@@ -21,10 +21,6 @@ constexpr int kFaceUp = 5;
 
 ThresholdList band(double start, double end, double impact, bool perKm) {
     return {std::make_shared<const Threshold>(start, end, impact, perKm)};
-}
-
-Vector3 accel(double x, double y) {
-    return {x, y, 0};
 }
 
 class Evaluation : public ::testing::Test {
@@ -57,7 +53,7 @@ TEST_F(Evaluation, ShowMotionDataCarriesTheTenEntries) {
     engine->setCurrentSpeed(47.25);
     engine->setTotalTraveledDistance(1234.5);
     engine->setTimeElapsedSinceStart(platform::DateComponents{1, 0, 7});
-    sample(accel(-0.4, 0.2), {0.3, 0, 0});
+    sample({-0.4, 0.2, 0}, {0.3, 0, 0});
     ASSERT_EQ(seen.size(), 1u);
     EXPECT_EQ(seen[0].object, engine.get());
     EXPECT_EQ(*seen[0].userInfo, (Object{{"corneringRate", 0.4},
@@ -100,17 +96,15 @@ TEST_F(Evaluation, FullBufferStartsOneUploadAndOneWeatherRequest) {
     const std::string weather =
         engine->getWeatherInfoURL() + "/77?latitude=41.0082&longitude=28.9784";
     const auto weatherRequests = [&] {
-        std::size_t n = 0;
-        for (const std::string& url : h.http->urls()) n += url == weather;
-        return n;
+        return std::ranges::count(h.http->requests(), weather, &platform::HttpRequest::url);
     };
     for (int i = 0; i < 4; ++i) sample({});
-    EXPECT_EQ(weatherRequests(), 0u);
+    EXPECT_EQ(weatherRequests(), 0);
     EXPECT_TRUE(
         Access::read(*engine, [](const auto& s) { return s.uploader.buffer.isSyncingToServer; }));
     syncing(false);
     sample({});
-    EXPECT_EQ(weatherRequests(), 1u);
+    EXPECT_EQ(weatherRequests(), 1);
 }
 
 // A short scripted drive through the real lifecycle: samples from the simulated motion source,

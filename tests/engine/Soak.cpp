@@ -7,8 +7,7 @@
 //   kestrelvue_soak [--trips N] [--seed S] [--samples N] [--outbox on|off] [--check]
 //
 // It prints records made, stored, lost and stored twice, trips completed and in the service's
-// history. --check fails when the outbox is on and anything
-// was lost.
+// history. --check fails when the outbox is on and anything was lost.
 
 #include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/Environment.h>
@@ -42,8 +41,6 @@ namespace {
 
 constexpr const char* kScorePath = "/api/Driving/addDrivingScore";
 
-// What the service stored, as seen at the fault layer: every motion record by trip and item,
-// every trip record by trip.
 // How many records the service keeps for a trip: its route, read back over HTTP. The ledger above
 // counts deliveries; this counts what was kept, so a delivery the service recognised as a repeat
 // is not counted twice.
@@ -62,8 +59,8 @@ std::size_t keptRecords(const std::string& baseURL, const std::string& guid) {
 struct Ledger {
     std::mutex mutex;
     // Keyed as the service keys them: trip, item and record time.
-    std::multiset<std::tuple<std::string, long long, std::string>> records;
-    std::multiset<std::string> trips;
+    std::set<std::tuple<std::string, long long, std::string>> records;
+    std::set<std::string> trips;
 
     void note(const platform::HttpRequest& request) {
         auto parsed = json::parse(request.body.value_or(""));
@@ -80,17 +77,14 @@ struct Ledger {
         const Value* text = body.find("MotionStr");
         if (!guid || !text || !guid->asString() || !text->asString()) return;
         const std::string& motion = *text->asString();
-        std::size_t start = 0;
-        while (start < motion.size()) {
-            std::size_t end = motion.find(';', start);
-            if (end == std::string::npos) break;
+        for (std::size_t start = 0, end; (end = motion.find(';', start)) != std::string::npos;
+             start = end + 1) {
             // The item identifier is the record's 23rd field, its time the 24th.
             std::size_t f = start;
             for (int i = 0; i < 22 && f < end; ++i) f = motion.find(',', f) + 1;
             const std::size_t timeAt = motion.find(',', f) + 1;
             records.insert({*guid->asString(), std::atoll(motion.c_str() + f),
                             motion.substr(timeAt, motion.find(',', timeAt) - timeAt)});
-            start = end + 1;
         }
     }
 };
@@ -118,17 +112,9 @@ public:
                     now + std::chrono::seconds(std::uniform_int_distribution<int>(5, 30)(rng_));
             }
             down = now < downUntil_;
+            // Each fault in 7 of 100 requests, in the order of the enumeration.
             const int roll = std::uniform_int_distribution<int>(0, 99)(rng_);
-            if (roll < 7)
-                fault = status500;
-            else if (roll < 14)
-                fault = dropBefore;
-            else if (roll < 21)
-                fault = dropAfter;
-            else if (roll < 28)
-                fault = timeout;
-            else if (roll < 35)
-                fault = truncate;
+            if (roll < 35) fault = static_cast<Fault>(1 + roll / 7);
         }
         // A request the service must not see goes to a path it does not know: its injected
         // answer then comes from the client's own thread, as the client's contract says.
@@ -180,18 +166,15 @@ private:
     std::atomic<int> injected_{0};
 };
 
-struct Options {
-    int trips = 40;
-    unsigned seed = 13;
-    int samples = 2500;
-    bool outbox = true;
-    bool check = false;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    Options o;
+    struct {
+        int trips = 40;
+        unsigned seed = 13;
+        int samples = 2500;
+        bool outbox = true, check = false;
+    } o;
     for (int i = 1; i + 1 <= argc; ++i) {
         const std::string a = argv[i];
         const char* v = i + 1 < argc ? argv[i + 1] : "";
@@ -227,10 +210,9 @@ int main(int argc, char** argv) {
     }
 
     Ledger ledger;
-    posix::CurlHttpClient::Options httpOptions;
     sim::Platform sim;
-    auto faults = std::make_shared<FaultLayer>(std::make_shared<posix::CurlHttpClient>(httpOptions),
-                                               o.seed, ledger, sim.clock);
+    auto faults = std::make_shared<FaultLayer>(std::make_shared<posix::CurlHttpClient>(), o.seed,
+                                               ledger, sim.clock);
     Environment env;
     sim.installInto(env);
     env.http = faults;
@@ -261,13 +243,11 @@ int main(int argc, char** argv) {
     int restarts = 0;
     for (int trip = 0; trip < o.trips; ++trip) {
         if (!engine->startTrip()) continue;
-        platform::Location fix;
-        fix.coordinate = {41.0 + trip * 0.01, 29.0};
-        fix.horizontalAccuracy = 5;
-        fix.verticalAccuracy = 5;
-        fix.speed = 13.5;
-        fix.timestamp = sim.clock->now();
-        engine->didUpdateLocations({fix});
+        engine->didUpdateLocations({{.coordinate = {41.0 + trip * 0.01, 29.0},
+                                     .horizontalAccuracy = 5,
+                                     .verticalAccuracy = 5,
+                                     .timestamp = sim.clock->now(),
+                                     .speed = 13.5}});
         sim.queue->runUntilIdle();
         for (int s = 0; s < o.samples; ++s) {
             sim.clock->advance(500ms);
@@ -312,13 +292,10 @@ int main(int argc, char** argv) {
     engine.reset();
     outbox.reset();
 
-    std::set<std::tuple<std::string, long long, std::string>> unique;
-    std::size_t tripsStored = 0;
-    {
+    const auto [unique, tripsStored] = [&ledger] {
         std::lock_guard lock(ledger.mutex);
-        unique.insert(ledger.records.begin(), ledger.records.end());
-        tripsStored = std::set<std::string>(ledger.trips.begin(), ledger.trips.end()).size();
-    }
+        return std::pair(ledger.records, ledger.trips.size());
+    }();
     std::size_t storedAll = 0;
     std::set<std::string> guids;
     for (const auto& record : unique) guids.insert(std::get<0>(record));
@@ -332,8 +309,8 @@ int main(int argc, char** argv) {
     std::printf("outbox %s, seed %u, %d trips, %d host restarts, %d faults injected\n",
                 o.outbox ? "on" : "off", o.seed, o.trips, restarts, faults->injected());
     std::printf(
-        "records made %lld, stored %zu, lost %lld, stored twice %zu, "
-        "also under another trip %zu\n",
+        "records made %lld, stored %zu, lost %lld, stored twice %zu, also under another "
+        "trip %zu\n",
         made, records.size(), lost, storedAll - unique.size(), misfiled);
     std::printf("trips completed %d, trips in the history %zu\n", completed.load(), tripsStored);
     faults->shutdown();

@@ -57,17 +57,14 @@ TEST_F(RestfulCallTest, RepliesBecomeOneNotification) {
         RT returnType;
         std::string expect;
     };
+    const R noBody500{.status = 500, .body = std::nullopt};
     const Case cases[] = {
         {R::json(R"([{"a":1},{"b":"ç"}])"), true, true, RT::int_, posted(R"([{"a":1},{"b":"ç"}])")},
         {R::json(R"({"a":1})"), true, true, RT::int_, posted("null")},  // not a list
         {R::json(R"([{"a":1},2])"), true, true, RT::int_, posted("null")},
         {R::json(R"({"a":[1,2]})"), true, false, RT::int_, posted(R"({"a":[1,2]})")},
         {R::json(R"({"a":1})", 500), true, true, RT::int_, err(kDetail + " ErrorCode: 500")},
-        {{.status = 500, .body = std::nullopt},
-         true,
-         true,
-         RT::int_,
-         err(kDetail + " ErrorCode: 500")},
+        {noBody500, true, true, RT::int_, err(kDetail + " ErrorCode: 500")},
         {R::text("<html>oops</html>"), true, true, RT::int_, err(kDetail)},
         {{.body = std::nullopt}, true, true, RT::int_, "nothing"},
         {{.drop = R::Drop::beforeReply}, true, true, RT::int_, err(kDetail)},
@@ -120,10 +117,8 @@ TEST_F(RestfulCallTest, RepliesBecomeOneNotification) {
 }
 
 TEST_F(RestfulCallTest, FailuresFoundBeforeSendingArePostedBeforeTheCallReturns) {
-    auto reach = [](std::shared_ptr<platform::ReachabilityProbe> p) {
-        return std::make_shared<Reachability>(std::move(p));
-    };
-    const auto online = reach(reachableProbe()), offline = reach(offlineProbe());
+    const auto online = std::make_shared<Reachability>(reachableProbe());
+    const auto offline = std::make_shared<Reachability>(offlineProbe());
     const std::string good = server.url("/api/post"), badURL = "Bad URL!";
     const std::string kOffline = "Lütfen internet bağlantınızı kontrol ediniz!";
     struct Case {
@@ -154,8 +149,7 @@ TEST_F(RestfulCallTest, FailuresFoundBeforeSendingArePostedBeforeTheCallReturns)
         RecordedNotification n = rec.at(0);
         EXPECT_EQ(n.thread, std::this_thread::get_id());
         EXPECT_EQ(n.object, nullptr);
-        ASSERT_NE(n.find("error"), nullptr);
-        EXPECT_EQ(*n.find("error"), Value(c.text));
+        EXPECT_EQ(n.find("error") ? *n.find("error") : Value(), Value(c.text));
         EXPECT_TRUE(rec.settled(1, 50ms));
     }
     EXPECT_TRUE(server.requests().empty()) << "no request may leave for a failure found before";

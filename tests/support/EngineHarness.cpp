@@ -42,13 +42,6 @@ std::vector<platform::HttpRequest> ScriptedHttpClient::requests() const {
     return sent_;
 }
 
-std::vector<std::string> ScriptedHttpClient::urls() const {
-    std::lock_guard lock(mutex_);
-    std::vector<std::string> out;
-    for (const auto& r : sent_) out.push_back(r.url);
-    return out;
-}
-
 platform::HttpResult ScriptedHttpClient::reply(long status, std::string body) {
     platform::HttpResult r;
     r.response = platform::HttpResponse{status, {}};

@@ -1,14 +1,6 @@
 #pragma once
 // A simulated host for engine tests: the sim platform in virtual time, an HTTP client whose
 // replies the test releases, and a delegate that records what the host heard.
-//
-//   EngineHarness h;                       // fresh clock, queue, sensors, centre, client
-//   auto engine = h.makeEngine();          // DrivingInsight::makeDetached(h.env)
-//   h.location->setAuthorizationStatus(...);
-//   engine->startTrip();
-//   h.clock->advance(1s); engine->didUpdateLocations({h.fix(41.0, 29.0, 5)});
-//   h.motion->push(EngineHarness::flatSample()); h.queue->runUntilIdle();
-//   h.http->deliverAll();                  // answers every request with the responder (200 "[]")
 
 #include <kestrelvue/DrivingInsight.h>
 #include <kestrelvue/Environment.h>
@@ -43,7 +35,6 @@ public:
     /// Answers pending requests, and those sent meanwhile, until none is left.
     std::size_t deliverAll();
     std::vector<platform::HttpRequest> requests() const;
-    std::vector<std::string> urls() const;
 
     static platform::HttpResult reply(long status, std::string body);
 

@@ -38,71 +38,16 @@ const Value* RecordedNotification::find(const std::string& key) const {
 
 NotificationRecorder::NotificationRecorder(std::shared_ptr<NotificationCenter> center,
                                            std::vector<std::string> names)
-    : center_(std::move(center)), state_(std::make_shared<State>()), names_(std::move(names)) {
+    : center_(std::move(center)), names_(std::move(names)) {
     for (const std::string& name : names_) {
-        center_->addObserver(this, name, [state = state_](const Notification& n) {
-            {
-                std::lock_guard lock(state->mutex);
-                state->records.push_back(
-                    {n.name, n.object, n.userInfo, std::this_thread::get_id()});
-            }
-            state->cv.notify_all();
+        center_->addObserver(this, name, [log = log_](const Notification& n) {
+            log->add({n.name, n.object, n.userInfo, std::this_thread::get_id()});
         });
     }
 }
 
 NotificationRecorder::~NotificationRecorder() {
     center_->removeObserver(this);
-}
-
-RecordedNotification NotificationRecorder::at(std::size_t index) const {
-    std::lock_guard lock(state_->mutex);
-    return state_->records.at(index);
-}
-
-std::size_t NotificationRecorder::count() const {
-    std::lock_guard lock(state_->mutex);
-    return state_->records.size();
-}
-
-bool NotificationRecorder::waitFor(std::size_t n, std::chrono::milliseconds timeout) const {
-    std::unique_lock lock(state_->mutex);
-    return state_->cv.wait_for(lock, timeout, [&] { return state_->records.size() >= n; });
-}
-
-bool NotificationRecorder::settled(std::size_t n, std::chrono::milliseconds grace) const {
-    std::unique_lock lock(state_->mutex);
-    state_->cv.wait_for(lock, grace, [&] { return state_->records.size() > n; });
-    return state_->records.size() == n;
-}
-
-void RecordingDelegate::add(Report r) {
-    std::lock_guard lock(mutex_);
-    reports_.push_back(std::move(r));
-    cv_.notify_all();
-}
-
-std::vector<RecordingDelegate::Report> RecordingDelegate::reports() const {
-    std::lock_guard lock(mutex_);
-    return reports_;
-}
-
-std::vector<RecordingDelegate::Report> RecordingDelegate::reports(const std::string& kind) const {
-    std::vector<Report> out;
-    for (auto& r : reports())
-        if (r.kind == kind) out.push_back(std::move(r));
-    return out;
-}
-
-bool RecordingDelegate::waitFor(std::size_t n, std::chrono::milliseconds timeout) const {
-    std::unique_lock lock(mutex_);
-    return cv_.wait_for(lock, timeout, [&] { return reports_.size() >= n; });
-}
-
-bool RecordingDelegate::settled(std::size_t n, std::chrono::milliseconds grace) const {
-    std::unique_lock lock(mutex_);
-    cv_.wait_for(lock, grace, [&] { return reports_.size() > n; });
-    return reports_.size() == n;
 }
 
 }  // namespace kestrelvue::test

@@ -35,6 +35,38 @@ struct RecordedNotification {
 bool endWaitsForARunningCall(const std::function<void(const std::function<void()>&)>& call,
                              const std::function<void()>& end);
 
+/// Entries added from any thread, and bounded waits for their count: waitFor() is false on
+/// time-out; settled() waits out the grace and answers whether exactly `n` came (to catch extras).
+template <class T, int kTimeoutMs, int kGraceMs>
+class WaitableLog {
+public:
+    void add(T entry) {
+        std::lock_guard lock(mutex_);
+        entries_.push_back(std::move(entry));
+        cv_.notify_all();
+    }
+    std::vector<T> entries() const {
+        std::lock_guard lock(mutex_);
+        return entries_;
+    }
+    bool waitFor(std::size_t n,
+                 std::chrono::milliseconds timeout = std::chrono::milliseconds(kTimeoutMs)) const {
+        std::unique_lock lock(mutex_);
+        return cv_.wait_for(lock, timeout, [&] { return entries_.size() >= n; });
+    }
+    bool settled(std::size_t n,
+                 std::chrono::milliseconds grace = std::chrono::milliseconds(kGraceMs)) const {
+        std::unique_lock lock(mutex_);
+        cv_.wait_for(lock, grace, [&] { return entries_.size() > n; });
+        return entries_.size() == n;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    mutable std::condition_variable cv_;
+    std::vector<T> entries_;
+};
+
 class NotificationRecorder {
 public:
     NotificationRecorder(std::shared_ptr<NotificationCenter> center,
@@ -43,75 +75,72 @@ public:
     NotificationRecorder(const NotificationRecorder&) = delete;
     NotificationRecorder& operator=(const NotificationRecorder&) = delete;
 
-    RecordedNotification at(std::size_t index) const;  // throws std::out_of_range
-    std::size_t count() const;
-
-    /// Waits until at least `n` posts were recorded; false on time-out.
-    bool waitFor(std::size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
-    /// Waits `grace`, then answers whether exactly `n` posts were recorded (to catch extras).
+    using Log = WaitableLog<RecordedNotification, 5000, 100>;
+    RecordedNotification at(std::size_t i) const { return log_->entries().at(i); }  // may throw
+    std::size_t count() const { return log_->entries().size(); }
+    bool waitFor(std::size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(5)) const {
+        return log_->waitFor(n, timeout);
+    }
     bool settled(std::size_t n,
-                 std::chrono::milliseconds grace = std::chrono::milliseconds(100)) const;
+                 std::chrono::milliseconds grace = std::chrono::milliseconds(100)) const {
+        return log_->settled(n, grace);
+    }
 
 private:
-    struct State {
-        mutable std::mutex mutex;
-        mutable std::condition_variable cv;
-        std::vector<RecordedNotification> records;
-    };
     std::shared_ptr<NotificationCenter> center_;
-    std::shared_ptr<State> state_;
+    std::shared_ptr<Log> log_ = std::make_shared<Log>();
     std::vector<std::string> names_;
+};
+
+/// One report a RecordingDelegate heard.
+struct RecordingDelegateReport {
+    /// "tripDidFinish", "tripDidFail", "history", "historyFail", "summary", "summaryFail", or
+    /// the account delegate's operation name ("userDidLogin", "friendAddDidFail", ...)
+    std::string kind;
+    std::int64_t code = 0;
+    // Initialised members, so that each report names only what it carries.
+    std::string title = {}, message = {};
+    std::shared_ptr<Trip> trip = {};
+    std::shared_ptr<platform::Alert> alert = {};
+    std::vector<std::shared_ptr<Trip>> history = {};
+    SummaryData summary = {};
+    const User* user = nullptr;
+    std::string friendReferenceId = {};
+    std::vector<LeaderboardItem> leaderboard = {};
+    /// "kind", or "kind code title: message" for a failure: one comparable line.
+    std::string said() const {
+        return code ? kind + " " + std::to_string(code) + " " + title + ": " + message : kind;
+    }
 };
 
 /// Records every report of the engine's two delegates and the account's, in order, from any
 /// thread.
 class RecordingDelegate final : public DrivingInsightDelegate,
                                 public HistoryDataDelegate,
-                                public UserDelegate {
+                                public UserDelegate,
+                                public WaitableLog<RecordingDelegateReport, 10000, 200> {
 public:
-    struct Report {
-        /// "tripDidFinish", "tripDidFail", "history", "historyFail", "summary", "summaryFail", or
-        /// the account delegate's operation name ("userDidLogin", "friendAddDidFail", ...)
-        std::string kind;
-        std::int64_t code = 0;
-        // Initialised members, so that each report names only what it carries.
-        std::string title = {}, message = {};
-        std::shared_ptr<Trip> trip = {};
-        std::shared_ptr<platform::Alert> alert = {};
-        std::vector<std::shared_ptr<Trip>> history = {};
-        SummaryData summary = {};
-        const User* user = nullptr;
-        std::string friendReferenceId = {};
-        std::vector<LeaderboardItem> leaderboard = {};
-        /// "kind", or "kind code title: message" for a failure: one comparable line.
-        std::string said() const {
-            return code ? kind + " " + std::to_string(code) + " " + title + ": " + message : kind;
-        }
-    };
+    using Report = RecordingDelegateReport;
     void tripDidFinish(std::shared_ptr<Trip> trip) override {
         add({.kind = "tripDidFinish", .trip = std::move(trip)});
     }
-    void tripDidFail(std::int64_t code, const std::string& title, const std::string& message,
+    void tripDidFail(std::int64_t c, const std::string& t, const std::string& m,
                      std::shared_ptr<platform::Alert> alert) override {
-        add({.kind = "tripDidFail",
-             .code = code,
-             .title = title,
-             .message = message,
-             .alert = alert});
+        add({.kind = "tripDidFail", .code = c, .title = t, .message = m, .alert = alert});
     }
     void historyDataDidReceive(const std::vector<std::shared_ptr<Trip>>& history) override {
         add({.kind = "history", .history = history});
     }
-    void historyDataReceiveDidFail(std::int64_t code, const std::string& title,
-                                   const std::string& message) override {
-        failed("historyFail", code, title, message);
+    void historyDataReceiveDidFail(std::int64_t c, const std::string& t,
+                                   const std::string& m) override {
+        failed("historyFail", c, t, m);
     }
     void summaryDataDidReceive(const SummaryData& summary) override {
         add({.kind = "summary", .summary = summary});
     }
-    void summaryDataReceiveDidFail(std::int64_t code, const std::string& title,
-                                   const std::string& message) override {
-        failed("summaryFail", code, title, message);
+    void summaryDataReceiveDidFail(std::int64_t c, const std::string& t,
+                                   const std::string& m) override {
+        failed("summaryFail", c, t, m);
     }
     void userDidLogin(User& user) override { add({.kind = "userDidLogin", .user = &user}); }
     void userDidAdd(User& user) override { add({.kind = "userDidAdd", .user = &user}); }
@@ -121,40 +150,31 @@ public:
     void leadershipDidGet(const std::vector<LeaderboardItem>& leaderboard) override {
         add({.kind = "leadershipDidGet", .leaderboard = leaderboard});
     }
-    void userLoginDidFail(std::int64_t code, const std::string& title,
-                          const std::string& message) override {
-        failed("userLoginDidFail", code, title, message);
+    void userLoginDidFail(std::int64_t c, const std::string& t, const std::string& m) override {
+        failed("userLoginDidFail", c, t, m);
     }
-    void userAddDidFail(std::int64_t code, const std::string& title,
-                        const std::string& message) override {
-        failed("userAddDidFail", code, title, message);
+    void userAddDidFail(std::int64_t c, const std::string& t, const std::string& m) override {
+        failed("userAddDidFail", c, t, m);
     }
-    void friendAddDidFail(std::int64_t code, const std::string& title,
-                          const std::string& message) override {
-        failed("friendAddDidFail", code, title, message);
+    void friendAddDidFail(std::int64_t c, const std::string& t, const std::string& m) override {
+        failed("friendAddDidFail", c, t, m);
     }
-    void leadershipGetDidFail(std::int64_t code, const std::string& title,
-                              const std::string& message) override {
-        failed("leadershipGetDidFail", code, title, message);
+    void leadershipGetDidFail(std::int64_t c, const std::string& t, const std::string& m) override {
+        failed("leadershipGetDidFail", c, t, m);
     }
 
-    std::vector<Report> reports() const;
-    std::vector<Report> reports(const std::string& kind) const;
-    /// Waits (bounded) until at least `n` reports arrived; false on time-out.
-    bool waitFor(std::size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
-    /// Waits `grace`, then answers whether exactly `n` reports arrived (to catch extras).
-    bool settled(std::size_t n,
-                 std::chrono::milliseconds grace = std::chrono::milliseconds(200)) const;
+    std::vector<Report> reports() const { return entries(); }
+    std::vector<Report> reports(const std::string& kind) const {
+        auto all = entries();
+        std::erase_if(all, [&](const Report& r) { return r.kind != kind; });
+        return all;
+    }
 
 private:
-    void add(Report r);
     void failed(const char* kind, std::int64_t code, const std::string& title,
                 const std::string& message) {
         add({.kind = kind, .code = code, .title = title, .message = message});
     }
-    mutable std::mutex mutex_;
-    mutable std::condition_variable cv_;
-    std::vector<Report> reports_;
 };
 
 }  // namespace kestrelvue::test
