@@ -49,7 +49,7 @@ std::size_t keptRecords(const std::string& baseURL, const std::string& guid) {
     std::promise<std::size_t> kept;
     platform::HttpRequest request;
     request.url = baseURL + "/api/Driving/getPassedCoordinates/" + guid;
-    auto pending = http.send(request, [&kept](platform::HttpResult r) {
+    auto pending = http.send(request, [&kept](const platform::HttpResult& r) {
         auto parsed = json::parse(r.body.value_or(""));
         kept.set_value(parsed && parsed.value->isList() ? parsed.value->asList()->size() : 0);
     });
