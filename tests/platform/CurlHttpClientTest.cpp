@@ -36,10 +36,6 @@ struct Completions {
         std::lock_guard lock(mutex);
         return results.at(i).first;
     }
-    std::size_t count() {
-        std::lock_guard lock(mutex);
-        return results.size();
-    }
     std::mutex mutex;
     std::condition_variable cv;
     std::vector<std::pair<HttpResult, std::thread::id>> results;
@@ -111,11 +107,7 @@ TEST(CurlHttpClient, TransportFailuresCarryAnErrorAndNoResponse) {
     server.reply("/trickle", {.body = std::string(100, 'x'), .trickle = 50ms});
     server.reply("/big", ScriptedReply::text(std::string(std::size_t{300} * 1024, 'x')));
     server.reply("/medium", ScriptedReply::text(std::string(std::size_t{50} * 1024, 'x')));
-    std::string refused;
-    {
-        TestServer gone;
-        refused = gone.url("/x");
-    }
+    const std::string refused = TestServer().url("/x");  // nothing listens once it is gone
     posix::CurlHttpClient::Options options;
     options.maxBodyBytes = std::size_t{100} * 1024;
     posix::CurlHttpClient client(options);
@@ -164,7 +156,7 @@ TEST(CurlHttpClient, DestructionCompletesUnfinishedRequestsAsCancelled) {
         client.send(get(server.url("/hang")), done.make()).detach();
         ASSERT_TRUE(server.waitForRequests(2));
     }
-    ASSERT_EQ(done.count(), 2u) << "every completion ran before the destructor returned";
+    ASSERT_EQ(done.results.size(), 2u) << "every completion ran before the destructor returned";
     for (int i = 0; i < 2; ++i)
         EXPECT_EQ(done.at(i).error.value_or(TransportError{}).code, platform::kTransportCancelled);
 }

@@ -103,37 +103,28 @@ TEST(GravityFilter, OrientationFollowsGravity) {
             << c.gravity.x << " " << c.gravity.y << " " << c.gravity.z;
 }
 
-class IioTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        root_ = fs::temp_directory_path() / ("kestrelvue-iio-" + std::to_string(::getpid()));
-        fs::create_directories(root_);
-    }
-    void TearDown() override { fs::remove_all(root_); }
-    void write(const std::string& device, const std::string& file, const std::string& text) {
-        fs::create_directories(root_ / device);
-        std::ofstream(root_ / device / file) << text << "\n";
-    }
-    fs::path root_;
-};
-
-TEST_F(IioTest, ReadsScaledChannelsAndDeliversSamplesUntilStopped) {
-    posix::IioMotionManager none({(root_ / "missing").string()});
+TEST(IioTest, ReadsScaledChannelsAndDeliversSamplesUntilStopped) {
+    const fs::path root =
+        fs::temp_directory_path() / ("kestrelvue-iio-" + std::to_string(::getpid()));
+    const std::shared_ptr<void> removed(nullptr, [&](void*) { fs::remove_all(root); });
+    auto write = [&](const std::string& device, const std::string& file, const std::string& text) {
+        fs::create_directories(root / device);
+        std::ofstream(root / device / file) << text << "\n";
+    };
+    posix::IioMotionManager none({(root / "missing").string()});
     EXPECT_FALSE(none.isDeviceMotionAvailable());
 
     // An accelerometer with one scale for all axes and an offset on z; a gyroscope with per-axis
     // scales; a device with neither in between.
     write("iio:device0", "name", "pressure");
     write("iio:device1", "in_accel_scale", "0.000598");
-    for (const char* axis : {"x", "y", "z"})
-        write("iio:device1", std::string("in_accel_") + axis + "_raw", "0");
-    write("iio:device1", "in_accel_z_raw", "16000");
     write("iio:device1", "in_accel_z_offset", "399");
-    for (const char* axis : {"x", "y", "z"}) {
-        write("iio:device2", std::string("in_anglvel_") + axis + "_raw", "-100");
-        write("iio:device2", std::string("in_anglvel_") + axis + "_scale", "0.001");
+    for (const std::string axis : {"x", "y", "z"}) {
+        write("iio:device1", "in_accel_" + axis + "_raw", axis == "z" ? "16000" : "0");
+        write("iio:device2", "in_anglvel_" + axis + "_raw", "-100");
+        write("iio:device2", "in_anglvel_" + axis + "_scale", "0.001");
     }
-    posix::IioMotionManager iio({root_.string()});
+    posix::IioMotionManager iio({root.string()});
     ASSERT_TRUE(iio.isDeviceMotionAvailable());
     EXPECT_EQ(iio.accelerometer(), "iio:device1");
     EXPECT_EQ(iio.gyroscope(), "iio:device2");

@@ -5,14 +5,12 @@
 #include <kestrelvue/Limits.h>
 #include <kestrelvue/Trip.h>
 
-#include <algorithm>
 #include <cmath>
-#include <ctime>
 #include <map>
 #include <optional>
 #include <random>
 #include <string>
-#include <tuple>
+#include <utility>
 
 #include "core/Json.h"
 #include "records/HistoryReply.h"
@@ -84,9 +82,7 @@ TEST_F(HistoryReplyTest, RepliesBeyondTheLimitsAreRefusedBeforeAnyRecordIsMade) 
 // An independent reader: the generic JSON value, then each member by the rules a host relies on
 // (null is absent, a whole double is a count, a count fits 64 bits, numbers are finite, dates are
 // strict). Dates reuse the strict date parser, which has its own table.
-struct ReferenceTrip {
-    std::map<HistoryMember, Value> members;
-};
+using ReferenceTrip = std::map<HistoryMember, Value>;
 std::optional<std::vector<ReferenceTrip>> referenceRead(std::string_view body) {
     auto parsed = json::parse(body);
     if (!parsed || !parsed.value->isList()) return std::nullopt;
@@ -103,7 +99,7 @@ std::optional<std::vector<ReferenceTrip>> referenceRead(std::string_view body) {
                     const double d = value.isDouble() ? *value.asNumber() : 0.5;
                     if (d != std::trunc(d) || d < -9.3e18 || d >= 9223372036854775808.0)
                         return std::nullopt;
-                    trip.members[*m] = Value(static_cast<std::int64_t>(d));
+                    trip[*m] = Value(static_cast<std::int64_t>(d));
                     continue;
                 }
                 case HistoryKind::number:
@@ -117,7 +113,7 @@ std::optional<std::vector<ReferenceTrip>> referenceRead(std::string_view body) {
                         return std::nullopt;
                     break;
             }
-            trip.members[*m] = value;
+            trip[*m] = value;
         }
         out.push_back(std::move(trip));
     }
@@ -160,9 +156,7 @@ std::string randomReply(std::mt19937& rng) {
             const int m = pick(kHistoryMemberCount + 2);
             if (used[m]) continue;
             used[m] = true;
-            out += sep;
-            sep = ",";
-            out += '"';
+            out.append(std::exchange(sep, ",")).append("\"");
             out += m < kHistoryMemberCount ? std::string(historyKey(HistoryMember(m)))
                                            : (m == kHistoryMemberCount ? "Other" : "score");
             out += "\":" + valueFor(m);
@@ -175,12 +169,7 @@ std::string randomReply(std::mt19937& rng) {
         static const char bytes[] = "{}[],:\"0-.eZ \\\xff";
         const int how = pick(3);
         const char byte = bytes[pick(int(sizeof bytes - 1))];
-        if (how == 0)
-            out.erase(at, 1);
-        else if (how == 1)
-            out.insert(at, 1, byte);
-        else
-            out[at] = byte;
+        out.replace(at, how == 1 ? 0 : 1, how == 0 ? 0 : 1, byte);  // erase, insert or overwrite
     }
     return out;
 }
@@ -215,13 +204,10 @@ TEST_F(HistoryReplyTest, AgreesWithAnIndependentReaderOnRandomAndDamagedReplies)
         ASSERT_EQ(got.trips.size(), expected->size());
         for (std::size_t i = 0; i < expected->size(); ++i) {
             const Trip& t = *got.trips[i];
-            const auto& want = (*expected)[i].members;
-            auto integer = [&](HistoryMember m) {
-                return want.count(m) ? *want.at(m).asInt() : std::int64_t(0);
-            };
-            auto number = [&](HistoryMember m, double initial = 0) {
-                return want.count(m) ? *want.at(m).asNumber() : initial;
-            };
+            const auto& want = (*expected)[i];
+            auto at = [&](HistoryMember m) { return want.count(m) ? want.at(m) : Value(); };
+            auto integer = [&](HistoryMember m) { return at(m).asInt().value_or(0); };
+            auto number = [&](HistoryMember m) { return at(m).asNumber().value_or(0.0); };
             auto text = [&](HistoryMember m, const char* initial = "") {
                 return want.count(m) ? *want.at(m).asString() : std::string(initial);
             };

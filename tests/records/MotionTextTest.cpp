@@ -9,12 +9,9 @@
 #include <chrono>
 #include <clocale>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <ctime>
 #include <limits>
-#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -32,12 +29,12 @@ using namespace std::chrono;
 using test::ScopedTimeZone;
 using test::utc;
 
-// The comma-terminated fields of a record.
-std::vector<std::string> fields(const std::string& text) {
+// The `end`-terminated fields of a text.
+std::vector<std::string> fields(const std::string& text, char end = ',') {
     std::vector<std::string> out;
-    for (std::size_t start = 0, comma; (comma = text.find(',', start)) != std::string::npos;
-         start = comma + 1)
-        out.push_back(text.substr(start, comma - start));
+    for (std::size_t start = 0, at; (at = text.find(end, start)) != std::string::npos;
+         start = at + 1)
+        out.push_back(text.substr(start, at - start));
     return out;
 }
 
@@ -67,44 +64,15 @@ TEST(MotionText, ExampleRecordIsByteExact) {
     EXPECT_EQ(exampleRecord().toString(), expected);
 }
 
-// The reader beside the writer: what the library writes reads back field by field, and written
-// again gives the same bytes.
-TEST(MotionText, ReadsBackWhatTheLibraryWrites) {
-    ScopedTimeZone tz("UTC0");
-    const std::string text = exampleRecord().toString() + ";";
-    const auto records = detail::parseMotionText(text);
-    ASSERT_TRUE(records) << records.error;
-    ASSERT_EQ(records->size(), 1u);
-    const detail::MotionRecord& r = records->front();
-    EXPECT_EQ(r.itemId, 1523);
-    EXPECT_EQ(r.latitude, 41.0082);
-    EXPECT_EQ(r.events[1], 'L');
-    EXPECT_EQ(r.penalty[static_cast<std::size_t>(detail::EventKind::speeding)], 2.5);
-    EXPECT_EQ(r.recordTimeText(), "2026-11-16 14:05:09:731");
-    std::string again;
-    detail::appendMotionText(again, r);
-    EXPECT_EQ(again, text);
-}
-
 // Numbers are read as from_chars reads them, to the last bit, whatever form they take.
 TEST(MotionText, NumbersReadAsFromChars) {
     ScopedTimeZone tz("UTC0");
     const std::string record = exampleRecord().toString();
     const std::string rest = record.substr(record.find(','));
-    std::vector<std::string> numbers = {"0",
-                                        "-0.000",
-                                        "1.",
-                                        ".5",
-                                        "-.5",
-                                        "1e3",
-                                        "inf",
-                                        "-nan",
-                                        " 12.5",
-                                        "123456789012345",
-                                        "1234567890123456",
-                                        "0.1234567890123456789",
-                                        "9007199254740993",
-                                        "-"};
+    std::vector<std::string> numbers = fields(
+        "0|-0.000|1.|.5|-.5|1e3|inf|-nan| 12.5|123456789012345|1234567890123456|"
+        "0.1234567890123456789|9007199254740993|-|",
+        '|');
     std::mt19937_64 random(7);
     for (int i = 0; i < 3000; ++i) {
         std::string n = random() % 2 ? "-" : "";
@@ -124,12 +92,11 @@ TEST(MotionText, NumbersReadAsFromChars) {
         if (!valid) continue;
         const double got = records->front().acceleration[0];
         EXPECT_TRUE(std::isnan(expected) ? std::isnan(got)
-                                         : std::memcmp(&got, &expected, sizeof got) == 0)
+                                         : std::bit_cast<std::uint64_t>(got) ==
+                                               std::bit_cast<std::uint64_t>(expected))
             << n;
     }
 }
-
-// ---- printf equivalence -----------------------------------------------------------------
 
 struct Format {
     const char* printf;
@@ -162,13 +129,8 @@ std::vector<double> adversarialValues() {
                        2.2250738585072014e-308, 0.9999995, 1e12 - 1, inf, -inf, nan, -nan,
                        13.5 * 3600.0 / 1000.0});
     // Exact binary ties at every precision used: k / 2^n and k + 1/2 * 10^-p neighbours.
-    for (int k = -2000; k <= 2000; ++k) {
-        v.push_back(k / 2.0);
-        v.push_back(k / 16.0);
-        v.push_back(k / 2048.0);
-        v.push_back(k * 0.0005);
-        v.push_back(k * 0.0000005);
-    }
+    for (int k = -2000; k <= 2000; ++k)
+        v.insert(v.end(), {k / 2.0, k / 16.0, k / 2048.0, k * 0.0005, k * 0.0000005});
     return v;
 }
 
@@ -180,17 +142,10 @@ TEST(MotionText, FixedMatchesSnprintfOnAdversarialAndRandomValues) {
     std::uniform_real_distribution<double> small(-1000.0, 1000.0);
     std::uniform_int_distribution<int> exponent(-30, 40);
     for (int i = 0; i < 120000; ++i) {
-        double v;
-        switch (i % 3) {
-            case 0:
-                v = std::bit_cast<double>(rng());  // any bit pattern, NaNs and subnormals too
-                break;
-            case 1:
-                v = small(rng);
-                break;
-            default:
-                v = std::ldexp(small(rng), exponent(rng));
-        }
+        // Any bit pattern (NaNs and subnormals too), a small number, a number of any size.
+        const double v = i % 3 == 0   ? std::bit_cast<double>(rng())
+                         : i % 3 == 1 ? small(rng)
+                                      : std::ldexp(small(rng), exponent(rng));
         for (const Format& f : kFormats)
             ASSERT_EQ(ours(v, f), theirs(v, f)) << f.printf << " " << v;
     }
@@ -199,14 +154,7 @@ TEST(MotionText, FixedMatchesSnprintfOnAdversarialAndRandomValues) {
 // Random records, with now and then a value a format gets wrong first: NaN, infinities, -0, a
 // tiny negative, a huge number.
 MotionDataItem randomRecord(std::mt19937_64& rng) {
-    const double specials[] = {std::numeric_limits<double>::quiet_NaN(),
-                               HUGE_VAL,
-                               -HUGE_VAL,
-                               -0.0,
-                               -0.0004,
-                               123456.5,
-                               -1.0,
-                               1e15};
+    const double specials[] = {NAN, HUGE_VAL, -HUGE_VAL, -0.0, -0.0004, 123456.5, -1.0, 1e15};
     std::uniform_real_distribution<double> uniform(-2.0, 2.0);
     auto d = [&](std::mt19937_64& g) { return g() % 16 ? uniform(g) : specials[g() % 8]; };
     std::uniform_real_distribution<double> deg(-180.0, 180.0);
@@ -265,8 +213,6 @@ TEST(MotionText, NumbersIgnoreADecimalCommaLocale) {
     std::setlocale(LC_NUMERIC, old.c_str());
 }
 
-// ---- local time -------------------------------------------------------------------------
-
 std::string referenceStamp(platform::TimePoint t) {
     MotionDataItem item;
     item.DateTime = t;
@@ -301,9 +247,8 @@ TEST(MotionText, StampsStayRightAcrossDaylightSavingChanges) {
             for (auto t = change - seconds(3); t < change + seconds(3); t += milliseconds(250))
                 ASSERT_EQ(ourStamp(t), referenceStamp(t));
     }
-    EXPECT_EQ(ourStamp(utc(2026, 3, 29, 0, 59, 59, 999)), "2026-03-29 01:59:59:999");
+    // The zone is in effect, or the comparisons above prove nothing.
     EXPECT_EQ(ourStamp(utc(2026, 3, 29, 1, 0, 0, 0)), "2026-03-29 03:00:00:000");
-    EXPECT_EQ(ourStamp(utc(2026, 10, 25, 0, 59, 59, 500)), "2026-10-25 02:59:59:500");
     EXPECT_EQ(ourStamp(utc(2026, 10, 25, 1, 0, 0, 500)), "2026-10-25 02:00:00:500");
     // Before the epoch, milliseconds still count forwards within their second.
     EXPECT_EQ(ourStamp(platform::TimePoint{} - milliseconds(1)), "1970-01-01 00:59:59:999");

@@ -14,10 +14,7 @@ using test::ScopedTimeZone;
 using test::viaMktime;
 
 TEST(ServiceDate, ServiceDatesAreReadStrictly) {
-    struct Case {
-        const char* text;
-        std::optional<LocalDateTime> date;
-    } cases[] = {
+    const std::pair<const char*, std::optional<LocalDateTime>> cases[] = {
         {"2018-03-05T14:07:00", LocalDateTime{2018, 3, 5, 14, 7, 0}},
         {"2020-02-29T23:59:59", LocalDateTime{2020, 2, 29, 23, 59, 59}},
         {"1678-01-01T00:00:00", LocalDateTime{1678, 1, 1, 0, 0, 0}},
@@ -31,7 +28,7 @@ TEST(ServiceDate, ServiceDatesAreReadStrictly) {
         {"0000-03-05T14:07:00", std::nullopt},
         {"", std::nullopt},
     };
-    for (const auto& c : cases) EXPECT_EQ(parseServiceDateTime(c.text), c.date) << c.text;
+    for (const auto& [text, date] : cases) EXPECT_EQ(parseServiceDateTime(text), date) << text;
 }
 
 // The converter reuses a day's offset; on the days the clocks change, and the days either side,

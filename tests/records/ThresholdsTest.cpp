@@ -4,6 +4,7 @@
 #include <kestrelvue/Threshold.h>
 
 #include <cmath>
+#include <tuple>
 
 #include "records/KeyedArchive.h"
 
@@ -17,14 +18,8 @@ ThresholdList bands(std::initializer_list<Threshold> list) {
 }
 
 TEST(BandLookup, Cases) {
-    struct Case {
-        const char* name;
-        ThresholdList list;
-        double value;
-        ThresholdImpact expected;
-    };
     const ThresholdList two = bands({{0, 1, 2, false}, {1, 2, 5, true}});
-    const Case cases[] = {
+    const std::tuple<const char*, ThresholdList, double, ThresholdImpact> cases[] = {
         {"empty list", {}, 1.0, {}},
         {"start is inclusive", two, 1.0, {5, true}},
         {"first band", two, 0.5, {2, false}},
@@ -40,14 +35,12 @@ TEST(BandLookup, Cases) {
          2.5,
          {1, false}},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(thresholdImpactFor(c.value, c.list), c.expected);
-        EXPECT_EQ(exceedsThresholds(c.value, c.list), c.expected != ThresholdImpact{});
+    for (const auto& [name, list, value, expected] : cases) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(thresholdImpactFor(value, list), expected);
+        EXPECT_EQ(exceedsThresholds(value, list), expected != ThresholdImpact{});
     }
 }
-
-// ---- Archive --------------------------------------------------------------------------------
 
 TEST(BandArchive, RoundTripsMissingKeysReadAsZeroAndOtherArchivesAreRefused) {
     for (const Threshold& t :

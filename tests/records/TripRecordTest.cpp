@@ -33,17 +33,14 @@ TEST(TripRecord, DateTextInLocalTime) {
 }
 
 TEST(TripRecord, DurationAndDistanceText) {
-    struct Case {
-        double metres;
-        const char* km;
-    };
-    const Case cases[] = {{0, "0.0"},      {49, "0.0"},         {51, "0.1"},
-                          {12437, "12.4"}, {1234567, "1234.6"}, {150, "0.1"},
-                          {250, "0.2"},    {-49, "-0.0"},       {1e18, "1000000000000000.0"}};
-    for (const Case& c : cases)
-        EXPECT_EQ(Trip::formatTimeElapsedTotalDistance("0:25:13", c.metres),
-                  std::string("0:25:13 sn, ") + c.km + " km")
-            << c.metres;
+    const std::pair<double, const char*> cases[] = {
+        {0, "0.0"},      {49, "0.0"},         {51, "0.1"},
+        {12437, "12.4"}, {1234567, "1234.6"}, {150, "0.1"},
+        {250, "0.2"},    {-49, "-0.0"},       {1e18, "1000000000000000.0"}};
+    for (const auto& [metres, km] : cases)
+        EXPECT_EQ(Trip::formatTimeElapsedTotalDistance("0:25:13", metres),
+                  std::string("0:25:13 sn, ") + km + " km")
+            << metres;
 }
 
 }  // namespace

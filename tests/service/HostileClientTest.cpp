@@ -10,6 +10,7 @@
 #include <chrono>
 #include <fstream>
 #include <thread>
+#include <tuple>
 
 #include "net/Gzip.h"
 #include "platform/sim/VirtualClock.h"
@@ -72,10 +73,8 @@ TEST_F(HostileClientTest, EachRequestGetsItsStatusAndAFramingRefusalCloses) {
     std::string lines;
     for (int i = 0; i < 101; ++i) lines += "X-" + std::to_string(i) + ": y\r\n";
     const std::string get = "GET /healthz HTTP/1.1\r\nHost: t\r\n";
-    const struct {
-        std::string request, status;
-        bool closes;
-    } cases[] = {
+    const std::tuple<std::string, std::string, bool> cases[] = {
+        // request, status, closes
         {"GET /healthz HTTP/1.1\r\n\r\n", "400", true},
         {post("/api/User/AddUser", "{}", "Content-Length: 3\r\n"), "400", true},
         {post("/api/User/AddUser", "{}", "Transfer-Encoding: chunked\r\n"), "400", true},
@@ -101,10 +100,10 @@ TEST_F(HostileClientTest, EachRequestGetsItsStatusAndAFramingRefusalCloses) {
          "t\r\n\r\n",
          "400", false},
     };
-    for (const auto& c : cases) {
-        const std::string reply = exchange(c.request + get + "Connection: close\r\n\r\n");
-        EXPECT_EQ(reply.substr(0, 12), "HTTP/1.1 " + c.status) << c.request.substr(0, 80);
-        EXPECT_EQ(reply.find("HTTP/1.1 200", 1) != std::string::npos, !c.closes) << reply;
+    for (const auto& [request, status, closes] : cases) {
+        const std::string reply = exchange(request + get + "Connection: close\r\n\r\n");
+        EXPECT_EQ(reply.substr(0, 12), "HTTP/1.1 " + status) << request.substr(0, 80);
+        EXPECT_EQ(reply.find("HTTP/1.1 200", 1) != std::string::npos, !closes) << reply;
     }
 }
 

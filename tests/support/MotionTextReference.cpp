@@ -37,11 +37,8 @@ void appendCode(std::string& out, int code) {
 }  // namespace
 
 void appendReferenceText(std::string& out, const MotionDataItem& item) {
-    for (const Vector3* v : {&item.Acceleration, &item.Rotation, &item.Attitude, &item.Gravity}) {
-        appendf(out, "%7.3f", v->x);
-        appendf(out, "%7.3f", v->y);
-        appendf(out, "%7.3f", v->z);
-    }
+    for (const Vector3* v : {&item.Acceleration, &item.Rotation, &item.Attitude, &item.Gravity})
+        for (double c : {v->x, v->y, v->z}) appendf(out, "%7.3f", c);
     const FaultItem& f = item.Fault;
     for (char c : {f.sharpCornering, f.sharpSpeeding, f.sharpElevating, f.sharpLaneChanging}) {
         out += c;
@@ -62,9 +59,8 @@ void appendReferenceText(std::string& out, const MotionDataItem& item) {
          {f.sharpCorneringPenalty, f.sharpSpeedingPenalty, f.sharpBrakingPenalty,
           f.sharpElevatingPenalty, f.sharpLaneChangingPenalty, f.sharpCorneringPenaltyPerKM,
           f.sharpSpeedingPenaltyPerKM, f.sharpBrakingPenaltyPerKM, f.sharpElevatingPenaltyPerKM,
-          f.sharpLaneChangingPenaltyPerKM, f.fuelEfficiencyPenaltyPerKM}) {
+          f.sharpLaneChangingPenaltyPerKM, f.fuelEfficiencyPenaltyPerKM})
         appendf(out, "%7.3f", v);
-    }
     appendf(out, "%7.3f", item.Location.course);
     appendf(out, "% 5.0f", item.Location.horizontalAccuracy);
     appendf(out, "%10.6f", item.Location.speed);

@@ -17,18 +17,13 @@ namespace kestrelvue::test {
 namespace {
 
 bool equalsIgnoreCase(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return std::tolower(static_cast<unsigned char>(x)) ==
-                      std::tolower(static_cast<unsigned char>(y));
-           });
+    const auto lower = [](unsigned char c) { return std::tolower(c); };
+    return std::ranges::equal(a, b, {}, lower, lower);
 }
 
-int portOf(const sockaddr_storage& address) {
-    if (address.ss_family == AF_INET)
-        return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
-    if (address.ss_family == AF_INET6)
-        return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
-    return -1;
+int portOf(const sockaddr_storage& address) {  // the server listens on IPv4 alone
+    if (address.ss_family != AF_INET) return -1;
+    return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
 }
 
 void writeAll(int fd, std::string_view data) {
@@ -146,13 +141,11 @@ void TestServer::handle(const void* request, void* response) {
     const auto& req = *static_cast<const httplib::Request*>(request);
     auto& res = *static_cast<httplib::Response*>(response);
 
-    ReceivedRequest got{
-        req.method, req.path, req.target, {req.headers.begin(), req.headers.end()}, req.body};
-
     ScriptedReply script{.status = 404};
     {
         std::unique_lock lock(mutex_);
-        received_.push_back(std::move(got));
+        received_.push_back(
+            {req.method, req.path, req.target, {req.headers.begin(), req.headers.end()}, req.body});
         if (auto q = queued_.find(req.path); q != queued_.end() && !q->second.empty()) {
             script = std::move(q->second.front());
             q->second.pop_front();

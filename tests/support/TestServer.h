@@ -66,8 +66,6 @@ class TestServer {
 public:
     TestServer();
     ~TestServer();
-    TestServer(const TestServer&) = delete;
-    TestServer& operator=(const TestServer&) = delete;
 
     std::string baseURL() const;
     std::string url(std::string_view pathAndQuery) const {

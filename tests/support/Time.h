@@ -44,11 +44,7 @@ public:
         detail::clearTimestampCache();  // the motion text caches local times
     }
     ~ScopedTimeZone() {
-        if (old_) {
-            ::setenv("TZ", old_->c_str(), 1);
-        } else {
-            ::unsetenv("TZ");
-        }
+        old_ ? ::setenv("TZ", old_->c_str(), 1) : ::unsetenv("TZ");
         ::tzset();
         detail::clearTimestampCache();
     }

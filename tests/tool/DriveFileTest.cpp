@@ -14,10 +14,8 @@ namespace {
 // Writing and reading back is the command-line check's (simulate -o, then replay).
 TEST(DriveFile, NamesTheLineItRefuses) {
     const std::string v1 = "fix 0 41 29 1 0 5\nmotion 0.5 0 0 0 0 0 0 0 0 0 0 0 -1";
-    struct Case {
-        std::string text;
-        const char* error;  // "" when the drive is good
-    } cases[] = {
+    const std::pair<std::string, const char*> cases[] = {
+        // the error, "" when the drive is good
         {v1 + "\n", ""},  // no header: version 1, face up
         {"kestrelvue-drive 2\n" + v1 + "\n", "line 3: a motion sample"},  // no orientation
         {"kestrelvue-drive 3\n", "line 1: unsupported drive format"},
@@ -29,11 +27,11 @@ TEST(DriveFile, NamesTheLineItRefuses) {
         {"kestrelvue-drive 2 start=2026-11-25T07:10:00Z\n" + v1 + " 5\n", ""},
         {"kestrelvue-drive 2 start=2026-11-31T07:10:00Z\n", "line 1: after the version"},
     };
-    for (const Case& c : cases) {
-        std::stringstream in(c.text);
+    for (const auto& [text, error] : cases) {
+        std::stringstream in(text);
         const auto result = tools::parseDrive(in);
-        EXPECT_EQ(result.value.has_value(), *c.error == '\0') << c.text << result.error;
-        EXPECT_EQ(result.error.rfind(c.error, 0), 0u) << c.text << result.error;
+        EXPECT_EQ(result.value.has_value(), *error == '\0') << text << result.error;
+        EXPECT_EQ(result.error.rfind(error, 0), 0u) << text << result.error;
     }
 }
 

@@ -5,7 +5,6 @@
 #include <kestrelvue/service/ReferenceService.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -15,6 +14,7 @@
 #include "Drive.h"
 #include "Outbox.h"
 #include "Replay.h"
+#include "Report.h"
 #include "Simulate.h"
 #include "core/Json.h"
 
@@ -139,11 +139,6 @@ TEST_F(ToolTest, TheLastFixIsDeliveredBetweenTwoIntervals) {
 // windshield) and moved halfway, replayed with the estimated alignment, find what the
 // straight drives find.
 TEST_F(ToolTest, AlignmentFindsWhatTheStraightDriveFinds) {
-    auto counts = [](const tools::ReplayResult& r) {
-        std::array<int, tools::kKindCount> n{};
-        for (const tools::Event& e : r.events) ++n[static_cast<std::size_t>(e.kind)];
-        return n;
-    };
     std::mt19937 rng(24);
     // Stood up on the windshield, then laid down on the dashboard.
     std::uniform_real_distribution<double> anyYaw(-M_PI, M_PI), tilt(0.9, 1.3), flat(0.1, 0.4);
@@ -151,7 +146,7 @@ TEST_F(ToolTest, AlignmentFindsWhatTheStraightDriveFinds) {
          {"city-aggressive.kvd", "motorway.kvd", "city-calm.kvd", "city-tunnel.kvd"}) {
         SCOPED_TRACE(name);
         tools::Drive drive = example(name);
-        const auto straight = counts(play(drive));
+        const auto straight = tools::kindLines(play(drive));
         const platform::MountingAngles first{tilt(rng), 0.1, anyYaw(rng)};
         const platform::MountingAngles second{flat(rng), -0.1, anyYaw(rng)};
         tools::mountPhone(drive, first, 0, drive.duration() / 2);
@@ -162,17 +157,15 @@ TEST_F(ToolTest, AlignmentFindsWhatTheStraightDriveFinds) {
             if (!drive.events[i].motion) continue;
             const Vector3 back = fixed.align(*drive.events[i].motion).userAcceleration;
             const Vector3 was = example(name).events[i].motion->userAcceleration;
-            EXPECT_NEAR(back.x, was.x, 1e-9);
-            EXPECT_NEAR(back.y, was.y, 1e-9);
-            EXPECT_NEAR(back.z, was.z, 1e-9);
+            EXPECT_NEAR(std::hypot(back.x - was.x, back.y - was.y, back.z - was.z), 0, 1e-9);
         }
         const tools::ReplayResult aligned = play(drive, true);
         ASSERT_TRUE(aligned.mounting);
         EXPECT_NEAR(aligned.mounting->pitch, second.pitch, 0.05);
         EXPECT_NEAR(std::remainder(aligned.mounting->yaw - second.yaw, 2 * M_PI), 0, 0.1);
-        const auto found = counts(aligned);
+        const auto found = tools::kindLines(aligned);
         for (std::size_t k = 0; k < found.size(); ++k)
-            EXPECT_NEAR(found[k], straight[k], 1) << tools::kindName(tools::kKinds[k]);
+            EXPECT_NEAR(found[k].events, straight[k].events, 1) << tools::kindName(found[k].kind);
     }
 }
 

@@ -31,8 +31,7 @@ classes = [e.get("class", "") for e in svg.iter()]
 markers = [e for e in svg.iter() if e.get("class", "").startswith("fault ")]
 assert len(markers) == len(events), (len(markers), len(events))
 assert all(m.find(ns + "title") is not None for m in markers)
-for part in ("route", "start", "end", "legend", "scale"):
-    assert part in classes, part
+assert {"route", "start", "end", "legend", "scale"} <= set(classes), classes
 PY
 
 "$tool" simulate --seconds 120 --seed 5 -o short.kvd
@@ -45,12 +44,9 @@ m = json.load(sys.stdin)["mounting_deg"]
 assert abs(m["pitch"] - 70) < 3 and abs(m["yaw"] + 120) < 5, m'
 
 expect() {  # expect CODE TEXT COMMAND...: exit code CODE, and TEXT in what it printed
-  local code=$1 text=$2
+  local code=$1 text=$2 got=0
   shift 2
-  set +e
-  "$@" >err.txt 2>&1
-  local got=$?
-  set -e
+  "$@" >err.txt 2>&1 || got=$?
   if [ "$got" != "$code" ] || ! grep -q -- "$text" err.txt; then
     echo "FAIL: $* exited $got (expected $code with '$text'):" >&2
     cat err.txt >&2
