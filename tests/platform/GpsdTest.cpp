@@ -177,9 +177,11 @@ TEST_F(GpsdTest, FixesKeepTheirTimeAndTheTripGoesOnWhenGpsdIsKilledAndRestarted)
     EXPECT_LT(fixes[0].distance(truth), 0.15);  // metres: six decimals of a degree
     EXPECT_NEAR(fixes[0].speed, truth.speed, 0.01);
     EXPECT_NEAR(fixes[0].course, truth.course, 0.01);
-    // Within the engine's filter for speed (30 m), and smaller than gpsd's own 95 % figure.
-    EXPECT_GT(fixes.back().horizontalAccuracy, 0);
-    EXPECT_LT(fixes.back().horizontalAccuracy, 30);
+    // Within the engine's filter for speed (30 m), and smaller than gpsd's own 95 % figure. Any
+    // report may lack the figure (-1), the first after a connection most often.
+    EXPECT_TRUE(std::any_of(fixes.begin(), fixes.end(), [](const platform::Location& f) {
+        return f.horizontalAccuracy > 0 && f.horizontalAccuracy < 30;
+    }));
 
     first->kill();
     ASSERT_TRUE(within(seconds(10), h, [&] { return !gpsd->isConnected(); }));
