@@ -35,6 +35,16 @@ bool quickCheckPasses(sqlite3* db) {
     return ok;
 }
 
+/// The id, kind and record count of the row `st` stands on (its first three columns).
+platform::OutboxEntry entryHead(sqlite3_stmt* st) {
+    platform::OutboxEntry e;
+    e.id = sqlite3_column_int64(st, 0);
+    e.kind =
+        sqlite3_column_int(st, 1) == 1 ? platform::OutboxKind::trip : platform::OutboxKind::motion;
+    e.records = sqlite3_column_int64(st, 2);
+    return e;
+}
+
 }  // namespace
 
 struct SqliteOutboxStore::Impl {
@@ -162,12 +172,7 @@ std::vector<platform::OutboxEntry> SqliteOutboxStore::peek(const std::string& di
                                " WHERE typeof(id) = 'integer' AND id > 0 ORDER BY id",
                                -1, &st, nullptr) == SQLITE_OK) {
             while (sqlite3_step(st) == SQLITE_ROW) {
-                platform::OutboxEntry e;
-                e.id = sqlite3_column_int64(st, 0);
-                e.kind = sqlite3_column_int(st, 1) == 1 ? platform::OutboxKind::trip
-                                                        : platform::OutboxKind::motion;
-                e.records = sqlite3_column_int64(st, 2);
-                out.push_back(std::move(e));
+                out.push_back(entryHead(st));
             }
         }
         sqlite3_finalize(st);
@@ -190,11 +195,7 @@ std::vector<platform::OutboxEntry> SqliteOutboxStore::load() {
         return out;
     }
     while (sqlite3_step(st) == SQLITE_ROW) {
-        platform::OutboxEntry e;
-        e.id = sqlite3_column_int64(st, 0);
-        e.kind = sqlite3_column_int(st, 1) == 1 ? platform::OutboxKind::trip
-                                                : platform::OutboxKind::motion;
-        e.records = sqlite3_column_int64(st, 2);
+        platform::OutboxEntry e = entryHead(st);
         if (const auto* url = sqlite3_column_text(st, 3)) {
             e.url.assign(reinterpret_cast<const char*>(url),
                          static_cast<std::size_t>(sqlite3_column_bytes(st, 3)));
