@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "RatioReporter.h"
 #include "records/HistoryReply.h"
 
 using namespace kestrelvue;
@@ -160,38 +161,6 @@ void BM_History_records_only(benchmark::State& state) {
 }
 BENCHMARK(BM_History_records_only)->Unit(benchmark::kMillisecond);
 
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const auto& run : runs) {
-            if (run.error_occurred) continue;
-            // With repetitions, the median stands for the benchmark; otherwise the one run.
-            if (run.run_type == Run::RT_Iteration || run.aggregate_name == "median") {
-                times_[run.run_name.function_name] = {run.GetAdjustedRealTime(),
-                                                      run.GetAdjustedCPUTime()};
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        auto base = times_.find("BM_History_nlohmann_baseline");
-        auto ours = times_.find("BM_History_library");
-        if (base == times_.end() || ours == times_.end()) return;
-        std::printf("\nreply: %zu bytes, 10000 trips\n", reply().size());
-        // On a shared machine the CPU-time ratio is the steadier of the two.
-        std::printf("real time: library %.2f ms, baseline %.2f ms: %.1fx faster\n",
-                    ours->second.first, base->second.first,
-                    base->second.first / ours->second.first);
-        std::printf("CPU time:  library %.2f ms, baseline %.2f ms: %.1fx faster\n",
-                    ours->second.second, base->second.second,
-                    base->second.second / ours->second.second);
-    }
-
-private:
-    std::map<std::string, std::pair<double, double>> times_;
-};
-
 // Heap bytes each record holds once the reply is read, and what the reader itself keeps.
 void printMemory() {
     const auto heap = [] {
@@ -212,11 +181,19 @@ void printMemory() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     printMemory();
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return kestrelvue::bench::RatioReporter::run(
+        argc, argv, [](const kestrelvue::bench::RatioReporter::Figures& f) {
+            const auto base = f.find("BM_History_nlohmann_baseline"),
+                       ours = f.find("BM_History_library");
+            if (base == f.end() || ours == f.end()) return;
+            std::printf("\nreply: %zu bytes, 10000 trips\n", reply().size());
+            // On a shared machine the CPU-time ratio is the steadier of the two.
+            std::printf("real time: library %.2f ms, baseline %.2f ms: %.1fx faster\n",
+                        ours->second.realUs / 1e3, base->second.realUs / 1e3,
+                        base->second.realUs / ours->second.realUs);
+            std::printf("CPU time:  library %.2f ms, baseline %.2f ms: %.1fx faster\n",
+                        ours->second.cpuUs / 1e3, base->second.cpuUs / 1e3,
+                        base->second.cpuUs / ours->second.cpuUs);
+        });
 }

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "AllocationCounter.h"
+#include "RatioReporter.h"
 #include "records/TextFormat.h"
 #include "support/MotionTextReference.h"
 
@@ -104,38 +105,16 @@ void BM_Record_Formatter(benchmark::State& state) {
 }
 BENCHMARK(BM_Record_Formatter);
 
-// Prints the formatter's speed as a multiple of snprintf's, from the medians when repeated.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const auto& run : runs) {
-            if (!run.error_occurred &&
-                (run.run_type == Run::RT_Iteration || run.aggregate_name == "median")) {
-                cpu_[run.run_name.function_name] = run.GetAdjustedCPUTime();
-            }
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        auto ours = cpu_.find("BM_Bulk1000_Formatter");
-        auto base = cpu_.find("BM_Bulk1000_SnprintfBaseline");
-        if (ours == cpu_.end() || base == cpu_.end()) return;
-        std::printf("\nCPU time: formatter %.0f us, snprintf %.0f us: %.1fx faster\n", ours->second,
-                    base->second, base->second / ours->second);
-    }
-
-private:
-    std::map<std::string, double> cpu_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return kestrelvue::bench::RatioReporter::run(
+        argc, argv, [](const kestrelvue::bench::RatioReporter::Figures& f) {
+            const auto ours = f.find("BM_Bulk1000_Formatter"),
+                       base = f.find("BM_Bulk1000_SnprintfBaseline");
+            if (ours == f.end() || base == f.end()) return;
+            std::printf("\nCPU time: formatter %.0f us, snprintf %.0f us: %.1fx faster\n",
+                        ours->second.cpuUs, base->second.cpuUs,
+                        base->second.cpuUs / ours->second.cpuUs);
+        });
 }

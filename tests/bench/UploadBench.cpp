@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "RatioReporter.h"
 #include "core/Json.h"
 #include "engine/EngineState.h"
 #include "net/Gzip.h"
@@ -129,46 +130,22 @@ void BM_MotionUploadBodyGzip(benchmark::State& state) {
 }
 BENCHMARK(BM_MotionUploadBodyGzip);
 
-// Prints each benchmark's time as a multiple of the memcpy baseline of the same run.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-            times_[run.benchmark_name()] = run.GetAdjustedRealTime();
-            units_[run.benchmark_name()] = run.time_unit;
-        }
-    }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        auto base = times_.find("BM_MemcpyBaseline");
-        if (base == times_.end()) return;
-        std::printf("\nbulk text: %zu bytes\n", bulkText().size());
-        for (const auto& [name, time] : times_) {
-            const double us = time * benchmark::GetTimeUnitMultiplier(benchmark::kMicrosecond) /
-                              benchmark::GetTimeUnitMultiplier(units_[name]);
-            std::printf("%-24s %9.1f us  %6.2fx memcpy\n", name.c_str(), us, time / base->second);
-        }
-        auto plain = times_.find("BM_MotionUploadBody");
-        auto packed = times_.find("BM_MotionUploadBodyGzip");
-        if (plain != times_.end() && packed != times_.end())
-            std::printf("compressed body: %.2fx the plain body's time\n",
-                        packed->second / plain->second);
-    }
-
-private:
-    std::map<std::string, double> times_;
-    std::map<std::string, benchmark::TimeUnit> units_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    // Each benchmark's time as a multiple of the memcpy baseline of the same run.
+    return kestrelvue::bench::RatioReporter::run(
+        argc, argv, [](const kestrelvue::bench::RatioReporter::Figures& f) {
+            const auto base = f.find("BM_MemcpyBaseline");
+            if (base == f.end()) return;
+            std::printf("\nbulk text: %zu bytes\n", bulkText().size());
+            for (const auto& [name, t] : f)
+                std::printf("%-24s %9.1f us  %6.2fx memcpy\n", name.c_str(), t.realUs,
+                            t.realUs / base->second.realUs);
+            const auto plain = f.find("BM_MotionUploadBody"),
+                       packed = f.find("BM_MotionUploadBodyGzip");
+            if (plain != f.end() && packed != f.end())
+                std::printf("compressed body: %.2fx the plain body's time\n",
+                            packed->second.realUs / plain->second.realUs);
+        });
 }
