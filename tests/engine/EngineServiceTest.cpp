@@ -37,8 +37,8 @@ Bulk parseBulk(const test::ReceivedRequest& request) {
     EXPECT_TRUE(parsed) << parsed.error;
     if (!parsed) return {};
     const Value& body = *parsed.value;
-    EXPECT_EQ(body.find("UserID")->asInt(), 77);
-    EXPECT_EQ(*body.find("AppVersion"), Value("1.4.2"));
+    EXPECT_EQ(std::pair(*body.find("UserID"), *body.find("AppVersion")),
+              std::pair(Value(77), Value("1.4.2")));
     Bulk bulk{*body.find("DrivingGuid")->asString(), {}};
     const std::string& text = *body.find("MotionStr")->asString();
     for (std::size_t start = 0, end; start < text.size(); start = end + 1) {
