@@ -251,8 +251,7 @@ TEST_F(EngineService, StoppedTripRetriesThreeTimesThenReports) {
     const auto attempts = server_.requests(kMotionPath);
     ASSERT_EQ(attempts.size(), 4u);
     for (const auto& attempt : attempts) EXPECT_EQ(attempt.body, attempts[0].body);
-    EXPECT_TRUE(server_.requests(kScorePath).empty());
-    EXPECT_TRUE(engine_->TripHistory().empty());
+    EXPECT_TRUE(server_.requests(kScorePath).empty() && engine_->TripHistory().empty());
     EXPECT_EQ(storedRecords(), 5u);
 
     // Only a success resets the try count: stopping again tries once more, then the records

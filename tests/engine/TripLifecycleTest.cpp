@@ -57,8 +57,7 @@ TEST_F(TripLifecycle, RefusedStartsAreReportedWithTheirTexts) {
         EXPECT_EQ(std::pair(h.application->openedURLs().size(), h.application->openedURLs().back()),
                   std::pair(++opened, std::string("app-settings:")));
     }
-    EXPECT_FALSE(engine->IsDriving());
-    EXPECT_FALSE(h.location->isUpdating());  // nothing was started or reset
+    EXPECT_FALSE(engine->IsDriving() || h.location->isUpdating());  // nothing started or reset
     EXPECT_EQ(engine->DrivingID(), "00000001-0000-4000-8000-000000000001");
     EXPECT_EQ(h.location->authorizationRequestCount(), 0);
 
