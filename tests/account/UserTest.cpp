@@ -44,8 +44,7 @@ TEST(UserTest, LoginRepliesUpdateFieldsAndReportTheHandlingAccount) {
         fresh->setDelegate(d);
         fresh->setId(5);
         center->post("UserLogedIn", nullptr, Object{{"Data", object(c.data)}});
-        EXPECT_EQ(fresh->Id(), c.id) << c.data;
-        EXPECT_EQ(fresh->Type(), c.type) << c.data;
+        EXPECT_EQ(std::pair(fresh->Id(), fresh->Type()), std::pair(c.id, c.type)) << c.data;
         auto events = d->reports();
         ASSERT_EQ(events.size(), 1u) << c.data;
         EXPECT_EQ(std::pair(events[0].said(), events[0].user),

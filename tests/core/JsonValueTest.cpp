@@ -25,8 +25,6 @@ TEST(Value, KindsAndTypedReadsDoNotConvert) {
         EXPECT_EQ(v.asObject() != nullptr, v.isObject());
         EXPECT_EQ(v.asError() != nullptr, v.isError());
     }
-    // A transport error is never a text, however it is described.
-    EXPECT_EQ(Value(TransportError{"d", 1, "text"}).asString(), nullptr);
     EXPECT_FALSE(Value(1) == Value(1.0)) << "an integer and a double are different values";
     EXPECT_FALSE(Value(Object{{"a", 1}}) == Value(Object{{"a", 2}}));
     EXPECT_EQ(Value(Object{{"a", 1}}).find("a")->asInt(), 1);

@@ -37,8 +37,8 @@ Bulk parseBulk(const test::ReceivedRequest& request) {
     EXPECT_TRUE(parsed) << parsed.error;
     if (!parsed) return {};
     const Value& body = *parsed.value;
-    EXPECT_EQ(body.find("UserID")->asInt(), 77);
-    EXPECT_EQ(*body.find("AppVersion"), Value("1.4.2"));
+    EXPECT_EQ(std::pair(*body.find("UserID"), *body.find("AppVersion")),
+              std::pair(Value(77), Value("1.4.2")));
     Bulk bulk{*body.find("DrivingGuid")->asString(), {}};
     const std::string& text = *body.find("MotionStr")->asString();
     for (std::size_t start = 0, end; start < text.size(); start = end + 1) {
@@ -251,8 +251,7 @@ TEST_F(EngineService, StoppedTripRetriesThreeTimesThenReports) {
     const auto attempts = server_.requests(kMotionPath);
     ASSERT_EQ(attempts.size(), 4u);
     for (const auto& attempt : attempts) EXPECT_EQ(attempt.body, attempts[0].body);
-    EXPECT_TRUE(server_.requests(kScorePath).empty());
-    EXPECT_TRUE(engine_->TripHistory().empty());
+    EXPECT_TRUE(server_.requests(kScorePath).empty() && engine_->TripHistory().empty());
     EXPECT_EQ(storedRecords(), 5u);
 
     // Only a success resets the try count: stopping again tries once more, then the records

@@ -78,10 +78,8 @@ TEST(TripState, RecordCarriesEachKindInItsOwnFields) {
             r->SharpLaneChangingPenaltyPerKM, r->FuelEfficiencyPenaltyPerKM}),
         (std::vector<double>{1, 0.25, 0.5, 2, 1.25, 1.5, 3, 2.25, 2.5, 4, 3.25, 3.5, 5, 4.25, 4.5,
                              7}));
-    EXPECT_EQ(r->UserID, 42);
-    EXPECT_EQ(r->DrivingID, "ID");
-    EXPECT_EQ(std::pair(r->StartAnnotation, r->EndAnnotation),
-              std::pair(trip.startAnnotation, trip.endAnnotation));
+    EXPECT_EQ(std::tuple(r->UserID, r->DrivingID, r->StartAnnotation, r->EndAnnotation),
+              std::tuple(42, "ID", trip.startAnnotation, trip.endAnnotation));
     EXPECT_EQ(r->TimeElapsedTotalDistance_Formatted, "0:25:13 sn, 12.4 km");
 }
 

@@ -41,7 +41,7 @@ namespace {
 
 constexpr const char* kScorePath = "/api/Driving/addDrivingScore";
 
-// How many records the service keeps for a trip: its route, read back over HTTP. The ledger above
+// How many records the service keeps for a trip: its route, read back over HTTP. The ledger below
 // counts deliveries; this counts what was kept, so a delivery the service recognised as a repeat
 // is not counted twice.
 std::size_t keptRecords(const std::string& baseURL, const std::string& guid) {
@@ -68,9 +68,8 @@ struct Ledger {
         const Value& body = *parsed.value;
         std::lock_guard lock(mutex);
         if (request.url.find(kScorePath) != std::string::npos) {
-            if (const Value* g = body.find("drivingGuid"); g && g->asString()) {
+            if (const Value* g = body.find("drivingGuid"); g && g->asString())
                 trips.insert(*g->asString());
-            }
             return;
         }
         const Value* guid = body.find("DrivingGuid");
@@ -316,9 +315,8 @@ int main(int argc, char** argv) {
     faults->shutdown();
     service.stop();
     fs::remove_all(dir);
-    const bool twice = storedAll != unique.size();
     if (o.check && o.outbox &&
-        (lost != 0 || twice || misfiled != 0 ||
+        (lost != 0 || storedAll != unique.size() || misfiled != 0 ||
          tripsStored != static_cast<std::size_t>(completed))) {
         std::fprintf(stderr, "soak: the outbox lost something\n");
         return 1;

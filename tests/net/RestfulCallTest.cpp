@@ -35,7 +35,8 @@ std::string outcome(const NotificationRecorder& rec, bool quiet) {
     EXPECT_EQ(n.object, nullptr);
     EXPECT_NE(n.thread, std::this_thread::get_id());
     if (!n.userInfo) return "no userInfo";
-    if (const Value* e = n.find("error"); e && e->isError())
+    const Value info(*n.userInfo);
+    if (const Value* e = info.find("error"); e && e->isError())
         return e->asError()->domain.empty() || e->asError()->description.empty()
                    ? "a transport error without a text"
                    : "transport error";
@@ -145,11 +146,11 @@ TEST_F(RestfulCallTest, FailuresFoundBeforeSendingArePostedBeforeTheCallReturns)
             gateway->Post(c.url, c.body, "sync", true, RT::int_);
         }
         // No waiting: the notification must already be there, from this thread.
-        ASSERT_EQ(rec.count(), 1u);
+        ASSERT_TRUE(rec.settled(1, 0ms));
         RecordedNotification n = rec.at(0);
         EXPECT_EQ(n.thread, std::this_thread::get_id());
         EXPECT_EQ(n.object, nullptr);
-        EXPECT_EQ(n.find("error") ? *n.find("error") : Value(), Value(c.text));
+        EXPECT_EQ(n.userInfo, UserInfo(Object{{"error", c.text}}));
         EXPECT_TRUE(rec.settled(1, 50ms));
     }
     EXPECT_TRUE(server.requests().empty()) << "no request may leave for a failure found before";

@@ -38,7 +38,11 @@ private:
 
 const std::string kV4Header =
     "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n";
-const std::string kV4Default = "eth0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\t0\t0\t0\n";
+std::string defaultV4(const char* iface, const char* gateway, const char* flags) {
+    return std::string(iface) + "\t00000000\t" + gateway + "\t" + flags +
+           "\t0\t0\t0\t00000000\t0\t0\t0\n";
+}
+const std::string kV4Default = defaultV4("eth0", "010200C0", "0003");
 const std::string kV4Subnet = "eth0\t000200C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n";
 const std::string kV6Default =
     "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
@@ -53,7 +57,7 @@ const std::string kV6Subnet =
 }  // namespace
 
 TEST(DefaultRouteProbe, AnswersFromTheRoutingTables) {
-    using platform::kReachabilityFlagsReachable;
+    const std::uint32_t up = platform::kReachabilityFlagsReachable;
     struct Case {
         const char* label;
         std::optional<std::string> v4, v6;
@@ -61,23 +65,18 @@ TEST(DefaultRouteProbe, AnswersFromTheRoutingTables) {
         std::optional<std::uint32_t> expected;
     };
     const Case cases[] = {
-        {"IPv4 default route", kV4Default + kV4Subnet, kV6LoopbackReject, "up",
-         kReachabilityFlagsReachable},
-        {"IPv6 default route only", kV4Subnet, kV6Subnet + kV6Default, "up",
-         kReachabilityFlagsReachable},
-        {"IPv6 table unreadable", kV4Default, std::nullopt, "up", kReachabilityFlagsReachable},
-        {"tunnel reports unknown", kV4Default, "", "unknown", kReachabilityFlagsReachable},
+        {"IPv4 default route", kV4Default + kV4Subnet, kV6LoopbackReject, "up", up},
+        {"IPv6 default route only", kV4Subnet, kV6Subnet + kV6Default, "up", up},
+        {"IPv6 table unreadable", kV4Default, std::nullopt, "up", up},
+        {"tunnel reports unknown", kV4Default, "", "unknown", up},
         {"only subnet routes", kV4Subnet, kV6Subnet, "up", 0u},
         {"only the loopback reject route", "", kV6LoopbackReject, "up", 0u},
         {"device down", kV4Default, kV6Default, "down", 0u},
-        {"route not up", "eth0\t00000000\t010200C0\t0002\t0\t0\t0\t00000000\t0\t0\t0\n", "", "up",
-         0u},
-        {"reject route", "eth0\t00000000\t00000000\t0201\t0\t0\t0\t00000000\t0\t0\t0\n", "", "up",
-         0u},
-        {"default through loopback", "lo\t00000000\t00000000\t0001\t0\t0\t0\t00000000\t0\t0\t0\n",
-         "", "up", 0u},
+        {"route not up", defaultV4("eth0", "010200C0", "0002"), "", "up", 0u},
+        {"reject route", defaultV4("eth0", "00000000", "0201"), "", "up", 0u},
+        {"default through loopback", defaultV4("lo", "00000000", "0001"), "", "up", 0u},
         {"garbage lines are skipped", "eth0 zz\n\n\t\t\neth0\t0000\tx\tq\n" + kV4Default, "", "up",
-         kReachabilityFlagsReachable},
+         up},
         {"empty tables", "", "", "up", 0u},
         {"neither table readable", std::nullopt, std::nullopt, "up", std::nullopt},
     };

@@ -33,10 +33,7 @@ struct Rotation {
         // A uniformly random unit quaternion.
         std::normal_distribution<double> n;
         double q[4], s = 0;
-        for (double& c : q) {
-            c = n(rng);
-            s += c * c;
-        }
+        for (double& c : q) s += std::pow(c = n(rng), 2);
         for (double& c : q) c /= std::sqrt(s);
         const double w = q[0], x = q[1], y = q[2], z = q[3];
         return {{{1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)},
@@ -126,8 +123,6 @@ TEST(IioTest, ReadsScaledChannelsAndDeliversSamplesUntilStopped) {
     }
     posix::IioMotionManager iio({root.string()});
     ASSERT_TRUE(iio.isDeviceMotionAvailable());
-    EXPECT_EQ(iio.accelerometer(), "iio:device1");
-    EXPECT_EQ(iio.gyroscope(), "iio:device2");
     const auto reading = iio.read();
     ASSERT_TRUE(reading);
     EXPECT_NEAR(reading->accel.z, (16000 + 399) * 0.000598, 1e-9);

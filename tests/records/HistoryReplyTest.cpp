@@ -23,12 +23,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-using std::chrono::milliseconds;
-using std::chrono::seconds;
-using test::ScopedTimeZone;
-using test::utc;
-using test::viaMktime;
-
 // Counts reads: every record reads the clock when it is made.
 class CountingClock final : public platform::Clock {
 public:
@@ -48,7 +42,7 @@ protected:
     }
     HistoryReply read(std::string_view body) { return readHistoryReply(body, env); }
 
-    ScopedTimeZone zone{"Europe/Istanbul"};  // UTC+3 all year since 2016
+    test::ScopedTimeZone zone{"Europe/Istanbul"};  // UTC+3 all year since 2016
     std::shared_ptr<CountingClock> clock = std::make_shared<CountingClock>();
     Environment env;
 };
@@ -212,8 +206,9 @@ TEST_F(HistoryReplyTest, AgreesWithAnIndependentReaderOnRandomAndDamagedReplies)
                 return want.count(m) ? *want.at(m).asString() : std::string(initial);
             };
             auto date = [&](HistoryMember m) {
-                return want.count(m) ? viaMktime(*parseServiceDateTime(*want.at(m).asString()))
-                                     : clock->at;
+                return want.count(m)
+                           ? test::viaMktime(*parseServiceDateTime(*want.at(m).asString()))
+                           : clock->at;
             };
             EXPECT_EQ(t.UserID, integer(kUserId));
             EXPECT_EQ(t.DrivingID, text(kDrivingGuid));
@@ -221,12 +216,11 @@ TEST_F(HistoryReplyTest, AgreesWithAnIndependentReaderOnRandomAndDamagedReplies)
             EXPECT_EQ(t.EndDateTime, date(kEndDateTime));
             EXPECT_EQ(t.StartLocation, text(kStartLocation));
             EXPECT_EQ(t.EndLocation, text(kEndLocation));
-            EXPECT_EQ(t.StartAnnotation->coordinate,
-                      (platform::Coordinate{number(kStartLocationLatitude),
-                                            number(kStartLocationLongitude)}));
-            EXPECT_EQ(t.EndAnnotation->coordinate,
-                      (platform::Coordinate{number(kEndLocationLatitude),
-                                            number(kEndLocationLongitude)}));
+            EXPECT_EQ(std::pair(t.StartAnnotation->coordinate, t.EndAnnotation->coordinate),
+                      std::pair(platform::Coordinate{number(kStartLocationLatitude),
+                                                     number(kStartLocationLongitude)},
+                                platform::Coordinate{number(kEndLocationLatitude),
+                                                     number(kEndLocationLongitude)}));
             for (auto [field, m] : kCounts) EXPECT_EQ(t.*field, integer(m)) << m;
             for (auto [field, m] : kFigures) EXPECT_EQ(t.*field, number(m)) << m;
             EXPECT_EQ(t.TimeElapsed, text(kTimeElapsed, "00:00:00"));

@@ -11,7 +11,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <limits>
 #include <random>
 #include <string>
 #include <vector>
@@ -39,12 +38,9 @@ std::vector<std::string> fields(const std::string& text, char end = ',') {
 }
 
 MotionDataItem exampleRecord() {
-    platform::Location location;
-    location.coordinate = {41.0082, 28.9784};
-    location.speed = 13.5;
-    location.timestamp = utc(2026, 11, 16, 14, 5, 9, 250);
-    location.course = 87.4;
-    location.horizontalAccuracy = 5;
+    // At 5 m, 13.5 m/s on course 87.4.
+    const platform::Location location{
+        {41.0082, 28.9784}, 0, 5, 0, utc(2026, 11, 16, 14, 5, 9, 250), 13.5, 87.4};
     FaultItem fault;
     fault.sharpSpeeding = 'L';
     fault.sharpSpeedingPenalty = 2.5;
@@ -120,13 +116,11 @@ std::string theirs(double v, const Format& f) {
 }
 
 std::vector<double> adversarialValues() {
-    const double inf = std::numeric_limits<double>::infinity();
-    const double nan = std::numeric_limits<double>::quiet_NaN();
     std::vector<double> v = {0.0,  -0.0, 0.0005, -0.0005, 0.0015, 2.5,    -2.5,   0.5,
                              1.5,  -3.6, -3.5,   0.0625,  0.125,  5e-7,   1e-7,   1e12,
                              1e15, 1e22, 9.9995, 99.5,    -99.5,  0.2417, 0.0021, 999.9995};
     v.insert(v.end(), {0.0000005, 999999.5, 123456789012.5, 1.7976931348623157e308, 4.9e-324,
-                       2.2250738585072014e-308, 0.9999995, 1e12 - 1, inf, -inf, nan, -nan,
+                       2.2250738585072014e-308, 0.9999995, 1e12 - 1, HUGE_VAL, -HUGE_VAL, NAN, -NAN,
                        13.5 * 3600.0 / 1000.0});
     // Exact binary ties at every precision used: k / 2^n and k + 1/2 * 10^-p neighbours.
     for (int k = -2000; k <= 2000; ++k)

@@ -10,9 +10,6 @@
 namespace kestrelvue::detail {
 namespace {
 
-using test::ScopedTimeZone;
-using test::viaMktime;
-
 TEST(ServiceDate, ServiceDatesAreReadStrictly) {
     const std::pair<const char*, std::optional<LocalDateTime>> cases[] = {
         {"2018-03-05T14:07:00", LocalDateTime{2018, 3, 5, 14, 7, 0}},
@@ -34,13 +31,13 @@ TEST(ServiceDate, ServiceDatesAreReadStrictly) {
 // The converter reuses a day's offset; on the days the clocks change, and the days either side,
 // it must still agree with asking the zone directly.
 TEST(ServiceDate, LocalTimeConverterAgreesWithTheZoneWhenTheClocksChange) {
-    ScopedTimeZone zone("America/New_York");
+    test::ScopedTimeZone zone("America/New_York");
     LocalTimeConverter converter;
     for (const int month : {3, 11}) {
         for (int minute = 0; minute < 3 * 24 * 60; minute += 10) {
             const int day = (month == 3 ? 10 : 3) + minute / 1440;
             const LocalDateTime local{2018, month, day, minute / 60 % 24, minute % 60, 30};
-            ASSERT_EQ(converter.fromLocal(local), viaMktime(local)) << month << " " << minute;
+            ASSERT_EQ(converter.fromLocal(local), test::viaMktime(local)) << month << " " << minute;
         }
     }
 }

@@ -12,22 +12,19 @@ namespace kestrelvue {
 namespace {
 
 using namespace std::chrono_literals;
-using std::chrono::milliseconds;
-using std::chrono::seconds;
-using test::ScopedTimeZone;
 
 TEST(TripRecord, DateTextInLocalTime) {
-    const platform::TimePoint at{seconds(1520248079)};  // 5 March 2018 11:07:59 UTC
+    const platform::TimePoint at{1520248079s};  // 5 March 2018 11:07:59 UTC
     const std::tuple<const char*, platform::TimePoint, const char*> cases[] = {
         {"UTC", at, "05.03.2018 11:07"},
         {"Europe/Istanbul", at, "05.03.2018 14:07"},
         {"America/New_York", at, "05.03.2018 06:07"},
         {"Pacific/Kiritimati", at, "06.03.2018 01:07"},
-        {"UTC", at + 1s - milliseconds(1), "05.03.2018 11:07"},  // a fraction stays behind
+        {"UTC", at + 1s - 1ms, "05.03.2018 11:07"},  // a fraction stays behind
         {"UTC", {}, "01.01.1970 00:00"},
     };
     for (const auto& [tz, instant, text] : cases) {
-        ScopedTimeZone zone(tz);
+        test::ScopedTimeZone zone(tz);
         EXPECT_EQ(Trip::formatDateTime(instant), text) << tz;
     }
 }

@@ -27,18 +27,17 @@ namespace {
 // Room for a few points of a route, so that a long trip meets the bytes bound before the points.
 constexpr std::size_t kRouteBytes = 2500;
 
-/// A bands file with `first` and a band of every kind.
-std::string bandsWith(const std::string& first) {
-    std::string bands = "[" + first;
+// A bands file with an update interval and a band of every kind.
+const std::string kBands = [] {
+    std::string bands =
+        R"([{"_enmThresholdName":"UpdateInterval","_limitStart":0.25,"_limitEnd":0,)"
+        R"("_impact":0,"_perKilometer":false})";
     for (const char* kind : {"SharpCorneringLevel", "SharpSpeedingLevel", "SharpBrakingLevel",
                              "SharpElevatingLevel", "SharpLaneChangingLevel", "FuelEfficiency"})
         bands += std::string(R"(,{"_enmThresholdName":")") + kind +
                  R"(","_limitStart":0.3,"_limitEnd":9,"_impact":1,"_perKilometer":true})";
     return bands + "]";
-}
-const std::string kBands = bandsWith(
-    R"({"_enmThresholdName":"UpdateInterval","_limitStart":0.25,"_limitEnd":0,"_impact":0,)"
-    R"("_perKilometer":false})");
+}();
 
 // The service keeps at most ten route points a trip and serves its bands from a file.
 class ReferenceServiceTest : public ::testing::Test {
@@ -65,13 +64,8 @@ protected:
     // One file per test process: ctest runs the tests of this fixture side by side.
     const std::string bandsFile_ =
         ::testing::TempDir() + "kv-bands-" + std::to_string(::getpid()) + ".json";
-    service::ReferenceService service_{[this] {
-        service::ServiceOptions options;
-        options.maxRoutePoints = 10;
-        options.maxRouteBytes = kRouteBytes;
-        options.bandsFile = bandsFile_;
-        return options;
-    }()};
+    service::ReferenceService service_{
+        {.bandsFile = bandsFile_, .maxRoutePoints = 10, .maxRouteBytes = kRouteBytes, .clock = {}}};
     std::unique_ptr<httplib::Client> client_;
 };
 
@@ -300,9 +294,7 @@ TEST(ServiceStorage, FourFilesAreUpgradedIntoOne) {
 TEST(ReferenceServiceLifecycle, StopsRightAfterStartingAndHealthzFollowsTheStorage) {
     for (int i = 0; i < 20; ++i) ASSERT_TRUE(service::ReferenceService({}).start());
     const std::string db = ::testing::TempDir() + "kv-health-" + std::to_string(::getpid());
-    service::ServiceOptions options;
-    options.databasePath = db;
-    service::ReferenceService service(options);
+    service::ReferenceService service({.databasePath = db, .bandsFile = {}, .clock = {}});
     ASSERT_TRUE(service.start()) << service.error();
     httplib::Client client("127.0.0.1", service.port());
     EXPECT_EQ(client.Get("/healthz")->status, 200);
@@ -320,9 +312,7 @@ TEST(ReferenceServiceLifecycle, StopsRightAfterStartingAndHealthzFollowsTheStora
 TEST(ServiceStorage, BulksFromFourClientsAtOnceAreAllStored) {
     constexpr int kClients = 4, kBulks = 40, kRecords = 1000;
     const std::string db = ::testing::TempDir() + "kv-bulks-" + std::to_string(::getpid());
-    service::ServiceOptions options;
-    options.databasePath = db;
-    service::ReferenceService service(options);
+    service::ReferenceService service({.databasePath = db, .bandsFile = {}, .clock = {}});
     ASSERT_TRUE(service.start()) << service.error();
     std::string records;
     for (int i = 1; i <= kRecords; ++i) records += motionRecord(41 + i * 1e-5, 29, 0, 0, i);

@@ -8,7 +8,8 @@ namespace kestrelvue::test {
 
 namespace {
 
-void appendf(std::string& out, const char* format, double v) {
+template <class Number>
+void appendf(std::string& out, const char* format, Number v) {
     char buffer[512];
     const int n = std::snprintf(buffer, sizeof buffer, format, v);
     out.append(buffer, static_cast<std::size_t>(n));
@@ -30,8 +31,7 @@ void appendStamp(std::string& out, platform::TimePoint t) {
 
 void appendCode(std::string& out, int code) {
     static const char* const texts[] = {"UN", "PU", "PD", "LL", "LR", "FU", "FD"};
-    out += code >= 0 && code <= 6 ? texts[code] : "FU";
-    out += ',';
+    out.append(code >= 0 && code <= 6 ? texts[code] : "FU").append(",");
 }
 
 }  // namespace
@@ -40,20 +40,15 @@ void appendReferenceText(std::string& out, const MotionDataItem& item) {
     for (const Vector3* v : {&item.Acceleration, &item.Rotation, &item.Attitude, &item.Gravity})
         for (double c : {v->x, v->y, v->z}) appendf(out, "%7.3f", c);
     const FaultItem& f = item.Fault;
-    for (char c : {f.sharpCornering, f.sharpSpeeding, f.sharpElevating, f.sharpLaneChanging}) {
-        out += c;
-        out += ',';
-    }
+    for (char c : {f.sharpCornering, f.sharpSpeeding, f.sharpElevating, f.sharpLaneChanging})
+        out.append({c, ','});
     appendf(out, "%10.6f", item.Location.coordinate.latitude);
     appendf(out, "%10.6f", item.Location.coordinate.longitude);
     appendCode(out, item.OrientationGiven);
     appendf(out, "% 4.0f", item.Location.speed * 3600.0 / 1000.0);
     appendStamp(out, item.Location.timestamp);
     appendf(out, "% 4.0f", item.CurrentSpeed);
-    char buffer[32];
-    const int n =
-        std::snprintf(buffer, sizeof buffer, "%7lld,", static_cast<long long>(item.ItemId));
-    out.append(buffer, static_cast<std::size_t>(n));
+    appendf(out, "%7lld", static_cast<long long>(item.ItemId));
     appendStamp(out, item.DateTime);
     for (double v :
          {f.sharpCorneringPenalty, f.sharpSpeedingPenalty, f.sharpBrakingPenalty,

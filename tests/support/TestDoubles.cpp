@@ -30,12 +30,6 @@ bool endWaitsForARunningCall(const std::function<void(const std::function<void()
     return !endedEarly;
 }
 
-const Value* RecordedNotification::find(const std::string& key) const {
-    if (!userInfo) return nullptr;
-    auto it = userInfo->find(key);
-    return it == userInfo->end() ? nullptr : &it->second;
-}
-
 NotificationRecorder::NotificationRecorder(std::shared_ptr<NotificationCenter> center,
                                            std::vector<std::string> names)
     : center_(std::move(center)), names_(std::move(names)) {

@@ -25,9 +25,6 @@ struct RecordedNotification {
     const void* object = nullptr;
     UserInfo userInfo;
     std::thread::id thread;
-
-    /// userInfo's entry for `key`, or nullptr when either is absent.
-    const Value* find(const std::string& key) const;
 };
 
 /// Runs `call` on another thread until it is inside; then `end` (on a third thread) must not
@@ -77,7 +74,6 @@ public:
 
     using Log = WaitableLog<RecordedNotification, 5000, 100>;
     RecordedNotification at(std::size_t i) const { return log_->entries().at(i); }  // may throw
-    std::size_t count() const { return log_->entries().size(); }
     bool waitFor(std::size_t n, std::chrono::milliseconds timeout = std::chrono::seconds(5)) const {
         return log_->waitFor(n, timeout);
     }

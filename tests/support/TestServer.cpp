@@ -36,20 +36,6 @@ void writeAll(int fd, std::string_view data) {
 
 }  // namespace
 
-ScriptedReply ScriptedReply::json(std::string body, int status) {
-    return {status, std::move(body), {{"Content-Type", "application/json; charset=utf-8"}}};
-}
-
-ScriptedReply ScriptedReply::text(std::string body, int status) {
-    return {status, std::move(body), {{"Content-Type", "text/plain; charset=utf-8"}}};
-}
-
-ScriptedReply ScriptedReply::after(std::chrono::milliseconds wait) const {
-    ScriptedReply r = *this;
-    r.delay = wait;
-    return r;
-}
-
 std::string ReceivedRequest::header(std::string_view name) const {
     for (const auto& [k, v] : headers)
         if (equalsIgnoreCase(k, name)) return v;
@@ -88,10 +74,6 @@ TestServer::~TestServer() {
     cv_.notify_all();
     server_->stop();
     if (thread_.joinable()) thread_.join();
-}
-
-std::string TestServer::baseURL() const {
-    return "http://127.0.0.1:" + std::to_string(port_);
 }
 
 void TestServer::reply(const std::string& path, ScriptedReply reply) {

@@ -45,10 +45,16 @@ struct ScriptedReply {
     /// When set, the body goes one byte at a time, this far apart.
     std::chrono::milliseconds trickle{0};
 
-    static ScriptedReply json(std::string body, int status = 200);
-    static ScriptedReply text(std::string body, int status = 200);
+    static ScriptedReply json(std::string body, int status = 200) {
+        return {status, std::move(body), {{"Content-Type", "application/json; charset=utf-8"}}};
+    }
+    static ScriptedReply text(std::string body, int status = 200) {
+        return {status, std::move(body), {{"Content-Type", "text/plain; charset=utf-8"}}};
+    }
     /// This reply, sent after `wait`.
-    ScriptedReply after(std::chrono::milliseconds wait) const;
+    ScriptedReply after(std::chrono::milliseconds wait) const {
+        return {status, body, headers, wait, drop, trickle};
+    }
 };
 
 struct ReceivedRequest {
@@ -67,7 +73,7 @@ public:
     TestServer();
     ~TestServer();
 
-    std::string baseURL() const;
+    std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(port_); }
     std::string url(std::string_view pathAndQuery) const {
         return baseURL() + std::string(pathAndQuery);
     }

@@ -65,9 +65,8 @@ TEST(Import, NmeaWrittenFromADriveReadsBackAsItsFixes) {
 }
 
 TEST(Import, BothPhonesExportsOfOneDriveReadAlikeWithBrakeAndRightTurnSigns) {
-    const ImportResult ios =
-        importFile(kData + "sensor-logger-ios", ImportFormat::sensorLogger, {});
-    const ImportResult android =
+    const auto ios = importFile(kData + "sensor-logger-ios", ImportFormat::sensorLogger, {});
+    const auto android =
         importFile(kData + "sensor-logger-android", ImportFormat::sensorLogger, {});
     ASSERT_TRUE(ios.drive && android.drive) << ios.error << android.error;
     ASSERT_EQ(ios.drive->events.size(), android.drive->events.size());
