@@ -14,6 +14,7 @@
 #include <kestrelvue/platform/Clock.h>
 #include <kestrelvue/platform/Location.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -119,11 +120,14 @@ public:
                                                       double totalDistanceMetres);
 
 private:
+    // The route lock and the registrations for the route reply, made the first time a route is
+    // asked for or read: a history holds thousands of records that never ask. The destructor
+    // ends the registrations first, so a released record misses its reply and is never touched.
+    struct RouteState;
+    RouteState& routeState() const;
+
     const Environment& env_;
-    mutable std::mutex routeMutex_;
-    // Registrations for the route reply, guarded by routeMutex_. Declared last so that they end
-    // first when the record dies: a released record misses its reply and is never touched.
-    std::vector<ObserverToken> routeObservers_;
+    mutable std::atomic<RouteState*> route_{nullptr};
 };
 
 using TripRef = std::shared_ptr<Trip>;

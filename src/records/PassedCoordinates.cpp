@@ -5,7 +5,10 @@
 #include <kestrelvue/RestfulCall.h>
 #include <kestrelvue/Trip.h>
 
+#include <memory>
+#include <mutex>
 #include <utility>
+#include <vector>
 
 #include "records/ServiceReplies.h"
 
@@ -15,6 +18,28 @@ namespace {
 constexpr const char* kRouteReplyName = "passedCoordinatesReturnedFromServer";
 
 }  // namespace
+
+struct Trip::RouteState {
+    std::mutex mutex;
+    // Guarded by mutex.
+    std::vector<ObserverToken> observers;
+};
+
+Trip::RouteState& Trip::routeState() const {
+    RouteState* state = route_.load(std::memory_order_acquire);
+    if (state != nullptr) return *state;
+    auto made = std::make_unique<RouteState>();
+    // Two threads may ask at once: the first one's state stays, the other's is dropped.
+    if (route_.compare_exchange_strong(state, made.get(), std::memory_order_acq_rel,
+                                       std::memory_order_acquire)) {
+        return *made.release();
+    }
+    return *state;
+}
+
+Trip::~Trip() {
+    delete route_.load(std::memory_order_acquire);
+}
 
 void Trip::getPassedCoordinatesFromServer() {
     const std::shared_ptr<NotificationCenter> center = env_.notifications;
@@ -29,8 +54,9 @@ void Trip::getPassedCoordinatesFromServer() {
             if (auto self = weak.lock()) self->passedCoordinatesReturnedFromServer(n);
         });
     {
-        std::lock_guard lock(routeMutex_);
-        routeObservers_.push_back(std::move(token));
+        RouteState& state = routeState();
+        std::lock_guard lock(state.mutex);
+        state.observers.push_back(std::move(token));
     }
     // Get keeps no state of its own (its completion holds the centre, not the gateway), so a
     // gateway over this record's environment answers exactly as the shared one would, also for
@@ -45,20 +71,22 @@ void Trip::passedCoordinatesReturnedFromServer(const Notification& notification)
     std::optional<detail::RouteLists> lists = detail::readRouteReply(notification.userInfo);
     std::vector<ObserverToken> ending;
     {
-        std::lock_guard lock(routeMutex_);
+        RouteState& state = routeState();
+        std::lock_guard lock(state.mutex);
         if (lists) {
             PassedCoordinates = std::move(lists->passedCoordinates);
             Faults = std::move(lists->faults);
             FuelDefficiencies = std::move(lists->fuelDefficiencies);
         }
-        ending.swap(routeObservers_);
+        ending.swap(state.observers);
     }
     ending.clear();  // ends every registration of this record for the name, outside the lock
     env_.notifications->post("drawPassedCoordinates");
 }
 
 Trip::Route Trip::route() const {
-    std::lock_guard lock(routeMutex_);
+    RouteState& state = routeState();
+    std::lock_guard lock(state.mutex);
     return Route{PassedCoordinates, Faults, FuelDefficiencies};
 }
 

@@ -20,12 +20,15 @@ Trip::Trip(const Environment& environment)
     // Each creation-time field reads the clock on its own, in declaration order.
     StartDateTime = env_.clock->now();
     EndDateTime = env_.clock->now();
-    StartAnnotation = std::make_shared<platform::MapPin>();
-    EndAnnotation = std::make_shared<platform::MapPin>();
+    // Both pins in one block: a history makes thousands of records, each with its pair.
+    struct Pins {
+        platform::MapPin start, end;
+    };
+    const auto pins = std::make_shared<Pins>();
+    StartAnnotation = platform::MapPinRef(pins, &pins->start);
+    EndAnnotation = platform::MapPinRef(pins, &pins->end);
     SystemDate = env_.clock->now();
 }
-
-Trip::~Trip() = default;
 
 std::string Trip::formatDateTime(platform::TimePoint instant) {
     using namespace std::chrono;
