@@ -4,8 +4,8 @@
 #include <kestrelvue/Limits.h>
 #include <simdjson.h>
 
-#include <algorithm>
 #include <array>
+#include <charconv>
 #include <cmath>
 #include <cstring>
 
@@ -262,20 +262,6 @@ std::optional<std::string> readMember(Element value, HistoryElement& element,
     return std::nullopt;
 }
 
-}  // namespace
-
-namespace {
-
-constexpr std::size_t kKeepParserBytes = std::size_t{256} << 10;
-
-std::size_t skipBlanks(std::string_view text, std::size_t at) {
-    while (at < text.size() &&
-           (text[at] == ' ' || text[at] == '\t' || text[at] == '\n' || text[at] == '\r')) {
-        ++at;
-    }
-    return at;
-}
-
 // Reads one parsed element into a new record at the end of `trips`, or says what is wrong.
 std::optional<std::string> readElement(Element item, std::size_t index, MemberMatcher& matcher,
                                        LocalTimeConverter& times, const Environment& environment,
@@ -297,91 +283,408 @@ std::optional<std::string> readElement(Element item, std::size_t index, MemberMa
     return std::nullopt;
 }
 
-// The common reply, a list of objects, read one object at a time: each is parsed on its own from
-// a small per-thread buffer that stays in the cache, where a tree of the whole text takes about
-// 14 bytes per byte of text (90 MB for 10,000 trips), faulted in afresh for every reply. An
-// element ends at a '}' followed by a comma and a '{' (or by the closing ']' and the end of the
-// text) where the text up to it parses as one object: such a text cannot also be the start of a
-// longer object, so a '}' inside a string is passed over when its cut does not parse. Returns
-// nullopt for anything else (another shape, damage, a member of the wrong kind, a cut tried
-// too often), and the whole text is then read as one tree, which gives the reason as always.
-std::optional<HistoryReply> readElementWise(std::string_view body, const Environment& environment) {
-    std::size_t start = skipBlanks(body, 0);
-    if (start == body.size() || body[start] != '[') return std::nullopt;
-    start = skipBlanks(body, start + 1);
-    if (start == body.size() || body[start] != '{') return std::nullopt;
+constexpr std::size_t kKeepParserBytes = std::size_t{256} << 10;
 
-    // Every '}' followed by a comma and a '{': where an element may end and the next begin.
-    struct Cut {
-        std::size_t end, next;
-    };
-    std::vector<Cut> cuts;
-    std::size_t last = std::string_view::npos;  // the '}' before the closing ']'
-    for (std::size_t at = start;;) {
-        const void* found = std::memchr(body.data() + at, '}', body.size() - at);
-        if (found == nullptr) break;
-        const std::size_t brace =
-            static_cast<std::size_t>(static_cast<const char*>(found) - body.data());
-        const std::size_t after = skipBlanks(body, brace + 1);
-        if (after < body.size() && body[after] == ',') {
-            const std::size_t next = skipBlanks(body, after + 1);
-            if (next < body.size() && body[next] == '{') cuts.push_back({brace + 1, next});
-        } else if (after < body.size() && body[after] == ']' &&
-                   skipBlanks(body, after + 1) == body.size()) {
-            last = brace + 1;
-            break;
+// 10^0 .. 10^22: every one exact in a double, so a decimal of at most 2^53 times one of them is
+// rounded exactly once, as a correct parser rounds it.
+constexpr double kExactPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                   1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                   1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+// The common reply read straight from its text in one pass, without a tree or a copy: a list of
+// flat objects whose texts are short. It accepts only what it is sure of and gives up (nullopt)
+// at anything else: damage, a member of the wrong kind, nesting deeper than a few levels, a
+// number it cannot read exactly, a lone surrogate escape. The whole text is then read as one
+// tree, which decides and gives the reason, so what this accepts is exactly what that accepts.
+class DirectReader {
+public:
+    explicit DirectReader(std::string_view body) : p_(body.data()), end_(p_ + body.size()) {}
+
+    std::optional<HistoryReply> read(const Environment& environment) {
+        // Every element here opens with a '{': with no more of them than the limit allows, the
+        // limit cannot be passed, and no record is made of a reply the limit refuses.
+        std::size_t braces = 0;
+        for (const char* at = p_; braces <= kMaxHistoryTrips; ++at, ++braces) {
+            at =
+                static_cast<const char*>(std::memchr(at, '{', static_cast<std::size_t>(end_ - at)));
+            if (at == nullptr) break;
         }
-        at = brace + 1;
-    }
-    // Too many possible elements: the whole-text reader decides whether there are.
-    if (last == std::string_view::npos || cuts.size() + 1 > kMaxHistoryTrips) return std::nullopt;
-    cuts.push_back({last, std::string_view::npos});
-
-    thread_local simdjson::dom::parser parser;
-    thread_local std::string padded;
-    struct ReleaseWhenLarge {
-        ~ReleaseWhenLarge() {
-            if (padded.capacity() > kKeepParserBytes) {
-                parser = simdjson::dom::parser{};
-                std::string().swap(padded);
+        if (braces > kMaxHistoryTrips) return std::nullopt;
+        HistoryReply reply;
+        LocalTimeConverter times;
+        blanks();
+        if (!take('[')) return std::nullopt;
+        blanks();
+        if (!take(']')) {
+            for (;;) {
+                HistoryElement element;
+                if (!readObject(element)) return std::nullopt;
+                auto trip = std::make_shared<Trip>(environment);
+                applyHistoryElement(*trip, element, times);
+                reply.trips.push_back(std::move(trip));
+                blanks();
+                if (take(']')) break;
+                if (!take(',')) return std::nullopt;
+                blanks();
             }
         }
-    } release;
-
-    HistoryReply reply;
-    reply.trips.reserve(cuts.size());
-    LocalTimeConverter times;
-    MemberMatcher matcher;
-    constexpr int kMaxTries = 8;  // cuts tried per element: braces inside its strings
-    int tries = 0;
-    for (const Cut& cut : cuts) {
-        const std::size_t length = cut.end - start;
-        padded.resize(length + simdjson::SIMDJSON_PADDING);
-        std::memcpy(padded.data(), body.data() + start, length);
-        // One level less than a whole text may nest: the list is the first.
-        constexpr std::size_t kElementDepth = simdjson::DEFAULT_MAX_DEPTH - 1;
-        if ((parser.max_depth() != kElementDepth || parser.capacity() < length) &&
-            parser.allocate(std::max(length, parser.capacity()), kElementDepth) !=
-                simdjson::SUCCESS) {
-            return std::nullopt;
-        }
-        Element item;
-        if (parser.parse(padded.data(), length, false).get(item) != simdjson::SUCCESS) {
-            if (++tries == kMaxTries || cut.next == std::string_view::npos) return std::nullopt;
-            continue;
-        }
-        if (readElement(item, reply.trips.size(), matcher, times, environment, reply.trips)) {
-            return std::nullopt;
-        }
-        if (cut.next == std::string_view::npos) {
-            reply.ok = true;
-            return reply;
-        }
-        start = cut.next;
-        tries = 0;
+        blanks();
+        if (p_ != end_) return std::nullopt;
+        reply.ok = true;
+        return reply;
     }
-    return std::nullopt;
-}
+
+private:
+    bool take(char c) {
+        if (p_ == end_ || *p_ != c) return false;
+        ++p_;
+        return true;
+    }
+    void blanks() {
+        while (p_ != end_ && (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) ++p_;
+    }
+
+    bool readObject(HistoryElement& element) {
+        if (!take('{')) return false;
+        blanks();
+        if (take('}')) return true;
+        for (std::size_t position = 0;; ++position) {
+            if (!take('"')) return false;
+            const std::optional<HistoryMember> member = readKey(position);
+            if (!member && p_ == nullptr) return false;
+            blanks();
+            if (!take(':')) return false;
+            blanks();
+            if (!(member ? readMember(element, *member) : skipValue(0))) return false;
+            blanks();
+            if (take('}')) return true;
+            if (!take(',')) return false;
+            blanks();
+        }
+    }
+
+    // After the opening quote. The member the service wrote at this position last time is
+    // tried first; a key the library does not read gives nullopt, damage sets p_ to null.
+    std::optional<HistoryMember> readKey(std::size_t position) {
+        if (position < expected_.size() && expected_[position] >= 0) {
+            const std::string_view key = kMembers[expected_[position]].key;
+            if (static_cast<std::size_t>(end_ - p_) > key.size() && p_[key.size()] == '"' &&
+                sameBytes(p_, key.data(), key.size())) {
+                p_ += key.size() + 1;
+                return static_cast<HistoryMember>(expected_[position]);
+            }
+        }
+        std::string_view key;
+        if (!readString(key, keyText_)) {
+            p_ = nullptr;
+            return std::nullopt;
+        }
+        const auto member = findHistoryMember(key);
+        if (position < expected_.size()) expected_[position] = member ? *member : -1;
+        return member;
+    }
+
+    bool readMember(HistoryElement& element, HistoryMember member) {
+        if (p_ == end_) return false;
+        const char c = *p_;
+        if (c == 'n') return literal("null");
+        switch (historyKind(member)) {
+            case HistoryKind::integer: {
+                std::int64_t integer = 0;
+                double number = 0;
+                switch (readNumber(integer, number)) {
+                    case Number::integer:
+                        element.present[member] = true;
+                        element.integer[member] = integer;
+                        return true;
+                    case Number::real:
+                        return !storeInteger(element, member, number);
+                    case Number::unsure:
+                        return false;
+                }
+                return false;
+            }
+            case HistoryKind::number: {
+                std::int64_t integer = 0;
+                double number = 0;
+                switch (readNumber(integer, number)) {
+                    case Number::integer:
+                        return !storeNumber(element, member, static_cast<double>(integer));
+                    case Number::real:
+                        return !storeNumber(element, member, number);
+                    case Number::unsure:
+                        return false;
+                }
+                return false;
+            }
+            case HistoryKind::text:
+            case HistoryKind::date: {
+                if (!take('"')) return false;
+                std::string_view text;
+                return readString(text, texts_[member]) && !storeText(element, member, text);
+            }
+        }
+        return false;
+    }
+
+    bool literal(std::string_view word) {
+        if (static_cast<std::size_t>(end_ - p_) < word.size() ||
+            std::memcmp(p_, word.data(), word.size()) != 0) {
+            return false;
+        }
+        p_ += word.size();
+        return true;
+    }
+
+    // After the opening quote, up to and past the closing one. Without escapes the text is the
+    // reply's own bytes; with them it is decoded into `decoded`.
+    bool readString(std::string_view& text, std::string& decoded) {
+        const char* const begin = p_;
+        bool wide = false;
+        // Eight bytes at a time while none of them ends the text, escapes or is a control.
+        constexpr std::uint64_t kOnes = 0x0101010101010101u, kHigh = 0x8080808080808080u;
+        while (end_ - p_ >= 8) {
+            std::uint64_t word;
+            std::memcpy(&word, p_, 8);
+            const std::uint64_t quote = word ^ (kOnes * '"'), slash = word ^ (kOnes * '\\');
+            // The classic test for a zero byte (and for one below 0x20): exact for the lowest one.
+            const std::uint64_t stop = ((quote - kOnes) & ~quote) | ((slash - kOnes) & ~slash) |
+                                       ((word - kOnes * 0x20) & ~word);
+            if ((stop & kHigh) != 0) break;
+            wide |= (word & kHigh) != 0;
+            p_ += 8;
+        }
+        while (p_ != end_) {
+            const auto c = static_cast<unsigned char>(*p_);
+            if (c == '"') {
+                text = std::string_view(begin, static_cast<std::size_t>(p_ - begin));
+                ++p_;
+                return !wide || simdjson::validate_utf8(text.data(), text.size());
+            }
+            if (c == '\\') return readEscaped(begin, wide, text, decoded);
+            if (c < 0x20) return false;
+            wide |= c >= 0x80;
+            ++p_;
+        }
+        return false;
+    }
+
+    // From the first backslash; `wide` tells whether the bytes before it had any beyond ASCII.
+    bool readEscaped(const char* begin, bool wide, std::string_view& text, std::string& decoded) {
+        decoded.assign(begin, p_);
+        while (p_ != end_) {
+            const auto c = static_cast<unsigned char>(*p_++);
+            if (c == '"') {
+                text = decoded;
+                return !wide || simdjson::validate_utf8(decoded.data(), decoded.size());
+            }
+            if (c < 0x20) return false;
+            if (c != '\\') {
+                wide |= c >= 0x80;
+                decoded += static_cast<char>(c);
+                continue;
+            }
+            if (p_ == end_) return false;
+            switch (*p_++) {
+                case '"':
+                    decoded += '"';
+                    break;
+                case '\\':
+                    decoded += '\\';
+                    break;
+                case '/':
+                    decoded += '/';
+                    break;
+                case 'b':
+                    decoded += '\b';
+                    break;
+                case 'f':
+                    decoded += '\f';
+                    break;
+                case 'n':
+                    decoded += '\n';
+                    break;
+                case 'r':
+                    decoded += '\r';
+                    break;
+                case 't':
+                    decoded += '\t';
+                    break;
+                case 'u': {
+                    std::uint32_t code = 0;
+                    if (!hex4(code)) return false;
+                    if (code >= 0xD800 && code < 0xDC00) {
+                        std::uint32_t low = 0;
+                        if (!literal("\\u") || !hex4(low) || low < 0xDC00 || low >= 0xE000) {
+                            return false;
+                        }
+                        code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+                    } else if (code >= 0xDC00 && code < 0xE000) {
+                        return false;
+                    }
+                    appendUtf8(decoded, code);
+                    break;
+                }
+                default:
+                    return false;
+            }
+        }
+        return false;
+    }
+
+    bool hex4(std::uint32_t& code) {
+        if (end_ - p_ < 4) return false;
+        for (int i = 0; i < 4; ++i) {
+            const char c = *p_++;
+            const int digit = c >= '0' && c <= '9'   ? c - '0'
+                              : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                              : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                                     : -1;
+            if (digit < 0) return false;
+            code = code * 16 + static_cast<std::uint32_t>(digit);
+        }
+        return true;
+    }
+
+    static void appendUtf8(std::string& out, std::uint32_t code) {
+        if (code < 0x80) {
+            out += static_cast<char>(code);
+        } else if (code < 0x800) {
+            out += static_cast<char>(0xC0 | (code >> 6));
+            out += static_cast<char>(0x80 | (code & 0x3F));
+        } else if (code < 0x10000) {
+            out += static_cast<char>(0xE0 | (code >> 12));
+            out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (code & 0x3F));
+        } else {
+            out += static_cast<char>(0xF0 | (code >> 18));
+            out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
+            out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (code & 0x3F));
+        }
+    }
+
+    enum class Number { integer, real, unsure };
+
+    // A JSON number, read as the tree reader reads it: without a fraction or an exponent it is
+    // an integer, else a double. Integers of more than 18 digits, "-0" and doubles beyond the
+    // exact cases are left to the tree reader.
+    Number readNumber(std::int64_t& integer, double& real) {
+        const char* const begin = p_;
+        const bool negative = take('-');
+        if (p_ == end_ || *p_ < '0' || *p_ > '9') return Number::unsure;
+        std::uint64_t mantissa = 0;
+        int digits = 0;
+        if (*p_ == '0') {
+            ++p_;
+        } else {
+            for (; p_ != end_ && *p_ >= '0' && *p_ <= '9'; ++p_, ++digits) {
+                mantissa = mantissa * 10 + static_cast<std::uint64_t>(*p_ - '0');
+                if (digits == 18) return Number::unsure;
+            }
+        }
+        int exponent = 0;
+        bool real_ = false;
+        if (p_ != end_ && *p_ == '.') {
+            real_ = true;
+            ++p_;
+            const char* const fraction = p_;
+            for (; p_ != end_ && *p_ >= '0' && *p_ <= '9'; ++p_) {
+                if (digits == 18) return Number::unsure;
+                mantissa = mantissa * 10 + static_cast<std::uint64_t>(*p_ - '0');
+                digits += mantissa != 0 ? 1 : 0;  // leading zeros of "0.00x" take no room
+                --exponent;
+            }
+            if (p_ == fraction) return Number::unsure;
+        }
+        if (p_ != end_ && (*p_ == 'e' || *p_ == 'E')) {
+            real_ = true;
+            ++p_;
+            const bool down = p_ != end_ && *p_ == '-';
+            if (p_ != end_ && (*p_ == '-' || *p_ == '+')) ++p_;
+            const char* const digitsAt = p_;
+            int e = 0;
+            for (; p_ != end_ && *p_ >= '0' && *p_ <= '9'; ++p_) {
+                if (e > 1000) return Number::unsure;
+                e = e * 10 + (*p_ - '0');
+            }
+            if (p_ == digitsAt) return Number::unsure;
+            exponent += down ? -e : e;
+        }
+        if (!real_) {
+            if (negative && mantissa == 0) return Number::unsure;
+            integer = negative ? -static_cast<std::int64_t>(mantissa)
+                               : static_cast<std::int64_t>(mantissa);
+            return Number::integer;
+        }
+        if (mantissa > (std::uint64_t{1} << 53) || exponent < -22 || exponent > 22) {
+            // Rare in a reply: the library's reading, correctly rounded like the tree reader's.
+            double value = 0;
+            const auto [at, ec] = std::from_chars(begin + (negative ? 1 : 0), p_, value);
+            if (ec != std::errc() || at != p_ || !std::isfinite(value)) return Number::unsure;
+            real = negative ? -value : value;
+            return Number::real;
+        }
+        double value = static_cast<double>(mantissa);
+        value = exponent < 0 ? value / kExactPowers[-exponent] : value * kExactPowers[exponent];
+        real = negative ? -value : value;
+        return Number::real;
+    }
+
+    // A value of a member the library does not read: checked, not kept.
+    bool skipValue(int depth) {
+        if (p_ == end_ || depth > kMaxNesting) return false;
+        std::string_view text;
+        switch (*p_) {
+            case '"':
+                ++p_;
+                return readString(text, keyText_);
+            case 'n':
+                return literal("null");
+            case 't':
+                return literal("true");
+            case 'f':
+                return literal("false");
+            case '[':
+            case '{': {
+                const bool object = *p_++ == '{';
+                const char close = object ? '}' : ']';
+                blanks();
+                if (take(close)) return true;
+                for (;;) {
+                    if (object) {
+                        if (!take('"') || !readString(text, keyText_)) return false;
+                        blanks();
+                        if (!take(':')) return false;
+                        blanks();
+                    }
+                    if (!skipValue(depth + 1)) return false;
+                    blanks();
+                    if (take(close)) return true;
+                    if (!take(',')) return false;
+                    blanks();
+                }
+            }
+            default: {
+                std::int64_t integer = 0;
+                double real = 0;
+                return readNumber(integer, real) != Number::unsure;
+            }
+        }
+    }
+
+    static constexpr int kMaxNesting = 32;
+
+    const char* p_;
+    const char* const end_;
+    std::array<int, 48> expected_ = [] {
+        std::array<int, 48> a{};
+        a.fill(-1);
+        return a;
+    }();
+    std::string keyText_;
+    std::array<std::string, kHistoryMemberCount> texts_;
+};
 
 }  // namespace
 
@@ -396,8 +699,17 @@ HistoryReply readHistoryReply(std::string_view body, const Environment& environm
         return fail("the reply of " + std::to_string(body.size()) + " bytes exceeds the limit of " +
                     std::to_string(kMaxHistoryReplyBytes));
     }
-    if (auto read = readElementWise(body, environment)) return std::move(*read);
+    if (auto read = DirectReader(body).read(environment)) return std::move(*read);
+    return readHistoryTree(body, environment);
+}
 
+HistoryReply readHistoryTree(std::string_view body, const Environment& environment) {
+    HistoryReply reply;
+    const auto fail = [&](std::string error) {
+        reply.trips.clear();
+        reply.error = std::move(error);
+        return std::move(reply);
+    };
     // The parser and its padded input are kept per thread for small replies: they cost about
     // 16 bytes per byte of text, so after a large reply they are released again, or every HTTP
     // worker thread would hold its largest reply's worth for good. The parser validates the

@@ -1,8 +1,9 @@
 #pragma once
 // Turns the service's history reply into Trip records.
 //
-// A history reply can hold years of trips (6 MB for 10,000), so it is read straight from the
-// parser's tape into the records instead of through the generic Value tree. The reply is taken
+// A history reply can hold years of trips (6 MB for 10,000), so the common reply is read
+// straight from its text into the records in one pass, and only an unusual or damaged one goes
+// through a parsed tree (never through the generic Value tree). The reply is taken
 // whole or not at all: the first problem (text that is not JSON, a root that is not a list, an
 // element that is not an object, a member of the wrong type, a date not in the service's form)
 // rejects it, and no record of it reaches the engine.
@@ -92,6 +93,10 @@ struct HistoryReply {
 
 /// Reads a whole reply body. Records are made over `environment` (clock, addresses).
 HistoryReply readHistoryReply(std::string_view body, const Environment& environment);
+/// The same through a parsed tree of the whole text: what readHistoryReply falls back to for a
+/// reply its one-pass reading does not take, with the same outcome for every text within the
+/// size limit (which it does not check).
+HistoryReply readHistoryTree(std::string_view body, const Environment& environment);
 
 /// "[3].Score: expected a number": the place and nature of a shape problem.
 std::string historyProblem(std::size_t index, HistoryMember member, std::string_view what);
