@@ -129,18 +129,26 @@ std::optional<std::string> storeText(HistoryElement& e, HistoryMember m, std::st
 }
 
 void applyHistoryElement(Trip& trip, const HistoryElement& e, LocalTimeConverter& times) {
+    // Texts are made at their size and moved in: assigning to an empty string reserves at
+    // least 30 bytes, which thousands of records would hold for nothing.
     const auto has = [&](HistoryMember m) { return e.present[m]; };
     if (has(kUserId)) trip.UserID = e.integer[kUserId];
-    if (has(kDrivingGuid)) trip.DrivingID.assign(e.text[kDrivingGuid]);
+    if (has(kDrivingGuid)) trip.DrivingID = std::string(e.text[kDrivingGuid]);
     if (has(kStartDateTime)) {
-        trip.StartDateTime = times.fromLocal(e.date[kStartDateTime]);
-        trip.StartDateTime_Formatted = Trip::formatDateTime(trip.StartDateTime);
+        bool readsBack = false;
+        trip.StartDateTime = times.fromLocal(e.date[kStartDateTime], &readsBack);
+        // The text is the wall time just read, unless the clocks change that day.
+        if (readsBack) {
+            trip.StartDateTime_Formatted = formatDisplayDate(e.date[kStartDateTime]);
+        } else {
+            trip.StartDateTime_Formatted = Trip::formatDateTime(trip.StartDateTime);
+        }
     }
-    if (has(kStartLocation)) trip.StartLocation.assign(e.text[kStartLocation]);
+    if (has(kStartLocation)) trip.StartLocation = std::string(e.text[kStartLocation]);
     if (has(kStartLocationLatitude)) trip.StartLocationLat = e.number[kStartLocationLatitude];
     if (has(kStartLocationLongitude)) trip.StartLocationLong = e.number[kStartLocationLongitude];
     if (has(kEndDateTime)) trip.EndDateTime = times.fromLocal(e.date[kEndDateTime]);
-    if (has(kEndLocation)) trip.EndLocation.assign(e.text[kEndLocation]);
+    if (has(kEndLocation)) trip.EndLocation = std::string(e.text[kEndLocation]);
     if (has(kEndLocationLatitude)) trip.EndLocationLat = e.number[kEndLocationLatitude];
     if (has(kEndLocationLongitude)) trip.EndLocationLong = e.number[kEndLocationLongitude];
     if (has(kScore)) trip.Score = e.number[kScore];
@@ -162,7 +170,7 @@ void applyHistoryElement(Trip& trip, const HistoryElement& e, LocalTimeConverter
     if (has(kFuelEfficiencyPenalty)) {
         trip.FuelEfficiencyPenaltyPerKM = e.number[kFuelEfficiencyPenalty];
     }
-    if (has(kTimeElapsed)) trip.TimeElapsed.assign(e.text[kTimeElapsed]);
+    if (has(kTimeElapsed)) trip.TimeElapsed = std::string(e.text[kTimeElapsed]);
     if (has(kTotalDistance)) {
         trip.TotalDistance = e.number[kTotalDistance];
         // From the duration as it stands now: the reply's, or the initial one when it had none.

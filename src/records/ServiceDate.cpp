@@ -93,11 +93,27 @@ std::optional<LocalDateTime> parseServiceDateTime(std::string_view s) {
     return l;
 }
 
-platform::TimePoint LocalTimeConverter::fromLocal(const LocalDateTime& local) {
+std::string formatDisplayDate(const LocalDateTime& local) {
+    char text[] = "00.00.0000 00:00";
+    const auto two = [&](std::size_t at, int v) {
+        text[at] = static_cast<char>('0' + v / 10);
+        text[at + 1] = static_cast<char>('0' + v % 10);
+    };
+    two(0, local.day);
+    two(3, local.month);
+    two(6, local.year / 100);
+    two(8, local.year % 100);
+    two(11, local.hour);
+    two(14, local.minute);
+    return std::string(text, sizeof text - 1);
+}
+
+platform::TimePoint LocalTimeConverter::fromLocal(const LocalDateTime& local, bool* readsBack) {
     const std::int64_t seconds = localSeconds(local);
     const std::int64_t day = seconds >= 0 ? seconds / 86400 : (seconds - 86399) / 86400;
     Slot& slot = slots_[static_cast<std::size_t>(day) % slots_.size()];
     if (slot.day != day) slot = measureDay(day, local);
+    if (readsBack != nullptr) *readsBack = slot.steady;
     if (slot.steady) return fromTimeT(static_cast<std::time_t>(seconds - slot.offset));
     // A day on which the clocks change: ask the zone for this very time.
     return fromTimeT(mktimeOf(local));

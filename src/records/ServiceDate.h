@@ -30,6 +30,9 @@ struct LocalDateTime {
 /// record's time (nanoseconds since 1970) can hold.
 std::optional<LocalDateTime> parseServiceDateTime(std::string_view text);
 
+/// "dd.MM.yyyy HH:mm" of a wall-clock time with a year of four digits (Trip::formatDateTime).
+std::string formatDisplayDate(const LocalDateTime& local);
+
 /// Turns wall-clock times of the process's time zone into instants, as mktime does (a time in
 /// a gap or an ambiguous one gets the zone's own choice). mktime costs up to several
 /// microseconds, which a 10,000-trip history would pay twice a trip; most trips fall on days
@@ -37,7 +40,10 @@ std::optional<LocalDateTime> parseServiceDateTime(std::string_view text);
 /// Not thread-safe: make one per reply (which also lets a later reply see a changed zone).
 class LocalTimeConverter {
 public:
-    platform::TimePoint fromLocal(const LocalDateTime& local);
+    /// When `readsBack` is given, it is set when the instant is known to read back as `local`
+    /// in this zone (every time of a day of one offset does): its display text can then be
+    /// written from `local` without asking the zone again.
+    platform::TimePoint fromLocal(const LocalDateTime& local, bool* readsBack = nullptr);
 
 private:
     struct Slot {

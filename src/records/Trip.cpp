@@ -1,6 +1,7 @@
 #include <kestrelvue/Environment.h>
 #include <kestrelvue/Trip.h>
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cstdio>
@@ -9,6 +10,7 @@
 #include <string_view>
 
 #include "records/EnvironmentServices.h"
+#include "records/ServiceDate.h"
 
 namespace kestrelvue {
 Trip::Trip() : Trip(Environment::current()) {}
@@ -39,25 +41,14 @@ std::string Trip::formatDateTime(platform::TimePoint instant) {
     if (!localtime_r(&t, &local)) return "";
     const int year = local.tm_year + 1900;
     if (year < 0 || year > 9999) {
-        char text[64];
-        std::snprintf(text, sizeof text, "%02d.%02d.%04d %02d:%02d", local.tm_mday,
+        char wide[64];
+        std::snprintf(wide, sizeof wide, "%02d.%02d.%04d %02d:%02d", local.tm_mday,
                       local.tm_mon + 1, year, local.tm_hour, local.tm_min);
-        return text;
+        return wide;
     }
-    // The common case digit by digit: a history download formats one text per trip, and
-    // snprintf cost more than the rest of a record's display texts together.
-    std::string text = "00.00.0000 00:00";
-    const auto two = [&](std::size_t at, int v) {
-        text[at] = static_cast<char>('0' + v / 10);
-        text[at + 1] = static_cast<char>('0' + v % 10);
-    };
-    two(0, local.tm_mday);
-    two(3, local.tm_mon + 1);
-    two(6, year / 100);
-    two(8, year % 100);
-    two(11, local.tm_hour);
-    two(14, local.tm_min);
-    return text;
+    // Digit by digit: snprintf cost more than the rest of a record's display texts.
+    return detail::formatDisplayDate(
+        {year, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec});
 }
 
 std::string Trip::formatTimeElapsedTotalDistance(const std::string& timeElapsed,
@@ -66,8 +57,17 @@ std::string Trip::formatTimeElapsedTotalDistance(const std::string& timeElapsed,
     char number[400];
     auto [end, ec] = std::to_chars(number, number + sizeof number, totalDistanceMetres / 1000.0,
                                    std::chars_format::fixed, 1);
-    std::string km = ec == std::errc() ? std::string(number, end) : std::string("nan");
-    return timeElapsed + " sn, " + km + " km";
+    const std::string_view km =
+        ec == std::errc() ? std::string_view(number, static_cast<std::size_t>(end - number))
+                          : std::string_view("nan");
+    // One allocation of the exact size: a history writes this for every record.
+    constexpr std::string_view kSeconds = " sn, ", kKilometres = " km";
+    std::string text(timeElapsed.size() + kSeconds.size() + km.size() + kKilometres.size(), ' ');
+    char* out = text.data();
+    for (std::string_view part : {std::string_view(timeElapsed), kSeconds, km, kKilometres}) {
+        out = std::copy(part.begin(), part.end(), out);
+    }
+    return text;
 }
 
 }  // namespace kestrelvue

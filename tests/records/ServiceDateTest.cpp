@@ -1,8 +1,10 @@
 // The service's dates, read strictly and turned into instants in the local zone.
 
 #include <gtest/gtest.h>
+#include <kestrelvue/Trip.h>
 
 #include <optional>
+#include <string>
 
 #include "records/ServiceDate.h"
 #include "support/Time.h"
@@ -33,13 +35,22 @@ TEST(ServiceDate, ServiceDatesAreReadStrictly) {
 TEST(ServiceDate, LocalTimeConverterAgreesWithTheZoneWhenTheClocksChange) {
     test::ScopedTimeZone zone("America/New_York");
     LocalTimeConverter converter;
+    int readBack = 0;
     for (const int month : {3, 11}) {
         for (int minute = 0; minute < 3 * 24 * 60; minute += 10) {
             const int day = (month == 3 ? 10 : 3) + minute / 1440;
             const LocalDateTime local{2018, month, day, minute / 60 % 24, minute % 60, 30};
-            ASSERT_EQ(converter.fromLocal(local), test::viaMktime(local)) << month << " " << minute;
+            bool readsBack = false;
+            const platform::TimePoint instant = converter.fromLocal(local, &readsBack);
+            ASSERT_EQ(instant, test::viaMktime(local)) << month << " " << minute;
+            // Where it says the instant reads back, the text from the wall time is the zone's.
+            std::string text = "unset";
+            if (readsBack) text = formatDisplayDate(local);
+            ASSERT_EQ(text, readsBack ? Trip::formatDateTime(instant) : "unset") << minute;
+            readBack += readsBack ? 1 : 0;
         }
     }
+    EXPECT_EQ(readBack, 2 * 2 * 24 * 6);  // all but the two days of the change
 }
 
 }  // namespace
