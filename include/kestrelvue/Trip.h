@@ -24,6 +24,10 @@
 namespace kestrelvue {
 
 struct Environment;
+namespace detail {
+template <class T>
+struct RecordAllocator;
+}
 
 class KESTRELVUE_EXPORT Trip : public std::enable_shared_from_this<Trip> {
 public:
@@ -120,6 +124,13 @@ public:
                                                       double totalDistanceMetres);
 
 private:
+    // Made with the service's addresses already found: a history reply makes thousands of
+    // records over one environment, through make_shared with the library's allocator.
+    template <class T>
+    friend struct detail::RecordAllocator;
+    Trip(const Environment& environment, const std::string& addDrivingScoreAddress,
+         const std::string& passedCoordinatesAddress);
+
     // The route lock and the registrations for the route reply, made the first time a route is
     // asked for or read: a history holds thousands of records that never ask. The destructor
     // ends the registrations first, so a released record misses its reply and is never touched.

@@ -9,6 +9,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "records/TripFactory.h"
+
 namespace kestrelvue::detail {
 namespace {
 
@@ -278,7 +280,7 @@ std::optional<std::string> readMember(Element value, HistoryElement& element,
 
 // Reads one parsed element into a new record at the end of `trips`, or says what is wrong.
 std::optional<std::string> readElement(Element item, std::size_t index, MemberMatcher& matcher,
-                                       LocalTimeConverter& times, const Environment& environment,
+                                       LocalTimeConverter& times, const TripFactory& records,
                                        std::vector<std::shared_ptr<Trip>>& trips) {
     if (!item.is_object()) return historyProblem(index, kHistoryMemberCount, "expected an object");
     HistoryElement element;
@@ -291,7 +293,7 @@ std::optional<std::string> readElement(Element item, std::size_t index, MemberMa
             }
         }
     }
-    auto trip = std::make_shared<Trip>(environment);
+    auto trip = records.make();
     applyHistoryElement(*trip, element, times);
     trips.push_back(std::move(trip));
     return std::nullopt;
@@ -326,6 +328,7 @@ public:
         if (braces > kMaxHistoryTrips) return std::nullopt;
         HistoryReply reply;
         LocalTimeConverter times;
+        const TripFactory records(environment);
         blanks();
         if (!take('[')) return std::nullopt;
         blanks();
@@ -335,7 +338,7 @@ public:
             for (;;) {
                 element.present = {};
                 if (!readObject(element)) return std::nullopt;
-                auto trip = std::make_shared<Trip>(environment);
+                auto trip = records.make();
                 applyHistoryElement(*trip, element, times);
                 reply.trips.push_back(std::move(trip));
                 blanks();
@@ -428,10 +431,15 @@ private:
                 std::int64_t integer = 0;
                 double number = 0;
                 switch (readNumber(integer, number)) {
+                    // Every number read here is finite: stored without storeNumber's check.
                     case Number::integer:
-                        return !storeNumber(element, member, static_cast<double>(integer));
+                        element.present[member] = true;
+                        element.number[member] = static_cast<double>(integer);
+                        return true;
                     case Number::real:
-                        return !storeNumber(element, member, number);
+                        element.present[member] = true;
+                        element.number[member] = number;
+                        return true;
                     case Number::unsure:
                         return false;
                 }
@@ -762,10 +770,11 @@ HistoryReply readHistoryTree(std::string_view body, const Environment& environme
     }
     reply.trips.reserve(array.size());
     LocalTimeConverter times;
+    const TripFactory records(environment);
     MemberMatcher matcher;
     std::size_t index = 0;
     for (Element item : array) {
-        if (auto problem = readElement(item, index, matcher, times, environment, reply.trips)) {
+        if (auto problem = readElement(item, index, matcher, times, records, reply.trips)) {
             return fail(std::move(*problem));
         }
         ++index;

@@ -11,13 +11,24 @@
 
 #include "records/EnvironmentServices.h"
 #include "records/ServiceDate.h"
+#include "records/TripFactory.h"
 
 namespace kestrelvue {
+namespace {
+constexpr std::string_view kAddDrivingScorePath = "/api/Driving/addDrivingScore";
+constexpr std::string_view kPassedCoordinatesPath = "/api/Driving/getPassedCoordinates";
+}  // namespace
+
 Trip::Trip() : Trip(Environment::current()) {}
 
 Trip::Trip(const Environment& environment)
-    : addDrivingScoreURL(environment.services().address("/api/Driving/addDrivingScore")),
-      getPassedCoordinatesURL(environment.services().address("/api/Driving/getPassedCoordinates")),
+    : Trip(environment, environment.services().address(kAddDrivingScorePath),
+           environment.services().address(kPassedCoordinatesPath)) {}
+
+Trip::Trip(const Environment& environment, const std::string& addDrivingScoreAddress,
+           const std::string& passedCoordinatesAddress)
+    : addDrivingScoreURL(addDrivingScoreAddress),
+      getPassedCoordinatesURL(passedCoordinatesAddress),
       env_(environment) {
     // Each creation-time field reads the clock on its own, in declaration order.
     StartDateTime = env_.clock->now();
@@ -70,4 +81,17 @@ std::string Trip::formatTimeElapsedTotalDistance(const std::string& timeElapsed,
     return text;
 }
 
+namespace detail {
+
+TripFactory::TripFactory(const Environment& environment)
+    : env_(environment),
+      addDrivingScore_(environment.services().address(kAddDrivingScorePath)),
+      passedCoordinates_(environment.services().address(kPassedCoordinatesPath)) {}
+
+std::shared_ptr<Trip> TripFactory::make() const {
+    return std::allocate_shared<Trip>(RecordAllocator<Trip>(), env_, addDrivingScore_,
+                                      passedCoordinates_);
+}
+
+}  // namespace detail
 }  // namespace kestrelvue
