@@ -327,6 +327,7 @@ public:
         }
         if (braces > kMaxHistoryTrips) return std::nullopt;
         HistoryReply reply;
+        reply.trips.reserve(braces);  // as many as there are elements, unless some nest objects
         LocalTimeConverter times;
         const TripFactory records(environment);
         blanks();
