@@ -65,6 +65,22 @@ constexpr KeyIndex kKeyIndex;
 
 constexpr double kTwoTo63 = 9223372036854775808.0;
 
+// Each key as the service writes it, closing quote and colon included.
+struct KeyPattern {
+    std::array<char, kMaxKeyLength + 2> text{};
+    std::size_t size = 0;
+};
+constexpr auto kKeyPatterns = [] {
+    std::array<KeyPattern, kHistoryMemberCount> patterns{};
+    for (int m = 0; m < kHistoryMemberCount; ++m) {
+        KeyPattern& p = patterns[static_cast<std::size_t>(m)];
+        for (char c : kMembers[m].key) p.text[p.size++] = c;
+        p.text[p.size++] = '"';
+        p.text[p.size++] = ':';
+    }
+    return patterns;
+}();
+
 }  // namespace
 
 std::string_view historyKey(HistoryMember member) {
@@ -370,10 +386,13 @@ private:
         if (take('}')) return true;
         for (std::size_t position = 0;; ++position) {
             if (!take('"')) return false;
-            const int member = readKey(position);
+            bool colon = false;
+            const int member = readKey(position, colon);
             if (member == kDamaged) return false;
-            blanks();
-            if (!take(':')) return false;
+            if (!colon) {
+                blanks();
+                if (!take(':')) return false;
+            }
             blanks();
             if (!(member >= 0 ? readMember(element, static_cast<HistoryMember>(member))
                               : skipValue(0))) {
@@ -387,16 +406,18 @@ private:
     }
 
     // After the opening quote. The member the service wrote at this position last time is
-    // tried first. Gives the member, kUnread for a key the library does not read, or kDamaged.
-    // (A plain int: an optional returned here cost a stalled load per key.)
+    // tried first, with the colon after it (`colon` tells). Gives the member, kUnread for a
+    // key the library does not read, or kDamaged. (A plain int: an optional returned here cost
+    // a stalled load per key.)
     static constexpr int kUnread = -1, kDamaged = -2;
-    int readKey(std::size_t position) {
+    int readKey(std::size_t position, bool& colon) {
         if (position < expected_.size() && expected_[position] >= 0) {
             const int m = expected_[position];
-            const std::string_view key = kMembers[m].key;
-            if (static_cast<std::size_t>(end_ - p_) > key.size() && p_[key.size()] == '"' &&
-                sameBytes(p_, key.data(), key.size())) {
-                p_ += key.size() + 1;
+            const KeyPattern& key = kKeyPatterns[m];
+            if (static_cast<std::size_t>(end_ - p_) >= key.size &&
+                sameBytes(p_, key.text.data(), key.size)) {
+                p_ += key.size;
+                colon = true;
                 return m;
             }
         }
