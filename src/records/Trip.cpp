@@ -11,6 +11,7 @@
 
 #include "records/EnvironmentServices.h"
 #include "records/ServiceDate.h"
+#include "records/TextFormat.h"
 #include "records/TripFactory.h"
 
 namespace kestrelvue {
@@ -64,13 +65,11 @@ std::string Trip::formatDateTime(platform::TimePoint instant) {
 
 std::string Trip::formatTimeElapsedTotalDistance(const std::string& timeElapsed,
                                                  double totalDistanceMetres) {
-    // to_chars rounds exactly, as glibc's printf does, and never looks at the locale.
-    char number[400];
-    auto [end, ec] = std::to_chars(number, number + sizeof number, totalDistanceMetres / 1000.0,
-                                   std::chars_format::fixed, 1);
-    const std::string_view km =
-        ec == std::errc() ? std::string_view(number, static_cast<std::size_t>(end - number))
-                          : std::string_view("nan");
+    // The motion text's exact "%.1f" (round half to even on the binary value, as glibc's
+    // printf; never the locale): to_chars with a precision cost a tenth of a history reply.
+    char number[detail::kMaxFixedLength];
+    const char* const end = detail::formatFixed<1, false>(number, totalDistanceMetres / 1000.0, 0);
+    const std::string_view km(number, static_cast<std::size_t>(end - number));
     // One allocation of the exact size: a history writes this for every record.
     constexpr std::string_view kSeconds = " sn, ", kKilometres = " km";
     std::string text(timeElapsed.size() + kSeconds.size() + km.size() + kKilometres.size(), ' ');
