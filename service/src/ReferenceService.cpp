@@ -213,7 +213,9 @@ Reply addDrivingScore(State& s, Request& req) {
 
 // A long trip's route is thinned to what the library accepts, in points and in bytes.
 Reply getPassedCoordinates(State& s, Request& req) {
-    const std::vector<MotionRecord> all = s.storage->motion(req.tail);
+    const auto stored = s.storage->motion(req.tail);
+    if (!stored) return text(500, stored.error);
+    const std::vector<MotionRecord>& all = *stored;
     std::size_t limit = std::min(s.options.maxRoutePoints, all.size());
     for (;;) {
         const std::vector<MotionRecord> points = thinned(all, limit);

@@ -10,8 +10,13 @@
 
 namespace kestrelvue::service {
 
+/// Bytes bound or read as a BLOB, not as text.
+struct Blob {
+    std::string_view bytes;
+};
+
 /// A prepared statement that finalises itself, its parameters bound from `values` in order (an
-/// array fills as many). Texts are not copied: they must outlive the statement.
+/// array fills as many). Texts and blobs are not copied: they must outlive the statement.
 class Statement {
 public:
     template <class... Values>
@@ -38,12 +43,21 @@ public:
         const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, c));
         return p ? std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c))) : "";
     }
+    /// A BLOB column's bytes (empty for NULL), valid until the next step.
+    Blob blob(int c) {
+        const auto* p = static_cast<const char*>(sqlite3_column_blob(stmt_, c));
+        return {p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c)))
+                  : std::string_view()};
+    }
 
 private:
     void bind(int& i, std::int64_t v) { sqlite3_bind_int64(stmt_, i++, v); }
     void bind(int& i, double v) { sqlite3_bind_double(stmt_, i++, v); }
     void bind(int& i, std::string_view v) {
         sqlite3_bind_text64(stmt_, i++, v.data(), v.size(), SQLITE_STATIC, SQLITE_UTF8);
+    }
+    void bind(int& i, Blob v) {
+        sqlite3_bind_blob64(stmt_, i++, v.bytes.data(), v.bytes.size(), SQLITE_STATIC);
     }
     void get(int& c, std::int64_t& v) { v = integer(c++); }
     void get(int& c, double& v) { v = real(c++); }
