@@ -2,11 +2,11 @@
 // transaction at a time to a file anyway, and a bulk is one row, so a second connection would
 // only wait for the same lock.
 
+#include <lz4frame.h>
 #include <openssl/crypto.h>
 #include <openssl/rand.h>
 #include <openssl/sha.h>
 #include <sqlite3.h>
-#include <zstd.h>
 
 #include <array>
 #include <cstdio>
@@ -89,9 +89,9 @@ std::string renamesOfKinds() {
 /// Later changes of the schema, each run once, in order: the first makes version 2 of a file at
 /// version 1, and so on. A file's `user_version` is the version it has.
 constexpr std::array<std::string_view, 1> kLaterMigrations{
-    // A bulk's text compressed (zstd), about a tenth of its bytes through the log and the file.
-    // Rows stored before keep their text as it was, with no motion_zstd: nothing is rewritten.
-    "ALTER TABLE motion_bulks ADD COLUMN motion_zstd BLOB",
+    // A bulk's text compressed (lz4), a fifth of its bytes through the log and the file. Rows
+    // stored before keep their text as it was, with no motion_lz4: nothing is rewritten.
+    "ALTER TABLE motion_bulks ADD COLUMN motion_lz4 BLOB",
 };
 constexpr int kVersion = 1 + static_cast<int>(kLaterMigrations.size());
 
@@ -121,33 +121,36 @@ bool hasTable(sqlite3* db, const char* schema, const char* table) {
     return Statement(db, sql, std::string_view(table)).step();
 }
 
-/// A bulk's text as stored: a zstd frame with its size and checksum. Empty when it cannot be made.
+/// A bulk's text as stored: an lz4 frame that carries its size and a checksum of each block.
+/// Empty when it cannot be made.
 std::string pack(std::string_view text) {
-    // A context a thread: making one costs more than compressing a bulk at the fastest level.
-    thread_local const std::unique_ptr<ZSTD_CCtx, decltype(&ZSTD_freeCCtx)> context = [] {
-        std::unique_ptr<ZSTD_CCtx, decltype(&ZSTD_freeCCtx)> c(ZSTD_createCCtx(), &ZSTD_freeCCtx);
-        if (c) ZSTD_CCtx_setParameter(c.get(), ZSTD_c_checksumFlag, 1);
-        if (c) ZSTD_CCtx_setParameter(c.get(), ZSTD_c_compressionLevel, 1);
-        return c;
-    }();
-    std::string packed(ZSTD_compressBound(text.size()), '\0');
-    const std::size_t n = context ? ZSTD_compress2(context.get(), packed.data(), packed.size(),
-                                                   text.data(), text.size())
-                                  : 0;
-    packed.resize(ZSTD_isError(n) ? 0 : n);
+    LZ4F_preferences_t prefs = LZ4F_INIT_PREFERENCES;
+    prefs.frameInfo.contentSize = text.size();
+    prefs.frameInfo.blockChecksumFlag = LZ4F_blockChecksumEnabled;
+    std::string packed(LZ4F_compressFrameBound(text.size(), &prefs), '\0');
+    const std::size_t n =
+        LZ4F_compressFrame(packed.data(), packed.size(), text.data(), text.size(), &prefs);
+    packed.resize(LZ4F_isError(n) ? 0 : n);
     return packed;
 }
 
-/// The text of a packed bulk; false when the frame is damaged (its checksum included) or claims
+/// The text of a packed bulk; false when the frame is damaged (a checksum included) or claims
 /// more than any body the service takes.
 bool unpack(std::string_view packed, std::string& text) {
-    constexpr unsigned long long kMaxText = 1ull << 30;
-    const unsigned long long size = ZSTD_getFrameContentSize(packed.data(), packed.size());
-    if (size == ZSTD_CONTENTSIZE_ERROR || size == ZSTD_CONTENTSIZE_UNKNOWN || size > kMaxText)
+    LZ4F_dctx* made = nullptr;
+    if (LZ4F_isError(LZ4F_createDecompressionContext(&made, LZ4F_VERSION))) return false;
+    const std::unique_ptr<LZ4F_dctx, decltype(&LZ4F_freeDecompressionContext)> context(
+        made, &LZ4F_freeDecompressionContext);
+    LZ4F_frameInfo_t frame = LZ4F_INIT_FRAMEINFO;
+    std::size_t head = packed.size();
+    if (LZ4F_isError(LZ4F_getFrameInfo(made, &frame, packed.data(), &head)) ||
+        frame.contentSize > (1ull << 30))
         return false;
-    text.resize(size);
-    const std::size_t n = ZSTD_decompress(text.data(), text.size(), packed.data(), packed.size());
-    return !ZSTD_isError(n) && n == size;
+    text.resize(frame.contentSize);
+    std::size_t written = text.size(), read = packed.size() - head;
+    const std::size_t left =
+        LZ4F_decompress(made, text.data(), &written, packed.data() + head, &read, nullptr);
+    return left == 0 && written == text.size() && head + read == packed.size();
 }
 
 std::int64_t pragma(sqlite3* db, const char* name) {
@@ -193,12 +196,12 @@ public:
         const std::string key =
             std::to_string(first.itemId) + " " + std::string(first.recordTimeText()) + " " +
             std::to_string(last.itemId) + " " + std::string(last.recordTimeText());
-        const std::string packed = pack(bulk.text);  // before the lock: each thread its own
+        const std::string packed = pack(bulk.text);  // before the lock
         if (packed.empty()) return std::nullopt;
         std::lock_guard lock(mutex_);
         Statement q(db_,
                     "INSERT OR IGNORE INTO motion_bulks(trip, user_id, first_and_last, records, "
-                    "motion_text, motion_zstd) VALUES (?, ?, ?, ?, '', ?)",
+                    "motion_text, motion_lz4) VALUES (?, ?, ?, ?, '', ?)",
                     bulk.guid, bulk.userID, key, static_cast<std::int64_t>(bulk.count),
                     Blob{packed});
         if (!q.run()) return std::nullopt;
@@ -210,7 +213,7 @@ public:
         {
             std::lock_guard lock(mutex_);
             Statement q(db_,
-                        "SELECT motion_text, motion_zstd FROM motion_bulks WHERE trip = ? ORDER "
+                        "SELECT motion_text, motion_lz4 FROM motion_bulks WHERE trip = ? ORDER "
                         "BY id",
                         guid);
             while (q.step()) stored.emplace_back(q.text(0), q.blob(1).bytes);

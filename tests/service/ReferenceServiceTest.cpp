@@ -302,10 +302,9 @@ TEST(ReferenceServiceLifecycle, StopsRightAfterStartingAndHealthzFollowsTheStora
     sqlite3* f = nullptr;
     ASSERT_EQ(sqlite3_open(db.c_str(), &f), SQLITE_OK);
     const char* damages[] = {
-        "motion_zstd = substr(motion_zstd, 1, 30)",
-        "motion_zstd = substr(motion_zstd, 1, 40) || x'ff' || substr(motion_zstd, 42)",
-        "motion_zstd = CAST('  0.012, -0.034,' AS BLOB)",
-        "motion_zstd = NULL, motion_text = 'x,;'"};
+        "motion_lz4 = substr(motion_lz4, 1, 30)",
+        "motion_lz4 = substr(motion_lz4, 1, 40) || x'ff' || substr(motion_lz4, 42)",
+        "motion_lz4 = CAST('  0.012, -0.034,' AS BLOB)", "motion_lz4 = NULL, motion_text = 'x,;'"};
     for (std::size_t i = 0; i < std::size(damages); ++i) {
         const std::string trip = "D" + std::to_string(i), damage = damages[i];
         ASSERT_EQ(client
