@@ -10,8 +10,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <deque>
-#include <functional>
 #include <mutex>
 #include <optional>
 #include <stop_token>
@@ -89,57 +87,6 @@ private:
     std::jthread thread_{[this](const std::stop_token& stop) { sweep(stop); }};  // last
 };
 
-/// Threads that answer complete requests, so that an event loop goes on reading its other
-/// connections meanwhile: which loop accepts a connection is up to the system, and two busy
-/// clients on one loop would otherwise be answered one after the other. Once stopping, a job runs
-/// on the thread that posts it, so that no connection stays suspended past stop().
-class Answerers {
-public:
-    explicit Answerers(std::size_t threads) {
-        for (std::size_t i = 0; i < threads; ++i) threads_.emplace_back([this] { run(); });
-    }
-    ~Answerers() { stop(); }
-    void post(std::function<void()> job) {
-        std::unique_lock lock(mutex_);
-        if (stopping_) {
-            lock.unlock();
-            job();
-            return;
-        }
-        jobs_.push_back(std::move(job));
-        lock.unlock();
-        ready_.notify_one();
-    }
-    /// Runs what was posted, then lets the threads go.
-    void stop() {
-        {
-            std::lock_guard lock(mutex_);
-            stopping_ = true;
-        }
-        ready_.notify_all();
-        threads_.clear();
-    }
-
-private:
-    void run() {
-        std::unique_lock lock(mutex_);
-        for (;;) {
-            ready_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
-            if (jobs_.empty()) return;
-            auto job = std::move(jobs_.front());
-            jobs_.pop_front();
-            lock.unlock();
-            job();
-            lock.lock();
-        }
-    }
-    std::mutex mutex_;
-    std::condition_variable ready_;
-    std::deque<std::function<void()>> jobs_;
-    bool stopping_ = false;
-    std::vector<std::jthread> threads_;  // last
-};
-
 }  // namespace
 
 std::string Request::param(std::string_view name) const {
@@ -162,7 +109,7 @@ struct Exchange {
     Request request;
     std::size_t received = 0, inflated = 0;
     std::size_t replyBytes = 0;
-    bool headRead = false, tooLarge = false, handedOver = false, answered = false, gzip = false;
+    bool headRead = false, tooLarge = false, answered = false, gzip = false;
     Reply reply;
 };
 
@@ -171,7 +118,6 @@ struct HttpServer::Impl {
     Handler handler;
     MHD_Daemon* daemon = nullptr;
     std::optional<Deadlines> deadlines{};
-    std::optional<Answerers> answerers{};
     int port = 0;
 
     static void onConnection(void* cls, MHD_Connection* connection, void**,
@@ -325,17 +271,9 @@ struct HttpServer::Impl {
             ex.reply = self.bodyTooLarge();
             return queue(connection, ex, true);
         }
-        if (!ex.handedOver) {  // answered off the loop; MHD calls again once it is resumed
-            ex.handedOver = true;
-            self.deadlines->restart(connection, true);  // the handler's time is not the client's
-            MHD_suspend_connection(connection);
-            self.answerers->post([&self, &ex, connection] {
-                self.answer(ex);
-                self.deadlines->restart(connection, false);  // for sending the reply
-                MHD_resume_connection(connection);
-            });
-            return MHD_YES;
-        }
+        self.deadlines->restart(connection, true);  // the handler's time is not the client's
+        self.answer(ex);
+        self.deadlines->restart(connection, false);  // for sending the reply
         return queue(connection, ex, false);
     }
 
@@ -401,10 +339,8 @@ bool HttpServer::start(std::string& error) {
     freeaddrinfo(found);
 
     impl_->deadlines.emplace(std::chrono::seconds(impl_->options.requestTimeoutSeconds));
-    impl_->answerers.emplace(std::max<std::size_t>(impl_->options.workerThreads, 1));
     // Turbo: read, write and accept before asking epoll, which a busy connection seldom needs.
-    unsigned flags =
-        MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_TURBO | MHD_ALLOW_SUSPEND_RESUME;
+    unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_TURBO;
     if (address.ss_family == AF_INET6) flags |= MHD_USE_IPv6;
     // The connection's memory pool holds its head and its read buffer: twice the head's bound
     // leaves room to read a body in pieces of some kilobytes.
@@ -430,7 +366,6 @@ bool HttpServer::start(std::string& error) {
 
 void HttpServer::stop() {
     if (!impl_->daemon) return;
-    impl_->answerers->stop();        // every suspended connection resumed
     MHD_stop_daemon(impl_->daemon);  // after the requests being answered
     impl_->daemon = nullptr;
     impl_->deadlines.reset();

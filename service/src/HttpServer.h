@@ -1,6 +1,6 @@
 #pragma once
-// The service's HTTP side: a few libmicrohttpd event loops read requests, and as many threads
-// answer them. A loop keeps a slow or idle client from holding anything but its socket.
+// The service's HTTP side: a few libmicrohttpd event loops read requests and answer them. A loop
+// keeps a slow or idle client from holding anything but its socket.
 
 #include <kestrelvue/service/ReferenceService.h>
 

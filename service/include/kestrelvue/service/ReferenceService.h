@@ -31,7 +31,8 @@ struct ServiceOptions {
     /// and query, status, reply bytes, milliseconds (and for a compressed body the bytes
     /// received and inflated).
     bool accessLog = false;
-    /// Event loops that read connections, and as many threads that answer whole requests.
+    /// Event loops that read connections and answer their requests (storage calls block the
+    /// loop's other connections meanwhile).
     std::size_t workerThreads = 4;
     /// Seconds a connection may stay silent, and seconds a request may take to arrive whole.
     unsigned idleTimeoutSeconds = 10;
