@@ -242,7 +242,7 @@ std::string pack(std::string_view text) {
 }
 
 /// The text of a packed bulk; false when the frame is damaged (a checksum included) or claims
-/// more than any body the service takes.
+/// more text than lz4 makes of its bytes (at most 255 a byte), which is not made room for.
 bool unpack(std::string_view packed, std::string& text) {
     LZ4F_dctx* made = nullptr;
     if (LZ4F_isError(LZ4F_createDecompressionContext(&made, LZ4F_VERSION))) return false;
@@ -251,7 +251,7 @@ bool unpack(std::string_view packed, std::string& text) {
     LZ4F_frameInfo_t frame = LZ4F_INIT_FRAMEINFO;
     std::size_t head = packed.size();
     if (LZ4F_isError(LZ4F_getFrameInfo(made, &frame, packed.data(), &head)) ||
-        frame.contentSize > (1ull << 30))
+        frame.contentSize > 255 * packed.size())
         return false;
     text.resize(frame.contentSize);
     std::size_t written = text.size(), read = packed.size() - head;
