@@ -4,7 +4,7 @@
 set -euo pipefail
 packages=(g++ cmake make pkg-config libcurl4-openssl-dev libsimdjson-dev nlohmann-json3-dev
           libcpp-httplib-dev libgeographiclib-dev libsqlite3-dev libssl-dev libcli11-dev
-          zlib1g-dev libgps-dev libexpat1-dev libmicrohttpd-dev)
+          zlib1g-dev libgps-dev libexpat1-dev libmicrohttpd-dev liblz4-dev)
 if [ "${1:-}" != --tool ]; then
   packages+=(git python3 libgtest-dev libgmock-dev libbenchmark-dev locales ccache clang
              libclang-rt-14-dev clang-format clang-tidy gpsd gpsd-clients util-linux)

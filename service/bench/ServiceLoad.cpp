@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -28,16 +29,33 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// One record in the library's motion text layout, 39 comma-terminated fields.
+/// A value in [-1, 1] for a record's field, as if measured: a text of the same few values
+/// compresses far better than a real drive's, and the service stores bulks compressed.
+double noise(int item, int field) {
+    std::uint32_t h =
+        static_cast<std::uint32_t>(item) * 2654435761u ^ static_cast<std::uint32_t>(field) * 40503u;
+    h ^= h >> 15;
+    h *= 2246822519u;
+    h ^= h >> 13;
+    return double(h % 2001) / 1000.0 - 1.0;
+}
+
+// One record in the library's motion text layout, 39 comma-terminated fields; its sensor values
+// vary from record to record, and it compresses a little worse than the example drives do.
 std::string record(int item, int second) {
     char buffer[512];
+    const int minute = second / 60 % 60, speed = 40 + item / 50 % 20;
     std::snprintf(buffer, sizeof buffer,
-                  "  0.012, -0.034,  0.105,  0.002, -0.015,  0.242,  0.123, -0.046,  1.571, "
-                  "-0.012, -0.432, -0.902, , , , , 41.008200, 28.978400,FU,  49,2026-11-16 "
-                  "14:%02d:%02d:250,  47,%7d,2026-11-16 14:%02d:%02d:731,  0.000,  2.500,  0.000,"
-                  "  0.000,  0.000,  0.000,  0.000,  0.000,  0.000,  0.000,  0.125, 87.400,    5, "
-                  "13.500000,FU,;",
-                  second / 60 % 60, second % 60, item, second / 60 % 60, second % 60);
+                  "%7.3f,%7.3f,%7.3f,%7.3f,%7.3f,%7.3f,%7.3f,%7.3f,%7.3f,%7.3f,%7.3f,-1.000, , , , "
+                  ", %9.6f,%10.6f,FU,%4d,2026-11-16 14:%02d:%02d:250,%4d,%7d,2026-11-16 "
+                  "14:%02d:%02d:731,  0.000,  0.000,  0.000,  0.000,  0.000,  0.000,%7.3f,  0.000,"
+                  "  0.000,  0.000,  0.000,%7.3f,    5, %9.6f,FU,;",
+                  noise(item, 0) * 0.2, noise(item, 1) * 0.2, noise(item, 2) * 0.1,
+                  noise(item, 3) * 0.05, noise(item, 4) * 0.05, noise(item, 5) * 0.05,
+                  noise(item, 6) * 0.01, noise(item, 7) * 0.01, 1.047 + item * 1e-4,
+                  noise(item, 8) * 0.01, noise(item, 9) * 0.01, 41.0082 + item * 2e-6,
+                  28.9784 + item * 3e-6, speed, minute, second % 60, speed, item, minute,
+                  second % 60, 0.1 + (item % 97) * 1e-3, 87.4 + (item % 360) * 0.1, item * 0.0139);
     return buffer;
 }
 

@@ -31,10 +31,6 @@ bool sameName(std::string_view a, std::string_view b) {
     return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
-Reply refusal(int status, std::string why) {
-    return {status, "text/plain; charset=utf-8", std::move(why), {}};
-}
-
 std::string addressText(const sockaddr* address) {
     char text[NI_MAXHOST] = {};
     if (address)
@@ -162,24 +158,24 @@ struct HttpServer::Impl {
             if (sameName(key, "Transfer-Encoding")) ++codings;
             if (sameName(key, "Content-Length")) {
                 if (lengths++ > 0 && value != length)
-                    return refusal(400, "conflicting Content-Length headers");
+                    return textReply(400, "conflicting Content-Length headers");
                 length = value;
                 if (value.empty() || value.size() > 19 ||
                     !std::all_of(value.begin(), value.end(),
                                  [](char c) { return c >= '0' && c <= '9'; }))
-                    return refusal(400, "Content-Length is not a decimal number");
+                    return textReply(400, "Content-Length is not a decimal number");
             }
         }
         if (headBytes > kMaxHeadBytes || req.headers.size() > kMaxHeadLines)
-            return refusal(431, "request head too large: at most " + std::to_string(kMaxHeadLines) +
-                                    " header lines and " + std::to_string(kMaxHeadBytes) +
-                                    " bytes");
+            return textReply(431, "request head too large: at most " +
+                                      std::to_string(kMaxHeadLines) + " header lines and " +
+                                      std::to_string(kMaxHeadBytes) + " bytes");
         if (hosts > 1 || (hosts == 0 && std::strcmp(version, MHD_HTTP_VERSION_1_1) == 0))
-            return refusal(400, "an HTTP/1.1 request needs exactly one Host header");
+            return textReply(400, "an HTTP/1.1 request needs exactly one Host header");
         if (codings > 0 && lengths > 0)
-            return refusal(400, "Transfer-Encoding and Content-Length together");
+            return textReply(400, "Transfer-Encoding and Content-Length together");
         if (codings > 1 || (codings == 1 && !sameName(req.header("Transfer-Encoding"), "chunked")))
-            return refusal(501, "only the chunked transfer coding is understood");
+            return textReply(501, "only the chunked transfer coding is understood");
         if (lengths > 0 && std::stoull(length) > options.maxBodyBytes) return bodyTooLarge();
         // The body arrives in pieces of some kilobytes: its room is made once.
         if (lengths > 0) req.body.reserve(std::stoull(length));
@@ -187,7 +183,7 @@ struct HttpServer::Impl {
     }
 
     Reply bodyTooLarge() const {
-        return refusal(
+        return textReply(
             413, "request body larger than " + std::to_string(options.maxBodyBytes) + " bytes");
     }
 
@@ -197,8 +193,8 @@ struct HttpServer::Impl {
         const std::string encoding = req.header("Content-Encoding");
         if (!encoding.empty() && !sameName(encoding, "identity")) {
             if (!sameName(encoding, "gzip")) {
-                ex.reply = refusal(415, "unsupported Content-Encoding \"" + encoding +
-                                            "\": send gzip or identity");
+                ex.reply = textReply(415, "unsupported Content-Encoding \"" + encoding +
+                                              "\": send gzip or identity");
                 return;
             }
             ex.gzip = true;
@@ -212,11 +208,11 @@ struct HttpServer::Impl {
             }
             switch (detail::gunzip(req.body, options.maxBodyBytes, plain)) {
                 case detail::Inflated::TooLarge:
-                    ex.reply = refusal(413, "request body inflates past " +
-                                                std::to_string(options.maxBodyBytes) + " bytes");
+                    ex.reply = textReply(413, "request body inflates past " +
+                                                  std::to_string(options.maxBodyBytes) + " bytes");
                     return;
                 case detail::Inflated::Damaged:
-                    ex.reply = refusal(400, "damaged gzip body");
+                    ex.reply = textReply(400, "damaged gzip body");
                     return;
                 case detail::Inflated::Whole:
                     ex.inflated = plain.size();

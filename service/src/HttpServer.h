@@ -39,6 +39,11 @@ struct Reply {
     Fields headers;
 };
 
+/// A plain-text reply: a refusal and its reason, or a short answer.
+inline Reply textReply(int status, std::string body) {
+    return {.status = status, .body = std::move(body), .headers = {}};
+}
+
 class HttpServer {
 public:
     using Handler = std::function<Reply(Request&)>;

@@ -31,11 +31,6 @@ using detail::namesOf;
 using platform::TimePoint;
 
 constexpr const char* kJson = "application/json; charset=utf-8";
-constexpr const char* kText = "text/plain; charset=utf-8";
-
-Reply text(int status, std::string body) {
-    return Reply{status, kText, std::move(body), {}};
-}
 
 Reply jsonReply(std::string body) {
     return Reply{200, kJson, std::move(body), {}};
@@ -43,7 +38,7 @@ Reply jsonReply(std::string body) {
 
 Reply jsonReply(const Value& value) {
     std::string body;
-    if (!json::writeTo(body, value)) return text(500, "non-finite number in reply");
+    if (!json::writeTo(body, value)) return textReply(500, "non-finite number in reply");
     return jsonReply(std::move(body));
 }
 
@@ -55,25 +50,20 @@ double parseField(std::string_view field) {
 }
 
 /// The route of a long trip, thinned evenly to at most `limit` points; every fault point stays.
-std::vector<MotionRecord> thinned(std::vector<MotionRecord> points, std::size_t limit) {
-    if (points.size() <= limit) return points;
-    std::size_t faults = 0;
-    for (const MotionRecord& p : points) faults += p.hasFault();
-    const std::size_t room = limit > faults ? limit - faults : 0;
-    const std::size_t plain = points.size() - faults;
+std::vector<MotionRecord> thinned(const std::vector<MotionRecord>& points, std::size_t limit) {
+    const auto faults = static_cast<std::size_t>(std::count_if(
+        points.begin(), points.end(), [](const MotionRecord& p) { return p.hasFault(); }));
+    const std::size_t plain = points.size() - faults, room = limit > faults ? limit - faults : 0;
     std::vector<MotionRecord> out;
     std::size_t seen = 0, kept = 0;
     for (const MotionRecord& p : points) {
-        if (p.hasFault()) {
-            out.push_back(p);
-            continue;
+        bool keep = p.hasFault();
+        if (!keep) {
+            // Kept when the even share of the room reaches the next whole point.
+            keep = room > 0 && seen++ * room / plain >= kept;
+            kept += keep;
         }
-        // Keep the plain point when the even share of the room reaches the next whole point.
-        if (room > 0 && (seen * room) / plain >= kept) {
-            out.push_back(p);
-            ++kept;
-        }
-        ++seen;
+        if (keep) out.push_back(p);
     }
     return out;
 }
@@ -199,21 +189,23 @@ Reply getThresholds(State& s, Request&) {
 
 Reply addMotionData(State& s, Request& req) {
     auto bulk = parseMotionBulk(std::move(req.body), false);
-    if (!bulk) return text(400, bulk.error);
-    if (!s.storage->addMotion(*bulk)) return text(500, "the records could not be stored");
+    if (!bulk) return textReply(400, bulk.error);
+    if (!s.storage->addMotion(*bulk)) return textReply(500, "the records could not be stored");
     return jsonReply(std::string("true"));
 }
 
 Reply addDrivingScore(State& s, Request& req) {
     auto row = parseDrivingScore(req.body);
-    if (!row) return text(400, row.error);
-    if (!s.storage->saveDriving(*row)) return text(500, "the trip could not be stored");
+    if (!row) return textReply(400, row.error);
+    if (!s.storage->saveDriving(*row)) return textReply(500, "the trip could not be stored");
     return jsonReply(std::string("true"));
 }
 
 // A long trip's route is thinned to what the library accepts, in points and in bytes.
 Reply getPassedCoordinates(State& s, Request& req) {
-    const std::vector<MotionRecord> all = s.storage->motion(req.tail);
+    const auto stored = s.storage->motion(req.tail);
+    if (!stored) return textReply(500, stored.error);
+    const std::vector<MotionRecord>& all = *stored;
     std::size_t limit = std::min(s.options.maxRoutePoints, all.size());
     for (;;) {
         const std::vector<MotionRecord> points = thinned(all, limit);
@@ -251,7 +243,7 @@ Reply getDriving(State& s, Request& req) {
         for (const auto& [key, field] : tripFields()) {
             body += std::exchange(separator, ',');
             body += key;
-            if (!json::writeTo(body, field(d))) return text(500, "non-finite number in reply");
+            if (!json::writeTo(body, field(d))) return textReply(500, "non-finite number in reply");
         }
         body += '}';
     }
@@ -272,7 +264,7 @@ Reply getWeather(State&, Request& req) {
     const double lat = parseField(req.param("latitude"));
     const double lon = parseField(req.param("longitude"));
     if (std::fabs(lat) > 90 || std::fabs(lon) > 180)
-        return text(400, "latitude must be within ±90 and longitude within ±180");
+        return textReply(400, "latitude must be within ±90 and longitude within ±180");
     // A deterministic stand-in for a weather source: colder away from the equator.
     const double temperature = std::round((28.0 - std::fabs(lat) * 0.4) * 10.0) / 10.0;
     return jsonReply(Object{{"Temperature", temperature}, {"Latitude", lat}, {"Longitude", lon}});
@@ -280,9 +272,9 @@ Reply getWeather(State&, Request& req) {
 
 Reply loginWithToken(State& s, Request& req) {
     auto login = parseLogin(req.body);
-    if (!login) return text(400, login.error);
+    if (!login) return textReply(400, login.error);
     if (const auto wait = s.logins.wait(login->mobile, req.client, s.now()); wait > 0) {
-        Reply refused = text(429, "too many failed logins; try again later");
+        Reply refused = textReply(429, "too many failed logins; try again later");
         refused.headers.emplace_back("Retry-After", std::to_string(wait));
         return refused;
     }
@@ -290,35 +282,35 @@ Reply loginWithToken(State& s, Request& req) {
     if (!user) {
         s.logins.failed(login->mobile, req.client, s.now());
         // The same answer for an unknown number and a wrong token.
-        return text(403, "expired");
+        return textReply(403, "expired");
     }
     return jsonReply(Object{{"Id", user->id}, {"UserTypeId", user->typeId}});
 }
 
 Reply addUser(State& s, Request& req) {
     auto user = parseAddUser(req.body);
-    if (!user) return text(400, user.error);
+    if (!user) return textReply(400, user.error);
     const AddedUser added = s.storage->addUser(*user);
-    if (added.referenceTaken) return text(409, "ReferenceId: held by another account");
-    if (added.id == 0) return text(400, "user not added");
-    return text(200, std::to_string(added.id));
+    if (added.referenceTaken) return textReply(409, "ReferenceId: held by another account");
+    if (added.id == 0) return textReply(400, "user not added");
+    return textReply(200, std::to_string(added.id));
 }
 
 Reply addFriend(State& s, Request& req) {
     auto request = parseAddFriend(req.body);
-    if (!request) return text(400, request.error);
+    if (!request) return textReply(400, request.error);
     if (!s.storage->addFriend(request->referenceId, request->friendReferenceId))
-        return text(404, "Kullanıcı bulunamadı");
-    return text(200, "OK");
+        return textReply(404, "Kullanıcı bulunamadı");
+    return textReply(200, "OK");
 }
 
 Reply getLeaderShip(State& s, Request& req) {
     const std::string rankType = req.param("RankType");
     const auto scope =
         rankType.empty() ? std::optional<std::int64_t>(0) : parsePathInteger(rankType);
-    if (!scope || *scope < 0 || *scope > 3) return text(400, "RankType must be 0, 1, 2 or 3");
+    if (!scope || *scope < 0 || *scope > 3) return textReply(400, "RankType must be 0, 1, 2 or 3");
     auto me = s.storage->user(*parsePathInteger(req.tail));
-    if (!me) return text(404, "Kullanıcı bulunamadı");
+    if (!me) return textReply(404, "Kullanıcı bulunamadı");
     auto rows = s.storage->leaders(*me, static_cast<int>(*scope));
     List list;
     std::int64_t rank = 0;
@@ -338,7 +330,8 @@ Reply getLeaderShip(State& s, Request& req) {
 }
 
 Reply healthz(State& s, Request&) {
-    return s.storage->healthy() ? text(200, "ok") : text(503, "the storage does not answer");
+    return s.storage->healthy() ? textReply(200, "ok")
+                                : textReply(503, "the storage does not answer");
 }
 
 /// The argument after the route's path, or nullopt when the path is not the route's.
@@ -396,19 +389,19 @@ Reply ReferenceService::Impl::route(Request& req) {
         if (req.method == r.method) {
             req.tail = std::string(*tail);
             if (r.tail == Tail::user && !parsePathInteger(req.tail))
-                return text(400, "the path must end in an integer user identifier");
+                return textReply(400, "the path must end in an integer user identifier");
             return r.handle(*this, req);
         }
         allowed += allowed.empty() ? r.method : std::string(", ") + r.method;
     }
-    if (allowed.empty()) return text(404, "no such path");
-    Reply refused = text(405, "method not allowed; use " + allowed);
+    if (allowed.empty()) return textReply(404, "no such path");
+    Reply refused = textReply(405, "method not allowed; use " + allowed);
     refused.headers.emplace_back("Allow", allowed);
     return refused;
 }
 
 bool ReferenceService::Impl::loadBands() {
-    std::string text(shippedBands());
+    std::string text(kShippedBands);
     if (!options.bandsFile.empty()) {
         std::ifstream file(options.bandsFile, std::ios::binary);
         if (!file) {

@@ -2,24 +2,132 @@
 // transaction at a time to a file anyway, and a bulk is one row, so a second connection would
 // only wait for the same lock.
 
+#include <lz4frame.h>
 #include <openssl/crypto.h>
 #include <openssl/rand.h>
 #include <openssl/sha.h>
 #include <sqlite3.h>
 
 #include <array>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <mutex>
 #include <set>
+#include <string>
+#include <string_view>
 #include <utility>
 
-#include "Sqlite.h"
 #include "Storage.h"
 #include "records/EventKinds.h"
 
 namespace kestrelvue::service {
 namespace {
+
+/// Bytes bound or read as a BLOB, not as text.
+struct Blob {
+    std::string_view bytes;
+};
+
+/// A prepared statement that finalises itself, its parameters bound from `values` in order (an
+/// array fills as many). Texts and blobs are not copied: they must outlive the statement.
+class Statement {
+public:
+    template <class... Values>
+    Statement(sqlite3* db, std::string_view sql, const Values&... values) {
+        sqlite3_prepare_v2(db, sql.data(), static_cast<int>(sql.size()), &stmt_, nullptr);
+        [[maybe_unused]] int i = 1;
+        (bind(i, values), ...);
+    }
+    ~Statement() { sqlite3_finalize(stmt_); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    /// The current row's columns into `out`, in order, as the constructor binds them.
+    template <class... Out>
+    void read(Out&... out) {
+        [[maybe_unused]] int c = 0;
+        (get(c, out), ...);
+    }
+    bool step() { return stmt_ && sqlite3_step(stmt_) == SQLITE_ROW; }
+    bool run() { return stmt_ && sqlite3_step(stmt_) == SQLITE_DONE; }
+    std::int64_t integer(int c) { return sqlite3_column_int64(stmt_, c); }
+    double real(int c) { return sqlite3_column_double(stmt_, c); }
+    std::string text(int c) {
+        const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, c));
+        return p ? std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c))) : "";
+    }
+    /// A BLOB column's bytes (empty for NULL), valid until the next step.
+    Blob blob(int c) {
+        const auto* p = static_cast<const char*>(sqlite3_column_blob(stmt_, c));
+        return {p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c)))
+                  : std::string_view()};
+    }
+
+private:
+    void bind(int& i, std::int64_t v) { sqlite3_bind_int64(stmt_, i++, v); }
+    void bind(int& i, double v) { sqlite3_bind_double(stmt_, i++, v); }
+    void bind(int& i, std::string_view v) {
+        sqlite3_bind_text64(stmt_, i++, v.data(), v.size(), SQLITE_STATIC, SQLITE_UTF8);
+    }
+    void bind(int& i, Blob v) {
+        sqlite3_bind_blob64(stmt_, i++, v.bytes.data(), v.bytes.size(), SQLITE_STATIC);
+    }
+    void get(int& c, std::int64_t& v) { v = integer(c++); }
+    void get(int& c, double& v) { v = real(c++); }
+    void get(int& c, std::string& v) { v = text(c++); }
+    template <class T, std::size_t N>
+    void bind(int& i, const std::array<T, N>& values) {
+        for (const T& v : values) bind(i, v);
+    }
+    template <class T, std::size_t N>
+    void get(int& c, std::array<T, N>& out) {
+        for (T& v : out) get(c, v);
+    }
+
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
+/// Runs `sql`; false with SQLite's message in `error` when it fails.
+bool execute(sqlite3* db, const std::string& sql, std::string& error) {
+    char* message = nullptr;
+    if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
+        error = message ? message : "SQLite error";
+        sqlite3_free(message);
+        return false;
+    }
+    return true;
+}
+
+/// Runs `sql` when it can (a clean-up, or a change that may have been made before).
+void tryExecute(sqlite3* db, const std::string& sql) {
+    std::string ignored;
+    execute(db, sql, ignored);
+}
+
+/// Opens `path` for one thread at a time (the caller serialises its use). A lock another process
+/// holds (a backup, say) is waited for up to five seconds.
+bool openConnection(const std::string& path, sqlite3*& db, std::string& error) {
+    if (sqlite3_open_v2(path.c_str(), &db,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                        nullptr) != SQLITE_OK) {
+        error = "cannot open database " + path + ": " + sqlite3_errmsg(db);
+        return false;
+    }
+    sqlite3_busy_timeout(db, 5000);
+    // Larger pages for a new file: a bulk writes a quarter as many to the log. With the log a
+    // commit survives a crash of the service (a power loss may undo the last ones); copying it
+    // back at 4 MB, twice as often as SQLite's default, halves each wait for the copy.
+    if (!execute(
+            db,
+            "PRAGMA page_size = 16384; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; "
+            "PRAGMA wal_autocheckpoint = 256",
+            error)) {
+        error = "cannot open database " + path + ": " + error;
+        return false;
+    }
+    return true;
+}
 
 /// "KVSD": marks a file as this service's database.
 constexpr std::int64_t kApplicationId = 0x4B565344;
@@ -87,7 +195,11 @@ std::string renamesOfKinds() {
 
 /// Later changes of the schema, each run once, in order: the first makes version 2 of a file at
 /// version 1, and so on. A file's `user_version` is the version it has.
-constexpr std::array<std::string_view, 0> kLaterMigrations{};
+constexpr std::array<std::string_view, 1> kLaterMigrations{
+    // A bulk's text compressed (lz4), a fifth of its bytes through the log and the file. Rows
+    // stored before keep their text as it was, with no motion_lz4: nothing is rewritten.
+    "ALTER TABLE motion_bulks ADD COLUMN motion_lz4 BLOB",
+};
 constexpr int kVersion = 1 + static_cast<int>(kLaterMigrations.size());
 
 std::string hex(const unsigned char* bytes, std::size_t n) {
@@ -114,6 +226,38 @@ bool hasTable(sqlite3* db, const char* schema, const char* table) {
     const std::string sql =
         std::string("SELECT 1 FROM ") + schema + ".sqlite_master WHERE type = 'table' AND name = ?";
     return Statement(db, sql, std::string_view(table)).step();
+}
+
+/// A bulk's text as stored: an lz4 frame that carries its size and a checksum of each block.
+/// Empty when it cannot be made.
+std::string pack(std::string_view text) {
+    LZ4F_preferences_t prefs = LZ4F_INIT_PREFERENCES;
+    prefs.frameInfo.contentSize = text.size();
+    prefs.frameInfo.blockChecksumFlag = LZ4F_blockChecksumEnabled;
+    std::string packed(LZ4F_compressFrameBound(text.size(), &prefs), '\0');
+    const std::size_t n =
+        LZ4F_compressFrame(packed.data(), packed.size(), text.data(), text.size(), &prefs);
+    packed.resize(LZ4F_isError(n) ? 0 : n);
+    return packed;
+}
+
+/// The text of a packed bulk; false when the frame is damaged (a checksum included) or claims
+/// more text than lz4 makes of its bytes (at most 255 a byte), which is not made room for.
+bool unpack(std::string_view packed, std::string& text) {
+    LZ4F_dctx* made = nullptr;
+    if (LZ4F_isError(LZ4F_createDecompressionContext(&made, LZ4F_VERSION))) return false;
+    const std::unique_ptr<LZ4F_dctx, decltype(&LZ4F_freeDecompressionContext)> context(
+        made, &LZ4F_freeDecompressionContext);
+    LZ4F_frameInfo_t frame = LZ4F_INIT_FRAMEINFO;
+    std::size_t head = packed.size();
+    if (LZ4F_isError(LZ4F_getFrameInfo(made, &frame, packed.data(), &head)) ||
+        frame.contentSize > 255 * packed.size())
+        return false;
+    text.resize(frame.contentSize);
+    std::size_t written = text.size(), read = packed.size() - head;
+    const std::size_t left =
+        LZ4F_decompress(made, text.data(), &written, packed.data() + head, &read, nullptr);
+    return left == 0 && written == text.size() && head + read == packed.size();
 }
 
 std::int64_t pragma(sqlite3* db, const char* name) {
@@ -159,32 +303,45 @@ public:
         const std::string key =
             std::to_string(first.itemId) + " " + std::string(first.recordTimeText()) + " " +
             std::to_string(last.itemId) + " " + std::string(last.recordTimeText());
+        const std::string packed = pack(bulk.text);  // before the lock
+        if (packed.empty()) return std::nullopt;
         std::lock_guard lock(mutex_);
         Statement q(db_,
                     "INSERT OR IGNORE INTO motion_bulks(trip, user_id, first_and_last, records, "
-                    "motion_text) VALUES (?, ?, ?, ?, ?)",
-                    bulk.guid, bulk.userID, key, static_cast<std::int64_t>(bulk.count), bulk.text);
+                    "motion_text, motion_lz4) VALUES (?, ?, ?, ?, '', ?)",
+                    bulk.guid, bulk.userID, key, static_cast<std::int64_t>(bulk.count),
+                    Blob{packed});
         if (!q.run()) return std::nullopt;
         return sqlite3_changes(db_) ? bulk.count : 0;
     }
 
-    std::vector<MotionRecord> motion(const std::string& guid) override {
-        std::vector<std::string> texts;
+    Result<std::vector<MotionRecord>> motion(const std::string& guid) override {
+        std::vector<std::pair<std::string, std::string>> stored;  // plain text or packed
         {
             std::lock_guard lock(mutex_);
-            Statement q(db_, "SELECT motion_text FROM motion_bulks WHERE trip = ? ORDER BY id",
+            Statement q(db_,
+                        "SELECT motion_text, motion_lz4 FROM motion_bulks WHERE trip = ? ORDER "
+                        "BY id",
                         guid);
-            while (q.step()) texts.push_back(q.text(0));
+            while (q.step()) stored.emplace_back(q.text(0), q.blob(1).bytes);
         }
         std::vector<MotionRecord> records;
         std::set<std::pair<std::int64_t, RecordTime>> seen;
-        for (const std::string& text : texts) {
+        std::string unpacked;
+        for (std::size_t i = 0; i < stored.size(); ++i) {
+            const auto& [plain, packed] = stored[i];
+            const std::string damaged = "bulk " + std::to_string(i + 1) + " of trip " + guid +
+                                        " is damaged in the database";
+            if (!packed.empty() && !unpack(packed, unpacked))
+                return Result<std::vector<MotionRecord>>::failure(damaged);
             // As it was stored: an earlier file's records may hold what is refused today.
-            auto parsed = detail::parseMotionText(text, false);
-            if (!parsed) continue;
-            for (MotionRecord& r : *parsed) {
-                if (seen.emplace(r.itemId, r.recordTime).second) records.push_back(r);
-            }
+            auto read = detail::readMotionText(packed.empty() ? plain : unpacked, false,
+                                               [&](const MotionRecord& r) {
+                                                   if (seen.emplace(r.itemId, r.recordTime).second)
+                                                       records.push_back(r);
+                                               });
+            if (!read)
+                return Result<std::vector<MotionRecord>>::failure(damaged + ": " + read.error);
         }
         return records;
     }

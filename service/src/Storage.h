@@ -27,8 +27,9 @@ public:
     /// lost) stores nothing. The number of records stored, or nullopt when the store failed.
     virtual std::optional<std::size_t> addMotion(const MotionBulk& bulk) = 0;
     /// A trip's records in the order they arrived, each key (running number and record time)
-    /// once: bulks that overlap keep their first copy.
-    virtual std::vector<MotionRecord> motion(const std::string& guid) = 0;
+    /// once: bulks that overlap keep their first copy. Fails, saying which bulk, when a stored
+    /// bulk cannot be read back.
+    virtual Result<std::vector<MotionRecord>> motion(const std::string& guid) = 0;
 
     /// Stores a trip record, replacing one of the same trip. False when the store failed.
     virtual bool saveDriving(const DrivingRow& row) = 0;

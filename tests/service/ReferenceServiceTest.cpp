@@ -168,7 +168,7 @@ TEST(ServiceStorage, KeepsEveryFieldOfEveryRecord) {
     auto bulk = service::parseMotionBulk(bulkBody("T", text));
     ASSERT_TRUE(bulk) << bulk.error;
     ASSERT_EQ(storage->addMotion(*bulk), 2u);
-    const auto stored = storage->motion("T");
+    const auto stored = *storage->motion("T");
     std::string again;
     for (const auto& r : stored) detail::appendMotionText(again, r);
     EXPECT_EQ(again, text);
@@ -273,14 +273,14 @@ TEST(ServiceStorage, FourFilesAreUpgradedIntoOne) {
     auto storage = service::openSqliteStorage(db, error);
     ASSERT_TRUE(storage) << error;
     for (int k = 0; k < 4; ++k) {
-        const auto records = storage->motion("TRIP-" + std::to_string((k + 1) % 4));
+        const auto records = *storage->motion("TRIP-" + std::to_string((k + 1) % 4));
         ASSERT_EQ(records.size(), 5u) << k;
         for (std::size_t n = 0; n < 5; ++n) {
             EXPECT_NEAR(records[n].latitude, 41 + k + double(n + 1) * 1e-4, 1e-9);
             EXPECT_EQ(records[n].penalty[2] + records[n].itemId, double((n + 1) % 2 + n + 1));
         }
     }
-    EXPECT_EQ(storage->motion("OLD").at(0).latitude, 95);
+    EXPECT_EQ(storage->motion("OLD")->at(0).latitude, 95);
     EXPECT_EQ(storage->drivings(7).at(0).score, 91.5);
     EXPECT_TRUE(storage->addUser({.referenceId = "REF-2", .firstName = "X"}).referenceTaken);
     for (const char* side : {".motion-1", ".motion-2", ".motion-3"})
@@ -290,7 +290,8 @@ TEST(ServiceStorage, FourFilesAreUpgradedIntoOne) {
 }
 
 // /healthz speaks for the storage: once the database no longer answers the service's queries (a
-// table dropped behind its back), it answers 503.
+// table dropped behind its back), it answers 503. A bulk damaged behind its back (cut, a byte
+// changed, not compressed, plain text that is no records) makes its route a 500 that says so.
 TEST(ReferenceServiceLifecycle, StopsRightAfterStartingAndHealthzFollowsTheStorage) {
     for (int i = 0; i < 20; ++i) ASSERT_TRUE(service::ReferenceService({}).start());
     const std::string db = ::testing::TempDir() + "kv-health-" + std::to_string(::getpid());
@@ -300,6 +301,25 @@ TEST(ReferenceServiceLifecycle, StopsRightAfterStartingAndHealthzFollowsTheStora
     EXPECT_EQ(client.Get("/healthz")->status, 200);
     sqlite3* f = nullptr;
     ASSERT_EQ(sqlite3_open(db.c_str(), &f), SQLITE_OK);
+    const char* damages[] = {
+        "motion_lz4 = substr(motion_lz4, 1, 30)",
+        "motion_lz4 = substr(motion_lz4, 1, 40) || x'ff' || substr(motion_lz4, 42)",
+        "motion_lz4 = CAST('  0.012, -0.034,' AS BLOB)", "motion_lz4 = NULL, motion_text = 'x,;'"};
+    for (std::size_t i = 0; i < std::size(damages); ++i) {
+        const std::string trip = "D" + std::to_string(i), damage = damages[i];
+        ASSERT_EQ(client
+                      .Post("/api/Driving/addMotionData",
+                            bulkBody(trip, motionRecord(41, 29, 0, 0)), "application/json")
+                      ->status,
+                  200);
+        std::string sql = "UPDATE motion_bulks SET ";
+        sql.append(damage).append(" WHERE trip = '").append(trip).append("'");
+        ASSERT_EQ(sqlite3_exec(f, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+        auto route = client.Get("/api/Driving/getPassedCoordinates/" + trip);
+        EXPECT_EQ(route->status, 500) << damage;
+        EXPECT_NE(route->body.find("bulk 1 of trip " + trip + " is damaged"), std::string::npos)
+            << route->body;
+    }
     EXPECT_EQ(sqlite3_exec(f, "DROP TABLE motion_bulks", nullptr, nullptr, nullptr), SQLITE_OK);
     sqlite3_close(f);
     EXPECT_EQ(client.Get("/healthz")->status, 503);
@@ -336,7 +356,7 @@ TEST(ServiceStorage, BulksFromFourClientsAtOnceAreAllStored) {
     std::string error;
     auto storage = service::openSqliteStorage(db, error);
     ASSERT_TRUE(storage) << error;
-    EXPECT_EQ(storage->motion("C3-39").size(), std::size_t(kRecords));
+    EXPECT_EQ(storage->motion("C3-39")->size(), std::size_t(kRecords));
     storage.reset();
     for (const char* suffix : {"", "-wal", "-shm"}) std::remove((db + suffix).c_str());
 }
