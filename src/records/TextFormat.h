@@ -123,13 +123,14 @@ template <int precision>
 }
 
 /// round(a * 10^precision) for a finite, non-negative a below 1e12 given by its bits, to nearest
-/// with exact ties to even, as glibc rounds.
+/// with exact ties to even, as glibc rounds: the exact way, for every such a.
 ///
 /// a = m * 2^-s, so a * 10^p = N * 2^-s with N = m * 10^p an exact integer. The rounding step is
 /// arithmetic, not a branch: its direction is a coin toss for measured values, and a mispredicted
-/// jump per field cost more than the rest of the field.
+/// jump per field cost more than the rest of the field. Out of line: only a product that is a
+/// half-integer as a double, or one beyond 2^51, comes here (scaledRounded).
 template <int precision>
-[[gnu::always_inline]] inline std::uint64_t scaledRounded(std::uint64_t bits) {
+[[gnu::noinline, gnu::cold]] inline std::uint64_t exactScaledRounded(std::uint64_t bits) {
     const int biased = static_cast<int>(bits >> 52);
     std::uint64_t m = bits & ((1ull << 52) - 1);
     int s;  // a = m * 2^-s; s >= 13 below 1e12
@@ -158,6 +159,29 @@ template <int precision>
     }
 }
 
+/// round(y) to nearest, ties to even, for 0 <= y < 2^51, into `q`; false when y is a
+/// half-integer.
+///
+/// Where y = a * 10^p was rounded once from the exact product, q is that product's rounding too,
+/// unless false: a half-integer k + 1/2 is a double, so a product on one side of it cannot round
+/// to the other side, only onto it. Adding 2^52 rounds y to an integer in its low bits.
+[[gnu::always_inline]] inline bool roundUnlessHalf(double y, std::uint64_t& q) {
+    const double shifted = y + 0x1p52;
+    q = std::bit_cast<std::uint64_t>(shifted) & ((1ull << 52) - 1);
+    return std::fabs(y - (shifted - 0x1p52)) < 0.5;
+}
+
+/// exactScaledRounded of a finite, non-negative a below 1e12, mostly in a few double operations
+/// (the rare half-integer product takes the exact way).
+template <int precision>
+[[gnu::always_inline]] inline std::uint64_t scaledRounded(double a) {
+    const double y = a * static_cast<double>(kPow10[precision]);
+    std::uint64_t q;
+    if (y < 0x1p51 && roundUnlessHalf(y, q)) [[likely]]
+        return q;
+    return exactScaledRounded<precision>(std::bit_cast<std::uint64_t>(a));
+}
+
 /// printf("%*.*f") of v, or "% *.*f" when `spaceSign`. Precision 0..6, width 0..16. `out` needs
 /// room for kMaxFixedLength bytes (blanks may be written past the returned end). Returns the end
 /// of the text.
@@ -177,7 +201,7 @@ template <int precision, bool spaceSign>
         return padRight(out, sign, std::isnan(v) ? "nan" : "inf", 3, width);
     const double a = std::fabs(v);
     if (a < 1e12) {
-        const std::uint64_t q = scaledRounded<precision>(std::bit_cast<std::uint64_t>(a));
+        const std::uint64_t q = scaledRounded<precision>(a);
         constexpr std::uint64_t scale = kPow10[precision];
         const std::uint64_t whole = q / scale;
         constexpr int fraction = precision > 0 ? precision + 1 : 0;
@@ -222,16 +246,12 @@ inline constexpr SmallQuantityFields kSmallQuantityFields;
 /// such value is below ten, and its field is then one copy from a table with the sign put in:
 /// no digit is worked out, and the rounding is formatFixed's own.
 [[gnu::always_inline]] inline char* formatQuantityField(char* out, double v) {
-    const auto bits = std::bit_cast<std::uint64_t>(v);
-    const std::uint64_t magnitude = bits & ~(1ull << 63);
-    // Compared as integers: NaN and the infinities lie above every finite bit pattern.
-    if (magnitude < std::bit_cast<std::uint64_t>(10.0)) [[likely]] {
-        const std::uint64_t q = scaledRounded<3>(magnitude);
-        if (q < 10000) [[likely]] {
-            std::memcpy(out, kSmallQuantityFields.text[q], 8);
-            out[1] = static_cast<char>(' ' + ('-' - ' ') * static_cast<int>(bits >> 63));
-            return out + 8;
-        }
+    const double y = std::fabs(v) * 1000.0;
+    std::uint64_t q;
+    if (y < 9999.5 && roundUnlessHalf(y, q)) [[likely]] {  // false for NaN
+        std::memcpy(out, kSmallQuantityFields.text[q], 8);
+        out[1] = std::signbit(v) ? '-' : ' ';
+        return out + 8;
     }
     out = formatFixed<3, false>(out, v, 7);
     *out = ',';
@@ -264,19 +284,14 @@ inline constexpr RightAlignedWholes kRightAlignedWholes;
 template <int width>
 [[gnu::always_inline]] inline char* formatWholeField(char* out, double v) {
     static_assert(width >= 4 && width <= 8);
-    const auto bits = std::bit_cast<std::uint64_t>(v);
-    const std::uint64_t magnitude = bits & ~(1ull << 63);
-    if (magnitude < std::bit_cast<std::uint64_t>(1000.0)) [[likely]] {
-        const std::uint64_t q = scaledRounded<0>(magnitude);
-        if (q < 1000) [[likely]] {
-            std::memset(out, ' ', 8);
-            std::memcpy(out + width - 4, kRightAlignedWholes.text[q], 4);
-            const int digits = 1 + (q >= 10 ? 1 : 0) + (q >= 100 ? 1 : 0);
-            out[width - 1 - digits] =
-                static_cast<char>(' ' + ('-' - ' ') * static_cast<int>(bits >> 63));
-            out[width] = ',';
-            return out + width + 1;
-        }
+    std::uint64_t q;
+    if (std::fabs(v) < 999.5 && roundUnlessHalf(std::fabs(v), q)) [[likely]] {  // false for NaN
+        std::memset(out, ' ', 8);
+        std::memcpy(out + width - 4, kRightAlignedWholes.text[q], 4);
+        const int digits = 1 + (q >= 10 ? 1 : 0) + (q >= 100 ? 1 : 0);
+        out[width - 1 - digits] = std::signbit(v) ? '-' : ' ';
+        out[width] = ',';
+        return out + width + 1;
     }
     out = formatFixed<0, true>(out, v, width);
     *out = ',';
