@@ -194,11 +194,9 @@ struct Settings {
     }
 };
 
-/// What the detectors found in one sample: the record of what it was charged, and the rates the
-/// host is shown.
-struct Judgement {
-    FaultItem fault;
-    double corneringRate = 0, speedingRate = 0, brakingRate = 0, elevatingRate = 0;
+/// The rates the detectors measured in one sample, as the host is shown them.
+struct SampleRates {
+    double cornering = 0, speeding = 0, braking = 0, elevating = 0;
 };
 
 /// The detectors' state, which carries over from one sample into the next and from one trip into
@@ -210,21 +208,12 @@ struct Evaluator {
     std::int64_t eventCount = 0;
     LaneChangingData laneChangingItems;
 
-    /// Stores the finding and counts it in its kind's total and in eventCount; `none` is stored,
-    /// not counted. Inline: four times a sample.
-    void setFaultType(FaultTypes value, PenaltyTotals& totals) {
-        faultType = value;
-        if (const auto kind = kindOf(value)) {
-            ++totals[*kind].count;
-            ++eventCount;
-        }
-    }
-
     /// Every detector looks at the sample; each finding is counted and, with a direction, charged
-    /// to its kind in `totals`. The last finding stays as the fault type. Inline, and defined in
+    /// to its kind in `totals` and in `fault`, the sample's record (blank on entry: only what is
+    /// charged is written). The last finding stays as the fault type. Inline, and defined in
     /// Evaluation.cpp, the one place it is called.
-    inline Judgement judge(const Vector3& rotationRate, const Vector3& userAcceleration,
-                           const Settings& settings, PenaltyTotals& totals);
+    inline SampleRates judge(const Vector3& rotationRate, const Vector3& userAcceleration,
+                             const Settings& settings, PenaltyTotals& totals, FaultItem& fault);
 };
 
 /// {"UserID":..,"DrivingGuid":"..","MotionStr":"..","AppVersion":".." or null}, compact, written by
