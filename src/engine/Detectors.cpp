@@ -18,8 +18,8 @@ bool oppositeSigns(double a, double b) {
 
 }  // namespace
 
-Finding checkSharpLaneChanging(LaneChangingData& state, int orientation, double r,
-                               const LaneChangeSettings& settings, const ThresholdList& levels) {
+Finding laneChangeStep(LaneChangingData& state, int orientation, double r,
+                       const LaneChangeSettings& settings, const ThresholdList& levels) {
     Finding result;
     bool add = false;
     bool finish = false;

@@ -107,9 +107,21 @@ struct LaneChangeSettings {
     double updateInterval = 0.5;  // seconds per sample
 };
 
-/// One sample's step of the lane-change state machine over the yaw rate `rotationZ`.
-Finding checkSharpLaneChanging(LaneChangingData& state, int orientation, double rotationZ,
-                               const LaneChangeSettings& settings, const ThresholdList& levels);
+/// The lane-change state machine's step for a sample that moves it: a manoeuvre under way, or
+/// a clear yaw while lying flat that may start one.
+Finding laneChangeStep(LaneChangingData& state, int orientation, double rotationZ,
+                       const LaneChangeSettings& settings, const ThresholdList& levels);
+
+/// One sample's step of the lane-change state machine over the yaw rate `rotationZ`. Idle
+/// without a clear yaw while lying flat, as most samples are, nothing moves: that test is inlined
+/// into the caller, the step itself is not.
+inline Finding checkSharpLaneChanging(LaneChangingData& state, int orientation, double rotationZ,
+                                      const LaneChangeSettings& settings,
+                                      const ThresholdList& levels) {
+    const bool flat = orientation == kFaceUp || orientation == kFaceDown;
+    if (state.index == 0 && !(flat && (rotationZ > 1.0 || rotationZ < -1.0))) return {};
+    return laneChangeStep(state, orientation, rotationZ, settings, levels);
+}
 
 /// The elapsed trip time as the host shows it: "1 saat 5 dk 3 sn", each part only when it is
 /// not zero; empty when the time is unknown.

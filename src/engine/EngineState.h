@@ -26,28 +26,6 @@
 
 namespace kestrelvue::detail {
 
-/// The kind a finding counts for; nullopt for `none`. Inline: it runs several times a sample.
-constexpr std::optional<EventKind> kindOf(FaultTypes finding) {
-    switch (finding) {
-        case FaultTypes::sharpCorneringRight:
-        case FaultTypes::sharpCorneringLeft:
-            return EventKind::cornering;
-        case FaultTypes::sharpElevatingUp:
-        case FaultTypes::sharpElevatingDown:
-            return EventKind::elevating;
-        case FaultTypes::sharpSpeeding:
-            return EventKind::speeding;
-        case FaultTypes::sharpBraking:
-            return EventKind::braking;
-        case FaultTypes::sharpLaneChangingRight:
-        case FaultTypes::sharpLaneChangingLeft:
-            return EventKind::laneChanging;
-        case FaultTypes::none:
-            break;
-    }
-    return std::nullopt;
-}
-
 struct KindTotals {
     std::int64_t count = 0;
     double penalty = 0;

@@ -122,25 +122,24 @@ void fill(const std::array<Value*, kShowMotionDataKeys.size()>& entries,
         checkSharpLaneChanging(laneChangingItems, orientation, rotationRate.z,
                                settings.laneChange(), settings.level(EventKind::laneChanging));
 
-    const Finding speedingOrBraking{
-        speeding.finding,
-        speeding.finding == FaultTypes::sharpBraking ? speeding.brakingRate : speeding.speedingRate,
-        speeding.impact, speeding.isPerKM};
-    // One finding after another: a loop over their addresses kept them in memory.
-    const auto record = [&](const Finding& f) {
-        const auto kind = kindOf(f.finding);
-        if (!kind) return;
-        ++totals[*kind].count;
+    // Each detector finds its own kind (or nothing), so each finding is charged to a kind known
+    // here, one after another: looked up, and looped over by address, they stayed in memory.
+    const auto record = [&](const Finding& f, EventKind kind) {
+        if (f.finding == FaultTypes::none) return;
+        KindTotals& total = totals[kind];
+        ++total.count;
         ++eventCount;
-        const FaultFields& field = kFaultFields[static_cast<std::size_t>(*kind)];
+        const FaultFields& field = kFaultFields[static_cast<std::size_t>(kind)];
         fault.*field.direction = directionCharacter(f.finding);
-        charge(f.rate * f.impact * ui, f.isPerKM, totals[*kind], fault.*field.penalty,
-               fault.*field.perKM);
+        charge(f.rate * f.impact * ui, f.isPerKM, total, fault.*field.penalty, fault.*field.perKM);
     };
-    record(cornering);
-    record(elevating);
-    record(speedingOrBraking);
-    record(lane);
+    record(cornering, EventKind::cornering);
+    record(elevating, EventKind::elevating);
+    const bool braking = speeding.finding == FaultTypes::sharpBraking;
+    record({speeding.finding, braking ? speeding.brakingRate : speeding.speedingRate,
+            speeding.impact, speeding.isPerKM},
+           braking ? EventKind::braking : EventKind::speeding);
+    record(lane, EventKind::laneChanging);
     faultType = lane.finding;  // the last finding stays
     if (fuelRate > 0) {
         fault.fuelEfficiencyPenaltyPerKM = fuelRate * ui;
