@@ -95,6 +95,7 @@ inline double checkFuelEfficiency(int orientation, const Vector3& userAccelerati
                                   const ThresholdList& levels) {
     const double ay = userAcceleration.y;
     const double v = orientation == kFaceUp && ay < 0 ? std::fabs(ay) : 0.0;
+    if (v == 0) return 0.0;  // what any band gives it: not looked up (half the samples)
     // The band only gates: its impact and flag are not passed on.
     return thresholdImpactFor(v, levels).impact > 0 ? v : 0.0;
 }
