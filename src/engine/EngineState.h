@@ -26,28 +26,6 @@
 
 namespace kestrelvue::detail {
 
-/// The kind a finding counts for; nullopt for `none`. Inline: it runs several times a sample.
-constexpr std::optional<EventKind> kindOf(FaultTypes finding) {
-    switch (finding) {
-        case FaultTypes::sharpCorneringRight:
-        case FaultTypes::sharpCorneringLeft:
-            return EventKind::cornering;
-        case FaultTypes::sharpElevatingUp:
-        case FaultTypes::sharpElevatingDown:
-            return EventKind::elevating;
-        case FaultTypes::sharpSpeeding:
-            return EventKind::speeding;
-        case FaultTypes::sharpBraking:
-            return EventKind::braking;
-        case FaultTypes::sharpLaneChangingRight:
-        case FaultTypes::sharpLaneChangingLeft:
-            return EventKind::laneChanging;
-        case FaultTypes::none:
-            break;
-    }
-    return std::nullopt;
-}
-
 struct KindTotals {
     std::int64_t count = 0;
     double penalty = 0;
@@ -194,11 +172,9 @@ struct Settings {
     }
 };
 
-/// What the detectors found in one sample: the record of what it was charged, and the rates the
-/// host is shown.
-struct Judgement {
-    FaultItem fault;
-    double corneringRate = 0, speedingRate = 0, brakingRate = 0, elevatingRate = 0;
+/// The rates the detectors measured in one sample, as the host is shown them.
+struct SampleRates {
+    double cornering = 0, speeding = 0, braking = 0, elevating = 0;
 };
 
 /// The detectors' state, which carries over from one sample into the next and from one trip into
@@ -210,21 +186,12 @@ struct Evaluator {
     std::int64_t eventCount = 0;
     LaneChangingData laneChangingItems;
 
-    /// Stores the finding and counts it in its kind's total and in eventCount; `none` is stored,
-    /// not counted. Inline: four times a sample.
-    void setFaultType(FaultTypes value, PenaltyTotals& totals) {
-        faultType = value;
-        if (const auto kind = kindOf(value)) {
-            ++totals[*kind].count;
-            ++eventCount;
-        }
-    }
-
     /// Every detector looks at the sample; each finding is counted and, with a direction, charged
-    /// to its kind in `totals`. The last finding stays as the fault type. Inline, and defined in
+    /// to its kind in `totals` and in `fault`, the sample's record (blank on entry: only what is
+    /// charged is written). The last finding stays as the fault type. Inline, and defined in
     /// Evaluation.cpp, the one place it is called.
-    inline Judgement judge(const Vector3& rotationRate, const Vector3& userAcceleration,
-                           const Settings& settings, PenaltyTotals& totals);
+    inline SampleRates judge(const Vector3& rotationRate, const Vector3& userAcceleration,
+                             const Settings& settings, PenaltyTotals& totals, FaultItem& fault);
 };
 
 /// {"UserID":..,"DrivingGuid":"..","MotionStr":"..","AppVersion":".." or null}, compact, written by

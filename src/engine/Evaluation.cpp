@@ -101,10 +101,11 @@ void fill(const std::array<Value*, kShowMotionDataKeys.size()>& entries,
 // The evaluator's loop and the recording step are parts of one per-sample path and are inlined
 // into it: as calls, with the judgement returned through memory, they cost a fifth of a sample's
 // evaluation.
-[[gnu::always_inline]] detail::Judgement detail::Evaluator::judge(const Vector3& rotationRate,
-                                                                  const Vector3& userAcceleration,
-                                                                  const Settings& settings,
-                                                                  PenaltyTotals& totals) {
+[[gnu::always_inline]] detail::SampleRates detail::Evaluator::judge(const Vector3& rotationRate,
+                                                                    const Vector3& userAcceleration,
+                                                                    const Settings& settings,
+                                                                    PenaltyTotals& totals,
+                                                                    FaultItem& fault) {
     const int orientation = deviceOrientation;
     const double ui = settings.updateInterval;
 
@@ -121,28 +122,30 @@ void fill(const std::array<Value*, kShowMotionDataKeys.size()>& entries,
         checkSharpLaneChanging(laneChangingItems, orientation, rotationRate.z,
                                settings.laneChange(), settings.level(EventKind::laneChanging));
 
-    const Finding speedingOrBraking{
-        speeding.finding,
-        speeding.finding == FaultTypes::sharpBraking ? speeding.brakingRate : speeding.speedingRate,
-        speeding.impact, speeding.isPerKM};
-    const Finding* const findings[] = {&cornering, &elevating, &speedingOrBraking, &lane};
-    Judgement judged{
-        {}, cornering.rate, speeding.speedingRate, speeding.brakingRate, elevating.rate};
-    FaultItem& fault = judged.fault;  // the sample's record of what it was charged
-    for (const Finding* f : findings) {
-        setFaultType(f->finding, totals);
-        const auto kind = kindOf(f->finding);
-        if (!kind) continue;
-        const FaultFields& field = kFaultFields[static_cast<std::size_t>(*kind)];
-        fault.*field.direction = directionCharacter(f->finding);
-        charge(f->rate * f->impact * ui, f->isPerKM, totals[*kind], fault.*field.penalty,
-               fault.*field.perKM);
-    }
+    // Each detector finds its own kind (or nothing), so each finding is charged to a kind known
+    // here, one after another: looked up, and looped over by address, they stayed in memory.
+    const auto record = [&](const Finding& f, EventKind kind) {
+        if (f.finding == FaultTypes::none) return;
+        KindTotals& total = totals[kind];
+        ++total.count;
+        ++eventCount;
+        const FaultFields& field = kFaultFields[static_cast<std::size_t>(kind)];
+        fault.*field.direction = directionCharacter(f.finding);
+        charge(f.rate * f.impact * ui, f.isPerKM, total, fault.*field.penalty, fault.*field.perKM);
+    };
+    record(cornering, EventKind::cornering);
+    record(elevating, EventKind::elevating);
+    const bool braking = speeding.finding == FaultTypes::sharpBraking;
+    record({speeding.finding, braking ? speeding.brakingRate : speeding.speedingRate,
+            speeding.impact, speeding.isPerKM},
+           braking ? EventKind::braking : EventKind::speeding);
+    record(lane, EventKind::laneChanging);
+    faultType = lane.finding;  // the last finding stays
     if (fuelRate > 0) {
         fault.fuelEfficiencyPenaltyPerKM = fuelRate * ui;
         totals.fuelEfficiencyPenaltyPerKM += fault.fuelEfficiencyPenaltyPerKM;
     }
-    return judged;
+    return {cornering.rate, speeding.speedingRate, speeding.brakingRate, elevating.rate};
 }
 
 // What a recorded sample leaves to do once the lock is released.
@@ -222,20 +225,21 @@ void DrivingInsight::Impl::evaluate(const SampleAdmission* admission, std::int64
         effects.geocodeStart = here;
     }
 
+    // The record is made blank and charged in place: a charge built apart was zeroed first and
+    // copied in after.
+    static constexpr FaultItem kNothingCharged{};
     const int orientation = evaluator.deviceOrientation;
-    const detail::Judgement judged =
-        evaluator.judge(rotationRate, userAcceleration, settings, trip.totals);
-    const FaultItem& fault = judged.fault;
-
-    uploader.buffer.motionDataArray.emplace_back(
-        motionId, userAcceleration, rotationRate, attitude, gravity, here, fault, env_.clock->now(),
-        evaluator.deviceOrientationGiven, orientation, speedAtSample);
+    MotionDataItem& record = uploader.buffer.motionDataArray.emplace_back(
+        motionId, userAcceleration, rotationRate, attitude, gravity, here, kNothingCharged,
+        env_.clock->now(), evaluator.deviceOrientationGiven, orientation, speedAtSample);
+    const detail::SampleRates rates =
+        evaluator.judge(rotationRate, userAcceleration, settings, trip.totals, record.Fault);
 
     if (observed) {
-        effects.show = {judged.corneringRate,
-                        judged.speedingRate,
-                        judged.brakingRate,
-                        judged.elevatingRate,
+        effects.show = {rates.cornering,
+                        rates.speeding,
+                        rates.braking,
+                        rates.elevating,
                         trip.odometer.currentSpeed,
                         here.speed * birSaatKacSaniye / birKilometreKacMetre,
                         trip.odometer.totalTraveledDistance / birKilometreKacMetre,

@@ -186,47 +186,19 @@ void clearTimestampCache() {
 
 }  // namespace detail
 
+namespace {
+// By orientation code; the last stands for every other code.
+constexpr char kOrientationTexts[8][3] = {"UN", "PU", "PD", "LL", "LR", "FU", "FD", "FU"};
+const char* orientationTextOf(int code) {
+    return kOrientationTexts[static_cast<unsigned>(code) <= 6 ? code : 7];
+}
+}  // namespace
+
 const char* orientationText(int code) {
-    switch (code) {
-        case 0:
-            return "UN";
-        case 1:
-            return "PU";
-        case 2:
-            return "PD";
-        case 3:
-            return "LL";
-        case 4:
-            return "LR";
-        case 6:
-            return "FD";
-        default:
-            return "FU";
-    }
+    return orientationTextOf(code);
 }
 
 namespace {
-
-/// "%7.3f,": a motion quantity, an angle or a penalty.
-char* quantityField(char* p, double v) {
-    p = detail::formatFixed<3, false>(p, v, 7);
-    *p = ',';
-    return p + 1;
-}
-
-/// "%10.6f,": a coordinate or a speed to the micro-unit.
-char* preciseField(char* p, double v) {
-    p = detail::formatFixed<6, false>(p, v, 10);
-    *p = ',';
-    return p + 1;
-}
-
-/// "% *.0f,": a whole number right-aligned in `width`, a space where a plus sign would be.
-char* wholeField(char* p, double v, int width) {
-    p = detail::formatFixed<0, true>(p, v, width);
-    *p = ',';
-    return p + 1;
-}
 
 char* character(char* p, char c) {
     p[0] = c;
@@ -253,20 +225,20 @@ char* stamp(char* p, platform::TimePoint t) {
 // overlaps the fields of a record; g++ -O2 inlines none of them on its own.
 [[gnu::flatten]] char* MotionDataItem::writeTo(char* p) const {
     for (const Vector3* v : {&Acceleration, &Rotation, &Attitude, &Gravity}) {
-        p = quantityField(p, v->x);
-        p = quantityField(p, v->y);
-        p = quantityField(p, v->z);
+        p = detail::formatQuantityField(p, v->x);
+        p = detail::formatQuantityField(p, v->y);
+        p = detail::formatQuantityField(p, v->z);
     }
     p = character(p, Fault.sharpCornering);
     p = character(p, Fault.sharpSpeeding);
     p = character(p, Fault.sharpElevating);
     p = character(p, Fault.sharpLaneChanging);
-    p = preciseField(p, Location.coordinate.latitude);
-    p = preciseField(p, Location.coordinate.longitude);
-    p = text(p, orientationText(OrientationGiven));
-    p = wholeField(p, Location.speed * _birSaatKacSaniye / _birKilometreKacMetre, 4);
+    p = detail::formatPreciseField(p, Location.coordinate.latitude);
+    p = detail::formatPreciseField(p, Location.coordinate.longitude);
+    p = text(p, orientationTextOf(OrientationGiven));
+    p = detail::formatWholeField<4>(p, Location.speed * _birSaatKacSaniye / _birKilometreKacMetre);
     p = stamp(p, Location.timestamp);
-    p = wholeField(p, CurrentSpeed, 4);
+    p = detail::formatWholeField<4>(p, CurrentSpeed);
     p = detail::formatInteger(p, ItemId, 7);
     *p++ = ',';
     p = stamp(p, DateTime);
@@ -276,12 +248,12 @@ char* stamp(char* p, platform::TimePoint t) {
           Fault.sharpCorneringPenaltyPerKM, Fault.sharpSpeedingPenaltyPerKM,
           Fault.sharpBrakingPenaltyPerKM, Fault.sharpElevatingPenaltyPerKM,
           Fault.sharpLaneChangingPenaltyPerKM, Fault.fuelEfficiencyPenaltyPerKM}) {
-        p = quantityField(p, penalty);
+        p = detail::formatQuantityField(p, penalty);
     }
-    p = quantityField(p, Location.course);
-    p = wholeField(p, Location.horizontalAccuracy, 5);
-    p = preciseField(p, Location.speed);
-    return text(p, orientationText(Orientation));
+    p = detail::formatQuantityField(p, Location.course);
+    p = detail::formatWholeField<5>(p, Location.horizontalAccuracy);
+    p = detail::formatPreciseField(p, Location.speed);
+    return text(p, orientationTextOf(Orientation));
 }
 
 std::string MotionDataItem::toString() const {

@@ -122,6 +122,66 @@ template <int precision>
     return end;
 }
 
+/// round(a * 10^precision) for a finite, non-negative a below 1e12 given by its bits, to nearest
+/// with exact ties to even, as glibc rounds: the exact way, for every such a.
+///
+/// a = m * 2^-s, so a * 10^p = N * 2^-s with N = m * 10^p an exact integer. The rounding step is
+/// arithmetic, not a branch: its direction is a coin toss for measured values, and a mispredicted
+/// jump per field cost more than the rest of the field. Out of line: only a product that is a
+/// half-integer as a double, or one beyond 2^51, comes here (scaledRounded).
+template <int precision>
+[[gnu::noinline, gnu::cold]] inline std::uint64_t exactScaledRounded(std::uint64_t bits) {
+    const int biased = static_cast<int>(bits >> 52);
+    std::uint64_t m = bits & ((1ull << 52) - 1);
+    int s;  // a = m * 2^-s; s >= 13 below 1e12
+    if (biased == 0) {
+        s = 1074;
+    } else {
+        m |= 1ull << 52;
+        s = 1075 - biased;
+    }
+    if constexpr (precision <= 3) {
+        // m * 10^p < 2^63 fits 64 bits; from s = 64 on, a < 2^-11 rounds to zero.
+        if (s >= 64) return 0;
+        const std::uint64_t n = m * kPow10[precision];
+        const std::uint64_t q = n >> s;
+        const std::uint64_t rem = n & ((1ull << s) - 1);
+        const std::uint64_t half = 1ull << (s - 1);
+        return q + (rem + (q & 1) > half ? 1 : 0);
+    } else {
+        __extension__ using u128 = unsigned __int128;
+        const u128 n = static_cast<u128>(m) * kPow10[precision];
+        if (s >= 75) return 0;  // n < 2^73 <= half of 2^s: rounds to zero
+        const auto q = static_cast<std::uint64_t>(n >> s);
+        const u128 rem = n - (static_cast<u128>(q) << s);
+        const u128 half = static_cast<u128>(1) << (s - 1);
+        return q + (rem + (q & 1) > half ? 1 : 0);
+    }
+}
+
+/// round(y) to nearest, ties to even, for 0 <= y < 2^51, into `q`; false when y is a
+/// half-integer.
+///
+/// Where y = a * 10^p was rounded once from the exact product, q is that product's rounding too,
+/// unless false: a half-integer k + 1/2 is a double, so a product on one side of it cannot round
+/// to the other side, only onto it. Adding 2^52 rounds y to an integer in its low bits.
+[[gnu::always_inline]] inline bool roundUnlessHalf(double y, std::uint64_t& q) {
+    const double shifted = y + 0x1p52;
+    q = std::bit_cast<std::uint64_t>(shifted) & ((1ull << 52) - 1);
+    return std::fabs(y - (shifted - 0x1p52)) < 0.5;
+}
+
+/// exactScaledRounded of a finite, non-negative a below 1e12, mostly in a few double operations
+/// (the rare half-integer product takes the exact way).
+template <int precision>
+[[gnu::always_inline]] inline std::uint64_t scaledRounded(double a) {
+    const double y = a * static_cast<double>(kPow10[precision]);
+    std::uint64_t q;
+    if (y < 0x1p51 && roundUnlessHalf(y, q)) [[likely]]
+        return q;
+    return exactScaledRounded<precision>(std::bit_cast<std::uint64_t>(a));
+}
+
 /// printf("%*.*f") of v, or "% *.*f" when `spaceSign`. Precision 0..6, width 0..16. `out` needs
 /// room for kMaxFixedLength bytes (blanks may be written past the returned end). Returns the end
 /// of the text.
@@ -141,44 +201,7 @@ template <int precision, bool spaceSign>
         return padRight(out, sign, std::isnan(v) ? "nan" : "inf", 3, width);
     const double a = std::fabs(v);
     if (a < 1e12) {
-        // Exact path: a = m * 2^-s, so a * 10^p = N * 2^-s with N = m * 10^p an exact integer;
-        // round N / 2^s to nearest, exact ties to even, which is what glibc does. The rounding
-        // step is arithmetic, not a branch: its direction is a coin toss for measured values, and
-        // a mispredicted jump per field cost more than the rest of the field.
-        const std::uint64_t bits = std::bit_cast<std::uint64_t>(a);
-        const int biased = static_cast<int>(bits >> 52);
-        std::uint64_t m = bits & ((1ull << 52) - 1);
-        int s;  // a = m * 2^-s; s >= 13 below 1e12
-        if (biased == 0) {
-            s = 1074;
-        } else {
-            m |= 1ull << 52;
-            s = 1075 - biased;
-        }
-        std::uint64_t q;
-        if constexpr (precision <= 3) {
-            // m * 10^p < 2^63 fits 64 bits; from s = 64 on, a < 2^-11 rounds to zero.
-            if (s >= 64) {
-                q = 0;
-            } else {
-                const std::uint64_t n = m * kPow10[precision];
-                q = n >> s;
-                const std::uint64_t rem = n & ((1ull << s) - 1);
-                const std::uint64_t half = 1ull << (s - 1);
-                q += rem + (q & 1) > half ? 1 : 0;
-            }
-        } else {
-            __extension__ using u128 = unsigned __int128;
-            const u128 n = static_cast<u128>(m) * kPow10[precision];
-            if (s >= 75) {
-                q = 0;  // n < 2^73 <= half of 2^s: rounds to zero
-            } else {
-                q = static_cast<std::uint64_t>(n >> s);
-                const u128 rem = n - (static_cast<u128>(q) << s);
-                const u128 half = static_cast<u128>(1) << (s - 1);
-                q += rem + (q & 1) > half ? 1 : 0;
-            }
-        }
+        const std::uint64_t q = scaledRounded<precision>(a);
         constexpr std::uint64_t scale = kPow10[precision];
         const std::uint64_t whole = q / scale;
         constexpr int fraction = precision > 0 ? precision + 1 : 0;
@@ -197,6 +220,82 @@ template <int precision, bool spaceSign>
         return out + width;
     }
     return formatLargeFixed(out, sign, a, precision, width);
+}
+
+/// "  d.ddd," for 0.000 to 9.999, eight bytes each: a whole "%7.3f," field of a value below ten,
+/// the sign's place (byte 1) blank.
+struct SmallQuantityFields {
+    char text[10000][8];
+    constexpr SmallQuantityFields() : text() {
+        for (std::size_t q = 0; q < 10000; ++q) {
+            const char field[8] = {' ',
+                                   ' ',
+                                   static_cast<char>('0' + q / 1000),
+                                   '.',
+                                   static_cast<char>('0' + q / 100 % 10),
+                                   static_cast<char>('0' + q / 10 % 10),
+                                   static_cast<char>('0' + q % 10),
+                                   ','};
+            for (std::size_t i = 0; i < 8; ++i) text[q][i] = field[i];
+        }
+    }
+};
+inline constexpr SmallQuantityFields kSmallQuantityFields;
+
+/// printf("%7.3f,"), the comma included: a motion quantity, an angle or a penalty. Nearly every
+/// such value is below ten, and its field is then one copy from a table with the sign put in:
+/// no digit is worked out, and the rounding is formatFixed's own.
+[[gnu::always_inline]] inline char* formatQuantityField(char* out, double v) {
+    const double y = std::fabs(v) * 1000.0;
+    std::uint64_t q;
+    if (y < 9999.5 && roundUnlessHalf(y, q)) [[likely]] {  // false for NaN
+        std::memcpy(out, kSmallQuantityFields.text[q], 8);
+        out[1] = std::signbit(v) ? '-' : ' ';
+        return out + 8;
+    }
+    out = formatFixed<3, false>(out, v, 7);
+    *out = ',';
+    return out + 1;
+}
+
+/// printf("%10.6f,"), the comma included: a coordinate or a speed to the micro-unit.
+[[gnu::always_inline]] inline char* formatPreciseField(char* out, double v) {
+    out = formatFixed<6, false>(out, v, 10);
+    *out = ',';
+    return out + 1;
+}
+
+/// "  0" to "999", right-aligned in four bytes.
+struct RightAlignedWholes {
+    char text[1000][4];
+    constexpr RightAlignedWholes() : text() {
+        for (std::size_t q = 0; q < 1000; ++q) {
+            text[q][0] = ' ';
+            text[q][1] = q >= 100 ? static_cast<char>('0' + q / 100) : ' ';
+            text[q][2] = q >= 10 ? static_cast<char>('0' + q / 10 % 10) : ' ';
+            text[q][3] = static_cast<char>('0' + q % 10);
+        }
+    }
+};
+inline constexpr RightAlignedWholes kRightAlignedWholes;
+
+/// printf("% *.0f,") for a width of 4 to 8, the comma included: a speed or an accuracy. Below a
+/// thousand, the digits come from a table and the sign (a blank or "-") goes just before them.
+template <int width>
+[[gnu::always_inline]] inline char* formatWholeField(char* out, double v) {
+    static_assert(width >= 4 && width <= 8);
+    std::uint64_t q;
+    if (std::fabs(v) < 999.5 && roundUnlessHalf(std::fabs(v), q)) [[likely]] {  // false for NaN
+        std::memset(out, ' ', 8);
+        std::memcpy(out + width - 4, kRightAlignedWholes.text[q], 4);
+        const int digits = 1 + (q >= 10 ? 1 : 0) + (q >= 100 ? 1 : 0);
+        out[width - 1 - digits] = std::signbit(v) ? '-' : ' ';
+        out[width] = ',';
+        return out + width + 1;
+    }
+    out = formatFixed<0, true>(out, v, width);
+    *out = ',';
+    return out + 1;
 }
 
 /// formatFixed with the format chosen at run time.
@@ -233,8 +332,15 @@ inline char* formatFixed(char* out, double v, int width, int precision, bool spa
     }
 }
 
-/// printf("%*lld") of v.
+/// printf("%*lld") of v. `out` needs room for 24 bytes and the width (blanks may be written past
+/// the returned end).
 inline char* formatInteger(char* out, std::int64_t v, int width) {
+    // A counter that fits its width: blanks, then the digits up to the end, no length worked out.
+    if (v >= 0 && width <= 12 && static_cast<std::uint64_t>(v) < kPow10[width]) [[likely]] {
+        std::memset(out, ' ', 16);
+        writeDigitsBackwards(out + width, static_cast<std::uint64_t>(v));
+        return out + width;
+    }
     char buf[24];
     char* const end = buf + sizeof buf;
     const std::uint64_t magnitude =

@@ -98,15 +98,18 @@ struct Format {
     const char* printf;
     int width, precision;
     bool spaceSign;
+    char* (*field)(char*, double);  // the record's writer of the format, comma included
 };
-constexpr Format kFormats[] = {{"%7.3f", 7, 3, false},
-                               {"%10.6f", 10, 6, false},
-                               {"% 4.0f", 4, 0, true},
-                               {"% 5.0f", 5, 0, true}};
+constexpr Format kFormats[] = {{"%7.3f", 7, 3, false, detail::formatQuantityField},
+                               {"%10.6f", 10, 6, false, detail::formatPreciseField},
+                               {"% 4.0f", 4, 0, true, detail::formatWholeField<4>},
+                               {"% 5.0f", 5, 0, true, detail::formatWholeField<5>}};
 
+// The general writer's text, when the field writer's is the same and a comma.
 std::string ours(double v, const Format& f) {
     char buffer[detail::kMaxFixedLength + 16];
-    return std::string(buffer, detail::formatFixed(buffer, v, f.width, f.precision, f.spaceSign));
+    std::string text(buffer, detail::formatFixed(buffer, v, f.width, f.precision, f.spaceSign));
+    return std::string(buffer, f.field(buffer, v)) == text + "," ? text : "field: " + text;
 }
 
 std::string theirs(double v, const Format& f) {
