@@ -12,6 +12,7 @@
 #include <iterator>
 #include <mutex>
 #include <string_view>
+#include <tuple>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -202,8 +203,11 @@ public:
         out.uploadsRetried = retried_;
         out.bytesSent = bytesSent_;
         out.detections = detections_;
+        // Bulks arrive in any order; by time, then kind, the report is the same every run.
         std::sort(out.detections.begin(), out.detections.end(),
-                  [](const Detection& a, const Detection& b) { return a.t < b.t; });
+                  [](const Detection& a, const Detection& b) {
+                      return std::tie(a.t, a.kind) < std::tie(b.t, b.kind);
+                  });
     }
 
 private:
