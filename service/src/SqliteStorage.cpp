@@ -24,7 +24,7 @@
 namespace kestrelvue::service {
 namespace {
 
-/// Bytes bound or read as a BLOB, not as text.
+/// Bytes bound as a BLOB, not as text.
 struct Blob {
     std::string_view bytes;
 };
@@ -53,15 +53,10 @@ public:
     bool run() { return stmt_ && sqlite3_step(stmt_) == SQLITE_DONE; }
     std::int64_t integer(int c) { return sqlite3_column_int64(stmt_, c); }
     double real(int c) { return sqlite3_column_double(stmt_, c); }
+    /// A TEXT or BLOB column's bytes (empty for NULL).
     std::string text(int c) {
         const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, c));
         return p ? std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c))) : "";
-    }
-    /// A BLOB column's bytes (empty for NULL), valid until the next step.
-    Blob blob(int c) {
-        const auto* p = static_cast<const char*>(sqlite3_column_blob(stmt_, c));
-        return {p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c)))
-                  : std::string_view()};
     }
 
 private:
@@ -101,8 +96,7 @@ bool execute(sqlite3* db, const std::string& sql, std::string& error) {
 
 /// Runs `sql` when it can (a clean-up, or a change that may have been made before).
 void tryExecute(sqlite3* db, const std::string& sql) {
-    std::string ignored;
-    execute(db, sql, ignored);
+    sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
 }
 
 /// Opens `path` for one thread at a time (the caller serialises its use). A lock another process
@@ -158,40 +152,33 @@ CREATE TABLE IF NOT EXISTS motion_bulks (
   records INTEGER NOT NULL, motion_text TEXT NOT NULL, UNIQUE (trip, first_and_last, records));
 )sql";
 
-// The earlier layout: trip records in "drivings" with numbered columns, motion records a row
-// each in the database file and three files beside it. Its tables are renamed in place, and its
-// columns c0..c4 and p0..p4 (counts and penalties by kind) by renamesOfKinds.
-constexpr const char* kRenameEarlierTables = R"sql(
-ALTER TABLE drivings RENAME TO trips;
-ALTER TABLE trips RENAME COLUMN start_dt TO start_time;
-ALTER TABLE trips RENAME COLUMN end_dt TO end_time;
-ALTER TABLE trips RENAME COLUMN start_loc TO start_location;
-ALTER TABLE trips RENAME COLUMN end_loc TO end_location;
-ALTER TABLE trips RENAME COLUMN start_lat TO start_latitude;
-ALTER TABLE trips RENAME COLUMN start_lon TO start_longitude;
-ALTER TABLE trips RENAME COLUMN end_lat TO end_latitude;
-ALTER TABLE trips RENAME COLUMN end_lon TO end_longitude;
-ALTER TABLE trips RENAME COLUMN fuel TO fuel_penalty;
-ALTER TABLE trips RENAME COLUMN distance TO distance_metres;
-DROP INDEX IF EXISTS drivings_user;
-ALTER TABLE users DROP COLUMN token;
-)sql";
+// The earlier layout: trip records in "drivings" with numbered columns (c0..c4 and p0..p4 held
+// counts and penalties by kind), motion records a row each in the database file and three files
+// beside it. Its tables and columns are renamed in place.
+std::string renameEarlierTables() {
+    std::vector<std::pair<std::string, std::string>> columns = {
+        {"start_dt", "start_time"},      {"end_dt", "end_time"},
+        {"start_loc", "start_location"}, {"end_loc", "end_location"},
+        {"start_lat", "start_latitude"}, {"start_lon", "start_longitude"},
+        {"end_lat", "end_latitude"},     {"end_lon", "end_longitude"},
+        {"fuel", "fuel_penalty"},        {"distance", "distance_metres"}};
+    for (const auto kind : detail::kEventKinds) {
+        const std::string i = std::to_string(static_cast<std::size_t>(kind)),
+                          stem(detail::namesOf(kind).column);
+        columns.emplace_back("c" + i, stem + "_count");
+        columns.emplace_back("p" + i, stem + "_penalty");
+    }
+    std::string sql =
+        "ALTER TABLE drivings RENAME TO trips; DROP INDEX IF EXISTS drivings_user; "
+        "ALTER TABLE users DROP COLUMN token; ";
+    for (const auto& [from, to] : columns)
+        sql += "ALTER TABLE trips RENAME COLUMN " + from + " TO " + to + "; ";
+    return sql;
+}
 
 // The schema and the statements below list five kinds: another needs a migration that adds its
 // columns to trips.
 static_assert(detail::kEventKindCount == 5);
-
-std::string renamesOfKinds() {
-    std::string sql;
-    for (const auto kind : detail::kEventKinds) {
-        const std::string i = std::to_string(static_cast<std::size_t>(kind)),
-                          stem(detail::namesOf(kind).column);
-        sql.append("ALTER TABLE trips RENAME COLUMN c").append(i).append(" TO ").append(stem);
-        sql.append("_count; ALTER TABLE trips RENAME COLUMN p").append(i).append(" TO ");
-        sql.append(stem).append("_penalty; ");
-    }
-    return sql;
-}
 
 /// Later changes of the schema, each run once, in order: the first makes version 2 of a file at
 /// version 1, and so on. A file's `user_version` is the version it has.
@@ -323,7 +310,7 @@ public:
                         "SELECT motion_text, motion_lz4 FROM motion_bulks WHERE trip = ? ORDER "
                         "BY id",
                         guid);
-            while (q.step()) stored.emplace_back(q.text(0), q.blob(1).bytes);
+            while (q.step()) stored.emplace_back(q.text(0), q.text(1));
         }
         std::vector<MotionRecord> records;
         std::set<std::pair<std::int64_t, RecordTime>> seen;
@@ -391,9 +378,8 @@ public:
         const std::string salt = q.text(9), stored = q.text(10);
         const std::string offered = saltedHash(salt, token);
         if (stored.size() != offered.size() ||
-            CRYPTO_memcmp(stored.data(), offered.data(), stored.size()) != 0) {
+            CRYPTO_memcmp(stored.data(), offered.data(), stored.size()) != 0)
             return std::nullopt;
-        }
         return readUser(q);
     }
 
@@ -436,9 +422,8 @@ public:
         std::lock_guard lock(mutex_);
         Statement known(db_, "SELECT COUNT(*) FROM users WHERE reference_id IN (?, ?)", referenceId,
                         friendReferenceId);
-        if (!known.step() || known.integer(0) != (referenceId == friendReferenceId ? 1 : 2)) {
+        if (!known.step() || known.integer(0) != (referenceId == friendReferenceId ? 1 : 2))
             return false;
-        }
         return Statement(db_, "INSERT OR IGNORE INTO friends VALUES (?1, ?2), (?2, ?1)",
                          referenceId, friendReferenceId)
             .run();
@@ -465,10 +450,9 @@ public:
             where + " GROUP BY u.id ORDER BY 6 DESC, 1 ASC";
         Statement q(db_, sql, me.id, scope == 1 ? me.country : me.city, me.referenceId);
         std::vector<LeaderRow> rows;
-        while (q.step()) {
+        while (q.step())
             rows.push_back(
                 {q.integer(0), q.text(1), q.text(2), q.text(3), q.integer(4), q.real(5)});
-        }
         return rows;
     }
 
@@ -533,7 +517,7 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
     if (done && earlier) {
         tryExecute(db_, "ALTER TABLE users ADD COLUMN token_salt TEXT");
         tryExecute(db_, "ALTER TABLE users ADD COLUMN token_hash TEXT");
-        done = execute(db_, (kRenameEarlierTables + renamesOfKinds()), error);
+        done = execute(db_, renameEarlierTables(), error);
     }
     done = done && execute(db_, kSchemaVersion1, error);
     done = done && (!earlier || moveEarlierMotion(path, error));
