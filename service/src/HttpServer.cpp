@@ -118,12 +118,12 @@ struct HttpServer::Impl {
     ServiceOptions options;
     Handler handler;
     MHD_Daemon* daemon = nullptr;
-    std::optional<Deadlines> deadlines{};
+    Deadlines deadlines{std::chrono::seconds(options.requestTimeoutSeconds)};
     int port = 0;
 
     static void onConnection(void* cls, MHD_Connection* connection, void**,
                              MHD_ConnectionNotificationCode code) {
-        auto& deadlines = *static_cast<Impl*>(cls)->deadlines;
+        auto& deadlines = static_cast<Impl*>(cls)->deadlines;
         if (code == MHD_CONNECTION_NOTIFY_CLOSED) return deadlines.closed(connection);
         const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
         if (info) deadlines.opened(connection, info->connect_fd);
@@ -186,15 +186,13 @@ struct HttpServer::Impl {
     }
 
     /// Inflates the body when it came compressed, then asks the handler.
-    void answer(Exchange& ex) const {
+    Reply answer(Exchange& ex) const {
         Request& req = ex.request;
         const std::string encoding = req.header("Content-Encoding");
         if (!encoding.empty() && !sameName(encoding, "identity")) {
-            if (!sameName(encoding, "gzip")) {
-                ex.reply = textReply(415, "unsupported Content-Encoding \"" + encoding +
-                                              "\": send gzip or identity");
-                return;
-            }
+            if (!sameName(encoding, "gzip"))
+                return textReply(415, "unsupported Content-Encoding \"" + encoding +
+                                          "\": send gzip or identity");
             ex.gzip = true;
             // The gzip trailer tells the inflated size: its room is made once, not by doubling.
             std::string plain;
@@ -206,18 +204,16 @@ struct HttpServer::Impl {
             }
             switch (detail::gunzip(req.body, options.maxBodyBytes, plain)) {
                 case detail::Inflated::TooLarge:
-                    ex.reply = textReply(413, "request body inflates past " +
-                                                  std::to_string(options.maxBodyBytes) + " bytes");
-                    return;
+                    return textReply(413, "request body inflates past " +
+                                              std::to_string(options.maxBodyBytes) + " bytes");
                 case detail::Inflated::Damaged:
-                    ex.reply = textReply(400, "damaged gzip body");
-                    return;
+                    return textReply(400, "damaged gzip body");
                 case detail::Inflated::Whole:
                     ex.inflated = plain.size();
                     req.body = std::move(plain);
             }
         }
-        ex.reply = handler(req);
+        return handler(req);
     }
 
     static MHD_Result queue(MHD_Connection* connection, Exchange& ex, bool close) {
@@ -269,16 +265,16 @@ struct HttpServer::Impl {
             ex.reply = self.bodyTooLarge();
             return queue(connection, ex, true);
         }
-        self.deadlines->restart(connection, true);  // the handler's time is not the client's
-        self.answer(ex);
-        self.deadlines->restart(connection, false);  // for sending the reply
+        self.deadlines.restart(connection, true);  // the handler's time is not the client's
+        ex.reply = self.answer(ex);
+        self.deadlines.restart(connection, false);  // for sending the reply
         return queue(connection, ex, false);
     }
 
     static void onCompleted(void* cls, MHD_Connection* connection, void** state,
                             MHD_RequestTerminationCode toe) {
         auto& self = *static_cast<Impl*>(cls);
-        self.deadlines->restart(connection, false);  // for the next request
+        self.deadlines.restart(connection, false);  // for the next request
         auto* ex = static_cast<Exchange*>(*state);
         if (!ex) return;
         if (self.options.accessLog) self.logLine(*ex, toe);
@@ -336,7 +332,6 @@ bool HttpServer::start(std::string& error) {
     std::memcpy(&address, found->ai_addr, std::min<std::size_t>(found->ai_addrlen, sizeof address));
     freeaddrinfo(found);
 
-    impl_->deadlines.emplace(std::chrono::seconds(impl_->options.requestTimeoutSeconds));
     // Turbo: read, write and accept before asking epoll, which a busy connection seldom needs.
     unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_TURBO;
     if (address.ss_family == AF_INET6) flags |= MHD_USE_IPv6;
@@ -353,7 +348,6 @@ bool HttpServer::start(std::string& error) {
         &Impl::onCompleted, impl_.get(), MHD_OPTION_NOTIFY_CONNECTION, &Impl::onConnection,
         impl_.get(), MHD_OPTION_END);
     if (!impl_->daemon) {
-        impl_->deadlines.reset();
         error = "cannot listen on " + host + ":" + service + " (is another service using it?)";
         return false;
     }
@@ -366,7 +360,6 @@ void HttpServer::stop() {
     if (!impl_->daemon) return;
     MHD_stop_daemon(impl_->daemon);  // after the requests being answered
     impl_->daemon = nullptr;
-    impl_->deadlines.reset();
 }
 
 int HttpServer::port() const {
