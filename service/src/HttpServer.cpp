@@ -216,9 +216,10 @@ struct HttpServer::Impl {
         return handler(req);
     }
 
-    static MHD_Result queue(MHD_Connection* connection, Exchange& ex, bool close) {
-        // The response takes the body over (a route may be megabytes) and frees it when sent.
-        const Reply& reply = ex.reply;
+    static MHD_Result queue(MHD_Connection* connection, Exchange& ex, Reply sent, bool close) {
+        // The response takes the body over (a route may be megabytes) and frees it when sent; the
+        // rest stays for the log.
+        const Reply& reply = ex.reply = std::move(sent);
         ex.answered = true;
         ex.replyBytes = reply.body.size();
         auto* body = new std::string(std::move(ex.reply.body));
@@ -248,10 +249,8 @@ struct HttpServer::Impl {
             ex.headRead = true;
             ex.request.method = method;
             ex.request.path = url;
-            if (auto refused = self.checkHead(connection, version, ex)) {
-                ex.reply = std::move(*refused);
-                return queue(connection, ex, true);
-            }
+            if (auto refused = self.checkHead(connection, version, ex))
+                return queue(connection, ex, std::move(*refused), true);
             return MHD_YES;
         }
         if (*size > 0) {
@@ -261,14 +260,11 @@ struct HttpServer::Impl {
             *size = 0;
             return MHD_YES;
         }
-        if (ex.tooLarge) {
-            ex.reply = self.bodyTooLarge();
-            return queue(connection, ex, true);
-        }
+        if (ex.tooLarge) return queue(connection, ex, self.bodyTooLarge(), true);
         self.deadlines.restart(connection, true);  // the handler's time is not the client's
-        ex.reply = self.answer(ex);
+        Reply reply = self.answer(ex);
         self.deadlines.restart(connection, false);  // for sending the reply
-        return queue(connection, ex, false);
+        return queue(connection, ex, std::move(reply), false);
     }
 
     static void onCompleted(void* cls, MHD_Connection* connection, void** state,
