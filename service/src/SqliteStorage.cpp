@@ -83,6 +83,12 @@ private:
     sqlite3_stmt* stmt_ = nullptr;
 };
 
+/// Sets `error` to `why` and answers false: opening a file fails in many ways.
+bool failed(std::string& error, std::string why) {
+    error = std::move(why);
+    return false;
+}
+
 /// Runs `sql`; false with SQLite's message in `error` when it fails.
 bool execute(sqlite3* db, const std::string& sql, std::string& error) {
     char* message = nullptr;
@@ -104,10 +110,8 @@ void tryExecute(sqlite3* db, const std::string& sql) {
 bool openConnection(const std::string& path, sqlite3*& db, std::string& error) {
     if (sqlite3_open_v2(path.c_str(), &db,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                        nullptr) != SQLITE_OK) {
-        error = "cannot open database " + path + ": " + sqlite3_errmsg(db);
-        return false;
-    }
+                        nullptr) != SQLITE_OK)
+        return failed(error, "cannot open database " + path + ": " + sqlite3_errmsg(db));
     sqlite3_busy_timeout(db, 5000);
     // Larger pages for a new file: a bulk writes a quarter as many to the log. With the log a
     // commit survives a crash of the service (a power loss may undo the last ones); copying it
@@ -116,10 +120,8 @@ bool openConnection(const std::string& path, sqlite3*& db, std::string& error) {
             db,
             "PRAGMA page_size = 16384; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; "
             "PRAGMA wal_autocheckpoint = 256",
-            error)) {
-        error = "cannot open database " + path + ": " + error;
-        return false;
-    }
+            error))
+        return failed(error, "cannot open database " + path + ": " + error);
     return true;
 }
 
@@ -262,15 +264,11 @@ public:
         if (!openConnection(path, db_, error)) return false;
         const std::int64_t app = pragma(db_, "application_id"),
                            version = pragma(db_, "user_version");
-        if ((app != 0 || version != 0) && app != kApplicationId) {
-            error = path + " is not a database of this service";
-            return false;
-        }
-        if (version > kVersion) {
-            error = path + " was written by a newer version of this service (schema " +
-                    std::to_string(version) + ")";
-            return false;
-        }
+        if ((app != 0 || version != 0) && app != kApplicationId)
+            return failed(error, path + " is not a database of this service");
+        if (version > kVersion)
+            return failed(error, path + " was written by a newer version of this service (schema " +
+                                     std::to_string(version) + ")");
         if (version == 0 && !createOrUpgrade(path, error)) return false;
         for (int v = static_cast<int>(std::max<std::int64_t>(version, 1)); v < kVersion; ++v) {
             const std::string sql = "BEGIN; " + std::string(kLaterMigrations.at(v - 1)) +
@@ -491,14 +489,11 @@ private:
 // three motion files read in, so that a failure leaves it as it was.
 bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error) {
     const bool earlier = hasTable(db_, "main", "drivings");
-    if (!earlier && Statement(db_, "SELECT 1 FROM sqlite_master").step()) {
-        error = path + " is not a database of this service";
-        return false;
-    }
-    if (hasTable(db_, "main", "points")) {
-        error = path + " is older than the four-file layout: open it with the release before";
-        return false;
-    }
+    if (!earlier && Statement(db_, "SELECT 1 FROM sqlite_master").step())
+        return failed(error, path + " is not a database of this service");
+    if (hasTable(db_, "main", "points"))
+        return failed(
+            error, path + " is older than the four-file layout: open it with the release before");
     std::vector<std::string> attached;
     if (earlier && path != ":memory:") {
         for (int k = 1; k <= 3; ++k) {
@@ -506,10 +501,8 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
             const std::string file = path + ".motion-" + std::to_string(k);
             std::error_code ignored;
             if (!std::filesystem::exists(file, ignored)) continue;
-            if (!Statement(db_, ("ATTACH DATABASE ? AS m" + std::to_string(k)), file).run()) {
-                error = "cannot read " + file + ": " + sqlite3_errmsg(db_);
-                return false;
-            }
+            if (!Statement(db_, ("ATTACH DATABASE ? AS m" + std::to_string(k)), file).run())
+                return failed(error, "cannot read " + file + ": " + sqlite3_errmsg(db_));
             attached.push_back(file);
         }
     }
@@ -552,12 +545,12 @@ bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& erro
     for (int k = 0; k <= 3; ++k) {
         const std::string schema = k == 0 ? "main" : "m" + std::to_string(k);
         if (!hasTable(db_, schema.c_str(), "motion")) continue;
-        if (k > 0 && number(schema) != number("main")) {
-            error = path + ".motion-" + std::to_string(k) +
+        if (k > 0 && number(schema) != number("main"))
+            return failed(
+                error,
+                path + ".motion-" + std::to_string(k) +
                     " holds records of another database: move it away, or put back the database "
-                    "file it was made with";
-            return false;
-        }
+                    "file it was made with");
         rows += std::string(rows.empty() ? "" : " UNION ALL ") +
                 "SELECT t.guid, m.user_id, m.item_id, m.record_time, m.lat, m.lon, m.p0, m.p1, "
                 "m.p2, m.p3, m.p4, m.k0, m.k1, m.k2, m.k3, m.k4, m.fuel, " +
@@ -583,10 +576,7 @@ bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& erro
                 "printf('%017d', record_time % 100000000000000000) AS d FROM (" +
                     rows + "))) ORDER BY guid, file, arrival",
                 format);
-    if (!rows.empty() && !q.run()) {
-        error = sqlite3_errmsg(db_);
-        return false;
-    }
+    if (!rows.empty() && !q.run()) return failed(error, sqlite3_errmsg(db_));
     return execute(db_,
                    "DROP TABLE IF EXISTS main.motion; DROP TABLE IF EXISTS main.trip_ids; "
                    "DROP TABLE IF EXISTS main.counters",
