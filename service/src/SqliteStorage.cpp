@@ -479,14 +479,16 @@ private:
     }
 
     bool createOrUpgrade(const std::string& path, std::string& error);
-    bool moveEarlierMotion(const std::string& path, std::string& error);
+    bool moveEarlierMotion(const std::string& rows, std::string& error);
 
     std::mutex mutex_;
     sqlite3* db_ = nullptr;
 };
 
-// A new file gets the schema; a file of the earlier layout is upgraded in one transaction, its
-// three motion files read in, so that a failure leaves it as it was.
+// A new file gets the schema. A file of the earlier layout is upgraded in one transaction, the
+// three motion files beside it attached, so that a failure leaves every file as it was. The
+// earlier rows kept a record's key, position and penalties, and each file its database's number:
+// a file of another database is refused.
 bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error) {
     const bool earlier = hasTable(db_, "main", "drivings");
     if (!earlier && Statement(db_, "SELECT 1 FROM sqlite_master").step())
@@ -494,17 +496,30 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
     if (hasTable(db_, "main", "points"))
         return failed(
             error, path + " is older than the four-file layout: open it with the release before");
+    const auto number = [&](const std::string& schema) {
+        Statement q(db_, ("SELECT value FROM " + schema + ".counters WHERE name = 'database'"));
+        return q.step() ? q.integer(0) : 0;
+    };
     std::vector<std::string> attached;
-    if (earlier && path != ":memory:") {
-        for (int k = 1; k <= 3; ++k) {
-            // The files the earlier layout kept motion records in beside the database file.
-            const std::string file = path + ".motion-" + std::to_string(k);
-            std::error_code ignored;
-            if (!std::filesystem::exists(file, ignored)) continue;
-            if (!Statement(db_, ("ATTACH DATABASE ? AS m" + std::to_string(k)), file).run())
-                return failed(error, "cannot read " + file + ": " + sqlite3_errmsg(db_));
-            attached.push_back(file);
-        }
+    std::string rows;  // every earlier motion row, file by file
+    for (int k = 0; earlier && k <= 3; ++k) {
+        const std::string schema = k == 0 ? "main" : "m" + std::to_string(k),
+                          file = path + ".motion-" + std::to_string(k);
+        std::error_code ignored;
+        if (k > 0 && (path == ":memory:" || !std::filesystem::exists(file, ignored))) continue;
+        if (k > 0 && !Statement(db_, ("ATTACH DATABASE ? AS " + schema), file).run())
+            return failed(error, "cannot read " + file + ": " + sqlite3_errmsg(db_));
+        if (k > 0) attached.push_back(file);
+        if (!hasTable(db_, schema.c_str(), "motion")) continue;
+        if (k > 0 && number(schema) != number("main"))
+            return failed(error, file +
+                                     " holds records of another database: move it away, or put "
+                                     "back the database file it was made with");
+        rows += std::string(rows.empty() ? "" : " UNION ALL ") +
+                "SELECT t.guid, m.user_id, m.item_id, m.record_time, m.lat, m.lon, m.p0, m.p1, "
+                "m.p2, m.p3, m.p4, m.k0, m.k1, m.k2, m.k3, m.k4, m.fuel, " +
+                std::to_string(k) + " AS file, m.arrival FROM " + schema + ".motion m JOIN " +
+                schema + ".trip_ids t ON t.id = m.trip";
     }
     bool done = execute(db_, "BEGIN IMMEDIATE", error);
     if (done && earlier) {
@@ -513,7 +528,7 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
         done = execute(db_, renameEarlierTables(), error);
     }
     done = done && execute(db_, kSchemaVersion1, error);
-    done = done && (!earlier || moveEarlierMotion(path, error));
+    done = done && (!earlier || moveEarlierMotion(rows, error));
     done = done && execute(db_,
                            ("PRAGMA application_id = " + std::to_string(kApplicationId) +
                             "; PRAGMA user_version = 1"),
@@ -534,30 +549,8 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
     return true;
 }
 
-// The earlier rows kept a record's key, position and penalties, and each file its database's
-// number: a file of another database is refused.
-bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& error) {
-    const auto number = [&](const std::string& schema) {
-        Statement q(db_, ("SELECT value FROM " + schema + ".counters WHERE name = 'database'"));
-        return q.step() ? q.integer(0) : 0;
-    };
-    std::string rows;
-    for (int k = 0; k <= 3; ++k) {
-        const std::string schema = k == 0 ? "main" : "m" + std::to_string(k);
-        if (!hasTable(db_, schema.c_str(), "motion")) continue;
-        if (k > 0 && number(schema) != number("main"))
-            return failed(
-                error,
-                path + ".motion-" + std::to_string(k) +
-                    " holds records of another database: move it away, or put back the database "
-                    "file it was made with");
-        rows += std::string(rows.empty() ? "" : " UNION ALL ") +
-                "SELECT t.guid, m.user_id, m.item_id, m.record_time, m.lat, m.lon, m.p0, m.p1, "
-                "m.p2, m.p3, m.p4, m.k0, m.k1, m.k2, m.k3, m.k4, m.fuel, " +
-                std::to_string(k) + " AS file, m.arrival FROM ";
-        rows.append(schema).append(".motion m JOIN ").append(schema);
-        rows += ".trip_ids t ON t.id = m.trip";
-    }
+// `rows` is one query over the earlier motion rows of every file.
+bool SqliteStorage::moveEarlierMotion(const std::string& rows, std::string& error) {
     // Each row becomes a bulk of one record in the library's text, its other fields zero. The
     // rows of a trip go in the order they came, file by file, so a key kept in two files (a trip
     // whose records changed file) is moved once: the second copy is a bulk sent again.
