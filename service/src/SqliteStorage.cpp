@@ -174,7 +174,11 @@ std::string renameEarlierTables() {
         "ALTER TABLE drivings RENAME TO trips; DROP INDEX IF EXISTS drivings_user; "
         "ALTER TABLE users DROP COLUMN token; ";
     for (const auto& [from, to] : columns)
-        sql += "ALTER TABLE trips RENAME COLUMN " + from + " TO " + to + "; ";
+        sql.append("ALTER TABLE trips RENAME COLUMN ")
+            .append(from)
+            .append(" TO ")
+            .append(to)
+            .append("; ");
     return sql;
 }
 
@@ -518,8 +522,9 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
         rows += std::string(rows.empty() ? "" : " UNION ALL ") +
                 "SELECT t.guid, m.user_id, m.item_id, m.record_time, m.lat, m.lon, m.p0, m.p1, "
                 "m.p2, m.p3, m.p4, m.k0, m.k1, m.k2, m.k3, m.k4, m.fuel, " +
-                std::to_string(k) + " AS file, m.arrival FROM " + schema + ".motion m JOIN " +
-                schema + ".trip_ids t ON t.id = m.trip";
+                std::to_string(k) + " AS file, m.arrival FROM ";
+        rows.append(schema).append(".motion m JOIN ").append(schema);
+        rows += ".trip_ids t ON t.id = m.trip";
     }
     bool done = execute(db_, "BEGIN IMMEDIATE", error);
     if (done && earlier) {
