@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <charconv>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -117,12 +118,12 @@ struct HttpServer::Impl {
     ServiceOptions options;
     Handler handler;
     MHD_Daemon* daemon = nullptr;
-    std::optional<Deadlines> deadlines{};
+    Deadlines deadlines{std::chrono::seconds(options.requestTimeoutSeconds)};
     int port = 0;
 
     static void onConnection(void* cls, MHD_Connection* connection, void**,
                              MHD_ConnectionNotificationCode code) {
-        auto& deadlines = *static_cast<Impl*>(cls)->deadlines;
+        auto& deadlines = static_cast<Impl*>(cls)->deadlines;
         if (code == MHD_CONNECTION_NOTIFY_CLOSED) return deadlines.closed(connection);
         const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
         if (info) deadlines.opened(connection, info->connect_fd);
@@ -156,15 +157,9 @@ struct HttpServer::Impl {
             headBytes += key.size() + value.size() + 4;
             if (sameName(key, "Host")) ++hosts;
             if (sameName(key, "Transfer-Encoding")) ++codings;
-            if (sameName(key, "Content-Length")) {
-                if (lengths++ > 0 && value != length)
-                    return textReply(400, "conflicting Content-Length headers");
-                length = value;
-                if (value.empty() || value.size() > 19 ||
-                    !std::all_of(value.begin(), value.end(),
-                                 [](char c) { return c >= '0' && c <= '9'; }))
-                    return textReply(400, "Content-Length is not a decimal number");
-            }
+            if (sameName(key, "Content-Length") && lengths++ > 0 && value != length)
+                return textReply(400, "conflicting Content-Length headers");
+            if (sameName(key, "Content-Length")) length = value;
         }
         if (headBytes > kMaxHeadBytes || req.headers.size() > kMaxHeadLines)
             return textReply(431, "request head too large: at most " +
@@ -176,9 +171,12 @@ struct HttpServer::Impl {
             return textReply(400, "Transfer-Encoding and Content-Length together");
         if (codings > 1 || (codings == 1 && !sameName(req.header("Transfer-Encoding"), "chunked")))
             return textReply(501, "only the chunked transfer coding is understood");
-        if (lengths > 0 && std::stoull(length) > options.maxBodyBytes) return bodyTooLarge();
-        // The body arrives in pieces of some kilobytes: its room is made once.
-        if (lengths > 0) req.body.reserve(std::stoull(length));
+        // The server library has refused a length that is not a decimal number. The body arrives
+        // in pieces of some kilobytes: its room is made once.
+        std::uint64_t announced = 0;
+        std::from_chars(length.data(), length.data() + length.size(), announced);
+        if (announced > options.maxBodyBytes) return bodyTooLarge();
+        req.body.reserve(announced);
         return std::nullopt;
     }
 
@@ -188,15 +186,13 @@ struct HttpServer::Impl {
     }
 
     /// Inflates the body when it came compressed, then asks the handler.
-    void answer(Exchange& ex) const {
+    Reply answer(Exchange& ex) const {
         Request& req = ex.request;
         const std::string encoding = req.header("Content-Encoding");
         if (!encoding.empty() && !sameName(encoding, "identity")) {
-            if (!sameName(encoding, "gzip")) {
-                ex.reply = textReply(415, "unsupported Content-Encoding \"" + encoding +
-                                              "\": send gzip or identity");
-                return;
-            }
+            if (!sameName(encoding, "gzip"))
+                return textReply(415, "unsupported Content-Encoding \"" + encoding +
+                                          "\": send gzip or identity");
             ex.gzip = true;
             // The gzip trailer tells the inflated size: its room is made once, not by doubling.
             std::string plain;
@@ -208,23 +204,22 @@ struct HttpServer::Impl {
             }
             switch (detail::gunzip(req.body, options.maxBodyBytes, plain)) {
                 case detail::Inflated::TooLarge:
-                    ex.reply = textReply(413, "request body inflates past " +
-                                                  std::to_string(options.maxBodyBytes) + " bytes");
-                    return;
+                    return textReply(413, "request body inflates past " +
+                                              std::to_string(options.maxBodyBytes) + " bytes");
                 case detail::Inflated::Damaged:
-                    ex.reply = textReply(400, "damaged gzip body");
-                    return;
+                    return textReply(400, "damaged gzip body");
                 case detail::Inflated::Whole:
                     ex.inflated = plain.size();
                     req.body = std::move(plain);
             }
         }
-        ex.reply = handler(req);
+        return handler(req);
     }
 
-    static MHD_Result queue(MHD_Connection* connection, Exchange& ex, bool close) {
-        // The response takes the body over (a route may be megabytes) and frees it when sent.
-        const Reply& reply = ex.reply;
+    static MHD_Result queue(MHD_Connection* connection, Exchange& ex, Reply sent, bool close) {
+        // The response takes the body over (a route may be megabytes) and frees it when sent; the
+        // rest stays for the log.
+        const Reply& reply = ex.reply = std::move(sent);
         ex.answered = true;
         ex.replyBytes = reply.body.size();
         auto* body = new std::string(std::move(ex.reply.body));
@@ -254,10 +249,8 @@ struct HttpServer::Impl {
             ex.headRead = true;
             ex.request.method = method;
             ex.request.path = url;
-            if (auto refused = self.checkHead(connection, version, ex)) {
-                ex.reply = std::move(*refused);
-                return queue(connection, ex, true);
-            }
+            if (auto refused = self.checkHead(connection, version, ex))
+                return queue(connection, ex, std::move(*refused), true);
             return MHD_YES;
         }
         if (*size > 0) {
@@ -267,20 +260,17 @@ struct HttpServer::Impl {
             *size = 0;
             return MHD_YES;
         }
-        if (ex.tooLarge) {
-            ex.reply = self.bodyTooLarge();
-            return queue(connection, ex, true);
-        }
-        self.deadlines->restart(connection, true);  // the handler's time is not the client's
-        self.answer(ex);
-        self.deadlines->restart(connection, false);  // for sending the reply
-        return queue(connection, ex, false);
+        if (ex.tooLarge) return queue(connection, ex, self.bodyTooLarge(), true);
+        self.deadlines.restart(connection, true);  // the handler's time is not the client's
+        Reply reply = self.answer(ex);
+        self.deadlines.restart(connection, false);  // for sending the reply
+        return queue(connection, ex, std::move(reply), false);
     }
 
     static void onCompleted(void* cls, MHD_Connection* connection, void** state,
                             MHD_RequestTerminationCode toe) {
         auto& self = *static_cast<Impl*>(cls);
-        self.deadlines->restart(connection, false);  // for the next request
+        self.deadlines.restart(connection, false);  // for the next request
         auto* ex = static_cast<Exchange*>(*state);
         if (!ex) return;
         if (self.options.accessLog) self.logLine(*ex, toe);
@@ -338,7 +328,6 @@ bool HttpServer::start(std::string& error) {
     std::memcpy(&address, found->ai_addr, std::min<std::size_t>(found->ai_addrlen, sizeof address));
     freeaddrinfo(found);
 
-    impl_->deadlines.emplace(std::chrono::seconds(impl_->options.requestTimeoutSeconds));
     // Turbo: read, write and accept before asking epoll, which a busy connection seldom needs.
     unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_TURBO;
     if (address.ss_family == AF_INET6) flags |= MHD_USE_IPv6;
@@ -355,7 +344,6 @@ bool HttpServer::start(std::string& error) {
         &Impl::onCompleted, impl_.get(), MHD_OPTION_NOTIFY_CONNECTION, &Impl::onConnection,
         impl_.get(), MHD_OPTION_END);
     if (!impl_->daemon) {
-        impl_->deadlines.reset();
         error = "cannot listen on " + host + ":" + service + " (is another service using it?)";
         return false;
     }
@@ -368,7 +356,6 @@ void HttpServer::stop() {
     if (!impl_->daemon) return;
     MHD_stop_daemon(impl_->daemon);  // after the requests being answered
     impl_->daemon = nullptr;
-    impl_->deadlines.reset();
 }
 
 int HttpServer::port() const {

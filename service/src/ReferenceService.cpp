@@ -2,7 +2,6 @@
 #include <kestrelvue/service/ReferenceService.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <chrono>
 #include <cmath>
@@ -205,10 +204,9 @@ Reply addDrivingScore(State& s, Request& req) {
 Reply getPassedCoordinates(State& s, Request& req) {
     const auto stored = s.storage->motion(req.tail);
     if (!stored) return textReply(500, stored.error);
-    const std::vector<MotionRecord>& all = *stored;
-    std::size_t limit = std::min(s.options.maxRoutePoints, all.size());
+    std::size_t limit = std::min(s.options.maxRoutePoints, stored->size());
     for (;;) {
-        const std::vector<MotionRecord> points = thinned(all, limit);
+        const std::vector<MotionRecord> points = thinned(*stored, limit);
         List list;
         for (const MotionRecord& p : points) {
             Object point{{"Latitude", p.latitude},

@@ -197,46 +197,43 @@ Result<Value> parseBands(std::string_view text) {
     if (!list) return Result<Value>::failure("expected a list of bands");
     // The library's names: six lists of bands, each of which a reply must fill (a kind without
     // bands is never charged), and six settings.
+    using Names = std::set<std::string, std::less<>>;
     static const auto kLevels = [] {
-        std::set<std::string, std::less<>> levels = {"FuelEfficiency"};
+        Names levels = {"FuelEfficiency"};
         for (const auto kind : detail::kEventKinds)
             levels.insert("Sharp" + std::string(detail::namesOf(kind).wire) + "Level");
         return levels;
     }();
-    static const std::set<std::string, std::less<>> kSettings = {"UpdateInterval",
-                                                                 "DistanceFilter",
-                                                                 "SharpLaneChangingDuration1",
-                                                                 "SharpLaneChangingDuration2",
-                                                                 "SharpLaneChangingDuration3",
-                                                                 "SharpLaneChangingDuration4"};
-    std::set<std::string, std::less<>> levels;
+    static const auto kSettings = [] {
+        Names settings = {"UpdateInterval", "DistanceFilter"};
+        for (char n = '1'; n <= '4'; ++n)
+            settings.insert(std::string("SharpLaneChangingDuration") + n);
+        return settings;
+    }();
+    Names levels;
     for (std::size_t i = 0; i < list->size(); ++i) {
         const Value& band = (*list)[i];
         const std::string at = "band " + std::to_string(i + 1) + ": ";
         if (!band.isObject()) return Result<Value>::failure(at + "expected an object");
         const Value* name = band.find("_enmThresholdName");
-        if (!name || !name->isString()) {
+        if (!name || !name->isString())
             return Result<Value>::failure(at + "_enmThresholdName: expected a text");
-        }
-        if (kLevels.count(*name->asString())) {
+        if (kLevels.count(*name->asString()))
             levels.insert(*name->asString());
-        } else if (!kSettings.count(*name->asString())) {
+        else if (!kSettings.count(*name->asString()))
             return Result<Value>::failure(at + "_enmThresholdName: unknown band " +
                                           *name->asString());
-        }
         for (const char* key : {"_limitStart", "_limitEnd", "_impact"}) {
             const Value* v = band.find(key);
             if (!v || !v->asNumber() || !std::isfinite(*v->asNumber()))
                 return Result<Value>::failure(at + key + ": expected a number");
         }
         const Value* perKm = band.find("_perKilometer");
-        if (!perKm || !perKm->isBool()) {
+        if (!perKm || !perKm->isBool())
             return Result<Value>::failure(at + "_perKilometer: expected true or false");
-        }
     }
-    for (const std::string& level : kLevels) {
+    for (const std::string& level : kLevels)
         if (!levels.count(level)) return Result<Value>::failure("no bands of " + level);
-    }
     return std::move(*parsed.value);
 }
 

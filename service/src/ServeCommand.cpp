@@ -68,15 +68,13 @@ int runServe(const ServeArgs& args, const std::string& name) {
         } else {
             std::fprintf(stderr, "%s: serving %s on %s\n", name.c_str(),
                          options.databasePath.c_str(), service.baseURL().c_str());
-            for (int signal = SIGHUP; signal == SIGHUP;) {
-                if (sigwait(&signals, &signal) != 0) break;
-                if (signal != SIGHUP) break;
-                if (service.reloadBands()) {
+            int signal = 0;
+            while (sigwait(&signals, &signal) == 0 && signal == SIGHUP) {
+                if (service.reloadBands())
                     std::fprintf(stderr, "%s: bands reloaded\n", name.c_str());
-                } else {
+                else
                     std::fprintf(stderr, "%s: bands not reloaded, the previous ones stay: %s\n",
                                  name.c_str(), service.error().c_str());
-                }
             }
             std::fprintf(stderr, "%s: stopping\n", name.c_str());
             service.stop();

@@ -24,7 +24,7 @@
 namespace kestrelvue::service {
 namespace {
 
-/// Bytes bound or read as a BLOB, not as text.
+/// Bytes bound as a BLOB, not as text.
 struct Blob {
     std::string_view bytes;
 };
@@ -53,15 +53,10 @@ public:
     bool run() { return stmt_ && sqlite3_step(stmt_) == SQLITE_DONE; }
     std::int64_t integer(int c) { return sqlite3_column_int64(stmt_, c); }
     double real(int c) { return sqlite3_column_double(stmt_, c); }
+    /// A TEXT or BLOB column's bytes (empty for NULL).
     std::string text(int c) {
         const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, c));
         return p ? std::string(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c))) : "";
-    }
-    /// A BLOB column's bytes (empty for NULL), valid until the next step.
-    Blob blob(int c) {
-        const auto* p = static_cast<const char*>(sqlite3_column_blob(stmt_, c));
-        return {p ? std::string_view(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, c)))
-                  : std::string_view()};
     }
 
 private:
@@ -88,6 +83,12 @@ private:
     sqlite3_stmt* stmt_ = nullptr;
 };
 
+/// Sets `error` to `why` and answers false: opening a file fails in many ways.
+bool failed(std::string& error, std::string why) {
+    error = std::move(why);
+    return false;
+}
+
 /// Runs `sql`; false with SQLite's message in `error` when it fails.
 bool execute(sqlite3* db, const std::string& sql, std::string& error) {
     char* message = nullptr;
@@ -101,8 +102,7 @@ bool execute(sqlite3* db, const std::string& sql, std::string& error) {
 
 /// Runs `sql` when it can (a clean-up, or a change that may have been made before).
 void tryExecute(sqlite3* db, const std::string& sql) {
-    std::string ignored;
-    execute(db, sql, ignored);
+    sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
 }
 
 /// Opens `path` for one thread at a time (the caller serialises its use). A lock another process
@@ -110,10 +110,8 @@ void tryExecute(sqlite3* db, const std::string& sql) {
 bool openConnection(const std::string& path, sqlite3*& db, std::string& error) {
     if (sqlite3_open_v2(path.c_str(), &db,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                        nullptr) != SQLITE_OK) {
-        error = "cannot open database " + path + ": " + sqlite3_errmsg(db);
-        return false;
-    }
+                        nullptr) != SQLITE_OK)
+        return failed(error, "cannot open database " + path + ": " + sqlite3_errmsg(db));
     sqlite3_busy_timeout(db, 5000);
     // Larger pages for a new file: a bulk writes a quarter as many to the log. With the log a
     // commit survives a crash of the service (a power loss may undo the last ones); copying it
@@ -122,10 +120,8 @@ bool openConnection(const std::string& path, sqlite3*& db, std::string& error) {
             db,
             "PRAGMA page_size = 16384; PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; "
             "PRAGMA wal_autocheckpoint = 256",
-            error)) {
-        error = "cannot open database " + path + ": " + error;
-        return false;
-    }
+            error))
+        return failed(error, "cannot open database " + path + ": " + error);
     return true;
 }
 
@@ -158,40 +154,37 @@ CREATE TABLE IF NOT EXISTS motion_bulks (
   records INTEGER NOT NULL, motion_text TEXT NOT NULL, UNIQUE (trip, first_and_last, records));
 )sql";
 
-// The earlier layout: trip records in "drivings" with numbered columns, motion records a row
-// each in the database file and three files beside it. Its tables are renamed in place, and its
-// columns c0..c4 and p0..p4 (counts and penalties by kind) by renamesOfKinds.
-constexpr const char* kRenameEarlierTables = R"sql(
-ALTER TABLE drivings RENAME TO trips;
-ALTER TABLE trips RENAME COLUMN start_dt TO start_time;
-ALTER TABLE trips RENAME COLUMN end_dt TO end_time;
-ALTER TABLE trips RENAME COLUMN start_loc TO start_location;
-ALTER TABLE trips RENAME COLUMN end_loc TO end_location;
-ALTER TABLE trips RENAME COLUMN start_lat TO start_latitude;
-ALTER TABLE trips RENAME COLUMN start_lon TO start_longitude;
-ALTER TABLE trips RENAME COLUMN end_lat TO end_latitude;
-ALTER TABLE trips RENAME COLUMN end_lon TO end_longitude;
-ALTER TABLE trips RENAME COLUMN fuel TO fuel_penalty;
-ALTER TABLE trips RENAME COLUMN distance TO distance_metres;
-DROP INDEX IF EXISTS drivings_user;
-ALTER TABLE users DROP COLUMN token;
-)sql";
+// The earlier layout: trip records in "drivings" with numbered columns (c0..c4 and p0..p4 held
+// counts and penalties by kind), motion records a row each in the database file and three files
+// beside it. Its tables and columns are renamed in place.
+std::string renameEarlierTables() {
+    std::vector<std::pair<std::string, std::string>> columns = {
+        {"start_dt", "start_time"},      {"end_dt", "end_time"},
+        {"start_loc", "start_location"}, {"end_loc", "end_location"},
+        {"start_lat", "start_latitude"}, {"start_lon", "start_longitude"},
+        {"end_lat", "end_latitude"},     {"end_lon", "end_longitude"},
+        {"fuel", "fuel_penalty"},        {"distance", "distance_metres"}};
+    for (const auto kind : detail::kEventKinds) {
+        const std::string i = std::to_string(static_cast<std::size_t>(kind)),
+                          stem(detail::namesOf(kind).column);
+        columns.emplace_back("c" + i, stem + "_count");
+        columns.emplace_back("p" + i, stem + "_penalty");
+    }
+    std::string sql =
+        "ALTER TABLE drivings RENAME TO trips; DROP INDEX IF EXISTS drivings_user; "
+        "ALTER TABLE users DROP COLUMN token; ";
+    for (const auto& [from, to] : columns)
+        sql.append("ALTER TABLE trips RENAME COLUMN ")
+            .append(from)
+            .append(" TO ")
+            .append(to)
+            .append("; ");
+    return sql;
+}
 
 // The schema and the statements below list five kinds: another needs a migration that adds its
 // columns to trips.
 static_assert(detail::kEventKindCount == 5);
-
-std::string renamesOfKinds() {
-    std::string sql;
-    for (const auto kind : detail::kEventKinds) {
-        const std::string i = std::to_string(static_cast<std::size_t>(kind)),
-                          stem(detail::namesOf(kind).column);
-        sql.append("ALTER TABLE trips RENAME COLUMN c").append(i).append(" TO ").append(stem);
-        sql.append("_count; ALTER TABLE trips RENAME COLUMN p").append(i).append(" TO ");
-        sql.append(stem).append("_penalty; ");
-    }
-    return sql;
-}
 
 /// Later changes of the schema, each run once, in order: the first makes version 2 of a file at
 /// version 1, and so on. A file's `user_version` is the version it has.
@@ -275,15 +268,11 @@ public:
         if (!openConnection(path, db_, error)) return false;
         const std::int64_t app = pragma(db_, "application_id"),
                            version = pragma(db_, "user_version");
-        if ((app != 0 || version != 0) && app != kApplicationId) {
-            error = path + " is not a database of this service";
-            return false;
-        }
-        if (version > kVersion) {
-            error = path + " was written by a newer version of this service (schema " +
-                    std::to_string(version) + ")";
-            return false;
-        }
+        if ((app != 0 || version != 0) && app != kApplicationId)
+            return failed(error, path + " is not a database of this service");
+        if (version > kVersion)
+            return failed(error, path + " was written by a newer version of this service (schema " +
+                                     std::to_string(version) + ")");
         if (version == 0 && !createOrUpgrade(path, error)) return false;
         for (int v = static_cast<int>(std::max<std::int64_t>(version, 1)); v < kVersion; ++v) {
             const std::string sql = "BEGIN; " + std::string(kLaterMigrations.at(v - 1)) +
@@ -323,7 +312,7 @@ public:
                         "SELECT motion_text, motion_lz4 FROM motion_bulks WHERE trip = ? ORDER "
                         "BY id",
                         guid);
-            while (q.step()) stored.emplace_back(q.text(0), q.blob(1).bytes);
+            while (q.step()) stored.emplace_back(q.text(0), q.text(1));
         }
         std::vector<MotionRecord> records;
         std::set<std::pair<std::int64_t, RecordTime>> seen;
@@ -391,9 +380,8 @@ public:
         const std::string salt = q.text(9), stored = q.text(10);
         const std::string offered = saltedHash(salt, token);
         if (stored.size() != offered.size() ||
-            CRYPTO_memcmp(stored.data(), offered.data(), stored.size()) != 0) {
+            CRYPTO_memcmp(stored.data(), offered.data(), stored.size()) != 0)
             return std::nullopt;
-        }
         return readUser(q);
     }
 
@@ -436,9 +424,8 @@ public:
         std::lock_guard lock(mutex_);
         Statement known(db_, "SELECT COUNT(*) FROM users WHERE reference_id IN (?, ?)", referenceId,
                         friendReferenceId);
-        if (!known.step() || known.integer(0) != (referenceId == friendReferenceId ? 1 : 2)) {
+        if (!known.step() || known.integer(0) != (referenceId == friendReferenceId ? 1 : 2))
             return false;
-        }
         return Statement(db_, "INSERT OR IGNORE INTO friends VALUES (?1, ?2), (?2, ?1)",
                          referenceId, friendReferenceId)
             .run();
@@ -465,10 +452,9 @@ public:
             where + " GROUP BY u.id ORDER BY 6 DESC, 1 ASC";
         Statement q(db_, sql, me.id, scope == 1 ? me.country : me.city, me.referenceId);
         std::vector<LeaderRow> rows;
-        while (q.step()) {
+        while (q.step())
             rows.push_back(
                 {q.integer(0), q.text(1), q.text(2), q.text(3), q.integer(4), q.real(5)});
-        }
         return rows;
     }
 
@@ -497,46 +483,57 @@ private:
     }
 
     bool createOrUpgrade(const std::string& path, std::string& error);
-    bool moveEarlierMotion(const std::string& path, std::string& error);
+    bool moveEarlierMotion(const std::string& rows, std::string& error);
 
     std::mutex mutex_;
     sqlite3* db_ = nullptr;
 };
 
-// A new file gets the schema; a file of the earlier layout is upgraded in one transaction, its
-// three motion files read in, so that a failure leaves it as it was.
+// A new file gets the schema. A file of the earlier layout is upgraded in one transaction, the
+// three motion files beside it attached, so that a failure leaves every file as it was. The
+// earlier rows kept a record's key, position and penalties, and each file its database's number:
+// a file of another database is refused.
 bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error) {
     const bool earlier = hasTable(db_, "main", "drivings");
-    if (!earlier && Statement(db_, "SELECT 1 FROM sqlite_master").step()) {
-        error = path + " is not a database of this service";
-        return false;
-    }
-    if (hasTable(db_, "main", "points")) {
-        error = path + " is older than the four-file layout: open it with the release before";
-        return false;
-    }
+    if (!earlier && Statement(db_, "SELECT 1 FROM sqlite_master").step())
+        return failed(error, path + " is not a database of this service");
+    if (hasTable(db_, "main", "points"))
+        return failed(
+            error, path + " is older than the four-file layout: open it with the release before");
+    const auto number = [&](const std::string& schema) {
+        Statement q(db_, ("SELECT value FROM " + schema + ".counters WHERE name = 'database'"));
+        return q.step() ? q.integer(0) : 0;
+    };
     std::vector<std::string> attached;
-    if (earlier && path != ":memory:") {
-        for (int k = 1; k <= 3; ++k) {
-            // The files the earlier layout kept motion records in beside the database file.
-            const std::string file = path + ".motion-" + std::to_string(k);
-            std::error_code ignored;
-            if (!std::filesystem::exists(file, ignored)) continue;
-            if (!Statement(db_, ("ATTACH DATABASE ? AS m" + std::to_string(k)), file).run()) {
-                error = "cannot read " + file + ": " + sqlite3_errmsg(db_);
-                return false;
-            }
-            attached.push_back(file);
-        }
+    std::string rows;  // every earlier motion row, file by file
+    for (int k = 0; earlier && k <= 3; ++k) {
+        const std::string schema = k == 0 ? "main" : "m" + std::to_string(k),
+                          file = path + ".motion-" + std::to_string(k);
+        std::error_code ignored;
+        if (k > 0 && (path == ":memory:" || !std::filesystem::exists(file, ignored))) continue;
+        if (k > 0 && !Statement(db_, ("ATTACH DATABASE ? AS " + schema), file).run())
+            return failed(error, "cannot read " + file + ": " + sqlite3_errmsg(db_));
+        if (k > 0) attached.push_back(file);
+        if (!hasTable(db_, schema.c_str(), "motion")) continue;
+        if (k > 0 && number(schema) != number("main"))
+            return failed(error, file +
+                                     " holds records of another database: move it away, or put "
+                                     "back the database file it was made with");
+        rows += std::string(rows.empty() ? "" : " UNION ALL ") +
+                "SELECT t.guid, m.user_id, m.item_id, m.record_time, m.lat, m.lon, m.p0, m.p1, "
+                "m.p2, m.p3, m.p4, m.k0, m.k1, m.k2, m.k3, m.k4, m.fuel, " +
+                std::to_string(k) + " AS file, m.arrival FROM ";
+        rows.append(schema).append(".motion m JOIN ").append(schema);
+        rows += ".trip_ids t ON t.id = m.trip";
     }
     bool done = execute(db_, "BEGIN IMMEDIATE", error);
     if (done && earlier) {
         tryExecute(db_, "ALTER TABLE users ADD COLUMN token_salt TEXT");
         tryExecute(db_, "ALTER TABLE users ADD COLUMN token_hash TEXT");
-        done = execute(db_, (kRenameEarlierTables + renamesOfKinds()), error);
+        done = execute(db_, renameEarlierTables(), error);
     }
     done = done && execute(db_, kSchemaVersion1, error);
-    done = done && (!earlier || moveEarlierMotion(path, error));
+    done = done && (!earlier || moveEarlierMotion(rows, error));
     done = done && execute(db_,
                            ("PRAGMA application_id = " + std::to_string(kApplicationId) +
                             "; PRAGMA user_version = 1"),
@@ -557,30 +554,8 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
     return true;
 }
 
-// The earlier rows kept a record's key, position and penalties, and each file its database's
-// number: a file of another database is refused.
-bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& error) {
-    const auto number = [&](const std::string& schema) {
-        Statement q(db_, ("SELECT value FROM " + schema + ".counters WHERE name = 'database'"));
-        return q.step() ? q.integer(0) : 0;
-    };
-    std::string rows;
-    for (int k = 0; k <= 3; ++k) {
-        const std::string schema = k == 0 ? "main" : "m" + std::to_string(k);
-        if (!hasTable(db_, schema.c_str(), "motion")) continue;
-        if (k > 0 && number(schema) != number("main")) {
-            error = path + ".motion-" + std::to_string(k) +
-                    " holds records of another database: move it away, or put back the database "
-                    "file it was made with";
-            return false;
-        }
-        rows += std::string(rows.empty() ? "" : " UNION ALL ") +
-                "SELECT t.guid, m.user_id, m.item_id, m.record_time, m.lat, m.lon, m.p0, m.p1, "
-                "m.p2, m.p3, m.p4, m.k0, m.k1, m.k2, m.k3, m.k4, m.fuel, " +
-                std::to_string(k) + " AS file, m.arrival FROM ";
-        rows.append(schema).append(".motion m JOIN ").append(schema);
-        rows += ".trip_ids t ON t.id = m.trip";
-    }
+// `rows` is one query over the earlier motion rows of every file.
+bool SqliteStorage::moveEarlierMotion(const std::string& rows, std::string& error) {
     // Each row becomes a bulk of one record in the library's text, its other fields zero. The
     // rows of a trip go in the order they came, file by file, so a key kept in two files (a trip
     // whose records changed file) is moved once: the second copy is a bulk sent again.
@@ -599,10 +574,7 @@ bool SqliteStorage::moveEarlierMotion(const std::string& path, std::string& erro
                 "printf('%017d', record_time % 100000000000000000) AS d FROM (" +
                     rows + "))) ORDER BY guid, file, arrival",
                 format);
-    if (!rows.empty() && !q.run()) {
-        error = sqlite3_errmsg(db_);
-        return false;
-    }
+    if (!rows.empty() && !q.run()) return failed(error, sqlite3_errmsg(db_));
     return execute(db_,
                    "DROP TABLE IF EXISTS main.motion; DROP TABLE IF EXISTS main.trip_ids; "
                    "DROP TABLE IF EXISTS main.counters",
