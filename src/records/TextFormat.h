@@ -298,40 +298,6 @@ template <int width>
     return out + 1;
 }
 
-/// formatFixed with the format chosen at run time.
-inline char* formatFixed(char* out, double v, int width, int precision, bool spaceSign) {
-    switch (precision * 2 + (spaceSign ? 1 : 0)) {
-        case 0:
-            return formatFixed<0, false>(out, v, width);
-        case 1:
-            return formatFixed<0, true>(out, v, width);
-        case 2:
-            return formatFixed<1, false>(out, v, width);
-        case 3:
-            return formatFixed<1, true>(out, v, width);
-        case 4:
-            return formatFixed<2, false>(out, v, width);
-        case 5:
-            return formatFixed<2, true>(out, v, width);
-        case 6:
-            return formatFixed<3, false>(out, v, width);
-        case 7:
-            return formatFixed<3, true>(out, v, width);
-        case 8:
-            return formatFixed<4, false>(out, v, width);
-        case 9:
-            return formatFixed<4, true>(out, v, width);
-        case 10:
-            return formatFixed<5, false>(out, v, width);
-        case 11:
-            return formatFixed<5, true>(out, v, width);
-        case 12:
-            return formatFixed<6, false>(out, v, width);
-        default:
-            return formatFixed<6, true>(out, v, width);
-    }
-}
-
 /// printf("%*lld") of v. `out` needs room for 24 bytes and the width (blanks may be written past
 /// the returned end).
 inline char* formatInteger(char* out, std::int64_t v, int width) {

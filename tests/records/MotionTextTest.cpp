@@ -96,19 +96,20 @@ TEST(MotionText, NumbersReadAsFromChars) {
 
 struct Format {
     const char* printf;
-    int width, precision;
-    bool spaceSign;
-    char* (*field)(char*, double);  // the record's writer of the format, comma included
+    int width;
+    char* (*general)(char*, double, int);  // formatFixed of the format's precision and sign
+    char* (*field)(char*, double);         // the record's writer of the format, comma included
 };
-constexpr Format kFormats[] = {{"%7.3f", 7, 3, false, detail::formatQuantityField},
-                               {"%10.6f", 10, 6, false, detail::formatPreciseField},
-                               {"% 4.0f", 4, 0, true, detail::formatWholeField<4>},
-                               {"% 5.0f", 5, 0, true, detail::formatWholeField<5>}};
+constexpr Format kFormats[] = {
+    {"%7.3f", 7, detail::formatFixed<3, false>, detail::formatQuantityField},
+    {"%10.6f", 10, detail::formatFixed<6, false>, detail::formatPreciseField},
+    {"% 4.0f", 4, detail::formatFixed<0, true>, detail::formatWholeField<4>},
+    {"% 5.0f", 5, detail::formatFixed<0, true>, detail::formatWholeField<5>}};
 
 // The general writer's text, when the field writer's is the same and a comma.
 std::string ours(double v, const Format& f) {
     char buffer[detail::kMaxFixedLength + 16];
-    std::string text(buffer, detail::formatFixed(buffer, v, f.width, f.precision, f.spaceSign));
+    std::string text(buffer, f.general(buffer, v, f.width));
     return std::string(buffer, f.field(buffer, v)) == text + "," ? text : "field: " + text;
 }
 
