@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "core/Utf8.h"
 #include "records/TripFactory.h"
 
 namespace kestrelvue::detail {
@@ -572,7 +573,7 @@ private:
                     } else if (code >= 0xDC00 && code < 0xE000) {
                         return false;
                     }
-                    appendUtf8(decoded, code);
+                    detail::appendUtf8(decoded, code);
                     break;
                 }
                 default:
@@ -594,24 +595,6 @@ private:
             code = code * 16 + static_cast<std::uint32_t>(digit);
         }
         return true;
-    }
-
-    static void appendUtf8(std::string& out, std::uint32_t code) {
-        if (code < 0x80) {
-            out += static_cast<char>(code);
-        } else if (code < 0x800) {
-            out += static_cast<char>(0xC0 | (code >> 6));
-            out += static_cast<char>(0x80 | (code & 0x3F));
-        } else if (code < 0x10000) {
-            out += static_cast<char>(0xE0 | (code >> 12));
-            out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (code & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (code >> 18));
-            out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (code & 0x3F));
-        }
     }
 
     enum class Number { integer, real, unsure };

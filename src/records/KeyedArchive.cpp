@@ -12,6 +12,8 @@
 #include <limits>
 #include <utility>
 
+#include "core/Utf8.h"
+
 namespace kestrelvue {
 
 namespace {
@@ -302,21 +304,7 @@ private:
             } else if (c >= 0xDC00 && c <= 0xDFFF) {
                 return false;
             }
-            if (c < 0x80) {
-                out += static_cast<char>(c);
-            } else if (c < 0x800) {
-                out += static_cast<char>(0xC0 | (c >> 6));
-                out += static_cast<char>(0x80 | (c & 0x3F));
-            } else if (c < 0x10000) {
-                out += static_cast<char>(0xE0 | (c >> 12));
-                out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-                out += static_cast<char>(0x80 | (c & 0x3F));
-            } else {
-                out += static_cast<char>(0xF0 | (c >> 18));
-                out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-                out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-                out += static_cast<char>(0x80 | (c & 0x3F));
-            }
+            detail::appendUtf8(out, c);
         }
         return true;
     }
