@@ -319,18 +319,19 @@ public:
         std::string unpacked;
         for (std::size_t i = 0; i < stored.size(); ++i) {
             const auto& [plain, packed] = stored[i];
-            const std::string damaged = "bulk " + std::to_string(i + 1) + " of trip " + guid +
-                                        " is damaged in the database";
-            if (!packed.empty() && !unpack(packed, unpacked))
-                return Result<std::vector<MotionRecord>>::failure(damaged);
+            const auto damaged = [&](const std::string& why) {
+                std::string text = "bulk " + std::to_string(i + 1);
+                text.append(" of trip ").append(guid).append(" is damaged in the database");
+                return Result<std::vector<MotionRecord>>::failure(text.append(why));
+            };
+            if (!packed.empty() && !unpack(packed, unpacked)) return damaged("");
             // As it was stored: an earlier file's records may hold what is refused today.
             auto read = detail::readMotionText(packed.empty() ? plain : unpacked, false,
                                                [&](const MotionRecord& r) {
                                                    if (seen.emplace(r.itemId, r.recordTime).second)
                                                        records.push_back(r);
                                                });
-            if (!read)
-                return Result<std::vector<MotionRecord>>::failure(damaged + ": " + read.error);
+            if (!read) return damaged(": " + read.error);
         }
         return records;
     }
