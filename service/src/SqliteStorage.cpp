@@ -154,33 +154,33 @@ CREATE TABLE IF NOT EXISTS motion_bulks (
   records INTEGER NOT NULL, motion_text TEXT NOT NULL, UNIQUE (trip, first_and_last, records));
 )sql";
 
-// The earlier layout: trip records in "drivings" with numbered columns (c0..c4 and p0..p4 held
-// counts and penalties by kind), motion records a row each in the database file and three files
-// beside it. Its tables and columns are renamed in place.
-std::string renameEarlierTables() {
-    std::vector<std::pair<std::string, std::string>> columns = {
-        {"start_dt", "start_time"},      {"end_dt", "end_time"},
-        {"start_loc", "start_location"}, {"end_loc", "end_location"},
-        {"start_lat", "start_latitude"}, {"start_lon", "start_longitude"},
-        {"end_lat", "end_latitude"},     {"end_lon", "end_longitude"},
-        {"fuel", "fuel_penalty"},        {"distance", "distance_metres"}};
-    for (const auto kind : detail::kEventKinds) {
-        const std::string i = std::to_string(static_cast<std::size_t>(kind)),
-                          stem(detail::namesOf(kind).column);
-        columns.emplace_back("c" + i, stem + "_count");
-        columns.emplace_back("p" + i, stem + "_penalty");
-    }
-    std::string sql =
-        "ALTER TABLE drivings RENAME TO trips; DROP INDEX IF EXISTS drivings_user; "
-        "ALTER TABLE users DROP COLUMN token; ";
-    for (const auto& [from, to] : columns)
-        sql.append("ALTER TABLE trips RENAME COLUMN ")
-            .append(from)
-            .append(" TO ")
-            .append(to)
-            .append("; ");
-    return sql;
-}
+// The four-file release kept trip records in "drivings", its columns in the order of trips'
+// (c0..c4 and p0..p4 held counts and penalties by kind), and motion records a row each, in this
+// file and in three beside it, which the upgrade shows as temp.earlier_motion. A row becomes a
+// bulk of one record in the library's text, its other fields zero; the rows of a trip go in the
+// order they came, file by file, so that a key kept in two files is moved once.
+constexpr const char* kFromFourFiles = R"sql(
+INSERT INTO trips SELECT * FROM drivings;
+DROP TABLE drivings;
+ALTER TABLE users DROP COLUMN token;
+INSERT OR IGNORE INTO motion_bulks(trip, user_id, first_and_last, records, motion_text)
+SELECT guid, user_id, item_id || ' ' || stamp || ' ' || item_id || ' ' || stamp, 1,
+  printf('  0.000,  0.000,  0.000,  0.000,  0.000,  0.000,  0.000,  0.000,  0.000,  0.000,' ||
+         '  0.000,  0.000, , , , ,%10.6f,%10.6f,UN,   0,%s,   0,%7d,%s,' ||
+         '%7.3f,%7.3f,%7.3f,%7.3f,%7.3f,%7.3f,%7.3f,%7.3f,%7.3f,%7.3f,%7.3f,' ||
+         '  0.000,    0,  0.000000,UN,;',
+         lat, lon, stamp, item_id, stamp, p0, p1, p2, p3, p4, k0, k1, k2, k3, k4, fuel)
+FROM (SELECT *, substr(d, 1, 4) || '-' || substr(d, 5, 2) || '-' || substr(d, 7, 2) || ' ' ||
+        substr(d, 9, 2) || ':' || substr(d, 11, 2) || ':' || substr(d, 13, 2) || ':' ||
+        substr(d, 15, 3) AS stamp
+      FROM (SELECT *, printf('%017d', record_time % 100000000000000000) AS d
+            FROM temp.earlier_motion))
+ORDER BY guid, file, arrival;
+DROP VIEW temp.earlier_motion;
+DROP TABLE motion;
+DROP TABLE trip_ids;
+DROP TABLE IF EXISTS counters;
+)sql";
 
 // The schema and the statements below list five kinds: another needs a migration that adds its
 // columns to trips.
@@ -484,102 +484,64 @@ private:
     }
 
     bool createOrUpgrade(const std::string& path, std::string& error);
-    bool moveEarlierMotion(const std::string& rows, std::string& error);
 
     std::mutex mutex_;
     sqlite3* db_ = nullptr;
 };
 
-// A new file gets the schema. A file of the earlier layout is upgraded in one transaction, the
-// three motion files beside it attached, so that a failure leaves every file as it was. The
-// earlier rows kept a record's key, position and penalties, and each file its database's number:
-// a file of another database is refused.
+// A new file gets the schema. A file of the four-file release is moved into it in the same
+// transaction, the motion files beside it attached, so that a failure leaves every file as it
+// was. Each file kept its database's number: a file of another database is refused.
 bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error) {
     const bool earlier = hasTable(db_, "main", "drivings");
-    if (!earlier && Statement(db_, "SELECT 1 FROM sqlite_master").step())
-        return failed(error, path + " is not a database of this service");
     if (hasTable(db_, "main", "points"))
         return failed(
             error, path + " is older than the four-file layout: open it with the release before");
+    if (!earlier && Statement(db_, "SELECT 1 FROM sqlite_master").step())
+        return failed(error, path + " is not a database of this service");
     const auto number = [&](const std::string& schema) {
         Statement q(db_, ("SELECT value FROM " + schema + ".counters WHERE name = 'database'"));
         return q.step() ? q.integer(0) : 0;
     };
+    const auto motionOf = [](const std::string& schema, int k) {
+        return "SELECT t.guid, m.*, " + std::to_string(k) + " AS file FROM " + schema +
+               ".motion m JOIN " + schema + ".trip_ids t ON t.id = m.trip";
+    };
+    std::string sql = "BEGIN IMMEDIATE; " + std::string(kSchemaVersion1);
     std::vector<std::string> attached;
-    std::string rows;  // every earlier motion row, file by file
-    for (int k = 0; earlier && k <= 3; ++k) {
-        const std::string schema = k == 0 ? "main" : "m" + std::to_string(k),
-                          file = path + ".motion-" + std::to_string(k);
-        std::error_code ignored;
-        if (k > 0 && (path == ":memory:" || !std::filesystem::exists(file, ignored))) continue;
-        if (k > 0 && !Statement(db_, ("ATTACH DATABASE ? AS " + schema), file).run())
-            return failed(error, "cannot read " + file + ": " + sqlite3_errmsg(db_));
-        if (k > 0) attached.push_back(file);
-        if (!hasTable(db_, schema.c_str(), "motion")) continue;
-        if (k > 0 && number(schema) != number("main"))
-            return failed(error, file +
-                                     " holds records of another database: move it away, or put "
-                                     "back the database file it was made with");
-        rows += std::string(rows.empty() ? "" : " UNION ALL ") +
-                "SELECT t.guid, m.user_id, m.item_id, m.record_time, m.lat, m.lon, m.p0, m.p1, "
-                "m.p2, m.p3, m.p4, m.k0, m.k1, m.k2, m.k3, m.k4, m.fuel, " +
-                std::to_string(k) + " AS file, m.arrival FROM ";
-        rows.append(schema).append(".motion m JOIN ").append(schema);
-        rows += ".trip_ids t ON t.id = m.trip";
+    if (earlier) {
+        std::string rows = motionOf("main", 0);
+        for (int k = 1; k <= 3; ++k) {
+            const std::string schema = "m" + std::to_string(k),
+                              file = path + ".motion-" + std::to_string(k);
+            std::error_code ignored;
+            if (!std::filesystem::exists(file, ignored)) continue;
+            if (!Statement(db_, ("ATTACH DATABASE ? AS " + schema), file).run())
+                return failed(error, "cannot read " + file + ": " + sqlite3_errmsg(db_));
+            attached.push_back(file);
+            if (!hasTable(db_, schema.c_str(), "motion")) continue;
+            if (number(schema) != number("main"))
+                return failed(error, file +
+                                         " holds records of another database: move it away, or "
+                                         "put back the database file it was made with");
+            rows += " UNION ALL " + motionOf(schema, k);
+        }
+        sql += "CREATE TEMP VIEW earlier_motion AS " + rows + "; " + kFromFourFiles;
     }
-    bool done = execute(db_, "BEGIN IMMEDIATE", error);
-    if (done && earlier) {
-        tryExecute(db_, "ALTER TABLE users ADD COLUMN token_salt TEXT");
-        tryExecute(db_, "ALTER TABLE users ADD COLUMN token_hash TEXT");
-        done = execute(db_, renameEarlierTables(), error);
-    }
-    done = done && execute(db_, kSchemaVersion1, error);
-    done = done && (!earlier || moveEarlierMotion(rows, error));
-    done = done && execute(db_,
-                           ("PRAGMA application_id = " + std::to_string(kApplicationId) +
-                            "; PRAGMA user_version = 1"),
-                           error);
-    done = done && execute(db_, "COMMIT", error);
+    sql += "PRAGMA application_id = " + std::to_string(kApplicationId) +
+           "; PRAGMA user_version = 1; COMMIT";
+    const bool done = execute(db_, sql, error);
     if (!done) {
         tryExecute(db_, "ROLLBACK");
         error.insert(0, (earlier ? "cannot upgrade " : "cannot create ") + path + ": ");
     }
     for (int k = 1; k <= 3; ++k) tryExecute(db_, "DETACH DATABASE m" + std::to_string(k));
-    if (!done) return false;
     // Every record is in the one file now: the others would only mislead.
     std::error_code ignored;
-    for (const std::string& file : attached) {
+    for (const std::string& file : done ? attached : std::vector<std::string>{})
         for (const char* suffix : {"", "-wal", "-shm"})
             std::filesystem::remove(file + suffix, ignored);
-    }
-    return true;
-}
-
-// `rows` is one query over the earlier motion rows of every file.
-bool SqliteStorage::moveEarlierMotion(const std::string& rows, std::string& error) {
-    // Each row becomes a bulk of one record in the library's text, its other fields zero. The
-    // rows of a trip go in the order they came, file by file, so a key kept in two files (a trip
-    // whose records changed file) is moved once: the second copy is a bulk sent again.
-    std::string format;
-    for (int i = 0; i < 12; ++i) format += "  0.000,";
-    format += " , , , ,%10.6f,%10.6f,UN,   0,%s,   0,%7d,%s,";
-    for (int i = 0; i < 11; ++i) format += "%7.3f,";
-    format += "  0.000,    0,  0.000000,UN,;";
-    Statement q(db_,
-                "INSERT OR IGNORE INTO motion_bulks(trip, user_id, first_and_last, records, "
-                "motion_text) SELECT guid, user_id, item_id || ' ' || stamp || ' ' || item_id || "
-                "' ' || stamp, 1, printf(?, lat, lon, stamp, item_id, stamp, p0, p1, p2, p3, p4, "
-                "k0, k1, k2, k3, k4, fuel) FROM (SELECT *, substr(d, 1, 4) || '-' || substr(d, 5, "
-                "2) || '-' || substr(d, 7, 2) || ' ' || substr(d, 9, 2) || ':' || substr(d, 11, 2) "
-                "|| ':' || substr(d, 13, 2) || ':' || substr(d, 15, 3) AS stamp FROM (SELECT *, "
-                "printf('%017d', record_time % 100000000000000000) AS d FROM (" +
-                    rows + "))) ORDER BY guid, file, arrival",
-                format);
-    if (!rows.empty() && !q.run()) return failed(error, sqlite3_errmsg(db_));
-    return execute(db_,
-                   "DROP TABLE IF EXISTS main.motion; DROP TABLE IF EXISTS main.trip_ids; "
-                   "DROP TABLE IF EXISTS main.counters",
-                   error);
+    return done;
 }
 
 }  // namespace
