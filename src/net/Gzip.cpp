@@ -2,6 +2,8 @@
 
 #include <zlib.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <limits>
 
 namespace kestrelvue::detail {
@@ -44,6 +46,13 @@ std::optional<std::string> gzip(std::string_view plain) {
 Inflated gunzip(std::string_view compressed, std::size_t limit, std::string& out) {
     out.clear();
     if (compressed.size() > std::numeric_limits<uInt>::max()) return Inflated::Damaged;
+    // A gzip member ends with its inflated size (modulo 2^32): the room for the usual one-member
+    // body is made once, not by doubling.
+    if (const std::size_t n = compressed.size(); n >= 18) {
+        std::uint32_t size = 0;
+        for (std::size_t i = 1; i <= 4; ++i) size = size << 8 | std::uint8_t(compressed[n - i]);
+        out.reserve(std::min<std::size_t>(size, limit));
+    }
     z_stream z{};
     if (inflateInit2(&z, kGzipWindowBits) != Z_OK) return Inflated::Damaged;
     z.next_in = bytes(compressed);
