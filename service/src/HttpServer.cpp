@@ -96,17 +96,12 @@ std::string Request::param(std::string_view name) const {
     return {};
 }
 
-std::string Request::header(std::string_view name) const {
-    for (const auto& [key, value] : headers)
-        if (sameName(key, name)) return value;
-    return {};
-}
-
 /// One request from its first line to its reply's last byte, owned by its connection's thread.
 struct Exchange {
     Steady::time_point started = Steady::now();
     std::chrono::system_clock::time_point at;
-    std::string target;  // the request line's target, query included, for the log
+    std::string target;    // the request line's target, query included, for the log
+    std::string encoding;  // the body's Content-Encoding
     Request request;
     std::size_t received = 0, inflated = 0;
     std::size_t replyBytes = 0;
@@ -148,20 +143,22 @@ struct HttpServer::Impl {
             static_cast<Fields*>(cls)->emplace_back(key ? key : "", value ? value : "");
             return MHD_YES;
         };
-        MHD_get_connection_values(connection, MHD_HEADER_KIND, gather, &req.headers);
+        Fields headers;
+        MHD_get_connection_values(connection, MHD_HEADER_KIND, gather, &headers);
         MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, gather, &req.query);
         std::size_t headBytes = ex.target.size() + req.method.size() + 12;
         int hosts = 0, lengths = 0, codings = 0;
-        std::string length;
-        for (const auto& [key, value] : req.headers) {
+        std::string length, coding;
+        for (const auto& [key, value] : headers) {
             headBytes += key.size() + value.size() + 4;
-            if (sameName(key, "Host")) ++hosts;
-            if (sameName(key, "Transfer-Encoding")) ++codings;
+            hosts += sameName(key, "Host");
+            if (sameName(key, "Transfer-Encoding")) ++codings, coding = value;
+            if (sameName(key, "Content-Encoding")) ex.encoding = value;
             if (sameName(key, "Content-Length") && lengths++ > 0 && value != length)
                 return textReply(400, "conflicting Content-Length headers");
             if (sameName(key, "Content-Length")) length = value;
         }
-        if (headBytes > kMaxHeadBytes || req.headers.size() > kMaxHeadLines)
+        if (headBytes > kMaxHeadBytes || headers.size() > kMaxHeadLines)
             return textReply(431, "request head too large: at most " +
                                       std::to_string(kMaxHeadLines) + " header lines and " +
                                       std::to_string(kMaxHeadBytes) + " bytes");
@@ -169,7 +166,7 @@ struct HttpServer::Impl {
             return textReply(400, "an HTTP/1.1 request needs exactly one Host header");
         if (codings > 0 && lengths > 0)
             return textReply(400, "Transfer-Encoding and Content-Length together");
-        if (codings > 1 || (codings == 1 && !sameName(req.header("Transfer-Encoding"), "chunked")))
+        if (codings > 1 || (codings == 1 && !sameName(coding, "chunked")))
             return textReply(501, "only the chunked transfer coding is understood");
         // The server library has refused a length that is not a decimal number. The body arrives
         // in pieces of some kilobytes: its room is made once.
@@ -188,20 +185,12 @@ struct HttpServer::Impl {
     /// Inflates the body when it came compressed, then asks the handler.
     Reply answer(Exchange& ex) const {
         Request& req = ex.request;
-        const std::string encoding = req.header("Content-Encoding");
-        if (!encoding.empty() && !sameName(encoding, "identity")) {
-            if (!sameName(encoding, "gzip"))
-                return textReply(415, "unsupported Content-Encoding \"" + encoding +
+        if (!ex.encoding.empty() && !sameName(ex.encoding, "identity")) {
+            if (!sameName(ex.encoding, "gzip"))
+                return textReply(415, "unsupported Content-Encoding \"" + ex.encoding +
                                           "\": send gzip or identity");
             ex.gzip = true;
-            // The gzip trailer tells the inflated size: its room is made once, not by doubling.
             std::string plain;
-            if (const std::size_t n = req.body.size(); n >= 18) {
-                std::uint32_t size = 0;  // the last four bytes, little-endian
-                for (std::size_t i = 1; i <= 4; ++i)
-                    size = size << 8 | std::uint8_t(req.body[n - i]);
-                plain.reserve(std::min<std::size_t>(size, options.maxBodyBytes));
-            }
             switch (detail::gunzip(req.body, options.maxBodyBytes, plain)) {
                 case detail::Inflated::TooLarge:
                     return textReply(413, "request body inflates past " +

@@ -21,15 +21,13 @@ using Fields = std::vector<std::pair<std::string, std::string>>;
 /// One request as the handlers see it, its body already inflated when it came compressed.
 struct Request {
     std::string method, path;
-    Fields query, headers;
+    Fields query;
     std::string body;
     std::string client;  // the peer's address
     std::string tail;    // set by the service's router: what follows a route's path
 
-    /// The first query parameter or header of that name (headers case-insensitively); empty
-    /// when there is none.
+    /// The first query parameter of that name; empty when there is none.
     std::string param(std::string_view name) const;
-    std::string header(std::string_view name) const;
 };
 
 struct Reply {

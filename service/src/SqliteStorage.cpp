@@ -176,10 +176,8 @@ FROM (SELECT *, substr(d, 1, 4) || '-' || substr(d, 5, 2) || '-' || substr(d, 7,
       FROM (SELECT *, printf('%017d', record_time % 100000000000000000) AS d
             FROM temp.earlier_motion))
 ORDER BY guid, file, arrival;
-DROP VIEW temp.earlier_motion;
-DROP TABLE motion;
-DROP TABLE trip_ids;
-DROP TABLE IF EXISTS counters;
+DROP VIEW temp.earlier_motion; DROP TABLE motion;
+DROP TABLE trip_ids; DROP TABLE IF EXISTS counters;
 )sql";
 
 // The schema and the statements below list five kinds: another needs a migration that adds its
@@ -409,10 +407,7 @@ public:
                             "gender = ?5 FROM users WHERE reference_id = ?1",
                             user.referenceId, user.firstName, user.lastName, user.email,
                             user.genderId);
-            if (known.step()) {
-                if (known.integer(1)) return {known.integer(0), false};
-                return {0, true};
-            }
+            if (known.step()) return {known.integer(1) ? known.integer(0) : 0, !known.integer(1)};
         }
         Statement q(db_,
                     "INSERT INTO users(reference_id, first_name, last_name, email, gender) "
