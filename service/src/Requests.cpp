@@ -1,22 +1,15 @@
 #include "Requests.h"
 
-#include <simdjson.h>
-
 #include <charconv>
 #include <cmath>
 #include <set>
 
+#include "account/WireValues.h"
 #include "core/Json.h"
 #include "records/EventKinds.h"
 
 namespace kestrelvue::service {
 namespace {
-
-/// A whole double (3.0) is the same number as the integer; a fraction is not a count.
-std::optional<std::int64_t> whole(double d) {
-    if (d != std::trunc(d) || std::fabs(d) >= 9.2e18) return std::nullopt;
-    return static_cast<std::int64_t>(d);
-}
 
 /// Reads typed members of one JSON object; the first wrong type is kept as the reason to refuse.
 /// An absent or null member reads as empty or zero: clients leave out what they do not know.
@@ -40,9 +33,7 @@ public:
     std::int64_t integer(std::string_view key) {
         const Value* v = present(key);
         if (!v) return 0;
-        if (auto i = v->asInt()) return *i;
-        const std::optional<double> d = v->asNumber();
-        if (auto i = d ? whole(*d) : std::nullopt) return *i;
+        if (auto i = account::integerOf(*v)) return *i;
         return fail(key, "expected an integer"), 0;
     }
     const std::string& error() const { return error_; }
@@ -64,7 +55,9 @@ private:
 /// members gave.
 template <class T, class Read>
 Result<T> readObject(std::string_view body, Read read) {
-    json::ParseResult parsed = json::parse(body);
+    // A bulk's text is some 300 KB: the thread's parser is kept for the next one, as a fresh
+    // parser's memory cost more in page faults than the parse.
+    json::ParseResult parsed = json::parse(body, {.keepParserBytes = std::size_t{1} << 20});
     if (!parsed) return Result<T>::failure("malformed JSON: " + parsed.error);
     if (!parsed.value->isObject()) return Result<T>::failure("the body must be a JSON object");
     Members m(*parsed.value);
@@ -75,55 +68,22 @@ Result<T> readObject(std::string_view body, Read read) {
 
 }  // namespace
 
-// Read with simdjson straight, not through the general reader: a bulk's motion text is some 300
-// KB, which the general reader would copy into a Value with a parser of its own each time. Each
-// thread keeps its parser (a parser takes some 14 bytes per byte of text, and a fresh one's memory
-// cost more in page faults than the parse), but lets go of one grown past 1 MiB. The body's room
-// then holds the text, which would otherwise be a third copy beside the body and the parser's.
 Result<MotionBulk> parseMotionBulk(std::string body, bool keepRecords) {
-    using Bulk = Result<MotionBulk>;
-    thread_local simdjson::dom::parser parser;
-    struct Shrink {
-        ~Shrink() {
-            if (parser.capacity() > std::size_t{1} << 20) parser = simdjson::dom::parser();
-        }
-    } shrink;
-    simdjson::dom::element root;
-    if (auto error = parser.parse(body.data(), body.size()).get(root))
-        return Bulk::failure(std::string("malformed JSON: ") + simdjson::error_message(error));
-    simdjson::dom::object object;
-    if (root.get_object().get(object)) return Bulk::failure("the body must be a JSON object");
-    MotionBulk bulk;
-    std::string_view text;
-    for (auto [key, value] : object) {  // later duplicates win, as with the general reader
-        if (value.is_null()) continue;  // as absent
-        std::int64_t integer = 0;
-        double number = 0;
-        std::string_view string;
-        if (key == "UserID") {
-            if (!value.get_int64().get(integer)) {
-                bulk.userID = integer;
-            } else if (auto i = value.get_double().get(number) ? std::nullopt : whole(number)) {
-                bulk.userID = *i;
-            } else {
-                return Bulk::failure("UserID: expected an integer");
-            }
-        } else if (key == "DrivingGuid" || key == "MotionStr") {
-            if (value.get_string().get(string))
-                return Bulk::failure(std::string(key) + ": expected a text");
-            if (key == "DrivingGuid") bulk.guid = string;
-            if (key == "MotionStr") text = string;
-        }
-    }
-    if (bulk.guid.empty()) return Bulk::failure("DrivingGuid: missing");
-    auto count = detail::readMotionText(text, true, [&](const MotionRecord& r) {
-        (bulk.count++ == 0 ? bulk.first : bulk.last) = r;
-        if (keepRecords) bulk.records.push_back(r);
+    auto bulk = readObject<MotionBulk>(body, [](Members& m) {
+        MotionBulk read;
+        read.userID = m.integer("UserID");
+        read.guid = m.text("DrivingGuid");
+        read.text = m.text("MotionStr");
+        if (read.guid.empty()) m.fail("DrivingGuid", "missing");
+        return read;
     });
-    if (!count) return Bulk::failure("MotionStr: " + count.error);
-    if (bulk.count == 1) bulk.last = bulk.first;
-    body.assign(text);  // within the body's room: the text is never longer
-    bulk.text = std::move(body);
+    if (!bulk) return bulk;
+    auto count = detail::readMotionText(bulk->text, true, [&](const MotionRecord& r) {
+        (bulk->count++ == 0 ? bulk->first : bulk->last) = r;
+        if (keepRecords) bulk->records.push_back(r);
+    });
+    if (!count) return Result<MotionBulk>::failure("MotionStr: " + count.error);
+    if (bulk->count == 1) bulk->last = bulk->first;
     return bulk;
 }
 

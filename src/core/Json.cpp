@@ -31,8 +31,6 @@ Value scalarValue(simdjson::dom::element e) {
 
 namespace {
 
-constexpr std::size_t kKeepParserBytes = std::size_t{256} << 10;
-
 Value convert(simdjson::dom::element e) {
     using T = simdjson::dom::element_type;
     switch (e.type()) {
@@ -71,11 +69,11 @@ ParseResult parse(std::string_view text, const ParseLimits& limits) {
     // every worker thread would keep its largest reply's worth for good.
     thread_local simdjson::dom::parser parser;
     struct ReleaseWhenLarge {
-        std::size_t size;
+        std::size_t size, keep;
         ~ReleaseWhenLarge() {
-            if (size > kKeepParserBytes) parser = simdjson::dom::parser{};
+            if (size > keep) parser = simdjson::dom::parser{};
         }
-    } release{text.size()};
+    } release{text.size(), limits.keepParserBytes};
     simdjson::padded_string padded(text);
     simdjson::dom::element root;
     auto error = parser.parse(padded).get(root);

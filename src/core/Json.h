@@ -19,6 +19,7 @@ using ParseResult = Result<Value>;
 struct ParseLimits {
     std::size_t maxBytes = std::numeric_limits<std::size_t>::max();
     std::size_t maxRootElements = std::numeric_limits<std::size_t>::max();  // of a list root
+    std::size_t keepParserBytes = std::size_t{256} << 10;  // the parser's room kept for the next
 };
 
 /// Parses `text` as JSON. The root must be a list or an object; a bare number, text or literal at
