@@ -71,17 +71,11 @@ std::vector<MotionRecord> thinned(const std::vector<MotionRecord>& points, std::
 /// is how clients read history dates. Unparseable texts are passed through unchanged.
 std::string utcToLocalPattern(const std::string& utc) {
     std::tm tm{};
-    int offset = 0;
-    if (std::sscanf(utc.c_str(), "%4d-%2d-%2d %2d:%2d:%2d %d", &tm.tm_year, &tm.tm_mon, &tm.tm_mday,
-                    &tm.tm_hour, &tm.tm_min, &tm.tm_sec, &offset) < 6)
-        return utc;
-    tm.tm_year -= 1900;
-    tm.tm_mon -= 1;
-    std::time_t t = timegm(&tm);
+    if (!strptime(utc.c_str(), "%Y-%m-%d %H:%M:%S", &tm)) return utc;
+    const std::time_t t = timegm(&tm);
     std::tm local{};
-    localtime_r(&t, &local);
     char out[32];
-    std::strftime(out, sizeof out, "%Y-%m-%dT%H:%M:%S", &local);
+    std::strftime(out, sizeof out, "%Y-%m-%dT%H:%M:%S", localtime_r(&t, &local));
     return out;
 }
 
