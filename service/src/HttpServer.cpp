@@ -105,8 +105,8 @@ struct Exchange {
     Request request;
     std::size_t received = 0, inflated = 0;
     std::size_t replyBytes = 0;
-    bool headRead = false, tooLarge = false, answered = false, gzip = false;
-    Reply reply;
+    int status = 0;  // 0 until answered
+    bool headRead = false, tooLarge = false, gzip = false;
 };
 
 struct HttpServer::Impl {
@@ -205,13 +205,11 @@ struct HttpServer::Impl {
         return handler(req);
     }
 
-    static MHD_Result queue(MHD_Connection* connection, Exchange& ex, Reply sent, bool close) {
-        // The response takes the body over (a route may be megabytes) and frees it when sent; the
-        // rest stays for the log.
-        const Reply& reply = ex.reply = std::move(sent);
-        ex.answered = true;
+    static MHD_Result queue(MHD_Connection* connection, Exchange& ex, Reply reply, bool close) {
+        ex.status = reply.status;
         ex.replyBytes = reply.body.size();
-        auto* body = new std::string(std::move(ex.reply.body));
+        // The response takes the body over (a route may be megabytes) and frees it when sent.
+        auto* body = new std::string(std::move(reply.body));
         MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
             body->size(), body->data(), [](void* text) { delete static_cast<std::string*>(text); },
             body);
@@ -279,7 +277,7 @@ struct HttpServer::Impl {
         std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", gmtime_r(&seconds, &utc));
         const double ms =
             std::chrono::duration<double, std::milli>(Steady::now() - ex.started).count();
-        std::string status = ex.answered ? std::to_string(ex.reply.status) : "-";
+        std::string status = ex.status ? std::to_string(ex.status) : "-";
         if (!ex.headRead)
             status += " (malformed head)";
         else if (toe != MHD_REQUEST_TERMINATED_COMPLETED_OK)
