@@ -251,11 +251,6 @@ bool unpack(std::string_view packed, std::string& text) {
     return left == 0 && written == text.size() && head + read == packed.size();
 }
 
-std::int64_t pragma(sqlite3* db, const char* name) {
-    Statement q(db, (std::string("PRAGMA ") + name));
-    return q.step() ? q.integer(0) : -1;
-}
-
 class SqliteStorage final : public Storage {
 public:
     ~SqliteStorage() override {
@@ -264,8 +259,9 @@ public:
 
     bool open(const std::string& path, std::string& error) {
         if (!openConnection(path, db_, error)) return false;
-        const std::int64_t app = pragma(db_, "application_id"),
-                           version = pragma(db_, "user_version");
+        std::int64_t app = -1, version = -1;
+        if (Statement q(db_, "SELECT * FROM pragma_application_id, pragma_user_version"); q.step())
+            q.read(app, version);
         if ((app != 0 || version != 0) && app != kApplicationId)
             return failed(error, path + " is not a database of this service");
         if (version > kVersion)
@@ -273,13 +269,9 @@ public:
                                      std::to_string(version) + ")");
         if (version == 0 && !createOrUpgrade(path, error)) return false;
         for (int v = static_cast<int>(std::max<std::int64_t>(version, 1)); v < kVersion; ++v) {
-            const std::string sql = "BEGIN; " + std::string(kLaterMigrations.at(v - 1)) +
-                                    "; PRAGMA user_version = " + std::to_string(v + 1) + "; COMMIT";
-            if (!execute(db_, sql, error)) {
-                tryExecute(db_, "ROLLBACK");
-                error.insert(0, "cannot upgrade " + path + ": ");
-                return false;
-            }
+            const std::string sql = std::string(kLaterMigrations.at(v - 1)) +
+                                    "; PRAGMA user_version = " + std::to_string(v + 1);
+            if (!transaction(sql, "cannot upgrade " + path, error)) return false;
         }
         return true;
     }
@@ -480,6 +472,15 @@ private:
 
     bool createOrUpgrade(const std::string& path, std::string& error);
 
+    /// Runs `sql` in one transaction; false with `what` and SQLite's reason in `error`, nothing
+    /// changed, when it fails.
+    bool transaction(const std::string& sql, const std::string& what, std::string& error) {
+        if (execute(db_, "BEGIN IMMEDIATE; " + sql + "; COMMIT", error)) return true;
+        tryExecute(db_, "ROLLBACK");
+        error.insert(0, what + ": ");
+        return false;
+    }
+
     std::mutex mutex_;
     sqlite3* db_ = nullptr;
 };
@@ -502,7 +503,7 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
         return "SELECT t.guid, m.*, " + std::to_string(k) + " AS file FROM " + schema +
                ".motion m JOIN " + schema + ".trip_ids t ON t.id = m.trip";
     };
-    std::string sql = "BEGIN IMMEDIATE; " + std::string(kSchemaVersion1);
+    std::string sql = kSchemaVersion1;
     std::vector<std::string> attached;
     if (earlier) {
         std::string rows = motionOf("main", 0);
@@ -523,13 +524,10 @@ bool SqliteStorage::createOrUpgrade(const std::string& path, std::string& error)
         }
         sql += "CREATE TEMP VIEW earlier_motion AS " + rows + "; " + kFromFourFiles;
     }
-    sql += "PRAGMA application_id = " + std::to_string(kApplicationId) +
-           "; PRAGMA user_version = 1; COMMIT";
-    const bool done = execute(db_, sql, error);
-    if (!done) {
-        tryExecute(db_, "ROLLBACK");
-        error.insert(0, (earlier ? "cannot upgrade " : "cannot create ") + path + ": ");
-    }
+    sql +=
+        "PRAGMA application_id = " + std::to_string(kApplicationId) + "; PRAGMA user_version = 1";
+    const bool done =
+        transaction(sql, (earlier ? "cannot upgrade " : "cannot create ") + path, error);
     for (int k = 1; k <= 3; ++k) tryExecute(db_, "DETACH DATABASE m" + std::to_string(k));
     // Every record is in the one file now: the others would only mislead.
     std::error_code ignored;
