@@ -93,7 +93,6 @@ int runRecord(const RecordArgs& args) {
     } else {
         service::ServiceOptions serviceOptions;
         if (!args.db.empty()) serviceOptions.databasePath = args.db;
-        serviceOptions.workerThreads = 8;
         embedded = std::make_unique<service::ReferenceService>(serviceOptions);
         if (!embedded->start()) {
             std::fprintf(stderr, "kestrelvue record: %s\n", embedded->error().c_str());

@@ -1,6 +1,6 @@
 #pragma once
-// The service's HTTP side: a few libmicrohttpd event loops read requests and answer them. A loop
-// keeps a slow or idle client from holding anything but its socket.
+// The service's HTTP side: libmicrohttpd reads each connection on a thread of its own, within
+// bounds of memory and time, so a slow or idle client holds its socket and a sleeping thread.
 
 #include <kestrelvue/service/ReferenceService.h>
 

@@ -31,8 +31,8 @@ struct ServiceOptions {
     /// and query, status, reply bytes, milliseconds (and for a compressed body the bytes
     /// received and inflated).
     bool accessLog = false;
-    /// Event loops that read connections and answer their requests (storage calls block the
-    /// loop's other connections meanwhile).
+    /// Not used any more: each connection is served on a thread of its own. Kept so that code
+    /// which sets it still builds.
     std::size_t workerThreads = 4;
     /// Seconds a connection may stay silent, and seconds a request may take to arrive whole.
     unsigned idleTimeoutSeconds = 10;
