@@ -292,16 +292,6 @@ Reply healthz(State& s, Request&) {
                                 : textReply(503, "the storage does not answer");
 }
 
-/// The argument after the route's path, or nullopt when the path is not the route's.
-std::optional<std::string_view> match(std::string_view route, bool takesTail,
-                                      std::string_view path) {
-    if (path.substr(0, route.size()) != route) return std::nullopt;
-    path.remove_prefix(route.size());
-    if (!takesTail) return path.empty() ? std::optional(path) : std::nullopt;
-    if (path.size() < 2 || path[0] != '/') return std::nullopt;
-    return path.substr(1);
-}
-
 }  // namespace
 
 struct ReferenceService::Impl : State {
@@ -316,37 +306,37 @@ struct ReferenceService::Impl : State {
     Reply route(Request& req);
 };
 
-// A known path with another method is 405 (with Allow), an unknown one 404.
+// A path ending in "/" takes what follows it, which may not be empty; `user`: an integer user
+// identifier. A known path with another method is 405 (with Allow), an unknown one 404.
 Reply ReferenceService::Impl::route(Request& req) {
-    enum class Tail { none, text, user };  // what follows the path after "/"
     struct Route {
         const char* method;
         std::string_view path;
-        Tail tail;
+        bool user;
         Reply (*handle)(State&, Request&);
     };
-
     static constexpr Route kRoutes[] = {
-        {"GET", "/api/Driving/getThresholds", Tail::none, &getThresholds},
-        {"POST", "/api/Driving/addMotionData", Tail::none, &addMotionData},
-        {"POST", "/api/Driving/addDrivingScore", Tail::none, &addDrivingScore},
-        {"GET", "/api/Driving/getPassedCoordinates", Tail::text, &getPassedCoordinates},
-        {"GET", "/api/Driving/getDriving", Tail::user, &getDriving},
-        {"GET", "/api/Driving/getDrivingSummary", Tail::user, &getDrivingSummary},
-        {"GET", "/api/General/getWeatherDataByLatLon", Tail::user, &getWeather},
-        {"POST", "/api/User/LoginWithToken", Tail::none, &loginWithToken},
-        {"POST", "/api/User/AddUser", Tail::none, &addUser},
-        {"POST", "/api/General/AddFriend", Tail::none, &addFriend},
-        {"GET", "/api/General/getLeaderShip", Tail::user, &getLeaderShip},
-        {"GET", "/healthz", Tail::none, &healthz},
+        {"GET", "/api/Driving/getThresholds", false, &getThresholds},
+        {"POST", "/api/Driving/addMotionData", false, &addMotionData},
+        {"POST", "/api/Driving/addDrivingScore", false, &addDrivingScore},
+        {"GET", "/api/Driving/getPassedCoordinates/", false, &getPassedCoordinates},
+        {"GET", "/api/Driving/getDriving/", true, &getDriving},
+        {"GET", "/api/Driving/getDrivingSummary/", true, &getDrivingSummary},
+        {"GET", "/api/General/getWeatherDataByLatLon/", true, &getWeather},
+        {"POST", "/api/User/LoginWithToken", false, &loginWithToken},
+        {"POST", "/api/User/AddUser", false, &addUser},
+        {"POST", "/api/General/AddFriend", false, &addFriend},
+        {"GET", "/api/General/getLeaderShip/", true, &getLeaderShip},
+        {"GET", "/healthz", false, &healthz},
     };
     std::string allowed;
     for (const Route& r : kRoutes) {
-        auto tail = match(r.path, r.tail != Tail::none, req.path);
-        if (!tail) continue;
+        if (!req.path.starts_with(r.path) ||
+            (req.path.size() == r.path.size()) == r.path.ends_with('/'))
+            continue;
         if (req.method == r.method) {
-            req.tail = std::string(*tail);
-            if (r.tail == Tail::user && !parsePathInteger(req.tail))
+            req.tail = req.path.substr(r.path.size());
+            if (r.user && !parsePathInteger(req.tail))
                 return textReply(400, "the path must end in an integer user identifier");
             return r.handle(*this, req);
         }
