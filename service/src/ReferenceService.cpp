@@ -156,7 +156,7 @@ Reply getThresholds(State& s, Request&) {
 }
 
 Reply addMotionData(State& s, Request& req) {
-    auto bulk = parseMotionBulk(std::move(req.body), false);
+    auto bulk = parseMotionBulk(req.body, false);
     if (!bulk) return textReply(400, bulk.error);
     if (!s.storage->addMotion(*bulk)) return textReply(500, "the records could not be stored");
     return jsonReply(std::string("true"));

@@ -68,7 +68,7 @@ Result<T> readObject(std::string_view body, Read read) {
 
 }  // namespace
 
-Result<MotionBulk> parseMotionBulk(std::string body, bool keepRecords) {
+Result<MotionBulk> parseMotionBulk(std::string_view body, bool keepRecords) {
     auto bulk = readObject<MotionBulk>(body, [](Members& m) {
         MotionBulk read;
         read.userID = m.integer("UserID");

@@ -32,6 +32,6 @@ struct MotionBulk {
 /// what cannot be true (a latitude beyond ±90, a record time that is no date, a penalty that is
 /// not finite) refuses the bulk, named by its number and field.
 /// A bulk is some 300 bytes a record: `keepRecords` false keeps only the first and the last.
-Result<MotionBulk> parseMotionBulk(std::string body, bool keepRecords = true);
+Result<MotionBulk> parseMotionBulk(std::string_view body, bool keepRecords = true);
 
 }  // namespace kestrelvue::service
