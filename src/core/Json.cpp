@@ -5,7 +5,10 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "core/JsonElement.h"
 
@@ -56,6 +59,36 @@ Value convert(simdjson::dom::element e) {
     }
 }
 
+/// A parser lent for one parse. Parsers are kept for the next parse so that small texts cost no
+/// allocation, in a pool rather than per thread: a service that answers each connection on a
+/// thread of its own would otherwise make a parser, and fault in its memory, for every request.
+/// Its buffers take about 14 bytes per byte of text, so one grown past a large text is let go.
+struct LentParser {
+    explicit LentParser(bool keepAfter) : keep(keepAfter) {
+        std::lock_guard lock(poolMutex());
+        if (pool().empty()) return;
+        parser = std::move(pool().back());
+        pool().pop_back();
+    }
+    ~LentParser() {
+        std::lock_guard lock(poolMutex());
+        if (keep && pool().size() < kPooled) pool().push_back(std::move(parser));
+    }
+    LentParser(const LentParser&) = delete;
+    LentParser& operator=(const LentParser&) = delete;
+    static constexpr std::size_t kPooled = 4;  // about as many as parse at once
+    static std::mutex& poolMutex() {
+        static std::mutex mutex;
+        return mutex;
+    }
+    static std::vector<std::unique_ptr<simdjson::dom::parser>>& pool() {
+        static std::vector<std::unique_ptr<simdjson::dom::parser>> parsers;
+        return parsers;
+    }
+    bool keep;
+    std::unique_ptr<simdjson::dom::parser> parser = nullptr;
+};
+
 }  // namespace
 
 ParseResult parse(std::string_view text, const ParseLimits& limits) {
@@ -64,19 +97,11 @@ ParseResult parse(std::string_view text, const ParseLimits& limits) {
                                     " bytes exceeds the limit of " +
                                     std::to_string(limits.maxBytes));
     }
-    // The parser object is reused per thread so that small replies cost no allocation. Its
-    // buffers take about 14 bytes per byte of text; after a large text they are released, or
-    // every worker thread would keep its largest reply's worth for good.
-    thread_local simdjson::dom::parser parser;
-    struct ReleaseWhenLarge {
-        std::size_t size, keep;
-        ~ReleaseWhenLarge() {
-            if (size > keep) parser = simdjson::dom::parser{};
-        }
-    } release{text.size(), limits.keepParserBytes};
+    LentParser lent(text.size() <= limits.keepParserBytes);
+    if (!lent.parser) lent.parser = std::make_unique<simdjson::dom::parser>();
     simdjson::padded_string padded(text);
     simdjson::dom::element root;
-    auto error = parser.parse(padded).get(root);
+    auto error = lent.parser->parse(padded).get(root);
     if (error) return ParseResult::failure(simdjson::error_message(error));
     if (!root.is_array() && !root.is_object()) {
         return ParseResult::failure("JSON text did not start with array or object");
