@@ -40,6 +40,29 @@ public:
         }
     }
 
+    bool waitForPosition(sim::MainQueue& queue,
+                         const std::function<void(const std::string&)>& say) override {
+        if (!gpsd_) return true;
+        const auto end = sources_.seconds
+                             ? steady_clock::now() + duration_cast<steady_clock::duration>(
+                                                         duration<double>(*sources_.seconds))
+                             : steady_clock::time_point::max();
+        bool located = false;  // set on `queue`, which only this thread drains
+        gpsd_->setFixHandler([&](const std::vector<platform::Location>& batch) {
+            for (const platform::Location& fix : batch)  // current, as the engine takes them
+                located |=
+                    fix.horizontalAccuracy < 1000 && fix.timestamp >= clock_->now() - seconds(1);
+        });
+        gpsd_->startUpdatingLocation();
+        say("waiting for a position from gpsd at " + sources_.gpsdHost + ":" + sources_.gpsdPort);
+        while (!located && !(sources_.stop && sources_.stop->load()) && steady_clock::now() < end) {
+            queue.runUntilIdle();
+            std::this_thread::sleep_for(milliseconds(50));
+        }
+        gpsd_->setFixHandler({});
+        return located;
+    }
+
     void run(DrivingInsight& engine, sim::MainQueue& queue, ReplayResult& result) override {
         platform::MotionManager& motion =
             iio_ ? static_cast<platform::MotionManager&>(*iio_) : *driveMotion_;

@@ -540,6 +540,11 @@ ReplayResult replay(const Drive& drive, const ReplayOptions& options) {
         say("bands received from " + options.baseURL);
     }
 
+    if (options.live && !options.live->waitForPosition(*queue, say)) {
+        result.failureTitle = "no position";
+        result.failureMessage = "the location source gave no current position before the stop";
+        return finish();
+    }
     if (!engine->startTrip()) {
         listener->result(result);
         if (result.failure().empty()) result.failureTitle = "the trip did not start";

@@ -39,6 +39,13 @@ public:
     /// Puts the host's clock, sensors and device into the environment; `queue` is the main queue
     /// the engine posts to, which run() drains.
     virtual void install(Environment& env, const std::shared_ptr<sim::MainQueue>& queue) = 0;
+    /// Called before the trip starts: returns once the host has a current position, or false when
+    /// it was told to stop, or its time ran out, first. A trip started without one would end for
+    /// lack of a position ten seconds later, and a receiver just switched on takes longer.
+    virtual bool waitForPosition(sim::MainQueue& /*queue*/,
+                                 const std::function<void(const std::string&)>& /*say*/) {
+        return true;
+    }
     /// Called once the trip has started; returns when it should stop. Sets the interval, fixes and
     /// samples of the result.
     virtual void run(DrivingInsight& engine, sim::MainQueue& queue, ReplayResult& result) = 0;
