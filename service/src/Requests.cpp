@@ -55,7 +55,7 @@ private:
 /// members gave.
 template <class T, class Read>
 Result<T> readObject(std::string_view body, Read read) {
-    // A bulk's text is some 300 KB: the thread's parser is kept for the next one, as a fresh
+    // A bulk's text is some 300 KB: a parser grown for one is kept for the next, as a fresh
     // parser's memory cost more in page faults than the parse.
     json::ParseResult parsed = json::parse(body, {.keepParserBytes = std::size_t{1} << 20});
     if (!parsed) return Result<T>::failure("malformed JSON: " + parsed.error);
